@@ -1,0 +1,52 @@
+// Frames in and bytes out, per descriptor. Nothing here waits for a peer: what has not come yet
+// and what the peer does not take yet is kept with the descriptor.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+// How a stream is cut into frames: each begins with a 32-bit length word.
+struct FrameFormat {
+  std::uint32_t LengthCounts;    // bytes of the length word that its value includes: 4 or 0
+  std::uint32_t SmallestLength;  // values outside the bounds are refused
+  std::uint32_t LargestLength;  // largest value + 4 - LengthCounts bytes must fit the caller's area
+  void (*TraceReceive)(int result);  // after each recv; may be null
+  void (*TraceLength)(int rest);     // with the bytes that follow the length word; may be null
+};
+
+enum class FrameRead {
+  Whole,      // the frame is in the area
+  Later,      // not all of it has come; the next call goes on
+  Closed,     // the peer closed the connection (a frame without a body counts as that too)
+  Failed,     // errno says why
+  BadLength,  // the length word, now in the area, is out of bounds
+};
+
+// Reads one frame into `area` (host byte order, at least the largest frame): first the length
+// word, then the rest, without a copy in the ordinary case. Leaves errno alone unless Failed.
+FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
+
+// The bytes of the frame in `area`, length word included.
+std::size_t FrameSize(const unsigned char* area, const FrameFormat& format);
+
+// Sends the bytes in order, or keeps what the peer does not take now (the descriptor is then
+// registered for write events under the caller's place). Returns 0, or -1 with errno when the
+// connection failed or memory ran out. `traceSend` sees each call's result; it may be null.
+int SendBytes(const char* file, int line, int fd, const void* bytes, std::size_t count,
+              void (*traceSend)(int result) = nullptr);
+
+// Sends of what is kept as much as the peer takes; unregisters the descriptor from write events
+// when nothing is left. Returns 0, or -1 with errno.
+int FlushBytes(const char* file, int line, int fd);
+
+// Bytes kept for the peer.
+std::size_t UnsentBytes(int fd);
+
+// Descriptors for which something is kept for the peer.
+int UnsentDescriptors();
+
+// Drops all that is kept for a descriptor; to be called whenever one is closed.
+void ForgetDescriptor(int fd);
+
+// For a module that shares connections with another process: asked before kept bytes go out; false
+// means not now, the flush is tried again when the loop comes by. Null: nobody asks.
+extern bool (*MayFlush)(int fd);

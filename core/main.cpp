@@ -1,0 +1,3 @@
+#include "core/dbc.h"
+
+int main(int argc, char** argv) { return AgentMain(argc, argv); }
