@@ -1,0 +1,255 @@
+// Taking links down, moving the default link, requests out and answers in.
+#include "link/link.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "api/dbca.h"
+#include "client/clntxch.h"
+#include "client/primitiv.h"
+#include "core/status.h"
+#include "core/trace.h"
+#include "ping/ping.h"
+#include "protocols/protload.h"
+
+static constexpr char Module[] = "link";
+
+namespace {
+
+constexpr std::size_t kStringUnitsMax = 4094;  // of 16 bits: the largest counted string
+
+Link* retiredLinks;  // deleted, to be freed; chained through DriverData, which they no longer have
+
+// Every request is taken out of its record before its answer goes out: what the answer sets off
+// may come back here, and must not meet it again.
+
+void AnswerSentRequests(const Link* link, int tavrinErr, int sysErr) {
+  ClientMessage answer;
+  MsgInfo info;
+  for (std::int32_t index = 0; TakeMsgInfo(link, &index, &info);) {
+    MakeAnswerFromMsgInfo(HERE, &answer, &info, tavrinErr, sysErr);
+    PutMsgToClient(HERE, &answer);
+  }
+}
+
+int CircleFailure() { return g_DbcI.Err1001 ? kStatusCircleFailed : kStatusConnect; }
+
+bool TimerWillTryAgain() { return g_DbcI.AutoConnectTimeout != 0 && g_DbcI.CircleTimeCount != 0; }
+
+// Asks one link after the other, starting after the default one, until one is not disconnected:
+// true. False: the circle is complete. Either way the last one is the default link now.
+bool ConnectSomeLink() {
+  const Link* const end = CircleEntry();
+  while (true) {
+    Link* const candidate = g_DbcI.DefaultLink->Next;
+    MoveDefaultRequests(g_DbcI.DefaultLink, candidate);
+    g_DbcI.DefaultLink = candidate;
+    LOG(kLogDefault, "Set link  %.8s as default", candidate->NodeName);
+    if (candidate == end) return false;
+    LOG(kLogDefault, "Try connect link as default %.8s", candidate->NodeName);
+    if (candidate->State != kLinkDisconnected || ConnectTheLink(HERE, candidate) == 0) return true;
+    LOG(kLogTrace, "Connect link %.8s failed", candidate->NodeName);
+  }
+}
+
+// The circle stopped at a connected link. Its new requests go out; those that named the failed
+// link, if that is down, have nothing to wait for.
+int UseConnectedLink(const Link* failedLink, int tavrinErr) {
+  Link* const link = g_DbcI.DefaultLink;
+  g_DbcI.CircleStartLink = link;
+  if (failedLink && failedLink->State == kLinkDisconnected)
+    AnswerSavedRequests(failedLink, tavrinErr, 0);
+  SendAllSavedMsgToTheLink(HERE, link);
+  LOG(kLogTrace, "Return 0 LINK_CONNECTED");
+  return 0;
+}
+
+// The circle is complete: the timer tries again while its count runs; else it has failed, and all
+// who followed the default link are told.
+int EndCircle() {
+  LOG(kLogTrace, "Link %.8s is last link in the list", g_DbcI.DefaultLink->NodeName);
+  if (TimerWillTryAgain()) {
+    LOG(kLogTrace, "Full connect cicle failed. Wait timer event");
+    return 0;
+  }
+  LOG(kLogDefault, "Full connect circle failed or timeout expired");
+  const int result = CircleFailure();
+  DisconnectLink(HERE, g_DbcI.DefaultLink, result, 0);
+  return result;
+}
+
+std::size_t UnitsOf(std::uint16_t count) { return (count + 1U) / 2 + 1; }
+
+}  // namespace
+
+void AnswerSavedRequests(const Link* link, int tavrinErr, int sysErr) {
+  for (std::int32_t i = 0; i < g_DbcI.SavedArray.Capacity; ++i) {
+    SavedMessage& saved = g_DbcI.SavedArray.Items[i];
+    if (saved.Link != link) continue;
+    saved.Link = nullptr;
+    const MsgInfo info = InfoOfRequest(&saved.Message);
+    MakeAnswerFromMsgInfo(HERE, &saved.Message, &info, tavrinErr, sysErr);
+    PutMsgToClient(HERE, &saved.Message);
+  }
+}
+
+int ConnectTheLink(const char* file, int line, Link* link) {
+  if (Stopping()) {
+    errno = ECANCELED;
+    return kStatusConnect;
+  }
+  errno = 0;
+  return link->Protocol->ConnectLink(file, line, link);
+}
+
+bool OnlyOneLink() { return g_DbcI.LinkList && g_DbcI.LinkList->Next == g_DbcI.LinkList; }
+
+Link* CircleEntry() { return g_DbcI.CircleStartLink ? g_DbcI.CircleStartLink : g_DbcI.DefaultLink; }
+
+bool ReconnectionFollows(const Link* link) {
+  return link == g_DbcI.DefaultLink && (g_DbcI.AutoConnect || g_DbcI.AutoChange) && !OnlyOneLink();
+}
+
+int DisconnectLink(const char* file, int line, Link* link, int tavrinErr, int sysErr) {
+  ENTER("Link = %.8s, TavrinErr = %d, SysErr = %d", link->NodeName, tavrinErr, sysErr);
+  if (link->State == kLinkConnected) LOG(kLogDefault, "Disconnect link  %.8s", link->NodeName);
+  link->Protocol->DisconnectLink(HERE, link);
+  link->State = kLinkDisconnected;
+  if (g_DbcI.PingMode == 1) {
+    PingAnaliseRetcode(HERE, link, tavrinErr, sysErr);
+    return LEAVE(-1, "SUCCESS ping");
+  }
+  AnswerSentRequests(link, tavrinErr, sysErr);
+  AnswerSavedRequests(link, tavrinErr, sysErr);
+  SyncNode(HERE, link);
+  return 0;
+}
+
+int TryConnectDefaultLinkToNextServer(const char* file, int line, Link* failedLink, int tavrinErr) {
+  ENTER();
+  int result = 0;
+  if ((!g_DbcI.AutoConnect && !g_DbcI.AutoChange) || OnlyOneLink() || !g_DbcI.DefaultLink) {
+    LOG(kLogTrace, "Not set flags AUTOCONNECT or AUTOCHANGE");
+    DisconnectLink(HERE, failedLink, tavrinErr, 0);
+    return tavrinErr;
+  }
+  if (!g_DbcI.AutoConnect) {
+    g_DbcI.DefaultLink = g_DbcI.DefaultLink->Next;
+    LOG(kLogDefault, "New default link is %.8s", g_DbcI.DefaultLink->NodeName);
+  } else {
+    LOG(kLogTrace, "Try circle link connect");
+    if (!ConnectSomeLink())
+      result = EndCircle();
+    else if (g_DbcI.DefaultLink->State == kLinkConnected)
+      return UseConnectedLink(failedLink, tavrinErr);
+  }
+  if (failedLink != g_DbcI.DefaultLink) DisconnectLink(HERE, failedLink, tavrinErr, 0);
+  LOG(kLogTrace, "Return %d", result);
+  return result;
+}
+
+int SendMsgToLink(const char* file, int line, Link* link, ClientMessage* msg) {
+  ENTER();
+  MsgInfo info = InfoOfRequest(msg);
+  info.Link = link;
+  if (SaveMsgInfo(HERE, &info) != 0) {
+    LOG(kLogTrace, "SaveMsgInfo return bad status. Send Error to client");
+    MakeAnswerFromMsgInfo(HERE, msg, &info, kStatusNotRecorded, 0);
+    PutMsgToClient(HERE, msg);
+    return LEAVE(-1, "FAILED Save message");
+  }
+  if (link->Protocol->SendToNetwork(HERE, link, msg) == 0) return 0;
+  LOG(kLogTrace, "Send to network failed");
+  DisconnectLink(HERE, link, kStatusSend, errno);
+  return LEAVE(-1, "FAILED send(protocol function)");
+}
+
+int SendAllSavedMsgToTheLink(const char* file, int line, Link* link) {
+  ENTER();
+  for (SavedMessage* saved = GetNextUnsendMsg(nullptr); saved; saved = GetNextUnsendMsg(saved)) {
+    if (saved->Link != link) continue;
+    saved->Link = nullptr;  // from here on its MsgInfo stands for it
+    if (SendMsgToLink(HERE, link, &saved->Message) == 0) continue;
+    const int error = errno;
+    DisconnectLink(HERE, link, kStatusSend, error);
+    LOG(kLogTrace, " SendMsgToLink from ReadyTcpForWrite failed. errno %d", error);
+    return LEAVE(kStatusSend, "FAILED send message");
+  }
+  return 0;
+}
+
+int HandleNetworkMsg(const char* file, int line, ClientMessage* msg) {
+  ENTER();
+  std::size_t at = kStringsAt;
+  for (int i = 0; i < 4; ++i) {
+    const std::size_t units =
+        at + 2 <= kMessageArea ? UnitsOf(Get(Wire(msg) + at, WireField<std::uint16_t>{0})) : 0;
+    at += 2 * units;
+    if (units == 0 || units > kStringUnitsMax || at + kTrailerSize > kMessageArea) {
+      LOG(kLogError, "Network packet format is fail.");
+      return LEAVE(static_cast<int>(kStatusReceive), "FAILED format");
+    }
+  }
+  msg->TrailerOffset = static_cast<std::uint16_t>(at - kCblAt);
+  msg->Length = msg->TrailerOffset + 52U;
+  return 0;
+}
+
+MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd) {
+  ENTER();
+  for (MsgInfo* info = GetNextMsgInfo(HERE, nullptr); info; info = GetNextMsgInfo(HERE, info)) {
+    LOG(kLogTrace, "MsgInfo->TaskName = %d , MsgInfo->AstInd = %d TaskName = %d AstInd = %d",
+        info->TaskName, info->AstInd, taskName, astInd);
+    if (info->TaskName != taskName || info->AstInd != astInd) continue;
+    if (g_DbcI.ServedLink && info->Link != g_DbcI.ServedLink) continue;
+    info->Link = nullptr;
+    return info;
+  }
+  LOG(kLogError, "The message were not send by the agent. Skip the message");
+  return LEAVE(static_cast<MsgInfo*>(nullptr), "FAILED argument is not in list sended");
+}
+
+int ReturnAnswerFromNetworkToClient(const char* file, int line, ClientMessage* msg) {
+  ENTER();
+  msg->TaskName = Get(Trailer(msg), kTrailerTaskName);
+  const MsgInfo* const info =
+      MarkTheMsgAsReceived(HERE, msg->TaskName, Get(Trailer(msg), kTrailerAstInd));
+  if (!info) return LEAVE(0, "FAILED MarkTheMsgAsReceived");
+  msg->ClientSocket = info->Socket;
+  return g_DbcI.PutMsg(HERE, msg);
+}
+
+void MoveDefaultRequests(const Link* from, Link* to) {
+  for (SavedMessage& saved : g_DbcI.SavedArray) {
+    if (InUse(saved) && saved.Link == from && NamesDefault(saved.Message.CBL.Node)) saved.Link = to;
+  }
+}
+
+void AnswerStrandedRequests() {
+  for (std::int32_t i = 0; i < g_DbcI.SavedArray.Capacity; ++i) {
+    const Link* const link = g_DbcI.SavedArray.Items[i].Link;
+    if (!link || link->State != kLinkDisconnected) continue;
+    const bool circleWaits = g_DbcI.AutoConnect && TimerWillTryAgain() && link == CircleEntry();
+    if (!circleWaits) AnswerSavedRequests(link, CircleFailure(), 0);
+  }
+}
+
+void RetireLink(Link* link) {
+  if (g_DbcI.ServedLink == link) g_DbcI.ServedLink = nullptr;
+  ForgetLinkOfClients(link);
+  for (MsgInfo& info : g_DbcI.MsgInfoArray) {
+    if (info.Link == link) info = {};
+  }
+  link->DriverData = retiredLinks;
+  retiredLinks = link;
+  AnswerSavedRequests(link, kStatusUnknownNode, 0);
+}
+
+void FreeRetiredLinks() {
+  while (retiredLinks) {
+    Link* const link = retiredLinks;
+    retiredLinks = static_cast<Link*>(link->DriverData);
+    std::free(link);
+  }
+}
