@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs what the build needs, builds with AddressSanitizer and UndefinedBehaviorSanitizer, runs
+# all tests, then runs the process tests against the release build as well.
+set -euo pipefail
+cd "$(dirname "$0")"
+source tools/setup.sh
+
+install_packages cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev
+
+step "Sanitizer build"
+cmake --preset sanitize >/dev/null
+cmake --build --preset sanitize
+
+step "All tests, sanitizer build"
+ctest --test-dir build/sanitize --output-on-failure --parallel "$(test_jobs)"
+
+step "Release build"
+cmake --preset release >/dev/null
+cmake --build --preset release
+
+step "Process tests, release build"
+ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
+
+check_format
+step "All tests passed"

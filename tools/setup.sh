@@ -1,0 +1,31 @@
+# Shared by the scripts: packages and progress. To be sourced, from the root of the tree.
+
+step() { printf '\n== %s\n' "$*"; }
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# Installs the Debian packages that are missing; says nothing when none is.
+install_packages() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+      missing+=("$package")
+  done
+  [ "${#missing[@]}" -eq 0 ] && return 0
+  step "Installing ${missing[*]}"
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+}
+
+# The tests mostly wait for one another's processes: somewhat more of them than cores.
+test_jobs() { echo $((2 * $(nproc))); }
+
+# The format is checked where the tool is there; it is no part of a build.
+check_format() {
+  command -v clang-format >/dev/null || return 0
+  step "Format"
+  git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+}
