@@ -1,0 +1,328 @@
+// What the unit tests of the agent stand on: a fresh state record for every test, protocols whose
+// operations are scripted and recorded, the answers that went to clients, and what was written to
+// a standard stream.
+#pragma once
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "client/clntxch.h"
+#include "client/message.h"
+#include "client/primitiv.h"
+#include "core/dbc.h"
+#include "core/io.h"
+#include "core/trace.h"
+#include "link/link.h"
+#include "protocols/protload.h"
+
+// Collects what is written to a descriptor (1 or 2) until it goes out of scope.
+class CapturedStream {
+ public:
+  explicit CapturedStream(int fd) : fd_(fd), saved_(dup(fd)), memory_(memfd_create("stream", 0)) {
+    std::fflush(nullptr);
+    dup2(memory_, fd_);
+  }
+  ~CapturedStream() {
+    std::fflush(nullptr);
+    dup2(saved_, fd_);
+    close(saved_);
+    close(memory_);
+  }
+  CapturedStream(const CapturedStream&) = delete;
+  CapturedStream& operator=(const CapturedStream&) = delete;
+
+  std::string Text() const {
+    std::fflush(nullptr);
+    std::string text;
+    char part[4096];
+    for (ssize_t count;
+         (count = pread(memory_, part, sizeof part, static_cast<off_t>(text.size()))) > 0;)
+      text.append(part, static_cast<std::size_t>(count));
+    return text;
+  }
+  bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
+
+ private:
+  const int fd_;
+  const int saved_;
+  const int memory_;
+};
+class CapturedStderr : public CapturedStream {
+ public:
+  CapturedStderr() : CapturedStream(STDERR_FILENO) {}
+};
+class CapturedStdout : public CapturedStream {
+ public:
+  CapturedStdout() : CapturedStream(STDOUT_FILENO) {}
+};
+
+// A protocol for the registry. Every call is recorded as "Operation NODE"; the results are set by
+// the test. Without a script, InitLink accepts any address but "bad" (kept, as a text, in
+// DriverData) and ConnectLink connects at once.
+class FakeProtocol {
+ public:
+  explicit FakeProtocol(const char* name) {
+    Record = {.Name = name,
+              .InitLink = Init,
+              .UninitLink = Uninit,
+              .ConnectLink = Connect,
+              .ReadyForWrite = Write,
+              .ReadyForRead = Read,
+              .DisconnectLink = Disconnect,
+              .TimerEvent = Timer,
+              .SendToNetwork = Send,
+              .ClientDeadEvent = Dead,
+              .Next = nullptr};
+    All.push_back(this);
+  }
+  ~FakeProtocol() { std::erase(All, this); }
+  FakeProtocol(const FakeProtocol&) = delete;
+  FakeProtocol& operator=(const FakeProtocol&) = delete;
+
+  Protocol Record;
+  std::vector<std::string> Calls;
+  std::vector<ClientMessage> Sent;
+  std::vector<int> DeadClients;
+  int InitResult = 0;
+  int WriteResult = 0;
+  int ReadResult = 0;
+  int TimerResult = 0;
+  int SendResult = 0;
+  // Replaces the connecting of a link: sets State, returns the status.
+  std::function<int(Link*)> OnConnect;
+  // Carried out by ReadyForRead, after it was recorded.
+  std::function<int(Link*)> OnRead;
+  // Carried out by SendToNetwork, after the message was recorded.
+  std::function<int(Link*, ClientMessage*)> OnSend;
+
+  int Count(const std::string& call) const {
+    return static_cast<int>(std::count(Calls.begin(), Calls.end(), call));
+  }
+
+ private:
+  inline static std::vector<FakeProtocol*> All;
+
+  static FakeProtocol* Of(const char* operation, const Link* link) {
+    for (FakeProtocol* fake : All) {
+      if (link->Protocol != &fake->Record) continue;
+      fake->Calls.push_back(std::string(operation) + " " + link->NodeName);
+      return fake;
+    }
+    std::abort();  // a link of another protocol
+  }
+  static int Init(const char*, int, Link* link, char* address) {
+    FakeProtocol* const fake = Of("InitLink", link);
+    if (fake->InitResult & 1 || std::strncmp(address, "bad", 3) == 0) return fake->InitResult | 1;
+    link->DriverData = strdup(address);
+    return fake->InitResult;
+  }
+  static int Uninit(const char*, int, Link* link) {
+    Of("UninitLink", link);
+    if (link->State != kLinkDisconnected) DisconnectLink("test", __LINE__, link, 0, 0);
+    std::free(link->DriverData);
+    link->DriverData = nullptr;
+    return 0;
+  }
+  static int Connect(const char*, int, Link* link) {
+    FakeProtocol* const fake = Of("ConnectLink", link);
+    if (fake->OnConnect) return fake->OnConnect(link);
+    link->State = kLinkConnected;
+    return 0;
+  }
+  static int Write(const char*, int, Link* link) { return Of("ReadyForWrite", link)->WriteResult; }
+  static int Read(const char*, int, Link* link) {
+    FakeProtocol* const fake = Of("ReadyForRead", link);
+    return fake->OnRead ? fake->OnRead(link) : fake->ReadResult;
+  }
+  static int Disconnect(const char*, int, Link* link) {
+    Of("DisconnectLink", link);
+    link->State = kLinkDisconnected;
+    return 0;
+  }
+  static int Timer(const char*, int, Link* link) { return Of("TimerEvent", link)->TimerResult; }
+  static int Send(const char*, int, Link* link, ClientMessage* msg) {
+    FakeProtocol* const fake = Of("SendToNetwork", link);
+    fake->Sent.push_back(*msg);
+    return fake->OnSend ? fake->OnSend(link, msg) : fake->SendResult;
+  }
+  static int Dead(const char*, int, Link* link, int pid) {
+    Of("ClientDeadEvent", link)->DeadClients.push_back(pid);
+    return 0;
+  }
+};
+
+// The number of open descriptors, to show that none is lost.
+inline int OpenDescriptors() {
+  int count = 0;
+  for (int fd = 0; fd < FD_SETSIZE; ++fd) count += fcntl(fd, F_GETFD) != -1;
+  return count;
+}
+
+// A request as a client sends it, located in memory as the reader leaves it.
+inline ClientMessage MakeRequest(std::int32_t task, int socket, std::uint16_t astInd,
+                                 std::initializer_list<std::string> strings = {}) {
+  ClientMessage msg = {};
+  msg.TaskName = task;
+  msg.ClientSocket = socket;
+  std::size_t at = 0;
+  for (const std::string& text : strings) {
+    const auto count = static_cast<std::uint16_t>(text.size());
+    Put(msg.Strings, WireField<std::uint16_t>{at}, count);
+    std::memcpy(msg.Strings + at + 2, text.data(), text.size());
+    at += CountedSize(count);
+  }
+  EXPECT_EQ(LocateTrailer(&msg, kMessageArea, kMessageArea), 0);
+  Put(Trailer(&msg), kTrailerTaskName, task);
+  Put(Trailer(&msg), kTrailerAstInd, astInd);
+  return msg;
+}
+
+// The bytes of the counted string number `index`, 0 to 3.
+inline std::string CountedString(const ClientMessage& msg, int index) {
+  std::size_t at = 0;
+  for (; index > 0; --index) at += CountedSize(Get(msg.Strings + at, WireField<std::uint16_t>{0}));
+  const std::size_t count = Get(msg.Strings + at, WireField<std::uint16_t>{0});
+  return std::string(reinterpret_cast<const char*>(msg.Strings) + at + 2, count);
+}
+
+// A client's end of a connection, for answers that go out through the real writer: those to the
+// process of the test itself.
+class FakeClient {
+ public:
+  FakeClient() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_), 0); }
+  ~FakeClient() {
+    ForgetDescriptor(ends_[0]);
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  FakeClient(const FakeClient&) = delete;
+  FakeClient& operator=(const FakeClient&) = delete;
+
+  int Socket() const { return ends_[0]; }  // the agent's end
+
+  // The next answer (Length as it went over the connection), or false when there is none.
+  bool Next(ClientMessage* answer) const {
+    *answer = {};
+    const ssize_t head = recv(ends_[1], Wire(answer), 4, MSG_DONTWAIT);
+    if (head != 4) return false;
+    const std::size_t rest = answer->Length - 4;
+    return recv(ends_[1], Wire(answer) + 4, rest, MSG_DONTWAIT) == static_cast<ssize_t>(rest);
+  }
+
+ private:
+  int ends_[2];
+};
+
+class AgentTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    g_DbcI = {};
+    g_DbcI.DefaultNode = "";
+    g_DbcI.LastLinkSocket = g_DbcI.LastClientSocket = kNoDescriptorYet;
+    g_DbcI.ClientListenSocket = -1;
+    g_DbcI.SocketSets.AgentPid = getpid();
+    g_DbcI.GetMsg = GetMsgFromClient;
+    g_DbcI.PutMsg = RecordAnswer;
+    ClientTimeout = kClientTimeout;
+    Answers.clear();
+    PutResult = 0;
+  }
+
+  void TearDown() override {
+    g_DbcI.ExitStatus = -1;  // nothing is connected or redefined any more
+    g_DbcI.PingMode = 0;
+    g_DbcI.LogLevel = 0;
+    ForgetRequests();
+    Free(g_DbcI.ClientPidList);
+    FreeLinks();
+    FreeRetiredLinks();
+    FreeProtocols();
+    g_DbcI = {};
+  }
+
+  // The protocol of that name, made at its first use and then in the registry until the test ends.
+  FakeProtocol& Fake(const char* name = "FAKE") {
+    for (FakeProtocol& fake : fakes_) {
+      if (std::strcmp(fake.Record.Name, name) == 0) return fake;
+    }
+    FakeProtocol& fake = fakes_.emplace_back(name);
+    fake.Record.Next = g_DbcI.ProtocolList;
+    g_DbcI.ProtocolList = &fake.Record;
+    return fake;
+  }
+
+  // Appends a link to the circle; the first one is also first node, default and circle start.
+  Link* AddLink(const char* name, FakeProtocol& fake) {
+    Link* const link = static_cast<Link*>(std::calloc(1, sizeof(Link)));
+    link->Protocol = &fake.Record;
+    std::snprintf(link->NodeName, sizeof link->NodeName, "%s", name);
+    link->DriverData = strdup(name);
+    if (!g_DbcI.LinkList) {
+      g_DbcI.LinkList = g_DbcI.FirstLink = g_DbcI.DefaultLink = g_DbcI.CircleStartLink = link;
+      link->Next = link;
+      return link;
+    }
+    Link* last = g_DbcI.LinkList;
+    while (last->Next != g_DbcI.LinkList) last = last->Next;
+    last->Next = link;
+    link->Next = g_DbcI.LinkList;
+    return link;
+  }
+  Link* AddLink(const char* name) { return AddLink(name, Fake()); }
+
+  // The names of the circle, from LinkList on.
+  static std::string Circle() {
+    std::string names;
+    const Link* link = g_DbcI.LinkList;
+    while (link) {
+      names += (names.empty() ? "" : " ") + std::string(link->NodeName);
+      link = link->Next;
+      if (link == g_DbcI.LinkList) break;
+    }
+    return names;
+  }
+
+  // Answers that the agent put through g_DbcI.PutMsg, in order.
+  inline static std::vector<ClientMessage> Answers;
+  inline static int PutResult;
+
+ private:
+  static int RecordAnswer(const char*, int, ClientMessage* msg) {
+    Answers.push_back(*msg);
+    return PutResult;
+  }
+
+  static void FreeLinks() {
+    Link* const first = g_DbcI.LinkList;
+    g_DbcI.LinkList = nullptr;
+    for (Link* link = first; link;) {
+      Link* const next = link->Next;
+      link->Protocol->UninitLink("test", __LINE__, link);
+      std::free(link);
+      link = next == first ? nullptr : next;
+    }
+  }
+
+  void FreeProtocols() {
+    while (Protocol* const protocol = g_DbcI.ProtocolList) {
+      g_DbcI.ProtocolList = protocol->Next;
+      bool loaded = true;
+      for (const FakeProtocol& fake : fakes_) loaded = loaded && protocol != &fake.Record;
+      if (loaded) std::free(protocol);
+    }
+  }
+
+  std::deque<FakeProtocol> fakes_;
+};

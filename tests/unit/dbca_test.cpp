@@ -1,0 +1,687 @@
+#include "api/dbca.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+
+#include "core/status.h"
+#include "protocols/lumo_tcp.h"
+#include "tests/unit/agent_test.h"
+
+namespace {
+
+constexpr int kOwner = 7;
+
+class ManagementCommands : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    Fake();
+  }
+
+  // Gives the command to the agent; the answer is left in Answer, its integer returned.
+  int Command(int code, std::int32_t rowId = 0, const std::string& text = "") {
+    Answer = MakeRequest(getpid(), 77, 5, {text});
+    std::memcpy(Answer.CBL.Command, "DBCA", 4);
+    Answer.CBL.DbcApiCode = static_cast<std::uint16_t>(code);
+    Answer.CBL.RowId = rowId;
+    EXPECT_EQ(MakeDbcApiAnswer("test", __LINE__, &Answer), 0);
+    return Answer.CBL.RowId;
+  }
+
+  std::string Item() const {
+    const std::string item = CountedString(Answer, 3);
+    EXPECT_EQ(Answer.CBL.LnBufRow, item.size());
+    EXPECT_EQ(Answer.TrailerOffset, 52 + item.size());
+    EXPECT_EQ(Answer.Length, 104 + item.size());
+    EXPECT_EQ(Get(Trailer(&Answer), kTrailerAstInd), 5);
+    return item;
+  }
+
+  template <class T>
+  T ItemField(std::size_t at) const {
+    T value;
+    std::memcpy(&value, Item().data() + at, sizeof value);
+    return value;
+  }
+
+  void AddThreeLinks() {
+    A = AddLink("A");
+    B = AddLink("B");
+    C = AddLink("C");
+  }
+
+  ClientMessage Answer = {};
+  Link *A = nullptr, *B = nullptr, *C = nullptr;
+};
+
+TEST_F(ManagementCommands, TheAnswerIsBuiltOverTheRequest) {
+  EXPECT_EQ(Command(100, 55, "some text"), 1);
+  EXPECT_EQ(Answer.TaskName, getpid());
+  EXPECT_EQ(Answer.ClientSocket, 77);
+  EXPECT_EQ(Answer.CBL.CodErr, 0);
+  EXPECT_EQ(Answer.CBL.SysErr, 0);
+  EXPECT_EQ(Answer.CBL.DbcApiCode, 0);
+  EXPECT_EQ(Item(), "");
+}
+
+TEST_F(ManagementCommands, NumbersWithoutAMeaningGiveZero) {
+  AddThreeLinks();
+  for (const int code : {0, 99, 101, 107, 108, 109, 110, 111, 112, 113, 114, 115, 130, 65535}) {
+    EXPECT_EQ(Command(code, 1), 0) << code;
+    EXPECT_EQ(Item(), "") << code;
+  }
+}
+
+TEST_F(ManagementCommands, TheNodesAreCounted) {
+  EXPECT_EQ(Command(102), 0);
+  AddThreeLinks();
+  EXPECT_EQ(Command(102), 3);
+}
+
+TEST_F(ManagementCommands, CountingStartsAtTheFirstNodeWhereverTheCircleIsEntered) {
+  AddThreeLinks();
+  g_DbcI.LinkList = C;
+  EXPECT_EQ(Command(105, 0), 1);
+  EXPECT_EQ(Item(), "A       ");
+}
+
+TEST_F(ManagementCommands, TheDefaultNodeIsNamedBlankPadded) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = B;
+  EXPECT_EQ(Command(103), 1);
+  EXPECT_EQ(Item(), "B       ");
+  EXPECT_EQ(Command(104), 1);
+  EXPECT_EQ(Item(), "");
+}
+
+TEST_F(ManagementCommands, WithoutADefaultThereIsNoNameAndTheIndexIsTheNumberOfNodes) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = nullptr;
+  EXPECT_EQ(Command(103), 0);
+  EXPECT_EQ(Item(), "");
+  EXPECT_EQ(Command(104), 3);
+}
+
+TEST_F(ManagementCommands, ANodeIsNamedByItsNumber) {
+  AddThreeLinks();
+  std::strcpy(B->NodeName, "EIGHTCHR");
+  EXPECT_EQ(Command(105, 1), 1);
+  EXPECT_EQ(Item(), "EIGHTCHR");
+  EXPECT_EQ(Command(105, 2), 1);
+  EXPECT_EQ(Item(), "C       ");
+  for (const int number : {5, 3, -1}) {
+    EXPECT_EQ(Command(105, number), 0);
+    EXPECT_EQ(Item(), "");
+  }
+}
+
+TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(106, 2), 1);
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+  EXPECT_EQ(Command(106, 3), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+}
+
+TEST_F(ManagementCommands, TheTraceShowsTheIntegerArgumentAndTheResult) {
+  AddThreeLinks();
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr trace;
+  Command(105, 1);
+  EXPECT_TRUE(trace.Contains("|Command dbcapi 1\n"));
+  EXPECT_TRUE(trace.Contains("|Return char value \"B       \" return int value 1\n"));
+  EXPECT_TRUE(trace.Contains("|'MakeDbcApiAnswer' Leave SUCCESS\n"));
+}
+
+// Lock
+
+TEST_F(ManagementCommands, AFreeLockIsGrantedAndAnotherOwnerRefused) {
+  EXPECT_EQ(Command(117, kOwner), 0);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 1);
+  EXPECT_EQ(g_DbcI.NodetabLockOwner, kOwner);
+  EXPECT_EQ(Command(117, kOwner + 1), 5);
+  EXPECT_EQ(g_DbcI.NodetabLockOwner, kOwner);
+  EXPECT_EQ(Command(117, kOwner), 0);
+}
+
+TEST_F(ManagementCommands, AnOldLockIsNotTakenOver) {
+  Command(117, kOwner);
+  g_DbcI.NodetabLockTime -= 3600;
+  EXPECT_EQ(Command(117, kOwner + 1), 5);
+}
+
+TEST_F(ManagementCommands, ALockWhoseAgeReachesItsTimeIsTakenOver) {
+  Command(117, kOwner);
+  g_DbcI.NodetabLockTime /= 2;
+  EXPECT_EQ(Command(117, kOwner + 1), 0);
+  EXPECT_EQ(g_DbcI.NodetabLockOwner, kOwner + 1);
+}
+
+TEST_F(ManagementCommands, TheStatusTellsWhoHoldsTheLock) {
+  Command(117, kOwner);
+  EXPECT_EQ(Command(129, kOwner), 4);
+  EXPECT_EQ(Command(129, kOwner + 1), 5);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 1);
+}
+
+TEST_F(ManagementCommands, AfterAMinuteTheStatusIsFreeAndTheLockCleared) {
+  Command(117, kOwner);
+  g_DbcI.NodetabLockTime -= 60;
+  const std::time_t before = std::time(nullptr);
+  EXPECT_EQ(Command(129, kOwner), 0);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 0);
+  EXPECT_GE(g_DbcI.NodetabLockTime, before);
+  EXPECT_EQ(Command(129, kOwner), 0);
+}
+
+TEST_F(ManagementCommands, OnlyTheOwnerUnlocksAYoungLock) {
+  Command(117, kOwner);
+  EXPECT_EQ(Command(118, kOwner + 1), 5);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 1);
+  EXPECT_EQ(Command(118, kOwner), 0);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 0);
+  EXPECT_EQ(Command(118, kOwner + 1), 0);
+}
+
+TEST_F(ManagementCommands, AnybodyUnlocksAnOldLock) {
+  Command(117, kOwner);
+  g_DbcI.NodetabLockTime -= 60;
+  EXPECT_EQ(Command(118, kOwner + 1), 0);
+  EXPECT_EQ(g_DbcI.NodetabLocked, 0);
+}
+
+// Path
+
+class NodetabPathCommand : public ManagementCommands {
+ protected:
+  void SetUp() override {
+    ManagementCommands::SetUp();
+    const char* const base = std::getenv("TMPDIR");
+    Directory = std::string(base ? base : "/tmp") + "/dbca_test_XXXXXX";
+    ASSERT_NE(mkdtemp(Directory.data()), nullptr);
+  }
+  void TearDown() override {
+    unlink(Path.c_str());
+    for (; Directory.find("dbca_test_") != std::string::npos;
+         Directory.resize(Directory.rfind('/')))
+      rmdir(Directory.c_str());
+    ManagementCommands::TearDown();
+  }
+  void MakeFile(const std::string& name) {
+    Path = Directory + "/" + name;
+    std::ofstream(Path) << "A FAKE\n";
+    g_DbcI.NodetabPath = Path.data();
+  }
+
+  std::string Directory, Path;
+};
+
+TEST_F(NodetabPathCommand, ThePathIsReturnedWithItsNulAndNoPadding) {
+  for (const char* name : {"nodetab", "nodetabs"}) {
+    MakeFile(name);
+    CapturedStdout out;
+    EXPECT_EQ(Command(116), 0);
+    EXPECT_EQ(Item(), Path + '\0');
+    EXPECT_TRUE(out.Contains("Nodetab found: \"" + Path + "\"\n"));
+    unlink(Path.c_str());
+  }
+}
+
+TEST_F(NodetabPathCommand, AMissingFileGives129AndNoItem) {
+  Path = Directory + "/nothing";
+  g_DbcI.NodetabPath = Path.data();
+  EXPECT_EQ(Command(116), 129);
+  EXPECT_EQ(Item(), "");
+}
+
+TEST_F(NodetabPathCommand, APathThatDoesNotFitGives3AndNoItem) {
+  for (int i = 0; i < 2; ++i) {
+    Directory += "/" + std::string(140, 'd');
+    ASSERT_EQ(mkdir(Directory.c_str(), 0700), 0);
+  }
+  MakeFile("nodetab");
+  CapturedStdout out;
+  EXPECT_EQ(Command(116), 3);
+  EXPECT_EQ(Item(), "");
+}
+
+TEST_F(NodetabPathCommand, RepeatedCallsDoNotUseUpDescriptors) {
+  MakeFile("nodetab");
+  CapturedStdout out;
+  Command(116);
+  const int before = OpenDescriptors();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Command(116), 0);
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+// Adding
+
+TEST_F(ManagementCommands, ANodeIsAddedAtTheEnd) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(119, 0, "new FAKE there"), 0);
+  EXPECT_EQ(Circle(), "A B C NEW");
+  EXPECT_EQ(Command(102), 4);
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+}
+
+TEST_F(ManagementCommands, ALineThatMakesNoNodeGives1) {
+  AddThreeLinks();
+  CapturedStderr log;
+  EXPECT_EQ(Command(119, 0, "NINECHARS FAKE there"), 1);
+  EXPECT_EQ(Command(119, 0, "D UNKNOWN there"), 1);
+  EXPECT_EQ(Command(119, 0, "A FAKE there"), 1);
+  EXPECT_EQ(Command(119, 0, "D FAKE bad"), 1);
+  EXPECT_EQ(Command(119, 0, ""), 1);
+  EXPECT_EQ(Circle(), "A B C");
+}
+
+TEST_F(ManagementCommands, ANodeAddedToAnEmptyTableIsFirstDefaultAndCircleStart) {
+  EXPECT_EQ(Command(119, 0, "ONLY FAKE there"), 0);
+  Link* const link = g_DbcI.LinkList;
+  ASSERT_NE(link, nullptr);
+  EXPECT_EQ(link->Next, link);
+  EXPECT_EQ(g_DbcI.FirstLink, link);
+  EXPECT_EQ(g_DbcI.DefaultLink, link);
+  EXPECT_EQ(g_DbcI.CircleStartLink, link);
+}
+
+TEST_F(ManagementCommands, TheArgumentEndsWithItsString) {
+  // Without a NUL of its own, followed by a string that would otherwise be read on.
+  Answer = MakeRequest(getpid(), 77, 5, {"D FAKE at", "XXXXXXXX"});
+  Answer.CBL.DbcApiCode = 119;
+  MakeDbcApiAnswer("test", __LINE__, &Answer);
+  EXPECT_EQ(Answer.CBL.RowId, 0);
+  ASSERT_NE(g_DbcI.LinkList, nullptr);
+  EXPECT_STREQ(static_cast<char*>(g_DbcI.LinkList->DriverData), "at");
+}
+
+TEST_F(ManagementCommands, TheLargestArgumentIsReadWhole) {
+  const std::string address(8000, 'x');
+  EXPECT_EQ(Command(119, 0, "D FAKE " + address), 0);
+  EXPECT_EQ(static_cast<char*>(g_DbcI.LinkList->DriverData), address);
+}
+
+// Node descriptions
+
+TEST_F(ManagementCommands, ANodeThatIsNotThereGives17) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = nullptr;
+  for (const int code : {120, 123, 126}) EXPECT_EQ(Command(code, 0, "NONE"), 17) << code;
+  for (const int code : {121, 124, 127}) EXPECT_EQ(Command(code, 3, "X FAKE y"), 17) << code;
+  for (const int code : {122, 125, 128}) EXPECT_EQ(Command(code, 0, "X FAKE y"), 17) << code;
+  EXPECT_EQ(Item(), "");
+  EXPECT_EQ(Circle(), "A B C");
+}
+
+TEST_F(ManagementCommands, ATcpNodeIsDescribedWithItsAddressAndTimeouts) {
+  FakeProtocol& tcp = Fake("TCPIP");
+  Link* const link = AddLink("SRV1", tcp);
+  std::free(link->DriverData);
+  auto* const data = static_cast<TcpLinkData*>(std::calloc(1, sizeof(TcpLinkData)));
+  link->DriverData = data;
+  data->Address = static_cast<std::int32_t>(inet_addr("10.1.2.3"));
+  data->Port = htons(1060);
+  data->ReceiveTimeout = 100;
+  data->SendTimeout = 60;
+  data->ConnectTimeout = 10;
+  EXPECT_EQ(Command(122), 0);
+  ASSERT_EQ(Item().size(), 232U);
+  EXPECT_EQ(ItemField<std::uint64_t>(0), 0U);
+  EXPECT_EQ(ItemField<std::uint32_t>(8), 4U);
+  EXPECT_EQ(Item().substr(12, 12), std::string("SRV1") + std::string(8, '\0'));
+  EXPECT_EQ(Item().substr(24, 112), std::string("10.1.2.3") + std::string(104, '\0'));
+  EXPECT_EQ(ItemField<std::uint32_t>(136), 1060U);
+  EXPECT_EQ(ItemField<std::uint16_t>(140), 5);
+  EXPECT_EQ(ItemField<std::uint16_t>(142), 60);
+  EXPECT_EQ(ItemField<std::uint16_t>(144), 10);
+  EXPECT_EQ(Item().substr(146), std::string(86, '\0'));
+}
+
+TEST_F(ManagementCommands, ATcpNodeWithoutADriverRecordHasNoAddress) {
+  Link* const link = AddLink("SRV1", Fake("TCPIP"));
+  std::free(link->DriverData);
+  link->DriverData = nullptr;
+  EXPECT_EQ(Command(122), 0);
+  EXPECT_EQ(Item().substr(24), std::string(208, '\0'));
+}
+
+TEST_F(ManagementCommands, OtherNodesAreDescribedWithTheirProtocolsIdentity) {
+  struct {
+    const char* Name;
+    std::uint32_t Code;
+  } const protocols[] = {{"LOCAL", 1}, {"locals", 2}, {"LOCALI", 3}, {"TCPIPS", 5}, {"DECNET", 0}};
+  int number = 0;
+  for (const auto& protocol : protocols) {
+    FakeProtocol& fake = Fake(protocol.Name);
+    AddLink("N", fake);
+    EXPECT_EQ(Command(121, number++), 0);
+    EXPECT_EQ(ItemField<std::uint32_t>(8), protocol.Code) << protocol.Name;
+    EXPECT_EQ(Item().substr(24, 112), std::string(112, '\0'));
+    const auto identity = reinterpret_cast<std::uintptr_t>(&fake.Record);
+    EXPECT_EQ(ItemField<std::uint32_t>(136), static_cast<std::uint32_t>(identity));
+    EXPECT_EQ(Item().substr(140), std::string(92, '\0'));
+  }
+}
+
+TEST_F(ManagementCommands, ANodeIsFoundByNameWithoutRegardToCase) {
+  AddLink("AB");
+  AddLink("ABC");
+  for (const char* name : {"abc", "ABC", "Abc  rest"}) {
+    EXPECT_EQ(Command(120, 0, name), 0) << name;
+    EXPECT_EQ(Item().substr(12, 4), std::string("ABC\0", 4)) << name;
+  }
+  EXPECT_EQ(Command(120, 0, "ABCD"), 17);
+  EXPECT_EQ(Command(120, 0, ""), 17);
+}
+
+TEST_F(ManagementCommands, TheNameMustHaveTheNodesLength) {
+  AddLink("EIGHTCHR");
+  EXPECT_EQ(Command(120, 0, "EIGHTCHR"), 0);
+  EXPECT_EQ(Command(120, 0, "EIGHTCHRS"), 17);
+}
+
+// Deletion
+
+TEST_F(ManagementCommands, ADisconnectedNodeIsDeletedByNameNumberOrAsTheDefault) {
+  AddThreeLinks();
+  AddLink("D");
+  EXPECT_EQ(Command(123, 0, "c"), 0);
+  EXPECT_EQ(Circle(), "A B D");
+  EXPECT_EQ(Command(124, 1), 0);
+  EXPECT_EQ(Circle(), "A D");
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Circle(), "D");
+  EXPECT_EQ(Fake().Count("UninitLink A"), 1);
+  EXPECT_EQ(g_DbcI.FirstLink->NodeName, std::string("D"));
+  EXPECT_EQ(g_DbcI.DefaultLink, g_DbcI.FirstLink);
+}
+
+TEST_F(ManagementCommands, AConnectedNodeGives33AndIsDeletedAtItsDisconnect) {
+  AddThreeLinks();
+  B->State = kLinkConnected;
+  std::strcpy(B->PendingNodetabLine, "X FAKE there");
+  EXPECT_EQ(Command(123, 0, "B"), 33);
+  EXPECT_EQ(Circle(), "A B C");
+  EXPECT_EQ(B->DeletePending, 1);
+  EXPECT_STREQ(B->PendingNodetabLine, "");
+  DisconnectLink("test", __LINE__, B, 4009, 0);
+  EXPECT_EQ(Circle(), "A C");
+}
+
+TEST_F(ManagementCommands, DeletingNothingIsDone) {
+  EXPECT_EQ(DelNode("test", __LINE__, nullptr), 0);
+}
+
+TEST_F(ManagementCommands, DeletingTheLastNodeLeavesNoPointer) {
+  AddLink("A");
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(g_DbcI.LinkList, nullptr);
+  EXPECT_EQ(g_DbcI.FirstLink, nullptr);
+  EXPECT_EQ(g_DbcI.DefaultLink, nullptr);
+  EXPECT_EQ(g_DbcI.CircleStartLink, nullptr);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+  FreeRetiredLinks();
+  EXPECT_EQ(Command(102), 0);
+  EXPECT_EQ(Command(119, 0, "A FAKE again"), 0);
+  EXPECT_EQ(Command(103), 1);
+}
+
+TEST_F(ManagementCommands, DeletingTheDefaultConnectsTheNextNodeAndRestoresTheMode) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Circle(), "B C");
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(g_DbcI.CircleStartLink, B);
+  EXPECT_EQ(B->State, kLinkConnected);
+  EXPECT_EQ(C->State, kLinkDisconnected);
+  EXPECT_EQ(g_DbcI.AutoConnect, 0);
+}
+
+TEST_F(ManagementCommands, WhenNoNodeConnectsTheSuccessorIsTheDefaultAndTheCircleHasNoStart) {
+  AddThreeLinks();
+  Fake().OnConnect = [](Link*) { return kStatusConnect; };
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Circle(), "B C");
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(g_DbcI.CircleStartLink, nullptr);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+}
+
+TEST_F(ManagementCommands, ANewCircleStartIsTheFirstNodeThatConnects) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = B;
+  Fake().OnConnect = [this](Link* link) {
+    if (link != C) return static_cast<int>(kStatusConnect);
+    link->State = kLinkConnected;
+    return 0;
+  };
+  EXPECT_EQ(Command(124, 0), 0);
+  EXPECT_EQ(Fake().Count("ConnectLink B"), 1);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+  EXPECT_EQ(g_DbcI.CircleStartLink, C);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+}
+
+TEST_F(ManagementCommands, ANodeThatIsOnlyConnectingDoesNotBecomeTheCircleStart) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = C;
+  Fake().OnConnect = [](Link* link) {
+    link->State = kLinkConnecting;
+    return 0;
+  };
+  EXPECT_EQ(Command(124, 0), 0);
+  EXPECT_EQ(Fake().Count("ConnectLink B"), 1);
+  EXPECT_EQ(Fake().Count("ConnectLink C"), 0);
+  EXPECT_EQ(g_DbcI.CircleStartLink, nullptr);
+}
+
+TEST_F(ManagementCommands, AConnectedNodeBecomesTheCircleStartWithoutAnotherConnect) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = C;
+  B->State = kLinkConnected;
+  EXPECT_EQ(Command(124, 0), 0);
+  EXPECT_EQ(g_DbcI.CircleStartLink, B);
+  EXPECT_EQ(Fake().Count("ConnectLink B"), 0);
+}
+
+TEST_F(ManagementCommands, NothingIsConnectedOnceAStopWasRequested) {
+  AddThreeLinks();
+  g_DbcI.ExitStatus = -1;
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Fake().Count("ConnectLink B") + Fake().Count("ConnectLink C"), 0);
+  EXPECT_EQ(Circle(), "B C");
+}
+
+TEST_F(ManagementCommands, ADeletedNodeIsNotConnectedByADeletionItSetsOff) {
+  A = AddLink("A");
+  B = AddLink("B");
+  g_DbcI.CircleStartLink = B;
+  B->State = kLinkConnected;
+  B->DeletePending = 1;
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+  EXPECT_EQ(Circle(), "");
+  EXPECT_EQ(g_DbcI.DefaultLink, nullptr);
+}
+
+TEST_F(ManagementCommands, RequestsWaitingForADeletedNodeAreToldThatItIsUnknown) {
+  AddThreeLinks();
+  FakeClient client;
+  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
+  std::memcpy(request.CBL.Node, "C       ", 8);
+  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, C), 0);
+  EXPECT_EQ(Command(123, 0, "C"), 0);
+  ClientMessage answer;
+  ASSERT_TRUE(client.Next(&answer));
+  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
+  EXPECT_EQ(answer.CBL.SysErr, 0);
+  EXPECT_EQ(GetNextUnsendMsg(nullptr), nullptr);
+}
+
+TEST_F(ManagementCommands, RequestsThatNamedADeletedDefaultAreNotTakenForServed) {
+  AddThreeLinks();
+  FakeClient client;
+  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
+  std::memcpy(request.CBL.Node, "A       ", 8);
+  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  EXPECT_EQ(Command(125), 0);
+  ClientMessage answer;
+  ASSERT_TRUE(client.Next(&answer));
+  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
+  EXPECT_FALSE(client.Next(&answer));
+}
+
+TEST_F(ManagementCommands, RequestsForTheDefaultGoOnWhenItIsDeleted) {
+  AddThreeLinks();
+  FakeClient client;
+  const ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
+  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  EXPECT_EQ(Command(125), 0);
+  EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
+  ClientMessage answer;
+  EXPECT_FALSE(client.Next(&answer));
+}
+
+TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {
+  AddThreeLinks();
+  B->State = kLinkConnected;
+  EXPECT_EQ(DelNode("test", __LINE__, A), 0);
+  EXPECT_EQ(g_DbcI.LinkList, B);
+  EXPECT_EQ(g_DbcI.FirstLink, B);
+  EXPECT_EQ(GetNextActiveLink("test", __LINE__, A), B);
+}
+
+// Redefinition
+
+TEST_F(ManagementCommands, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(127, 1, "new FAKE elsewhere"), 0);
+  EXPECT_EQ(Circle(), "A NEW C");
+  EXPECT_STREQ(static_cast<char*>(B->DriverData), "elsewhere");
+  EXPECT_EQ(Fake().Count("UninitLink B"), 1);
+  EXPECT_EQ(Fake().Count("DisconnectLink B"), 0);
+}
+
+TEST_F(ManagementCommands, TheDefaultNodeIsRedefined) {
+  AddThreeLinks();
+  g_DbcI.DefaultLink = C;
+  EXPECT_EQ(Command(128, 0, "D FAKE there"), 0);
+  EXPECT_EQ(Circle(), "A B D");
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+}
+
+TEST_F(ManagementCommands, TheDefinitionOfANamedNodeStandsTwoBytesBehindTheName) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(126, 0, std::string("b\0\0D FAKE there", 15)), 0);
+  EXPECT_EQ(Circle(), "A D C");
+  EXPECT_STREQ(static_cast<char*>(B->DriverData), "there");
+}
+
+TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
+  AddThreeLinks();
+  for (const std::string& text : {std::string("B"), std::string("B\0", 2), std::string("B\0\0", 3)})
+    EXPECT_EQ(Command(126, 0, text), 0);
+  EXPECT_EQ(Circle(), "A B C");
+  EXPECT_EQ(Fake().Calls.size(), 0U);
+}
+
+TEST_F(ManagementCommands, ADefinitionThatMakesNoNodeChangesNothingButGives0) {
+  AddThreeLinks();
+  CapturedStderr log;
+  EXPECT_EQ(Command(127, 1, "TOOLONGNAME FAKE there"), 0);
+  EXPECT_EQ(Command(127, 1, "D FAKE bad"), 0);
+  EXPECT_EQ(Circle(), "A B C");
+  EXPECT_STREQ(static_cast<char*>(B->DriverData), "B");
+}
+
+TEST_F(ManagementCommands, ABusyNodeKeepsItsDefinitionUntilItDisconnects) {
+  AddThreeLinks();
+  B->State = kLinkConnected;
+  B->DeletePending = 1;
+  EXPECT_EQ(Command(126, 0, std::string("B\0\0D FAKE there", 15)), 0);
+  EXPECT_EQ(Circle(), "A B C");
+  EXPECT_STREQ(B->PendingNodetabLine, "D FAKE there");
+  EXPECT_EQ(B->DeletePending, 0);
+  DisconnectLink("test", __LINE__, B, 4009, 0);
+  EXPECT_EQ(Circle(), "A D C");
+  EXPECT_STREQ(B->PendingNodetabLine, "");
+  EXPECT_EQ(B->State, kLinkDisconnected);
+}
+
+TEST_F(ManagementCommands, APendingLineIsCutAt299Characters) {
+  AddThreeLinks();
+  B->State = kLinkConnecting;
+  for (const std::size_t size : {298U, 299U, 300U, 301U, 8000U}) {
+    std::memset(B->PendingNodetabLine, 'y', sizeof B->PendingNodetabLine);
+    EXPECT_EQ(Command(127, 1, std::string(size, 'x')), 0);
+    ASSERT_NE(std::memchr(B->PendingNodetabLine, 0, kPendingLineSize), nullptr);
+    EXPECT_EQ(B->PendingNodetabLine, std::string(std::min<std::size_t>(size, 299), 'x'));
+    EXPECT_EQ(B->DeletePending, 0);
+  }
+}
+
+TEST_F(ManagementCommands, APendingLineThatMakesNoNodeStaysAsItWas) {
+  AddThreeLinks();
+  std::strcpy(B->PendingNodetabLine, "  d FAKE bad");
+  CapturedStderr log;
+  SyncNode("test", __LINE__, B);
+  EXPECT_STREQ(B->PendingNodetabLine, "  d FAKE bad");
+  EXPECT_EQ(Circle(), "A B C");
+  EXPECT_STREQ(static_cast<char*>(B->DriverData), "B");
+}
+
+TEST_F(ManagementCommands, APendingLineComesBeforeAPendingDeletion) {
+  AddThreeLinks();
+  std::strcpy(B->PendingNodetabLine, "D FAKE there");
+  B->DeletePending = 1;
+  SyncNode("test", __LINE__, B);
+  EXPECT_EQ(Circle(), "A D C");
+  EXPECT_EQ(B->DeletePending, 0);
+}
+
+TEST_F(ManagementCommands, WhileTheAgentIsStoppingNothingPendingIsCarriedOut) {
+  AddThreeLinks();
+  g_DbcI.ExitStatus = -1;
+  B->DeletePending = 1;
+  std::strcpy(C->PendingNodetabLine, "D FAKE there");
+  SyncNode("test", __LINE__, B);
+  SyncNode("test", __LINE__, C);
+  EXPECT_EQ(Circle(), "A B C");
+}
+
+TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
+  AddThreeLinks();
+  std::strcpy(B->PendingNodetabLine, "D FAKE there");
+  C->DeletePending = 1;
+  Fake().OnConnect = [](Link*) {
+    errno = EIO;
+    return kStatusConnect;
+  };
+  g_DbcI.CircleStartLink = C;
+  errno = ENOSPC;
+  SyncNode("test", __LINE__, B);
+  SyncNode("test", __LINE__, C);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(Circle(), "A D");
+}
+
+TEST_F(ManagementCommands, ACommandsTraceCarriesItsNameAndWord) {
+  AddThreeLinks();
+  B->State = kLinkConnected;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr trace;
+  Command(124, 1);
+  EXPECT_TRUE(trace.Contains("'DelNode' Leave FAIL\n"));
+  EXPECT_TRUE(trace.Contains("'ApiDelNode' Leave FAIL\n"));
+  Command(127, 1, "D FAKE there");
+  EXPECT_TRUE(trace.Contains("'ApiSetNode' Leave FAIL\n"));
+  Command(117, kOwner);
+  EXPECT_TRUE(trace.Contains("'ApiLockNodetab' Call from dbca:"));
+  EXPECT_TRUE(trace.Contains("'ApiLockNodetab' Leave SUCCESS\n"));
+}
+
+}  // namespace
