@@ -13,6 +13,7 @@
 #include "core/io.h"
 #include "core/status.h"
 #include "core/trace.h"
+#include "core/wait.h"
 #include "link/link.h"
 #include "protocols/protload.h"
 
@@ -70,7 +71,7 @@ bool ProcessIsAlive(int pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 // kept: the tag compared is the first half-word of the trailer, not its AstInd.
 void PurgeMsgInfo(std::int32_t taskName, std::uint16_t firstHalfWord) {
   for (MsgInfo* info = GetNextMsgInfo(HERE, nullptr); info; info = GetNextMsgInfo(HERE, info)) {
-    if (info->TaskName == taskName && info->AstInd == firstHalfWord) *info = {};
+    if (info->TaskName == taskName && info->AstInd == firstHalfWord) ClearMsgInfo(info);
   }
 }
 
@@ -195,6 +196,7 @@ Outcome BringUpAndServe(ClientMessage* msg, Link* link) {
 }  // namespace
 
 void CloseClient(int socket) {
+  StopWaitingFor(socket);
   shutdown(socket, SHUT_RDWR);  // a reader child may hold a copy: the peer must see the end
   close(socket);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, socket);

@@ -39,6 +39,23 @@ Link* GetNextActiveLink(const char* file, int line, Link* prev);
 // case; else 1.
 int CompareNodeName(const char* a, const char* b);
 
+// The first record, in array order, of a request with this pair, sent over `link` (null: over any);
+// or null. The cost does not depend on how many requests are in flight.
+MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astInd);
+
+// Frees the record; all but its Link stays readable until it is used again. Records in use are
+// released by nothing else.
+void ReleaseMsgInfo(MsgInfo* info);
+
+// Frees the record and clears it.
+void ClearMsgInfo(MsgInfo* info);
+
+// Requests sent and not answered yet.
+std::int32_t RequestsInFlight();
+
+// Frees both arrays.
+void ForgetRequests();
+
 // Takes out the first record of a link, in array order from *index on (which moves): copied, then
 // cleared, so that whatever the caller does next cannot meet it again. False: none left.
 bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken);

@@ -13,6 +13,7 @@
 #include "core/io.h"
 #include "core/status.h"
 #include "core/trace.h"
+#include "core/wait.h"
 #include "link/link.h"
 #include "ping/ping.h"
 #include "protocols/protload.h"
@@ -25,6 +26,7 @@ std::uint16_t ClientTimeout = kClientTimeout;
 namespace {
 
 constexpr int kPacketsInARow = 256;  // of one link, before everybody else gets a turn
+constexpr int kManyInFlight = 2;     // so many unanswered requests make a look at the link pay
 
 // What the last wait reported and what is not served yet.
 fd_set readyForRead;
@@ -222,22 +224,6 @@ void HandleTimerEvent(const char* file, int line) {
 
 // Waiting
 
-// The words of a set that cover the registered descriptors; beyond them nothing is ever set.
-void CopySet(fd_set* to, const fd_set* from) {
-  constexpr std::size_t kWordBits = 8 * sizeof(fd_mask);
-  const std::size_t bits = static_cast<std::size_t>(g_DbcI.SocketSets.MaxSocket);
-  std::memcpy(to, from, (bits + kWordBits - 1) / kWordBits * sizeof(fd_mask));
-}
-
-int WaitForEvents(timeval* interval) {
-  CopySet(&readyForRead, &g_DbcI.SocketSets.ReadSet);
-  CopySet(&readyForWrite, &g_DbcI.SocketSets.WriteSet);
-  const int events =
-      select(g_DbcI.SocketSets.MaxSocket, &readyForRead, &readyForWrite, nullptr, interval);
-  LOG(kLogTrace, "select return %d", events);
-  return events;
-}
-
 // Tests one descriptor in one of select's three sets: its result, with no wait.
 int SelectOne(int fd, int which) {
   fd_set set;
@@ -291,17 +277,41 @@ void ReadFromLink(Link* link) {
   g_DbcI.ServedLink = nullptr;
 }
 
+// A tick or a stop waits to be seen at the top of the loop.
+bool Interrupted() { return g_DbcI.AlarmFlag || Stopping(); }
+
+// Reads packets of a link without waiting for as long as it delivers and answers are due: there is
+// no need to ask the system whether there is more when a read tells it.
+void DrainLink(int fd, Link* link) {
+  std::uint32_t frames;
+  do {
+    frames = FramesRead();
+    ReadFromLink(link);
+    ++packetsInARow;
+  } while (FramesRead() != frames && RequestsInFlight() > 0 && LinkOfSocket(fd) == link &&
+           link->State == kLinkConnected && packetsInARow < kPacketsInARow && !Interrupted());
+}
+
 // A link that keeps delivering is drained before anything else is looked at, but not for ever.
 bool ServeLastLink() {
   const int fd = g_DbcI.LastLinkSocket;
   Link* const link = LinkOfSocket(fd);
-  if (!link || !FD_ISSET(fd, &readyForRead) || packetsInARow == kPacketsInARow) {
+  if (!link || !FD_ISSET(fd, &readyForRead) || packetsInARow >= kPacketsInARow) {
     packetsInARow = 0;
     return false;
   }
-  ++packetsInARow;
-  ReadFromLink(link);
+  DrainLink(fd, link);
   return true;
+}
+
+// Between the requests of a pass the link that answered last is looked at: a node whose answers
+// nobody takes stops reading, and its receive buffer here holds few of them.
+void ReadBetweenRequests() {
+  const int fd = g_DbcI.LastLinkSocket;
+  Link* const link = LinkOfSocket(fd);
+  if (!link || link->State != kLinkConnected || RequestsInFlight() < kManyInFlight) return;
+  packetsInARow = 0;
+  DrainLink(fd, link);
 }
 
 bool HasRequest(int fd) {
@@ -368,6 +378,7 @@ int WritePass(int events) {
     HandleMessageFromClientQueue(HERE, fd);
     g_DbcI.LastClientSocket = fd;
     --events;
+    ReadBetweenRequests();
   }
   return events;
 }
@@ -397,7 +408,8 @@ void RunLoop() {
     if (g_DbcI.AlarmFlag) HandleTimerEvent(HERE);
     if (Stopping()) return;
     ReleaseParkedClients();
-    const int events = WaitForEvents(interval);
+    const int events = WaitForEvents(interval, &readyForRead, &readyForWrite);
+    LOG(kLogTrace, "select return %d", events);
     if (events > 0)
       ServeEvents(events);
     else if (events == 0)

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "client/clntxch.h"
+#include "client/primitiv.h"
 #include "core/trace.h"
 
 static constexpr char Module[] = "init";
@@ -103,8 +104,7 @@ void ClearState(char** argv) {
   g_DbcI.ClientListenSocket = -1;
   g_DbcI.LinkList = g_DbcI.DefaultLink = g_DbcI.FirstLink = g_DbcI.CircleStartLink = nullptr;
   g_DbcI.ProtocolList = nullptr;
-  g_DbcI.SavedArray = {nullptr, 0};
-  g_DbcI.MsgInfoArray = {nullptr, 0};
+  ForgetRequests();
   FD_ZERO(&g_DbcI.ClientSockets);
 }
 

@@ -28,6 +28,7 @@ struct KeptOutput {
 KeptInput* keptInput[FD_SETSIZE];
 KeptOutput keptOutput[FD_SETSIZE];
 int unsentDescriptors;
+std::uint32_t framesRead;
 
 bool Keeps(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
 
@@ -159,8 +160,11 @@ FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format) {
     return FrameRead::Failed;
   }
   errno = savedErrno;
+  framesRead += result == FrameRead::Whole;
   return result;
 }
+
+std::uint32_t FramesRead() { return framesRead; }
 
 int SendBytes(const char* file, int line, int fd, const void* bytes, std::size_t count,
               void (*traceSend)(int)) {

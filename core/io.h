@@ -25,6 +25,9 @@ enum class FrameRead {
 // word, then the rest, without a copy in the ordinary case. Leaves errno alone unless Failed.
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
 
+// Whole frames read so far; wraps round.
+std::uint32_t FramesRead();
+
 // The bytes of the frame in `area`, length word included.
 std::size_t FrameSize(const unsigned char* area, const FrameFormat& format);
 

@@ -79,6 +79,16 @@ int EndCircle() {
   return result;
 }
 
+// Shows the records that an answer is compared with, up to the one that it belongs to.
+void TraceRequestsInFlight(int taskName, std::uint16_t astInd) {
+  const MsgInfo* const found = FindMsgInfo(g_DbcI.ServedLink, taskName, astInd);
+  for (MsgInfo* info = GetNextMsgInfo(HERE, nullptr); info; info = GetNextMsgInfo(HERE, info)) {
+    LOG(kLogTrace, "MsgInfo->TaskName = %d , MsgInfo->AstInd = %d TaskName = %d AstInd = %d",
+        info->TaskName, info->AstInd, taskName, astInd);
+    if (info == found) return;
+  }
+}
+
 std::size_t UnitsOf(std::uint16_t count) { return (count + 1U) / 2 + 1; }
 
 }  // namespace
@@ -198,16 +208,14 @@ int HandleNetworkMsg(const char* file, int line, ClientMessage* msg) {
 
 MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd) {
   ENTER();
-  for (MsgInfo* info = GetNextMsgInfo(HERE, nullptr); info; info = GetNextMsgInfo(HERE, info)) {
-    LOG(kLogTrace, "MsgInfo->TaskName = %d , MsgInfo->AstInd = %d TaskName = %d AstInd = %d",
-        info->TaskName, info->AstInd, taskName, astInd);
-    if (info->TaskName != taskName || info->AstInd != astInd) continue;
-    if (g_DbcI.ServedLink && info->Link != g_DbcI.ServedLink) continue;
-    info->Link = nullptr;
-    return info;
+  if (Tracing()) TraceRequestsInFlight(taskName, astInd);
+  MsgInfo* const info = FindMsgInfo(g_DbcI.ServedLink, taskName, astInd);
+  if (!info) {
+    LOG(kLogError, "The message were not send by the agent. Skip the message");
+    return LEAVE(info, "FAILED argument is not in list sended");
   }
-  LOG(kLogError, "The message were not send by the agent. Skip the message");
-  return LEAVE(static_cast<MsgInfo*>(nullptr), "FAILED argument is not in list sended");
+  ReleaseMsgInfo(info);
+  return info;
 }
 
 int ReturnAnswerFromNetworkToClient(const char* file, int line, ClientMessage* msg) {
@@ -239,7 +247,7 @@ void RetireLink(Link* link) {
   if (g_DbcI.ServedLink == link) g_DbcI.ServedLink = nullptr;
   ForgetLinkOfClients(link);
   for (MsgInfo& info : g_DbcI.MsgInfoArray) {
-    if (info.Link == link) info = {};
+    if (info.Link == link) ClearMsgInfo(&info);
   }
   link->DriverData = retiredLinks;
   retiredLinks = link;

@@ -1,0 +1,16 @@
+// Waiting for events on the registered descriptors.
+#pragma once
+#include <sys/select.h>
+
+struct timeval;
+
+// Waits with select for what g_DbcI's sets ask for, until an event, a signal, or the end of the
+// interval. Fills the result sets and returns the number of events in them, 0, or -1 with errno.
+//
+// What select costs grows with the descriptors it is handed. Therefore many client connections
+// stand behind one epoll descriptor in their place; the results are the same.
+int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite);
+
+// To be called before a descriptor is closed that may have been waited for: a copy of it in another
+// process would go on reporting events.
+void StopWaitingFor(int fd);
