@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 source tools/setup.sh
 
-install_packages cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev
+install_packages "${build_packages[@]}"
 
 step "Sanitizer build"
 cmake --preset sanitize >/dev/null
