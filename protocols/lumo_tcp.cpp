@@ -27,6 +27,7 @@ namespace {
 constexpr int kDefaultPort = 1060;
 constexpr int kReceiveTimeoutUnit = 20;
 constexpr int kTickSeconds = 2;
+constexpr int kSegmentSize = 1448;  // of TCP over Ethernet
 constexpr std::uint8_t kRequestMark = 3;
 constexpr std::uint32_t kControlLength = 8;  // a packet of this length is a control packet
 constexpr std::uint32_t kSendTimeoutMark = 0x5555;
@@ -104,6 +105,14 @@ int SetNoDelay(int socket) {
   if (setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0) return 0;
   LOG(kLogTrace, "setsockopt(...TCP_NODELAY...) failed. Errno %d", errno);
   return kStatusOption;
+}
+
+// With the small buffers a loopback segment is larger than the peer's whole window: it would then
+// send a piece each time its persist timer fires. Only a wish: a refusal changes nothing.
+void LimitSegments(int socket) {
+  const int savedErrno = errno;
+  setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &kSegmentSize, sizeof kSegmentSize);
+  errno = savedErrno;
 }
 
 // Connecting
