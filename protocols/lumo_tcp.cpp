@@ -46,7 +46,8 @@ constexpr FrameFormat kPacket = {.LengthCounts = 0,
                                  .SmallestLength = 0,
                                  .LargestLength = kMessageMax,
                                  .TraceReceive = nullptr,
-                                 .TraceLength = nullptr};
+                                 .TraceLength = nullptr,
+                                 .Ahead = true};
 
 TcpLinkData* Data(const Link* link) { return static_cast<TcpLinkData*>(link->DriverData); }
 
@@ -169,6 +170,7 @@ int CreateSocket(int* created) {
   }
   *created = socket;
   if (SetSendBuffer(HERE, socket) != 0 || SetReceiveBuffer(HERE, socket) != 0) return kStatusOption;
+  LimitSegments(socket);
   return SetNoDelay(socket);
 }
 

@@ -1,0 +1,48 @@
+// LOCALI: the local kernel over System V message queue, semaphore and shared memory.
+//
+// Each connected link has a reader child. It waits on the queue, writes an answer straight to the
+// client where it knows the connection, hands it to the agent where it does not, and tells the
+// agent through a pipe which request has been answered.
+#pragma once
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "protocols/protload.h"
+
+struct HandedAnswer;
+struct ReaderBoard;
+
+struct LIpcLinkData {
+  std::int32_t Key;         // names segment, queue and semaphore set; at least 1
+  std::int32_t ShmId;       // -1: none
+  std::int32_t SemId;       // -1: none
+  std::int32_t MsgQueueId;  // -1: none
+  const void* Shm;          // attached read-only, or null; begins with the kernel's process id
+  std::int32_t PipeRead;    // of the records; valid while the link is connected
+  pid_t ChildPid;           // of the reader; valid while the link is connected; 0 in the child
+
+  std::int32_t Pair;     // socket for answers handed over: the agent's end, in the child its own
+  ReaderBoard* Board;    // shared with the child; null: none
+  HandedAnswer* Handed;  // answers taken from the pair whose pipe record has not been read yet
+  LIpcLinkData* Next;    // in the list of connected links, or of refused records
+};
+
+// Tells the agent which request was answered; 8 bytes, written and read whole.
+struct PipeRecord {
+  std::int32_t TaskName;
+  std::uint16_t AstInd;
+  std::uint16_t Unused;
+};
+static_assert(sizeof(PipeRecord) == 8);
+
+InitProtocol LOCALIInitProtocol;
+int LIpcInitLink(const char* file, int line, Link* link, char* address);  // 0; 1 range; 3 memory
+LinkOperation LIpcUninitLink, LIpcConnectLink, LIpcReadyForWrite, LIpcReadyForRead,
+    LIpcDisconnectLink, LIpcTimerEvent;
+int LIpcSendToNetwork(const char* file, int line, Link* link, ClientMessage* msg);  // 0 or 4007
+int LIpcClientDeadEvent(const char* file, int line, Link* link, int pid);
+
+// The reader child's work; returns -1 when the queue or the pipe fails.
+int ReadMessageFromKernelAndSendToDbc(const char* file, int line, LIpcLinkData* data,
+                                      int pipeWrite);
