@@ -44,7 +44,8 @@ constexpr FrameFormat kClientFrame = {.LengthCounts = 4,
                                       .SmallestLength = 5,
                                       .LargestLength = kMessageMax,
                                       .TraceReceive = TraceReceive,
-                                      .TraceLength = TraceLength};
+                                      .TraceLength = TraceLength,
+                                      .Ahead = false};
 
 void TraceFields(const char* title, const ClientMessage* msg) {
   if (!Tracing()) return;

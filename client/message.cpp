@@ -28,6 +28,13 @@ int LocateTrailer(ClientMessage* msg, std::size_t received, std::size_t room) {
   return 0;
 }
 
+void CopyMessage(ClientMessage* to, const ClientMessage* from) {
+  const std::size_t size = offsetof(ClientMessage, Length) + kCblAt + from->TrailerOffset;
+  std::memcpy(static_cast<void*>(to), from, size + kTrailerSize);
+  to->TrailerOffset = from->TrailerOffset;
+  to->ClientSocket = from->ClientSocket;
+}
+
 void MakeClientDeathMessage(ClientMessage* msg, std::int32_t pid) {
   constexpr std::uint16_t kTextSize = 28;
   std::memset(static_cast<void*>(msg), 0, sizeof *msg);

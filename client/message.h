@@ -79,6 +79,9 @@ inline std::size_t CountedSize(std::uint16_t count) { return 2 + ((count + 1U) &
 // first `room` bytes of the area.
 int LocateTrailer(ClientMessage* msg, std::size_t received, std::size_t room);
 
+// Copies what a located message has, not the room that it leaves.
+void CopyMessage(ClientMessage* to, const ClientMessage* from);
+
 // The default link is meant: the first character is NUL or a blank.
 inline bool NamesDefault(const char* node) { return (node[0] & ~0x20) == 0; }
 

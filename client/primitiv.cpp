@@ -117,7 +117,7 @@ int SaveUnsendMsg(const char* file, int line, const ClientMessage* msg, Link* li
   SavedMessage* const free = FirstFree(g_DbcI.SavedArray);
   SavedMessage* const saved = free ? free : Grow(g_DbcI.SavedArray);
   if (!saved) return LEAVE(-1, "FAILED allocation memory");
-  saved->Message = *msg;
+  CopyMessage(&saved->Message, msg);
   saved->Link = link;
   if (free) return LEAVE(0, "SUCCESS save in exist element of SavedArray");
   return 0;

@@ -26,6 +26,7 @@ std::uint16_t ClientTimeout = kClientTimeout;
 namespace {
 
 constexpr int kPacketsInARow = 256;  // of one link, before everybody else gets a turn
+constexpr int kRequestsAtOnce = 16;  // so many requests at most are sent to a link in one piece
 constexpr int kManyInFlight = 2;     // so many unanswered requests make a look at the link pay
 
 // What the last wait reported and what is not served yet.
@@ -275,21 +276,15 @@ void ReadFromLink(Link* link) {
   g_DbcI.ServedLink = link;
   link->Protocol->ReadyForRead(HERE, link);
   g_DbcI.ServedLink = nullptr;
+  ++packetsInARow;
 }
 
-// A tick or a stop waits to be seen at the top of the loop.
-bool Interrupted() { return g_DbcI.AlarmFlag || Stopping(); }
-
-// Reads packets of a link without waiting for as long as it delivers and answers are due: there is
-// no need to ask the system whether there is more when a read tells it.
+// Reads a packet of a link and those that have been taken together with it.
 void DrainLink(int fd, Link* link) {
-  std::uint32_t frames;
   do {
-    frames = FramesRead();
     ReadFromLink(link);
-    ++packetsInARow;
-  } while (FramesRead() != frames && RequestsInFlight() > 0 && LinkOfSocket(fd) == link &&
-           link->State == kLinkConnected && packetsInARow < kPacketsInARow && !Interrupted());
+  } while (FrameWaits(fd) && LinkOfSocket(fd) == link && link->State == kLinkConnected &&
+           packetsInARow < kPacketsInARow && !Stopping());
 }
 
 // A link that keeps delivering is drained before anything else is looked at, but not for ever.
@@ -304,9 +299,17 @@ bool ServeLastLink() {
   return true;
 }
 
-// Between the requests of a pass the link that answered last is looked at: a node whose answers
-// nobody takes stops reading, and its receive buffer here holds few of them.
-void ReadBetweenRequests() {
+void SendHeldRequests() {
+  Link* const failed = LinkOfSocket(SendHeld(HERE));
+  if (failed) DisconnectLink(HERE, failed, kStatusSend, errno);
+}
+
+// Several requests of a pass travel to a link together. After some of them the link that answered
+// last is looked at: a node whose answers nobody takes stops reading, and its receive buffer here
+// holds few of them.
+void BetweenRequests() {
+  if (HeldFrames() > 0 && HeldFrames() < kRequestsAtOnce) return;
+  SendHeldRequests();
   const int fd = g_DbcI.LastLinkSocket;
   Link* const link = LinkOfSocket(fd);
   if (!link || link->State != kLinkConnected || RequestsInFlight() < kManyInFlight) return;
@@ -364,7 +367,7 @@ void ServeWritableLink(int fd, Link* link) {
     LinkConnected(link);
 }
 
-int WritePass(int events) {
+void WritePass(int events) {
   for (int fd = kFirstDescriptor; events > 0 && fd < g_DbcI.SocketSets.MaxSocket; ++fd) {
     Link* const link = LinkOfSocket(fd);
     if (FD_ISSET(fd, &readyForWrite)) {
@@ -378,9 +381,8 @@ int WritePass(int events) {
     HandleMessageFromClientQueue(HERE, fd);
     g_DbcI.LastClientSocket = fd;
     --events;
-    ReadBetweenRequests();
+    BetweenRequests();
   }
-  return events;
 }
 
 bool HasNewClient() {
@@ -388,14 +390,36 @@ bool HasNewClient() {
   return fd >= 0 && FD_ISSET(fd, &readyForRead);
 }
 
-// Links before clients, input before output, new connections last.
+// Links before clients, input before output, new connections last. The trace shows each request
+// as it is written, so with the trace on none is held back.
 void ServeEvents(int events) {
   if (ServeLastLink()) return;
+  HoldOutput(events > 1 && !Tracing());
   events = ServeLastClient(events);
   if (events == 0) return;
   events = ReadPass(events);
-  events = WritePass(events);
+  WritePass(events);
+  HoldOutput(false);
+  SendHeldRequests();
   if (HasNewClient()) AcceptNewClientConnection(HERE);
+}
+
+// Packets that have been taken already are events that the system does not know of.
+int AddWaitingFrames(int events) {
+  if (events < 0 || WaitingFrames() == 0) return events;
+  for (int fd = kFirstDescriptor; fd < kMaxDescriptors; ++fd) {
+    if (!FrameWaits(fd) || FD_ISSET(fd, &readyForRead)) continue;
+    FD_SET(fd, &readyForRead);
+    ++events;
+  }
+  return events;
+}
+
+int Wait(timeval* interval) {
+  if (WaitingFrames() > 0) *interval = {0, 0};
+  const int events = WaitForEvents(interval, &readyForRead, &readyForWrite);
+  LOG(kLogTrace, "select return %d", events);
+  return AddWaitingFrames(events);
 }
 
 void RunLoop() {
@@ -408,8 +432,7 @@ void RunLoop() {
     if (g_DbcI.AlarmFlag) HandleTimerEvent(HERE);
     if (Stopping()) return;
     ReleaseParkedClients();
-    const int events = WaitForEvents(interval, &readyForRead, &readyForWrite);
-    LOG(kLogTrace, "select return %d", events);
+    const int events = Wait(interval);
     if (events > 0)
       ServeEvents(events);
     else if (events == 0)

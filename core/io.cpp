@@ -25,12 +25,31 @@ struct KeptOutput {
   std::size_t Begin, End, Capacity;  // the bytes from Begin to End are still to go
 };
 
+// What has been taken of a link's stream and not been handed out as frames.
+struct AheadInput {
+  std::size_t Begin, End;  // the bytes from Begin to End are still to be handed out
+  std::size_t FirstFrame;  // size of the frame at Begin; 0 while that cannot be told
+  unsigned char Bytes[2 * kInputRoom];
+};
+
+// Frames for one link that are to go out together.
+struct HeldOutput {
+  int Fd;
+  int Frames;
+  std::size_t Count;
+  unsigned char Bytes[2 * kInputRoom];
+};
+
 KeptInput* keptInput[FD_SETSIZE];
 KeptOutput keptOutput[FD_SETSIZE];
+AheadInput* aheadInput[kMaxDescriptors];  // links only
 int unsentDescriptors;
-std::uint32_t framesRead;
+int waitingFrames;
+HeldOutput held;
+bool holding;
 
 bool Keeps(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+bool IsLink(int fd) { return fd >= 0 && fd < kMaxDescriptors; }
 
 // Receives until the area holds `want` bytes. 0 wanted bytes are never asked for: on a UNIX stream
 // socket that would wait; it counts as a closed connection, as a read of 0 bytes does elsewhere.
@@ -86,9 +105,82 @@ bool KeepInput(int fd, const unsigned char* area, std::size_t count) {
   return true;
 }
 
+FrameRead ReadFrameNow(int fd, unsigned char* area, const FrameFormat& format) {
+  std::size_t have = TakeInput(fd, area);
+  const FrameRead result = FillFrame(fd, area, &have, format);
+  if (result != FrameRead::Later || KeepInput(fd, area, have)) return result;
+  errno = ENOMEM;
+  return FrameRead::Failed;
+}
+
 void DropInput(int fd) {
   std::free(keptInput[fd]);
   keptInput[fd] = nullptr;
+  if (!IsLink(fd) || !aheadInput[fd]) return;
+  waitingFrames -= aheadInput[fd]->FirstFrame > 0;
+  std::free(aheadInput[fd]);
+  aheadInput[fd] = nullptr;
+}
+
+// Reading ahead
+
+// Finds out about the frame at the front of what was taken. One that is out of bounds counts as
+// whole: nothing more has to come to refuse it.
+void LookAtFirst(AheadInput& input, const FrameFormat& format) {
+  const std::size_t have = input.End - input.Begin;
+  const unsigned char* const first = input.Bytes + input.Begin;
+  waitingFrames -= input.FirstFrame > 0;
+  input.FirstFrame = 0;
+  if (have < kLengthWord) return;
+  const std::uint32_t length = LengthOf(first);
+  const bool inBounds = length >= format.SmallestLength && length <= format.LargestLength;
+  const std::size_t size = inBounds ? FrameSize(first, format) : kLengthWord;
+  if (have < size) return;
+  input.FirstFrame = size;
+  ++waitingFrames;
+}
+
+// Takes what has come with one call; at least a whole frame finds room.
+FrameRead TakeAhead(int fd, AheadInput& input) {
+  std::memmove(input.Bytes, input.Bytes + input.Begin, input.End - input.Begin);
+  input.End -= input.Begin;
+  input.Begin = 0;
+  ssize_t got;
+  do {
+    got = recv(fd, input.Bytes + input.End, sizeof input.Bytes - input.End, MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0)
+    return errno == EAGAIN || errno == EWOULDBLOCK ? FrameRead::Later : FrameRead::Failed;
+  if (got == 0) return FrameRead::Closed;
+  input.End += static_cast<std::size_t>(got);
+  return FrameRead::Whole;
+}
+
+// Hands out the frame at the front.
+FrameRead HandOut(AheadInput& input, unsigned char* area, const FrameFormat& format) {
+  const std::size_t size = input.FirstFrame;
+  if (size == 0) return FrameRead::Later;
+  std::memcpy(area, input.Bytes + input.Begin, size);
+  input.Begin += size;
+  LookAtFirst(input, format);
+  const std::uint32_t length = LengthOf(area);
+  if (length < format.SmallestLength || length > format.LargestLength) return FrameRead::BadLength;
+  return size == kLengthWord ? FrameRead::Closed : FrameRead::Whole;
+}
+
+FrameRead ReadFrameAhead(int fd, unsigned char* area, const FrameFormat& format) {
+  AheadInput*& input = aheadInput[fd];
+  if (!input) input = static_cast<AheadInput*>(std::calloc(1, sizeof *input));
+  if (!input) {
+    errno = ENOMEM;
+    return FrameRead::Failed;
+  }
+  if (input->FirstFrame == 0) {
+    const FrameRead taken = TakeAhead(fd, *input);
+    if (taken != FrameRead::Whole) return taken;
+    LookAtFirst(*input, format);
+  }
+  return HandOut(*input, area, format);
 }
 
 void DropOutput(int fd) {
@@ -144,6 +236,31 @@ ssize_t SendNow(int fd, const unsigned char* bytes, std::size_t count, void (*tr
   return static_cast<ssize_t>(sent);
 }
 
+int SendOrKeep(const char* file, int line, int fd, const unsigned char* bytes, std::size_t count,
+               void (*traceSend)(int)) {
+  const int savedErrno = errno;
+  std::size_t sent = 0;
+  if (UnsentBytes(fd) == 0) {
+    const ssize_t took = SendNow(fd, bytes, count, traceSend);
+    if (took < 0) return -1;
+    sent = static_cast<std::size_t>(took);
+  }
+  if (sent < count && KeepOutput(file, line, fd, bytes + sent, count - sent) != 0) return -1;
+  errno = savedErrno;
+  return 0;
+}
+
+// Collects a frame; false: another link's are collected, or there is no room.
+bool Hold(int fd, const unsigned char* bytes, std::size_t count) {
+  if (held.Frames > 0 && held.Fd != fd) return false;
+  if (count > sizeof held.Bytes - held.Count) return false;
+  held.Fd = fd;
+  std::memcpy(held.Bytes + held.Count, bytes, count);
+  held.Count += count;
+  ++held.Frames;
+  return true;
+}
+
 }  // namespace
 
 std::size_t FrameSize(const unsigned char* area, const FrameFormat& format) {
@@ -152,19 +269,15 @@ std::size_t FrameSize(const unsigned char* area, const FrameFormat& format) {
 
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format) {
   const int savedErrno = errno;
-  std::size_t have = TakeInput(fd, area);
-  FrameRead result = FillFrame(fd, area, &have, format);
-  if (result == FrameRead::Failed) return result;
-  if (result == FrameRead::Later && !KeepInput(fd, area, have)) {
-    errno = ENOMEM;
-    return FrameRead::Failed;
-  }
-  errno = savedErrno;
-  framesRead += result == FrameRead::Whole;
+  const FrameRead result = format.Ahead && IsLink(fd) ? ReadFrameAhead(fd, area, format)
+                                                      : ReadFrameNow(fd, area, format);
+  if (result != FrameRead::Failed) errno = savedErrno;
   return result;
 }
 
-std::uint32_t FramesRead() { return framesRead; }
+bool FrameWaits(int fd) { return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->FirstFrame > 0; }
+
+int WaitingFrames() { return waitingFrames; }
 
 int SendBytes(const char* file, int line, int fd, const void* bytes, std::size_t count,
               void (*traceSend)(int)) {
@@ -172,17 +285,23 @@ int SendBytes(const char* file, int line, int fd, const void* bytes, std::size_t
     errno = EBADF;
     return -1;
   }
-  const int savedErrno = errno;
   const unsigned char* const from = static_cast<const unsigned char*>(bytes);
-  std::size_t sent = 0;
-  if (UnsentBytes(fd) == 0) {
-    const ssize_t took = SendNow(fd, from, count, traceSend);
-    if (took < 0) return -1;
-    sent = static_cast<std::size_t>(took);
-  }
-  if (sent < count && KeepOutput(file, line, fd, from + sent, count - sent) != 0) return -1;
-  errno = savedErrno;
-  return 0;
+  if (!holding || !LinkOfSocket(fd)) return SendOrKeep(file, line, fd, from, count, traceSend);
+  if (Hold(fd, from, count)) return 0;
+  if (held.Fd == fd && SendHeld(file, line) >= 0) return -1;
+  return Hold(fd, from, count) ? 0 : SendOrKeep(file, line, fd, from, count, traceSend);
+}
+
+void HoldOutput(bool on) { holding = on; }
+
+int HeldFrames() { return held.Frames; }
+
+int SendHeld(const char* file, int line) {
+  if (held.Frames == 0) return -1;
+  const std::size_t count = held.Count;
+  held.Count = 0;
+  held.Frames = 0;
+  return SendOrKeep(file, line, held.Fd, held.Bytes, count, nullptr) == 0 ? -1 : held.Fd;
 }
 
 int FlushBytes(const char* file, int line, int fd) {
@@ -211,6 +330,9 @@ void ForgetDescriptor(int fd) {
   if (!Keeps(fd)) return;
   DropInput(fd);
   DropOutput(fd);
+  if (held.Fd != fd) return;
+  held.Count = 0;
+  held.Frames = 0;
 }
 
 bool (*MayFlush)(int fd);

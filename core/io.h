@@ -11,6 +11,8 @@ struct FrameFormat {
   std::uint32_t LargestLength;  // largest value + 4 - LengthCounts bytes must fit the caller's area
   void (*TraceReceive)(int result);  // after each recv; may be null
   void (*TraceLength)(int rest);     // with the bytes that follow the length word; may be null
+  bool Ahead = false;  // take all that has come with one call; the reader must then not wait for events
+               // while FrameWaits
 };
 
 enum class FrameRead {
@@ -22,11 +24,15 @@ enum class FrameRead {
 };
 
 // Reads one frame into `area` (host byte order, at least the largest frame): first the length
-// word, then the rest, without a copy in the ordinary case. Leaves errno alone unless Failed.
+// word, then the rest, without a copy in the ordinary case (Ahead: out of what was taken earlier,
+// while a whole frame is there). Leaves errno alone unless Failed.
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
 
-// Whole frames read so far; wraps round.
-std::uint32_t FramesRead();
+// A whole frame of the descriptor has been taken ahead, or a length word that is out of bounds.
+bool FrameWaits(int fd);
+
+// Descriptors of which that is true.
+int WaitingFrames();
 
 // The bytes of the frame in `area`, length word included.
 std::size_t FrameSize(const unsigned char* area, const FrameFormat& format);
@@ -36,6 +42,15 @@ std::size_t FrameSize(const unsigned char* area, const FrameFormat& format);
 // connection failed or memory ran out. `traceSend` sees each call's result; it may be null.
 int SendBytes(const char* file, int line, int fd, const void* bytes, std::size_t count,
               void (*traceSend)(int result) = nullptr);
+
+// While on, the frames for one link are collected instead of sent, as far as there is room, so that
+// several requests cost one call. The caller ends with HoldOutput(false) and SendHeld.
+void HoldOutput(bool on);
+int HeldFrames();
+
+// Sends what was collected, as SendBytes does. Returns -1, or the descriptor for which that failed,
+// with errno.
+int SendHeld(const char* file, int line);
 
 // Sends of what is kept as much as the peer takes; unregisters the descriptor from write events
 // when nothing is left. Returns 0, or -1 with errno.
