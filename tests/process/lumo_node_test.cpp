@@ -1,0 +1,419 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "tests/process/program.h"
+#include "tests/support/client.h"
+#include "tests/support/peer.h"
+#include "tools/client/connection.h"
+
+namespace {
+
+using lumo::Message;
+using test::NodeProgram;
+
+test::Peer Connect(const NodeProgram& node) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(node.Port());
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  return test::Peer(lumo::Lengths::Packet, fd);
+}
+
+Message Request(const std::string& sql, std::uint16_t astInd = 1) {
+  Message request;
+  request.TaskName = 4321;
+  request.SetTrailerTaskName(777);
+  request.SetAstInd(astInd);
+  request.Node = "SRV";
+  request.Strings[0] = sql;
+  return request;
+}
+
+std::optional<Message> Read(test::Peer& peer) {
+  const auto frame = peer.ReadFrame();
+  return frame ? lumo::Decode(*frame) : std::nullopt;
+}
+
+std::string Ask(test::Peer& peer, const std::string& sql) {
+  peer.SendMessage(Request(sql));
+  const auto answer = Read(peer);
+  return answer ? answer->Strings[3] : "no answer";
+}
+
+std::uint32_t FirstWord(const std::string& bytes) {
+  std::uint32_t word = 0;
+  std::memcpy(&word, bytes.data(), std::min(bytes.size(), sizeof word));
+  return word;
+}
+
+TEST(LumoNode, AnswersSqlWithRowsInTheFourthString) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  Ask(peer, "create table t(a, b); insert into t values (1, 'x'), (2, 'y')");
+  Message request = Request("select * from t order by a", 0xABCD);
+  request.Prior = 5;
+  request.Trailer[20] = 99;
+  peer.SendMessage(request);
+  const auto answer = Read(peer);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[3], "1\tx\n2\ty");
+  EXPECT_EQ(answer->CodErr, 0);
+  EXPECT_EQ(answer->RowCount, 2);
+  EXPECT_EQ(answer->LnBufRow, 7);
+  EXPECT_EQ(answer->TaskName, 4321);
+  EXPECT_EQ(answer->Prior, 5);
+  EXPECT_EQ(lumo::NodeText(*answer), "SRV");
+  EXPECT_EQ(answer->Trailer, request.Trailer);
+  EXPECT_EQ(answer->Strings[0], "");
+}
+
+TEST(LumoNode, ErrorOfTheDatabaseComesWithItsMessage) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select * from nowhere"));
+  const auto answer = Read(peer);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->CodErr, 1);
+  EXPECT_EQ(answer->RowCount, 0);
+  EXPECT_EQ(answer->Strings[3], "no such table: nowhere");
+}
+
+TEST(LumoNode, ValuesThatWouldBreakTheTextAreEscaped) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  EXPECT_EQ(Ask(peer, "select 'a' || char(9) || char(10) || '\\', null, x'00ff'"),
+            "a\\t\\n\\\\\t\\N\tX'00FF'");
+}
+
+TEST(LumoNode, ResultTooLongForOneMessageIsCutAtARowEndAndSaysSo) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(
+      Request("with recursive c(x) as (select 10000 union all select x + 1 from c where x < 19999) "
+              "select x from c"));
+  const auto frame = peer.ReadFrame();
+  ASSERT_TRUE(frame);
+  EXPECT_LE(frame->size(), lumo::kMaxMessage);
+  const auto answer = lumo::Decode(*frame);
+  ASSERT_TRUE(answer);
+  const std::string& text = answer->Strings[3];
+  const std::string mark = "\n[cut after " + std::to_string(answer->RowCount) + " of 10000 rows]";
+  ASSERT_GT(text.size(), mark.size());
+  EXPECT_EQ(text.substr(text.size() - mark.size()), mark);
+  EXPECT_EQ(text.size() - mark.size(), static_cast<std::size_t>(answer->RowCount) * 6 - 1);
+  EXPECT_EQ(answer->LnBufRow, text.size());
+  EXPECT_GT(answer->RowCount, 1300);
+}
+
+TEST(LumoNode, ResultThatJustFitsIsNotCut) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  EXPECT_EQ(Ask(peer, "select printf('%.8080c', 'x')"), std::string(8080, 'x'));
+  EXPECT_EQ(Ask(peer, "select printf('%.8081c', 'x')"), "[cut after 0 of 1 rows]");
+}
+
+TEST(LumoNode, LinkTestIsAnsweredWithSuccess) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  Message request = Request("");
+  request.Command = "TS T";
+  peer.SendMessage(request);
+  const auto answer = Read(peer);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->CodErr, 0);
+  EXPECT_TRUE(node.WaitForStderr("link test"));
+}
+
+TEST(LumoNode, ControlPacketsAreLogged) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  peer.SendControl({0, 5});
+  peer.SendControl({1, (30U << 16) | 0x5555});
+  peer.SendControl({1, 0});
+  peer.SendControl({2, 1234});
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  const std::string log = node.Stderr();
+  for (const char* event : {" ReceiveTimeout 5\n", " SendTimeout 30\n", " alive\n",
+                            " CKIL pid 1234\n", "request task 777 index 1: select 1\n"})
+    EXPECT_NE(log.find(event), std::string::npos) << event;
+}
+
+TEST(LumoNode, LogGoesToAFile) {
+  test::TemporaryDirectory folder;
+  NodeProgram node({"--listen", "0", "--log", folder.Path() / "log"});
+  test::Peer peer = Connect(node);
+  Ask(peer, "select 1");
+  EXPECT_NE(test::ReadFile(folder.Path() / "log").find("select 1"), std::string::npos);
+  EXPECT_EQ(node.Stderr(), "");
+}
+
+TEST(LumoNode, RequestInPiecesIsPutTogether) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  const std::string frame = lumo::Encode(Request("select 42"), lumo::Lengths::Packet);
+  for (const char byte : frame) peer.SendBytes({&byte, 1});
+  const auto answer = Read(peer);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[3], "42");
+}
+
+TEST(LumoNode, DatabaseFileOutlivesTheNode) {
+  test::TemporaryDirectory folder;
+  test::WriteFile(folder.Path() / "init", "create table t(a); insert into t values ('kept');");
+  const std::string file = folder.Path() / "data";
+  NodeProgram first({"--listen", "0", "--database", file, "--init", folder.Path() / "init"});
+  EXPECT_EQ(first.Stop(), 0);
+  NodeProgram second({"--listen", "0", "--database", file, "--sql", "insert into t values (2)"});
+  test::Peer peer = Connect(second);
+  EXPECT_EQ(Ask(peer, "select a from t order by rowid"), "kept\n2");
+}
+
+TEST(LumoNode, OutOfOrderAnswersAreReversed) {
+  NodeProgram node({"--listen", "0", "--out-of-order", "3"});
+  test::Peer peer = Connect(node);
+  for (std::uint16_t i = 1; i <= 3; ++i) peer.SendMessage(Request("select 1", i));
+  for (std::uint16_t i = 3; i >= 1; --i) {
+    const auto answer = Read(peer);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->AstInd(), i);
+  }
+}
+
+TEST(LumoNode, DelayedAnswerComesAfterItsTime) {
+  NodeProgram node({"--listen", "0", "--delay", "200"});
+  test::Peer peer = Connect(node);
+  const auto start = test::Clock::now();
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  EXPECT_GE(test::Clock::now() - start, test::Milliseconds(200));
+}
+
+TEST(LumoNode, SilentNodeLogsButDoesNotAnswer) {
+  NodeProgram node({"--listen", "0", "--silent"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select 1"));
+  EXPECT_TRUE(node.WaitForStderr("select 1"));
+  EXPECT_TRUE(peer.Silent());
+}
+
+TEST(LumoNode, ConnectionIsClosedAtItsNthPacketAndTheNextOneStartsAnew) {
+  NodeProgram node({"--listen", "0", "--close-after", "2"});
+  for (int i = 0; i < 2; ++i) {
+    test::Peer peer = Connect(node);
+    EXPECT_EQ(Ask(peer, "select 1"), "1");
+    peer.SendMessage(Request("select 2"));
+    EXPECT_FALSE(peer.ReadFrame());
+    EXPECT_TRUE(peer.ReadEnd());
+  }
+}
+
+TEST(LumoNode, TwiceSendsEachAnswerTwice) {
+  NodeProgram node({"--listen", "0", "--twice"});
+  test::Peer peer = Connect(node);
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  const auto again = Read(peer);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->Strings[3], "1");
+}
+
+TEST(LumoNode, MalformedLengthIsBeyondTheLargestPacket) {
+  NodeProgram node({"--listen", "0", "--malformed", "length"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select 1"));
+  EXPECT_GT(FirstWord(test::ReadRaw(peer.Socket(), 4)), lumo::kMaxMessage);
+}
+
+TEST(LumoNode, MalformedZeroHasALengthOfNothing) {
+  NodeProgram node({"--listen", "0", "--malformed", "zero"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select 1"));
+  EXPECT_EQ(test::ReadRaw(peer.Socket(), 4), std::string(4, '\0'));
+}
+
+TEST(LumoNode, MalformedStringsLeaveThePacket) {
+  NodeProgram node({"--listen", "0", "--malformed", "strings"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select 1"));
+  const auto frame = peer.ReadFrame();
+  ASSERT_TRUE(frame);
+  EXPECT_FALSE(lumo::Decode(*frame));
+}
+
+TEST(LumoNode, TruncatedPacketEndsWithTheConnection) {
+  NodeProgram node({"--listen", "0", "--malformed", "truncated"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(Request("select 1"));
+  const std::string got = test::ReadRaw(peer.Socket(), 65536);
+  ASSERT_GE(got.size(), 4U);
+  EXPECT_LT(got.size(), FirstWord(got) + 4);
+}
+
+TEST(LumoNode, LocalSocketGreetsAnswersAndIsRemovedAtTheEnd) {
+  test::TemporaryDirectory folder;
+  const std::string path = folder.Path() / "tavrin.77";
+  NodeProgram node({"--local", "77"}, {{"TAVRIN_TMP", folder.Path()}});
+  EXPECT_EQ(node.Stdout(), "listening on local " + path + "\n");
+  auto connection = lumo::Connection::Open(path);
+  ASSERT_TRUE(connection);
+  EXPECT_EQ(connection->AgentPid(), node.Pid());
+  const auto answer = connection->Ask(Request("select 7"), 15000);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[3], "7");
+  Message death;
+  death.Command = "CKIL";
+  death.SetTrailerTaskName(4711);
+  connection->SendFrame(lumo::Encode(death, lumo::Lengths::Client));
+  EXPECT_TRUE(node.WaitForStderr(" CKIL pid 4711\n"));
+  EXPECT_EQ(node.Stop(SIGINT), 0);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(LumoNode, LocalSocketInUseIsRefused) {
+  test::TemporaryDirectory folder;
+  NodeProgram node({"--local", "77"}, {{"TAVRIN_TMP", folder.Path()}});
+  test::Program second(LUMO_NODE_PATH, {"--local", "77"}, {{"TAVRIN_TMP", folder.Path()}});
+  EXPECT_EQ(second.Wait(), 1);
+  EXPECT_NE(second.Stderr().find("already"), std::string::npos);
+}
+
+class LumoNodeIpc : public ::testing::Test {
+ protected:
+  LumoNodeIpc() {
+    std::random_device random;
+    do {
+      key_ = static_cast<int>(0x4E000000U | (random() & 0xFFFFFF));
+    } while (shmget(key_, 0, 0) >= 0);
+  }
+  ~LumoNodeIpc() override {
+    if (const int id = msgget(key_, 0); id >= 0) msgctl(id, IPC_RMID, nullptr);
+    if (const int id = semget(key_, 0, 0); id >= 0) semctl(id, 0, IPC_RMID);
+    if (const int id = shmget(key_, 0, 0); id >= 0) shmctl(id, IPC_RMID, nullptr);
+  }
+  std::vector<std::string> Options() const { return {"--ipc", std::to_string(key_)}; }
+  bool ObjectsExist() const {
+    return msgget(key_, 0) >= 0 || semget(key_, 0, 0) >= 0 || shmget(key_, 0, 0) >= 0;
+  }
+  std::int32_t SegmentPid() const {
+    const void* const at = shmat(shmget(key_, 0, 0), nullptr, SHM_RDONLY);
+    std::int32_t pid;
+    std::memcpy(&pid, at, sizeof pid);
+    shmdt(at);
+    return pid;
+  }
+
+  struct QueueMessage {
+    long Type;
+    char Body[lumo::kMaxMessage];
+  };
+  void Send(const Message& request) const {
+    const std::string frame = lumo::Encode(request, lumo::Lengths::Packet);
+    QueueMessage message{.Type = 1, .Body = {}};
+    std::memcpy(message.Body, frame.data() + 4, frame.size() - 4);
+    ASSERT_EQ(msgsnd(msgget(key_, 0), &message, frame.size() - 4, 0), 0);
+    sembuf give{0, 1, 0};
+    ASSERT_EQ(semop(semget(key_, 1, 0), &give, 1), 0);
+  }
+  std::optional<Message> Receive(long type) const {
+    QueueMessage message;
+    ssize_t size = -1;
+    test::WaitFor([&] {
+      size = msgrcv(msgget(key_, 0), &message, sizeof message.Body, type, IPC_NOWAIT);
+      return size >= 0;
+    });
+    if (size < 0) return std::nullopt;
+    return lumo::Decode(std::string(4, '\0') +
+                        std::string(message.Body, static_cast<std::size_t>(size)));
+  }
+
+  int key_ = 0;
+};
+
+TEST_F(LumoNodeIpc, AnswersGoToTheProcessThatTheRequestNames) {
+  NodeProgram node(Options());
+  EXPECT_EQ(SegmentPid(), node.Pid());
+  Message request = Request("select 5", 9);
+  request.TaskName = getpid();
+  Send(request);
+  const auto answer = Receive(getpid());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[3], "5");
+  EXPECT_EQ(answer->TrailerTaskName(), 777);
+  EXPECT_EQ(answer->AstInd(), 9);
+  EXPECT_EQ(semctl(semget(key_, 1, 0), 0, GETVAL), 0);
+}
+
+TEST_F(LumoNodeIpc, LargestAnswerFitsTheQueue) {
+  NodeProgram node(Options());
+  Message request = Request("select printf('%.8080c', 'x')");
+  request.TaskName = getpid();
+  Send(request);
+  const auto answer = Receive(getpid());
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[3].size(), 8080U);
+}
+
+TEST_F(LumoNodeIpc, ObjectsAreRemovedOnSigterm) {
+  NodeProgram node(Options());
+  EXPECT_TRUE(ObjectsExist());
+  EXPECT_EQ(node.Stop(), 0);
+  EXPECT_FALSE(ObjectsExist());
+}
+
+TEST_F(LumoNodeIpc, ObjectsOfAKilledNodeAreReplaced) {
+  NodeProgram first(Options());
+  EXPECT_EQ(first.Stop(SIGKILL), -SIGKILL);
+  EXPECT_TRUE(ObjectsExist());
+  NodeProgram second(Options());
+  EXPECT_EQ(SegmentPid(), second.Pid());
+}
+
+TEST_F(LumoNodeIpc, KeyOfALivingNodeIsRefused) {
+  NodeProgram first(Options());
+  test::Program second(LUMO_NODE_PATH, Options());
+  EXPECT_EQ(second.Wait(), 1);
+  EXPECT_EQ(SegmentPid(), first.Pid());
+}
+
+TEST(LumoNode, SigtermEndsAnEndlessStatement) {
+  NodeProgram node({"--listen", "0"});
+  test::Peer peer = Connect(node);
+  peer.SendMessage(
+      Request("with recursive c(x) as (select 1 union all select x + 1 from c) "
+              "select count(*) from c"));
+  EXPECT_TRUE(node.WaitForStderr("with recursive"));
+  EXPECT_EQ(node.Stop(), 0);
+}
+
+TEST(LumoNode, BadCommandLinesEndWithStatusTwo) {
+  const std::vector<std::vector<std::string>> lines{
+      {},
+      {"--listen", "70000"},
+      {"--ipc", "0"},
+      {"--ipc", "12x"},
+      {"--listen", "0", "--malformed", "odd"},
+      {"--listen", "0", "--no-such-option"},
+  };
+  for (const auto& line : lines) {
+    test::Program node(LUMO_NODE_PATH, line);
+    EXPECT_EQ(node.Wait(), 2) << testing::PrintToString(line);
+  }
+}
+
+TEST(LumoNode, BadSqlAtTheStartEndsWithStatusOne) {
+  test::Program node(LUMO_NODE_PATH, {"--listen", "0", "--sql", "nonsense"});
+  EXPECT_EQ(node.Wait(), 1);
+  EXPECT_NE(node.Stderr().find("syntax error"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+// A client application of the agent.
+#pragma once
+#include <cstdint>
+#include <optional>
+#include <source_location>
+#include <string>
+#include <string_view>
+
+#include "tests/support/agent.h"
+#include "tools/client/connection.h"
+#include "tools/client/message_codec.h"
+
+namespace test {
+
+using Place = std::source_location;  // of the line in the test, for its failures
+
+class Client {
+ public:
+  explicit Client(const Agent& agent);  // connects; the task name is this process's id
+  Client(const Agent& agent, std::int32_t taskName);
+
+  bool Connected() const { return connection_ && !connection_->Lost(); }
+  lumo::Connection& Connection();
+  std::int32_t TaskName() const { return taskName_; }
+  void SetTaskName(std::int32_t taskName) { taskName_ = taskName; }
+
+  // A request with the next tag, not sent. An empty node means the default one.
+  lumo::Message Request(const std::string& node = {}, const std::string& text = {});
+  lumo::Message Send(const std::string& node = {}, const std::string& text = {});
+  bool SendMessage(const lumo::Message& message);
+  bool SendBytes(std::string_view bytes);
+
+  // Without a failure of the test when nothing comes.
+  std::optional<std::string> ReceiveFrame(Milliseconds timeout = kPatience);
+  std::optional<lumo::Message> Receive(Milliseconds timeout = kPatience);
+
+  // The next message is the answer to this request; returned for further looks.
+  lumo::Message ExpectAnswer(const lumo::Message& request, const Place& place = Place::current());
+  // Send and ExpectAnswer: for a node that answers by itself (EchoNode).
+  lumo::Message Ask(const std::string& node, const std::string& text,
+                    const Place& place = Place::current());
+  // The next message is the agent's own answer with these codes, exact to the byte.
+  void ExpectError(const lumo::Message& request, int codErr, int sysErr,
+                   const Place& place = Place::current());
+  // Nothing has come: the agent's answer to a management command sent now is the next message.
+  void ExpectNothing(const Place& place = Place::current());
+  // The agent closes the connection, and nothing comes before.
+  void ExpectClosed(const Place& place = Place::current());
+  void Close();
+
+ private:
+  std::int32_t taskName_;
+  std::uint16_t lastAstInd_ = 0;
+  std::optional<lumo::Connection> connection_;
+};
+
+// The answer that the agent makes itself, as it goes over the connection.
+std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr);
+
+// A connection without a greeting read, for the bytes themselves; -1 when refused.
+int ConnectRaw(const std::string& path);
+// Up to `size` bytes; less when the time is over or the peer closed.
+std::string ReadRaw(int socket, std::size_t size, Milliseconds timeout = kPatience);
+
+}  // namespace test

@@ -1,0 +1,221 @@
+#include "tests/support/kernel.h"
+
+#include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+namespace test {
+namespace {
+
+constexpr int kKeyFamily = 0x4C550000;  // all keys of these tests
+constexpr int kKeyFamilyMask = 0x7FFF0000;
+constexpr std::size_t kLargestBody = 8188;
+
+int RandomBelow(int limit) {
+  std::random_device random;
+  return std::uniform_int_distribution<int>(1, limit - 1)(random);
+}
+
+// The kernel is named by a number that no other socket in the directory has.
+int FreeNumber(const Agent& agent) {
+  int number = 0;
+  do {
+    number = RandomBelow(1000000);
+  } while (number == agent.ExchangeId() || access(agent.SocketPath(number).c_str(), F_OK) == 0);
+  return number;
+}
+
+int ListenOn(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path)
+    throw std::runtime_error("the temporary directory's path is too long for a socket");
+  std::memcpy(address.sun_path, path.data(), path.size());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 16) != 0)
+    throw std::runtime_error("the local kernel's socket cannot be made");
+  return fd;
+}
+
+struct QueueMessage {
+  long Type = 0;
+  char Body[kLargestBody] = {};
+};
+
+// The objects are found by their key, so that a failed removal cannot hide them.
+void RemoveObjects(int key) {
+  const int queue = msgget(key, 0), semaphore = semget(key, 0, 0), segment = shmget(key, 0, 0);
+  if (queue >= 0) msgctl(queue, IPC_RMID, nullptr);
+  if (semaphore >= 0) semctl(semaphore, 0, IPC_RMID);
+  if (segment >= 0) shmctl(segment, IPC_RMID, nullptr);
+}
+
+std::set<int>& LiveKeys() {
+  static std::set<int> keys;
+  return keys;
+}
+
+void RemoveAllAtExit() {
+  for (const int key : LiveKeys()) RemoveObjects(key);
+}
+
+// The segment is made first and removed last, and the system knows who made it: with its maker
+// gone, all under its key is a leftover.
+void RemoveLeftovers() {
+  std::ifstream table("/proc/sysvipc/shm");
+  std::string line;
+  for (std::getline(table, line); std::getline(table, line);) {
+    std::istringstream fields(line);
+    int key = 0, id = 0, mode = 0;
+    unsigned long size = 0;
+    pid_t maker = 0;
+    fields >> key >> id >> mode >> size >> maker;
+    if (fields && (key & kKeyFamilyMask) == kKeyFamily && !ProcessRuns(maker)) RemoveObjects(key);
+  }
+}
+
+}  // namespace
+
+LocalKernel::LocalKernel(const Agent& agent)
+    : Peer(lumo::Lengths::Client), listener_(-1), number_(FreeNumber(agent)) {
+  path_ = agent.SocketPath(number_);
+  listener_ = ListenOn(path_);
+}
+
+LocalKernel::~LocalKernel() { StopListening(); }
+
+bool LocalKernel::Accept(const std::string& greeting, Milliseconds timeout) {
+  const int fd = AcceptWithin(listener_, timeout);
+  if (fd < 0) return false;
+  static_cast<Peer&>(*this) = Peer(lumo::Lengths::Client, fd);
+  return greeting.empty() || Peer::SendBytes(greeting);
+}
+
+void LocalKernel::StopListening() {
+  if (listener_ < 0) return;
+  close(listener_);
+  unlink(path_.c_str());
+  listener_ = -1;
+}
+
+std::string LocalKernel::Line(const std::string& name, const std::string& protocol) const {
+  return name + " " + protocol + " " + std::to_string(number_) + "\n";
+}
+
+IpcKernel::IpcKernel(pid_t kernelPid) : key_(0) {
+  static const bool kRegistered = (RemoveLeftovers(), std::atexit(RemoveAllAtExit) == 0);
+  for (int attempt = 0; kRegistered && attempt < 100 && segment_ < 0; ++attempt) {
+    key_ = kKeyFamily | RandomBelow(0x10000);
+    segment_ = shmget(key_, 4096, IPC_CREAT | IPC_EXCL | 0600);
+  }
+  if (segment_ < 0) throw std::runtime_error("no shared memory can be made");
+  LiveKeys().insert(key_);
+  queue_ = msgget(key_, IPC_CREAT | IPC_EXCL | 0600);
+  semaphore_ = semget(key_, 1, IPC_CREAT | IPC_EXCL | 0600);
+  if (queue_ < 0 || semaphore_ < 0) throw std::runtime_error("no queue or semaphore can be made");
+  SetKernelPid(kernelPid ? kernelPid : getpid());
+}
+
+IpcKernel::~IpcKernel() {
+  RemoveObjects(key_);
+  LiveKeys().erase(key_);
+}
+
+void IpcKernel::SetKernelPid(pid_t pid) {
+  void* const memory = shmat(segment_, nullptr, 0);
+  const std::int32_t word = pid;
+  std::memcpy(memory, &word, sizeof word);
+  shmdt(memory);
+}
+
+std::optional<IpcKernel::Request> IpcKernel::ReadRequest(Milliseconds timeout) {
+  QueueMessage received;
+  ssize_t size = -1;
+  WaitFor(
+      [&] {
+        size = msgrcv(queue_, &received, sizeof received.Body, 1, IPC_NOWAIT);
+        return size >= 0;
+      },
+      timeout);
+  if (size < 0) {
+    ADD_FAILURE() << "no request comes through the queue";
+    return std::nullopt;
+  }
+  // Decode wants a length word, which it does not look at.
+  const std::string frame =
+      std::string(4, '\0') + std::string(received.Body, static_cast<std::size_t>(size));
+  const std::optional<lumo::Message> message = lumo::Decode(frame);
+  if (!message) {
+    ADD_FAILURE() << "not a message: " << testing::PrintToString(frame);
+    return std::nullopt;
+  }
+  return Request{*message, message->TaskName};
+}
+
+bool IpcKernel::Answer(const Request& request, const std::string& text, int codErr) {
+  return SendMessage(request.Reader, AnswerTo(request.Message, text, codErr));
+}
+
+bool IpcKernel::SendMessage(pid_t reader, const lumo::Message& message) {
+  return SendBytes(reader, lumo::Encode(message, lumo::Lengths::Packet).substr(4));
+}
+
+bool IpcKernel::SendBytes(pid_t reader, const std::string& body) {
+  QueueMessage sent;
+  sent.Type = reader;
+  const std::size_t size = std::min(body.size(), sizeof sent.Body);
+  std::memcpy(sent.Body, body.data(), size);
+  return WaitFor([&] { return msgsnd(queue_, &sent, size, IPC_NOWAIT) == 0 || errno != EAGAIN; }) &&
+         size == body.size();
+}
+
+int IpcKernel::SemaphoreValue() const { return semctl(semaphore_, 0, GETVAL); }
+
+int IpcKernel::QueuedMessages() const {
+  msqid_ds state{};
+  return msgctl(queue_, IPC_STAT, &state) == 0 ? static_cast<int>(state.msg_qnum) : -1;
+}
+
+constexpr long kFillerType = 0x7FFFFFFF;  // above every process id
+
+void IpcKernel::FillQueue() {
+  QueueMessage filler;
+  filler.Type = kFillerType;
+  for (std::size_t size = 4096; size > 0; size /= 2) {
+    while (msgsnd(queue_, &filler, size, IPC_NOWAIT) == 0) {
+    }
+  }
+}
+
+void IpcKernel::DrainQueue() {
+  QueueMessage filler;
+  while (msgrcv(queue_, &filler, sizeof filler.Body, kFillerType, IPC_NOWAIT) >= 0) {
+  }
+}
+
+void IpcKernel::RemoveSegment() { shmctl(segment_, IPC_RMID, nullptr); }
+void IpcKernel::RemoveQueue() { msgctl(queue_, IPC_RMID, nullptr); }
+void IpcKernel::RemoveSemaphore() { semctl(semaphore_, 0, IPC_RMID); }
+bool IpcKernel::CanAttach() const { return shmget(key_, 0, 0) >= 0; }
+
+std::string IpcKernel::Line(const std::string& name) const {
+  return name + " LOCALI " + std::to_string(key_) + "\n";
+}
+
+}  // namespace test

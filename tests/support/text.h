@@ -1,0 +1,20 @@
+// Looking at texts.
+#pragma once
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// How often a word occurs.
+std::size_t Count(const std::string& text, const std::string& word);
+std::vector<std::string> Lines(const std::string& text);
+
+// The whole text and the groups when all of it matches an extended regular expression, else empty.
+// (The standard library's <regex> does not compile without warnings under the sanitizers.)
+std::vector<std::string> Match(const std::string& text, const std::string& expression);
+inline bool Matches(const std::string& text, const std::string& expression) {
+  return !Match(text, expression).empty();
+}
+
+}  // namespace test
