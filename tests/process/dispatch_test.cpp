@@ -1,0 +1,339 @@
+// Which node a request goes to, what its client hears when that node is not there, and that an
+// answer reaches the connection that asked and no other.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/kernel.h"
+#include "tests/support/node.h"
+#include "tests/support/process.h"
+#include "tools/client/management.h"
+
+namespace test {
+namespace {
+
+constexpr char kSendFailed9[] = "Send to client fail. Call:send. errno 9";
+
+TEST(Dispatch, ARequestReachesTheNodeThatItNames) {
+  EchoNode a, b;
+  Agent agent;
+  agent.Nodetab(a.Line("A") + b.Line("B"));
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  EXPECT_EQ(client.Ask("B", "to b").Strings[0], "to b");
+  EXPECT_EQ(client.Ask("A", "to a").Strings[0], "to a");
+  EXPECT_EQ(client.Ask("B", "to b again").Strings[0], "to b again");
+  EXPECT_EQ(a.Served(), 1);
+  EXPECT_EQ(b.Served(), 2);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
+  EchoNode a, b;
+  Agent agent;
+  agent.Nodetab(a.Line("AB") + b.Line("ABCDEFGH"));
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  int served = 0;
+  for (const std::string name : {"AB", "ab", "ab      ", "aB cd", "AB \xFFyz"}) {
+    client.Ask(name, "text");
+    EXPECT_EQ(a.Served(), ++served) << name;
+  }
+  client.Ask("abcdefgh", "text");
+  EXPECT_EQ(b.Served(), 1);
+  client.ExpectError(client.Send("ABC"), 4050, 0);
+  client.ExpectError(client.Send("ABCDEFG"), 4050, 0);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
+  EchoNode a, b;
+  Agent agent;
+  agent.Nodetab(a.Line("A") + b.Line("B")).Options({"-DEFAULT", "B"});
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  int served = 0;
+  for (const std::string& name :
+       {std::string(), std::string(8, ' '), std::string(" A"), std::string("\0A", 2)}) {
+    client.Ask(name, "text");
+    EXPECT_EQ(b.Served(), ++served) << testing::PrintToString(name);
+  }
+  EXPECT_EQ(a.Served(), 0);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, AnUnknownNodeIsAnsweredWith4050) {
+  Agent agent;
+  agent.Trace();
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  client.ExpectError(client.Send("NOBODY"), 4050, 0);
+  EXPECT_TRUE(agent.Logged(
+      15, "clntxch", "Node name NOBODY dasn't correspondence to the nodetab file information"));
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
+  EchoNode node;
+  Agent agent;
+  agent.Nodetab(node.Line("SRV"));
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  for (const char* name : {"", "SRV", "NOBODY"}) {
+    lumo::Message request = lumo::ManagementRequest(100);
+    request.Node = name;
+    client.SendMessage(request);
+    const auto frame = client.ReceiveFrame();
+    ASSERT_TRUE(frame);
+    const auto answer = lumo::DecodeManagementAnswer(*frame);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->CodErr, 0) << name;
+    EXPECT_EQ(answer->Result, 1) << name;
+  }
+  EXPECT_EQ(node.Served(), 0);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, WithoutAnyLinkOnlyManagementIsServed) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  const lumo::Answer deleted = lumo::DeleteDefaultNode(agent.Control());
+  ASSERT_TRUE(deleted);
+  EXPECT_EQ(deleted->Result, lumo::kDone);
+  Client client(agent);
+  client.ExpectError(client.Send(""), 4050, 0);
+  client.ExpectError(client.Send("NOWHERE"), 4050, 0);
+  const lumo::Answer count = lumo::CountNodes(client.Connection());
+  ASSERT_TRUE(count);
+  EXPECT_EQ(count->Result, 0);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, AnUnsupportedProtocolIsAnsweredWith4066AndNoSystemError) {
+  for (const char* level : {"0", "15"}) {
+    Agent agent;
+    agent.LogLevel(level);
+    ASSERT_TRUE(agent.Start());
+    Client client(agent);
+    client.ExpectError(client.Send("NOWHERE"), 4066, 0);
+    client.ExpectError(client.Send(""), 4066, 0);
+    EXPECT_EQ(agent.Stop(), 0);
+  }
+}
+
+TEST(Dispatch, AFailedConnectIsAnsweredWithItsOwnErrorAtEveryTraceLevel) {
+  for (const char* level : {"0", "2", "15"}) {
+    Agent agent;
+    LocalKernel kernel(agent);
+    kernel.StopListening();
+    agent.Nodetab(kernel.Line("K") + "REZ REZ\n").LogLevel(level);
+    ASSERT_TRUE(agent.Start());
+    Client client(agent);
+    client.ExpectError(client.Send("K"), 4006, ENOENT);
+    client.ExpectError(client.Send("REZ"), 4066, 0);
+    client.ExpectError(client.Send("K"), 4006, ENOENT);
+    EXPECT_EQ(agent.Stop(), 0);
+  }
+}
+
+TEST(Dispatch, RequestsWaitWhileTheirLinkConnects) {
+  Node node;
+  Agent agent;
+  agent.Nodetab(node.Line("SRV")).Trace();
+  ASSERT_TRUE(agent.Start());
+  node.Stall();
+  Client client(agent);
+  std::vector<lumo::Message> requests;
+  for (const char* name : {"", "SRV", ""}) requests.push_back(client.Send(name, "text"));
+  client.ExpectNothing();
+  EXPECT_TRUE(agent.LogContains("Leave SUCCESS connect in progress. Message saved"));
+  node.Unstall();
+  agent.Tick();
+  ASSERT_TRUE(node.Accept());
+  for (const lumo::Message& request : requests) {
+    const auto received = node.ReadRequest();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->AstInd(), request.AstInd());
+    node.Answer(*received, "row");
+    client.ExpectAnswer(request);
+  }
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
+  for (const bool err1001 : {false, true}) {
+    Node node;
+    Agent agent;
+    agent.Nodetab(node.Line("SRV")).Option("-CONNERROR").Trace();
+    if (err1001) agent.Option("-ERR1001");
+    ASSERT_TRUE(agent.Start());
+    node.Stall();
+    Client client(agent);
+    client.ExpectError(client.Send("SRV"), err1001 ? 1001 : 4006, EINPROGRESS);
+    client.ExpectError(client.Send(""), err1001 ? 1001 : 4006, EINPROGRESS);
+    EXPECT_TRUE(
+        agent.Logged(15, "clntxch", "Connection is in progress state. return error to client"));
+    node.Unstall();
+    agent.Tick();
+    ASSERT_TRUE(node.Accept());
+    agent.Barrier();
+    const lumo::Message request = client.Send("SRV", "now");
+    const auto received = node.ReadRequest();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->Strings[0], "now") << "the requests answered before are not sent";
+    node.Answer(*received);
+    client.ExpectAnswer(request);
+    EXPECT_EQ(agent.Stop(), 0);
+  }
+}
+
+TEST(Dispatch, ARequestForAFailedDefaultFollowsItToTheNextNode) {
+  EchoNode node;
+  Agent agent;
+  agent.Nodetab("A REZ\n" + node.Line("B")).Option("-AUTOCONNECT").Trace();
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
+  EXPECT_TRUE(agent.Logged(15, "clntxch", "It's default link. Try set new default link"));
+  EXPECT_TRUE(agent.Logged(1, "", "Set link  B as default"));
+  client.ExpectError(client.Send("A"), 4066, 0);
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, TheStepsOfARequestAreTraced) {
+  EchoNode node;
+  Agent agent;
+  agent.Nodetab(node.Line("SRV")).Trace();
+  ASSERT_TRUE(agent.Start());
+  Client client(agent);
+  client.Ask("SRV", "one");
+  client.Ask("SRV", "two");
+  for (const char* text :
+       {"Link SRV is disconnect state. Try up the link",
+        "Link SRV is already connect state. Try send message", "Link SRV SUCESS send message"})
+    EXPECT_EQ(agent.CountLogged(15, "clntxch", text), 1) << text;
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(Dispatch, AClientIsReportedDeadToEveryNodeThatItUsed) {
+  Node a, b;
+  Agent agent;
+  agent.Nodetab(a.Line("A") + b.Line("B"));
+  ASSERT_TRUE(agent.Start());
+  LivingProcess process;
+  const auto pid = static_cast<std::uint32_t>(process.Pid());
+  Client client(agent, process.Pid());
+  client.Send("A");
+  client.Send("B");
+  ASSERT_TRUE(a.Accept() && b.Accept());
+  ASSERT_TRUE(a.ReadRequest() && b.ReadRequest());
+  process.Kill();
+  agent.Tick();
+  EXPECT_EQ(a.ReadControl(), (Control{2, pid}));
+  EXPECT_EQ(b.ReadControl(), (Control{2, pid}));
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
+// A client hangs up with a request under way, and another gets the number of its connection.
+class ReusedConnection : public testing::Test {
+ protected:
+  void SetUp() override {
+    agent_.Nodetab(node_.Line("SRV")).Trace();
+    ASSERT_TRUE(agent_.Start());
+  }
+  void TearDown() override { EXPECT_EQ(agent_.Stop(), 0); }
+
+  // The agent's descriptor of the connection that was served last, other than the control one.
+  std::string LastSocket() {
+    const std::string log = agent_.Log(), mark = "'HandleMessageFromClientQueue' Call from ";
+    const std::size_t request = log.rfind("    CBL.Node=SRV");
+    const std::size_t at = log.find("(Socket = ", log.rfind(mark, request));
+    return log.substr(at, log.find(')', at) - at);
+  }
+  void ExpectSameSocket(Client& second) {
+    const std::string first = LastSocket();
+    second.Send("SRV", "second");
+    agent_.Barrier();
+    EXPECT_EQ(LastSocket(), first);
+  }
+
+  Node node_;
+  Agent agent_;
+};
+
+TEST_F(ReusedConnection, ALateAnswerReachesNobody) {
+  std::optional<Client> first(std::in_place, agent_);
+  first->Send("SRV", "first");
+  ASSERT_TRUE(node_.Accept());
+  const auto late = node_.ReadRequest();
+  ASSERT_TRUE(late);
+  first.reset();
+  agent_.Barrier();
+  Client second(agent_);
+  ExpectSameSocket(second);
+  const auto received = node_.ReadRequest();
+  ASSERT_TRUE(received);
+  // The same tag is no matter: only the oldest request with it is answered.
+  node_.Answer(*late, "for nobody");
+  ASSERT_TRUE(WaitFor([&] { return agent_.Logged(2, "clntxch", kSendFailed9); }));
+  second.ExpectNothing();
+  node_.Answer(*received, "for the second");
+  const std::optional<lumo::Message> answer = second.Receive();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[0], "for the second");
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kSendFailed9), 1);
+}
+
+TEST_F(ReusedConnection, ABrokenLinkTellsNobodyOfTheFirstOnesRequest) {
+  std::optional<Client> first(std::in_place, agent_);
+  first->Send("SRV", "first");
+  ASSERT_TRUE(node_.Accept());
+  ASSERT_TRUE(node_.ReadRequest());
+  const std::string socket = LastSocket();
+  first.reset();
+  agent_.Barrier();
+  Client second(agent_);
+  lumo::Message request = second.Request("SRV");
+  request.SetAstInd(77);
+  second.SendMessage(request);
+  ASSERT_TRUE(node_.ReadRequest());
+  EXPECT_EQ(LastSocket(), socket);
+  node_.Close();
+  second.ExpectError(request, 4009, 0);
+  second.ExpectNothing();
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kSendFailed9), 1);
+}
+
+TEST_F(ReusedConnection, AnAnswerToASavedRequestReachesNobody) {
+  node_.Stall();
+  std::optional<Client> first(std::in_place, agent_);
+  first->Send("SRV", "first");
+  agent_.Barrier();
+  first.reset();
+  agent_.Barrier();
+  Client second(agent_);
+  ExpectSameSocket(second);
+  node_.Unstall();
+  agent_.Tick();
+  ASSERT_TRUE(node_.Accept());
+  for (const char* text : {"first", "second"}) {
+    const auto received = node_.ReadRequest();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->Strings[0], text);
+    node_.Answer(*received, text);
+  }
+  const std::optional<lumo::Message> answer = second.Receive();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->Strings[0], "second");
+  second.ExpectNothing();
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kSendFailed9), 1);
+}
+
+}  // namespace
+}  // namespace test

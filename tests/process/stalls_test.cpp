@@ -1,0 +1,614 @@
+// No peer can stall the agent: clients and nodes that stop in the middle, more connections than
+// there are descriptors, and a stop while somebody does not read.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <deque>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/node.h"
+#include "tests/support/process.h"
+#include "tests/support/text.h"
+#include "tools/client/management.h"
+
+namespace test {
+namespace {
+
+constexpr std::size_t kLargest = 8188;
+const std::string kLargestText(8080, 't');  // makes a request of the largest size
+constexpr char kUnread[] = "Send to client fail. Call:send. errno 105";
+constexpr char kAcceptFailed[] = "Call accept has failed. Errno 24";
+
+// Sends as much as the peer takes now; the bytes that went.
+std::size_t SendNow(int socket, std::string_view bytes) {
+  const ssize_t sent = send(socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent < 0 ? 0 : static_cast<std::size_t>(sent);
+}
+
+// The test itself may need more descriptors than it was started with.
+bool AllowDescriptors(rlim_t count) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_cur >= count) return true;
+  limit.rlim_cur = count;
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+class Stalls : public testing::Test {
+ protected:
+  void Start(const std::string& nodetab) {
+    agent_.Nodetab(nodetab);
+    if (!agent_.Start()) throw std::runtime_error("no agent");
+  }
+  // The agent serves somebody else, whose tag nobody uses.
+  void ExpectServed(const std::string& node) {
+    Client other(agent_);
+    lumo::Message request = other.Request(node, "still there");
+    request.SetAstInd(0xE000);
+    other.SendMessage(request);
+    EXPECT_EQ(other.ExpectAnswer(request).Strings[0], "still there");
+  }
+  std::size_t Traced(const std::string& text) const { return Count(agent_.Log(), text); }
+
+  Agent agent_;
+};
+
+// Half frames
+
+TEST_F(Stalls, ARequestThatComesByteByByteHoldsNobodyUp) {
+  EchoNode node;
+  Start(node.Line("SRV"));
+  Client slow(agent_);
+  const lumo::Message request = slow.Request("SRV", "slow");
+  const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
+  for (std::size_t i = 0; i < frame.size(); ++i) {
+    slow.SendBytes(frame.substr(i, 1));
+    if (i % 20 == 3) ExpectServed("SRV");
+  }
+  EXPECT_EQ(slow.ExpectAnswer(request).Strings[0], "slow");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Stalls, HalvesOfManyClientsArePutTogetherEachForItself) {
+  EchoNode node;
+  Start(node.Line("SRV"));
+  std::deque<Client> clients;
+  std::vector<lumo::Message> requests;
+  for (std::size_t i = 0; i < 12; ++i) {
+    Client& client = clients.emplace_back(agent_);
+    requests.push_back(client.Request("SRV", std::string(100 * i, static_cast<char>('a' + i))));
+    const std::string frame = lumo::Encode(requests[i], lumo::Lengths::Client);
+    client.SendBytes(frame.substr(0, 2 + frame.size() * i / 12));
+  }
+  agent_.Barrier();
+  for (std::size_t i = 0; i < 12; ++i) {
+    const std::string frame = lumo::Encode(requests[i], lumo::Lengths::Client);
+    clients[i].SendBytes(frame.substr(2 + frame.size() * i / 12));
+    EXPECT_EQ(clients[i].ExpectAnswer(requests[i]).Strings[0], requests[i].Strings[0]);
+  }
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Stalls, AnAnswerThatStopsInTheMiddleHoldsNobodyUp) {
+  Node slow;
+  EchoNode node;
+  Start(slow.Line("SLOW") + node.Line("SRV"));
+  Client client(agent_);
+  const lumo::Message request = client.Send("SLOW");
+  ASSERT_TRUE(slow.Accept());
+  const auto received = slow.ReadRequest();
+  ASSERT_TRUE(received);
+  const std::string packet = lumo::Encode(AnswerTo(*received, "row"), lumo::Lengths::Packet);
+  for (const std::size_t part : {std::size_t{2}, std::size_t{60}}) {
+    slow.SendBytes(packet.substr(part == 2 ? 0 : 2, part == 2 ? 2 : part - 2));
+    ExpectServed("SRV");
+    client.ExpectNothing();
+  }
+  slow.SendBytes(packet.substr(60));
+  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "row");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Stalls, TheWatchdogRunsWhileAPacketIsIncomplete) {
+  Node node;
+  Start(node.Line("SRV", "0 4 0"));
+  Client client(agent_);
+  const lumo::Message request = client.Send("SRV");
+  ASSERT_TRUE(node.Accept());
+  EXPECT_EQ(node.ReadControl(), (Control{1, 0x00045555}));
+  const auto received = node.ReadRequest();
+  ASSERT_TRUE(received);
+  const std::string packet = lumo::Encode(AnswerTo(*received, "row"), lumo::Lengths::Packet);
+  agent_.Ticks(2);
+  node.SendBytes(packet.substr(0, packet.size() - 1));
+  agent_.Barrier();
+  agent_.Ticks(1);
+  client.ExpectNothing();
+  agent_.Tick();  // the fourth: a part of a packet does not wind the watchdog up
+  client.ExpectError(request, 4065, 0);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// A node that never stops sending
+
+class Flood : public Stalls {
+ protected:
+  void SetUp() override {
+    Start(node_.Line("SRV"));
+    Client client(agent_);
+    client.Send("SRV");
+    ASSERT_TRUE(node_.Accept());
+    ASSERT_TRUE(node_.ReadRequest());
+    thread_ = std::thread([this] {
+      std::string packets;
+      const std::uint32_t control[] = {8, 1, 0};
+      for (int i = 0; i < 5000; ++i)
+        packets.append(reinterpret_cast<const char*>(control), sizeof control);
+      while (!over_ && node_.SendBytes(packets)) continue;
+    });
+  }
+  void TearDown() override {
+    over_ = true;
+    if (agent_.Running()) agent_.Kill();  // ends a send that is under way
+    if (thread_.joinable()) thread_.join();
+  }
+
+  Node node_;
+  std::thread thread_;
+  std::atomic<bool> over_{false};
+};
+
+TEST_F(Flood, DoesNotKeepTheClientsFromBeingServed) {
+  Client client(agent_);
+  for (int i = 0; i < 5; ++i) {
+    const lumo::Answer one = lumo::AnswerOne(client.Connection());
+    ASSERT_TRUE(one) << "the agent serves nobody else";
+    EXPECT_EQ(one->Result, 1);
+  }
+  over_ = true;
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Flood, DoesNotHoldUpTheStop) { EXPECT_EQ(agent_.Stop(), 0); }
+
+TEST_F(Stalls, ALinkThatHasMuchToDeliverIsLeftForAPass) {
+  Node node;
+  agent_.Trace();
+  Start(node.Line("SRV"));
+  Client client(agent_);
+  const lumo::Message request = client.Send("SRV");
+  ASSERT_TRUE(node.Accept());
+  const auto received = node.ReadRequest();
+  ASSERT_TRUE(received);
+  node.Answer(*received);
+  client.ExpectAnswer(request);
+
+  agent_.Signal(SIGSTOP);
+  ASSERT_TRUE(WaitFor([&] { return ProcessStatus(agent_.Pid(), "State").rfind('T', 0) == 0; }));
+  const std::size_t before = Traced("'TcpReadyForRead' Call from");
+  for (int i = 0; i < 1200; ++i) node.SendControl({1, 0});
+  const lumo::Message other = client.Send("NOBODY");
+  agent_.Signal(SIGCONT);
+  client.ExpectError(other, 4050, 0);
+  const std::string log = agent_.Log();
+  const std::string first = log.substr(0, log.find("|    CBL.Node=NOBODY"));
+  const std::size_t inARow = Count(first, "'TcpReadyForRead' Call from") - before;
+  EXPECT_LE(inARow, 512u) << "256 in a row, and as many again at its turn in the pass";
+  EXPECT_TRUE(WaitFor([&] { return Traced("'TcpReadyForRead' Call from") >= before + 1200; }));
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// Clients that do not read
+
+TEST_F(Stalls, AClientThatNeverReadsIsClosedAtOneMebibyte) {
+  EchoNode node;
+  agent_.LogLevel("2");
+  Start(node.Line("SRV"));
+  Client deaf(agent_);
+  const lumo::Message request = deaf.Request("SRV", kLargestText);
+  const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
+  ASSERT_EQ(frame.size(), kLargest);
+  int sent = 0;
+  while (sent < 2000 && deaf.SendBytes(frame)) ++sent;
+  EXPECT_LT(sent, 2000) << "the connection is still open";
+  EXPECT_GT(static_cast<std::size_t>(sent) * kLargest, 1024u * 1024);
+  EXPECT_TRUE(agent_.WaitForLog(kUnread));
+  ExpectServed("SRV");
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kUnread), 1);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Stalls, AClientThatReadsLateGetsAllItsAnswersInOrder) {
+  EchoNode node;
+  Start(node.Line("SRV"));
+  Client late(agent_);
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < 100; ++i)  // less than a mebibyte, more than the system keeps
+    requests.push_back(late.Send("SRV", std::to_string(i) + kLargestText.substr(10)));
+  ASSERT_TRUE(WaitFor([&] { return node.Served() == 100; }));
+  ExpectServed("SRV");
+  for (const lumo::Message& request : requests)
+    ASSERT_EQ(late.ExpectAnswer(request).Strings[0], request.Strings[0]);
+  EXPECT_EQ(late.Ask("SRV", "on").Strings[0], "on");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(Stalls, AClientThatHangsUpWithAnswersUnsentIsFreed) {
+  EchoNode node;
+  agent_.LogLevel("2");
+  Start(node.Line("SRV"));
+  std::optional<Client> deaf(std::in_place, agent_);
+  ExpectServed("SRV");
+  agent_.Barrier();
+  const int before = OpenDescriptors(agent_.Pid());
+  for (int i = 0; i < 80; ++i) deaf->Send("SRV", kLargestText);
+  ASSERT_TRUE(WaitFor([&] { return node.Served() == 81; }));
+  agent_.Barrier();
+  deaf.reset();
+  EXPECT_TRUE(WaitFor([&] { return OpenDescriptors(agent_.Pid()) == before - 1; }));
+  ExpectServed("SRV");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// Nodes that do not read
+
+// A node that reads nothing, and clients that send as much as they can.
+class DeafNode : public Stalls {
+ protected:
+  void SetUp() override {
+    agent_.Trace();
+    Start(node_.Line("DEAF") + echo_.Line("SRV"));
+    client_.emplace(agent_);
+    client_->Send("DEAF");
+    ASSERT_TRUE(node_.Accept());
+    ASSERT_TRUE(node_.ReadRequest());
+  }
+  // Sends the same request until nobody takes any more; how many were sent whole.
+  int SendMany(Client& client, int most) {
+    const std::string frame =
+        lumo::Encode(client.Request("DEAF", kLargestText), lumo::Lengths::Client);
+    int sent = 0;
+    for (int idle = 0; sent < most && idle < 3;) {
+      const std::size_t taken = SendNow(client.Connection().Socket(), frame);
+      if (taken == frame.size()) {
+        ++sent;
+        idle = 0;
+        continue;
+      }
+      agent_.Barrier();
+      ++idle;
+      if (taken > 0) client.SendBytes(std::string_view(frame).substr(taken));
+      if (taken > 0) ++sent;
+    }
+    return sent;
+  }
+  std::size_t ForwardedRequests() const {
+    return Traced("|Need write 8188 bytes for link \"DEAF\"\n");
+  }
+
+  Node node_;
+  EchoNode echo_;
+  std::optional<Client> client_;
+};
+
+TEST_F(DeafNode, ItsClientsAreParkedAndTheOthersServed) {
+  constexpr int kTooMany = 2000;
+  const int sent = SendMany(*client_, kTooMany);
+  EXPECT_LT(sent, kTooMany) << "the agent takes whatever comes";
+  const std::size_t forwarded = ForwardedRequests();
+  EXPECT_GT(forwarded * kLargest, 64u * 1024);
+  EXPECT_LT(forwarded, static_cast<std::size_t>(sent));
+  ExpectServed("SRV");
+  agent_.Tick();
+  EXPECT_EQ(ForwardedRequests(), forwarded) << "nothing more is read of that client";
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(DeafNode, GetsEverythingInOrderOnceItReads) {
+  const int sent = SendMany(*client_, 2000);
+  std::uint16_t tag = 0;
+  for (int i = 0; i < sent; ++i) {
+    const auto request = node_.ReadRequest();
+    ASSERT_TRUE(request) << "request " << i << " of " << sent;
+    ASSERT_EQ(request->Strings[0].size(), kLargestText.size());
+    tag = request->AstInd();
+  }
+  agent_.Barrier();
+  EXPECT_TRUE(node_.Silent(Milliseconds(0)));
+  const lumo::Message last = client_->Request("DEAF", "after");
+  EXPECT_EQ(last.AstInd(), tag + 1);
+  client_->SendMessage(last);
+  const auto received = node_.ReadRequest();
+  ASSERT_TRUE(received);
+  node_.Answer(*received, "row");
+  EXPECT_EQ(client_->ExpectAnswer(last).Strings[0], "row");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(DeafNode, WritingOnIsNoConnecting) {
+  const int sent = SendMany(*client_, 2000);
+  ASSERT_GT(sent, 0);
+  const std::size_t before = Traced("'TcpReadyForWrite' Call from");
+  for (int i = 0; i < sent; ++i) ASSERT_TRUE(node_.ReadRequest());
+  agent_.Barrier();
+  EXPECT_EQ(Traced("'TcpReadyForWrite' Call from"), before);
+  EXPECT_EQ(agent_.CountLogged(1, "", "Link DEAF connected"), 1);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(DeafNode, ThatGoesAwayReleasesItsClients) {
+  SendMany(*client_, 2000);
+  const std::size_t forwarded = ForwardedRequests();
+  node_.StopListening();
+  node_.Reset();
+  // All that was sent is answered with an error, the parked requests included.
+  ASSERT_TRUE(agent_.WaitForLog("Disconnect link  DEAF"));
+  std::optional<lumo::Message> answer;
+  std::size_t answers = 0;
+  while (answers <= forwarded && (answer = client_->Receive())) {
+    ++answers;
+    EXPECT_NE(answer->CodErr, 0);
+  }
+  EXPECT_GT(answers, forwarded);
+  ExpectServed("SRV");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(DeafNode, DoesNotHoldUpTheStop) {
+  SendMany(*client_, 2000);
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_LT(Clock::now() - begin, Milliseconds(5000));
+}
+
+// Requests that wait for a link
+
+class SlowConnection : public Stalls {
+ protected:
+  void SetUp() override {
+    agent_.Trace();
+    Start(node_.Line("SRV"));
+    node_.Stall();
+  }
+  std::size_t Saved() const { return Traced("|'SaveUnsendMsg' Call from"); }
+  // So many are saved, and no more follow.
+  void ExpectSaved(std::size_t count) {
+    EXPECT_TRUE(WaitFor([&] { return Saved() >= count; }));
+    for (int i = 0; i < 3; ++i) agent_.Barrier();
+    EXPECT_EQ(Saved(), count);
+  }
+
+  Node node_;
+};
+
+TEST_F(SlowConnection, AConnectionMayHave32RequestsWaiting) {
+  Client eager(agent_), other(agent_);
+  for (int i = 0; i < 40; ++i) eager.Send("SRV", std::to_string(i));
+  ExpectSaved(32);
+  other.Send("SRV", "other");
+  ExpectSaved(33);
+  agent_.Tick();
+  ExpectSaved(33);
+
+  node_.Unstall();
+  agent_.Tick();
+  ASSERT_TRUE(node_.Accept());
+  std::vector<std::string> texts, expected;
+  for (int i = 0; i < 41; ++i) {
+    const auto request = node_.ReadRequest();
+    ASSERT_TRUE(request);
+    texts.push_back(request->Strings[0]);
+    expected.push_back(std::to_string(i < 32 ? i : i - 1));
+  }
+  expected[32] = "other";
+  EXPECT_EQ(texts, expected);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(SlowConnection, AParkedClientThatHangsUpIsNoticedAfterwards) {
+  std::optional<Client> eager(std::in_place, agent_);
+  agent_.Barrier();
+  const int before = OpenDescriptors(agent_.Pid());
+  for (int i = 0; i < 33; ++i) eager->Send("SRV");
+  ExpectSaved(32);
+  eager.reset();
+  node_.Unstall();
+  agent_.Tick();
+  ASSERT_TRUE(node_.Accept());
+  for (int i = 0; i < 33; ++i) ASSERT_TRUE(node_.ReadRequest());
+  EXPECT_TRUE(WaitFor([&] {
+    return OpenDescriptors(agent_.Pid()) == before;  // one connection less, the link's more
+  }));
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(SlowConnection, ParkedClientsDoNotHoldUpTheStop) {
+  Client eager(agent_);
+  for (int i = 0; i < 40; ++i) eager.Send("SRV");
+  ExpectSaved(32);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// Stopping
+
+TEST_F(Stalls, AClientThatNeverReadsHoldsTheStopUpForASecondAtMost) {
+  EchoNode node;
+  Start(node.Line("SRV"));
+  Client deaf(agent_);
+  for (int i = 0; i < 100; ++i) deaf.Send("SRV", kLargestText);
+  ASSERT_TRUE(WaitFor([&] { return node.Served() == 100; }));
+  agent_.Barrier();
+  const Clock::time_point begin = Clock::now();
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_LT(Clock::now() - begin, Milliseconds(3000));
+}
+
+TEST_F(Stalls, AnswersThatAClientHasNotTakenYetAreGivenToItAtTheStop) {
+  EchoNode node;
+  Start(node.Line("SRV"));
+  Client late(agent_);
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < 100; ++i) requests.push_back(late.Send("SRV", kLargestText));
+  ASSERT_TRUE(WaitFor([&] { return node.Served() == 100; }));
+  agent_.Barrier();
+  agent_.Signal(SIGTERM);
+  for (const lumo::Message& request : requests) late.ExpectAnswer(request);
+  late.ExpectClosed();
+  EXPECT_EQ(agent_.Wait(), 0);
+}
+
+TEST_F(Stalls, RequestsUnderWayAreAnsweredAtTheStop) {
+  Node node;
+  Start(node.Line("SRV"));
+  Client client(agent_);
+  const lumo::Message request = client.Send("SRV");
+  ASSERT_TRUE(node.Accept());
+  ASSERT_TRUE(node.ReadRequest());
+  agent_.Signal(SIGTERM);
+  client.ExpectError(request, 0, 0);
+  EXPECT_EQ(agent_.Wait(), 0);
+}
+
+// Descriptors
+
+// More connections than one wants to name.
+class ManyConnections : public Stalls {
+ protected:
+  ~ManyConnections() override {
+    for (const int fd : connections_) close(fd);
+  }
+  // Connects; false when the agent closes the connection instead of greeting.
+  bool Greeted() {
+    const int fd = ConnectRaw(agent_.SocketPath());
+    if (fd < 0) return false;
+    connections_.push_back(fd);
+    return ReadRaw(fd, 60).size() == 60;
+  }
+  void CloseLast() {
+    close(connections_.back());
+    connections_.pop_back();
+  }
+  bool Open(int count) {
+    for (int i = 0; i < count; ++i)
+      if (!Greeted()) return false;
+    return true;
+  }
+  std::vector<int> connections_;
+};
+
+TEST_F(ManyConnections, ClientsAbove254AreServed) {
+  ASSERT_TRUE(AllowDescriptors(1000));
+  EchoNode node;
+  agent_.Limit(RLIMIT_NOFILE, 1024);
+  Start(node.Line("SRV"));
+  ExpectServed("SRV");
+  ASSERT_TRUE(Open(300));
+  Client last(agent_);
+  ASSERT_GE(OpenDescriptors(agent_.Pid()), 300);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(last.Ask("SRV", "above").Strings[0], "above");
+  const lumo::Answer one = lumo::AnswerOne(last.Connection());
+  ASSERT_TRUE(one);
+  EXPECT_EQ(one->Result, 1);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(ManyConnections, AHangUpAbove254IsNoticed) {
+  ASSERT_TRUE(AllowDescriptors(1000));
+  agent_.Limit(RLIMIT_NOFILE, 1024);
+  Start("NOWHERE REZ\n");
+  ASSERT_TRUE(Open(300));
+  agent_.Barrier();
+  const int before = OpenDescriptors(agent_.Pid());
+  CloseLast();
+  agent_.Barrier();
+  EXPECT_EQ(OpenDescriptors(agent_.Pid()), before - 1);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(ManyConnections, DescriptorsThatNoSetHoldsAreClosedAtOnce) {
+  ASSERT_TRUE(AllowDescriptors(1300)) << "the test needs as many descriptors";
+  agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 1200);
+  Start("NOWHERE REZ\n");
+  int greeted = 0;
+  while (greeted < 1100 && Greeted()) ++greeted;
+  EXPECT_LT(greeted, 1024);
+  EXPECT_GT(greeted, 1000);
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kAcceptFailed), 1);
+  EXPECT_FALSE(Greeted());
+  agent_.Barrier();
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", kAcceptFailed), 2);
+  EXPECT_LE(OpenDescriptors(agent_.Pid()), 1024);
+  CloseLast();
+  CloseLast();
+  CloseLast();  // the last one that was greeted
+  agent_.Barrier();
+  EXPECT_TRUE(Greeted()) << "there is room again";
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+class FewDescriptors : public ManyConnections {
+ protected:
+  void SetUp() override {
+    agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 16);
+    Start("NOWHERE REZ\n");
+    while (connections_.size() < 20 && Greeted()) continue;
+    ASSERT_LT(connections_.size(), 16u);
+    agent_.Barrier();
+  }
+  // A sanitizer's last look at the process needs descriptors too.
+  void StopWithRoom() {
+    while (!connections_.empty()) CloseLast();
+    agent_.Barrier();
+    EXPECT_EQ(agent_.Stop(), 0);
+  }
+  int Failures() const { return agent_.CountLogged(2, "clntxch", kAcceptFailed); }
+};
+
+TEST_F(FewDescriptors, AConnectionTooManyIsClosedAndReported) {
+  EXPECT_EQ(Failures(), 1);
+  for (int more = 2; more < 6; ++more) {
+    EXPECT_FALSE(Greeted());
+    agent_.Barrier();
+    EXPECT_EQ(Failures(), more);
+  }
+  StopWithRoom();
+}
+
+TEST_F(FewDescriptors, TheLoopDoesNotSpin) {
+  for (int i = 0; i < 5; ++i) agent_.Barrier();
+  EXPECT_EQ(Failures(), 1) << "a connection left in the queue would fail in each pass";
+  StopWithRoom();
+}
+
+TEST_F(FewDescriptors, ConnectionsAreTakenAgainOnceThereIsRoom) {
+  CloseLast();  // the one that was refused
+  CloseLast();
+  agent_.Barrier();
+  EXPECT_TRUE(Greeted());
+  EXPECT_FALSE(Greeted());
+  agent_.Barrier();
+  EXPECT_EQ(Failures(), 2);
+  StopWithRoom();
+}
+
+TEST_F(FewDescriptors, TheClientsThatAreConnectedAreServed) {
+  const std::string frame = lumo::Encode(lumo::ManagementRequest(102), lumo::Lengths::Client);
+  ASSERT_EQ(send(connections_[0], frame.data(), frame.size(), 0),
+            static_cast<ssize_t>(frame.size()));
+  EXPECT_EQ(ReadRaw(connections_[0], 108).size(), 108u);
+  StopWithRoom();
+}
+
+}  // namespace
+}  // namespace test

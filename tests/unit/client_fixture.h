@@ -1,0 +1,94 @@
+// Client connections for the unit tests of the client exchange: pairs of sockets, one end served
+// by the agent's modules, the other held by the test.
+#pragma once
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <map>
+#include <string>
+
+#include "tests/unit/agent_test.h"
+#include "tools/client/message_codec.h"
+
+// The number of a process that has just ended.
+inline pid_t EndedProcess() {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  waitpid(pid, nullptr, 0);
+  return pid;
+}
+
+class ClientTest : public AgentTest {
+ protected:
+  static constexpr char kHere[] = "test";
+
+  void TearDown() override {
+    g_DbcI.LogLevel = 0;
+    for (const auto& [ours, far] : far_) {
+      if (IsClient(ours)) CloseClient(ours);
+      close(far);
+    }
+    AgentTest::TearDown();
+  }
+
+  // A connection as it is after it was accepted: the agent's end.
+  int Connect() {
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const auto stale = far_.find(pair[0]);  // the agent closed a connection with this number
+    if (stale != far_.end()) close(stale->second);
+    far_[pair[0]] = pair[1];
+    REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, pair[0]);
+    FD_SET(pair[0], &g_DbcI.ClientSockets);
+    return pair[0];
+  }
+  int Far(int socket) const { return far_.at(socket); }
+  void HangUp(int socket) { shutdown(Far(socket), SHUT_RDWR); }
+
+  void Come(int socket, const std::string& bytes) const {
+    EXPECT_EQ(send(Far(socket), bytes.data(), bytes.size(), MSG_DONTWAIT),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  // What came to the client, without waiting.
+  std::string Take(int socket) const {
+    std::string all;
+    char part[65536];
+    for (ssize_t got; (got = recv(Far(socket), part, sizeof part, MSG_DONTWAIT)) > 0;)
+      all.append(part, static_cast<std::size_t>(got));
+    return all;
+  }
+
+  static bool IsClient(int socket) { return FD_ISSET(socket, &g_DbcI.ClientSockets); }
+  static bool IsRead(int socket) { return FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet); }
+  static bool IsOpen(int socket) { return fcntl(socket, F_GETFD) >= 0; }
+
+  // A request as it comes over the connection, from a living process.
+  static lumo::Message Request(const std::string& node, std::uint16_t astInd,
+                               const std::string& text = {}) {
+    lumo::Message request;
+    request.TaskName = getpid();
+    request.Node = node;
+    request.Strings[0] = text;
+    request.SetTrailerTaskName(getpid());
+    request.SetAstInd(astInd);
+    return request;
+  }
+  static std::string FrameOf(const lumo::Message& message) {
+    return lumo::Encode(message, lumo::Lengths::Client);
+  }
+  // The agent's own answer, as it goes over the connection.
+  static std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr) {
+    lumo::Message answer;
+    answer.TaskName = request.TaskName;
+    answer.CodErr = codErr;
+    answer.SysErr = sysErr;
+    answer.SetAstInd(request.AstInd());
+    return FrameOf(answer);
+  }
+
+ private:
+  std::map<int, int> far_;
+};

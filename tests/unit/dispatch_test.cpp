@@ -1,0 +1,589 @@
+// What becomes of a request, by the node that it names and the state of the link.
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "client/clntxch.h"
+#include "core/io.h"
+#include "core/status.h"
+#include "link/link.h"
+#include "tests/unit/client_fixture.h"
+#include "tests/unit/faults.h"
+
+namespace {
+
+class RequestDispatch : public ClientTest {
+ protected:
+  void SetUp() override {
+    ClientTest::SetUp();
+    g_DbcI.PutMsg = PutMsgToClient;
+    socket_ = Connect();
+  }
+  int Handle() { return HandleMessageFromClientQueue(kHere, 1, socket_); }
+  // A request comes and is handled: the result.
+  int Serve(const lumo::Message& request) {
+    Come(socket_, FrameOf(request));
+    return Handle();
+  }
+  int Serve(const std::string& node, std::uint16_t astInd = 1) {
+    return Serve(Request(node, astInd));
+  }
+  void ExpectOnlyError(const lumo::Message& request, int codErr, int sysErr) {
+    EXPECT_EQ(Take(socket_), ErrorFrame(request, codErr, sysErr));
+  }
+  static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
+    lumo::Message request = Request(node, 3);
+    request.Command = "DBCA";
+    request.DbcApiCode = command;
+    return request;
+  }
+  std::int32_t TakeManagementResult() {
+    const std::optional<lumo::Message> answer =
+        lumo::Decode(Take(socket_), lumo::Layout::Management);
+    EXPECT_TRUE(answer);
+    return answer ? answer->RowId : -1;
+  }
+  static std::vector<std::uint16_t> SavedTags(const Link* link) {
+    std::vector<std::uint16_t> tags;
+    for (const SavedMessage& saved : g_DbcI.SavedArray)
+      if (saved.Link == link) tags.push_back(Get(Trailer(&saved.Message), kTrailerAstInd));
+    return tags;
+  }
+  // ConnectLink fails with this code and error.
+  void FailToConnect(int status, int error) {
+    Fake().OnConnect = [status, error](Link*) {
+      if (error != 0) errno = error;
+      return status;
+    };
+  }
+  void StayConnecting() {
+    Fake().OnConnect = [](Link* link) {
+      link->State = kLinkConnecting;
+      return 0;
+    };
+  }
+  static void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
+    std::size_t at = 0;
+    for (const std::string& text : texts) {
+      const std::size_t found = log.find("|" + text + "\n", at);
+      ASSERT_NE(found, std::string::npos) << text << " is missing after here:\n" << log.substr(at);
+      at = found;
+    }
+  }
+
+  int socket_ = -1;
+};
+using Calls = std::vector<std::string>;
+
+TEST_F(RequestDispatch, NothingReadYetIsHandled) {
+  AddLink("A");
+  EXPECT_EQ(Handle(), 0);
+  EXPECT_EQ(Take(socket_), "");
+}
+
+TEST_F(RequestDispatch, AFailedReadIsReported) {
+  HangUp(socket_);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Handle(), -1);
+  EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Call from test:1 (Socket = " +
+                           std::to_string(socket_) + " )\n"));
+  EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
+  EXPECT_TRUE(log.Contains("|Client message reading failed\n"));
+}
+
+TEST_F(RequestDispatch, EmptyNodesGoToTheDefaultLink) {
+  AddLink("A");
+  g_DbcI.DefaultLink = AddLink("B");
+  Serve("");
+  Serve(std::string(8, ' '), 2);
+  Serve(" A", 3);
+  EXPECT_EQ(Fake().Calls,
+            (Calls{"ConnectLink B", "SendToNetwork B", "SendToNetwork B", "SendToNetwork B"}));
+}
+
+TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
+  AddLink("A");
+  AddLink("AB");
+  Serve("ab      ");
+  Serve(std::string("Ab\0\0", 4), 2);
+  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink AB", "SendToNetwork AB", "SendToNetwork AB"}));
+}
+
+TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
+  for (const char* name : {"A", "B", "C"}) AddLink(name);
+  Serve("B");
+  EXPECT_EQ(Circle(), "B C A");
+  Serve("A");
+  EXPECT_EQ(Circle(), "A B C");
+  g_DbcI.DefaultLink = g_DbcI.LinkList->Next->Next;
+  Serve("");
+  EXPECT_EQ(Circle(), "A B C") << "the default does not move it";
+  Serve("X");
+  EXPECT_EQ(Circle(), "A B C");
+  Serve(Management(100, "C"));
+  EXPECT_EQ(Circle(), "C A B") << "a management request moves it as well";
+}
+
+TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
+  AddLink("A");
+  const lumo::Message request = Request("X", 7);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4050, 0);
+  ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
+                             "MakeAnswerFromMsgInfo(TavrinError=4050, SysError=0)",
+                             "'HandleMessageFromClientQueue' Leave FAILED node name not found"});
+  EXPECT_EQ(g_DbcI.ClientPidList.Capacity, 0) << "the client used no link";
+}
+
+TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
+  AddLink("A");
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  Serve("ABCDEFGH");
+  EXPECT_TRUE(log.Contains("|Node name ABCDEFGH dasn't correspondence"));
+}
+
+TEST_F(RequestDispatch, WithoutADefaultLinkItsRequestsAreAnsweredWith4050) {
+  AddLink("A");
+  g_DbcI.DefaultLink = nullptr;
+  const lumo::Message request = Request("", 7);
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4050, 0);
+}
+
+TEST_F(RequestDispatch, WithoutAnyLinkNamedRequestsAreAnsweredWith4050) {
+  const lumo::Message request = Request("A", 7);
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4050, 0);
+}
+
+TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(Management(100)), 0);
+  EXPECT_EQ(TakeManagementResult(), 1);
+  EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Leave SUCCESS DbcApi\n"));
+}
+
+TEST_F(RequestDispatch, ManagementRequestsAreNeverRouted) {
+  AddLink("A");
+  for (const char* node : {"", "A", "X"}) {
+    EXPECT_EQ(Serve(Management(100, node)), 0) << node;
+    EXPECT_EQ(TakeManagementResult(), 1) << node;
+  }
+  EXPECT_EQ(g_DbcI.ClientPidList.Capacity, 0);
+  EXPECT_TRUE(Fake().Calls.empty());
+  EXPECT_EQ(ClientTimeout, 151);
+}
+
+TEST_F(RequestDispatch, OnlyTheExactCommandIsManagement) {
+  AddLink("A");
+  lumo::Message request = Management(100, "A");
+  for (const char* command : {"DBC", "dbca", "DBCB"}) {
+    request.Command = command;
+    Serve(request);
+  }
+  EXPECT_EQ(Fake().Count("SendToNetwork A"), 3);
+}
+
+TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
+  Link* const link = AddLink("A");
+  ClientTimeout = 5;
+  Fake().OnConnect = [this, link](Link*) {
+    EXPECT_EQ(g_DbcI.ClientPidList.Capacity, 2);
+    const ClientPid& client = g_DbcI.ClientPidList.Items[0];
+    EXPECT_TRUE(client.Link == link && client.Pid == getpid() && client.Socket == socket_);
+    return 4066;
+  };
+  Serve("A");
+  EXPECT_EQ(ClientTimeout, 151);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 1);
+}
+
+TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
+  AddLink("A");
+  g_DbcI.LogLevel = 2;
+  const CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Serve("A"), -1);
+  }
+  EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
+  EXPECT_EQ(Take(socket_), "");
+  EXPECT_TRUE(Fake().Calls.empty());
+}
+
+TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
+  Link* const link = AddLink("A");
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(Request("A", 9, "text")), 0);
+  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "SendToNetwork A"}));
+  ASSERT_EQ(Fake().Sent.size(), 1u);
+  EXPECT_EQ(CountedString(Fake().Sent[0], 0), "text");
+  const MsgInfo* const info = FindMsgInfo(link, getpid(), 9);
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info->Socket, socket_);
+  ExpectInOrder(log.Text(),
+                {"Link A is disconnect state. Try up the link",
+                 "Link A is already connect state. Try send message", "Link A SUCESS send message",
+                 "'HandleMessageFromClientQueue' Leave SUCCESS"});
+}
+
+TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
+  AddLink("A")->State = kLinkConnected;
+  EXPECT_EQ(Serve("A"), 0);
+  EXPECT_EQ(Fake().Calls, Calls{"SendToNetwork A"});
+}
+
+TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
+  AddLink("A");
+  FailToConnect(4006, ECONNREFUSED);
+  const lumo::Message request = Request("A", 7);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4006, ECONNREFUSED);
+  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "DisconnectLink A"}));
+  ExpectInOrder(log.Text(),
+                {"Link A is disconnect state. Try up the link", "Connect link A was failed",
+                 "MakeAnswerFromMsgInfo(TavrinError=4006, SysError=111)",
+                 "'HandleMessageFromClientQueue' Leave FAILED connect"});
+}
+
+TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
+  AddLink("A");
+  FailToConnect(4066, 0);
+  const lumo::Message request = Request("A", 7);
+  errno = EIO;
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4066, 0);
+}
+
+TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
+  AddLink("A");
+  FailToConnect(4006, ECONNREFUSED);
+  for (const std::uint8_t level : std::initializer_list<std::uint8_t>{0, 2, 15}) {
+    g_DbcI.LogLevel = level;
+    const lumo::Message request = Request("A", level);
+    const CapturedStderr log;
+    Serve(request);
+    ExpectOnlyError(request, 4006, ECONNREFUSED);
+  }
+}
+
+TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
+  AddLink("A");
+  AddLink("B");
+  FailToConnect(4006, ENETUNREACH);
+  const lumo::Message request = Request("", 7);
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4006, ENETUNREACH);
+  EXPECT_EQ(SavedTags(g_DbcI.DefaultLink).size(), 0u);
+}
+
+TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
+  g_DbcI.AutoConnect = 1;
+  AddLink("A");
+  AddLink("B");
+  FailToConnect(4006, ENETUNREACH);
+  const lumo::Message request = Request("B", 7);
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4006, ENETUNREACH);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+}
+
+TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
+  g_DbcI.AutoConnect = 1;
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Fake().OnConnect = [a](Link* link) {
+    if (link == a) return 4006;
+    link->State = kLinkConnected;
+    return 0;
+  };
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve("", 7), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, b);
+  EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
+  EXPECT_NE(FindMsgInfo(b, getpid(), 7), nullptr);
+  EXPECT_EQ(SavedTags(a).size() + SavedTags(b).size(), 0u);
+  EXPECT_EQ(Take(socket_), "");
+  ExpectInOrder(log.Text(), {"Connect link A was failed", "'SaveUnsendMsg' Leave SUCCESS",
+                             "It's default link. Try set new default link"});
+}
+
+TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
+  g_DbcI.AutoConnect = 1;
+  AddLink("A");
+  AddLink("B");
+  FailToConnect(4066, 0);
+  const lumo::Message request = Request("", 7);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(request), 0);
+  ExpectOnlyError(request, 4006, 0);
+  EXPECT_TRUE(log.Contains(
+      "'HandleMessageFromClientQueue' Leave FAILED TryConnectDefultLinkToNextServer\n"));
+}
+
+TEST_F(RequestDispatch, ANamedRequestOfTheFailedDefaultIsAnsweredWithTheFailure) {
+  g_DbcI.AutoChange = 1;
+  AddLink("A");
+  Link* const b = AddLink("B");
+  FailToConnect(4006, ENETUNREACH);
+  const lumo::Message request = Request("A", 7);
+  EXPECT_EQ(Serve(request), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, b);
+  ExpectOnlyError(request, 4006, 0);
+}
+
+TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
+  g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
+  AddLink("A");
+  FailToConnect(4006, ENETUNREACH);
+  const lumo::Message request = Request("", 7);
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4006, ENETUNREACH);
+}
+
+TEST_F(RequestDispatch, ARequestForTheDownDefaultLinkLoadsTheCircleTimerWithHalfTheTimeout) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.AutoConnectTimeout = 21;
+  AddLink("A");
+  AddLink("B");
+  StayConnecting();
+  Serve("");
+  EXPECT_EQ(g_DbcI.CircleTimeCount, 10);
+}
+
+TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
+  struct Case {
+    std::uint8_t AutoConnect, AutoChange;
+    std::uint16_t Timeout, Count;
+    const char* Node;
+    int Expected;
+  };
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  StayConnecting();
+  std::uint16_t tag = 0;
+  for (const Case& one :
+       {Case{1, 0, 20, 0, "", 10}, Case{1, 0, 20, 0, "A", 10}, Case{0, 1, 20, 0, "", 0},
+        Case{0, 0, 20, 0, "", 0}, Case{1, 0, 0, 0, "", 0}, Case{1, 0, 20, 4, "", 4},
+        Case{1, 0, 20, 0, "B", 0}, Case{1, 0, 1, 0, "", 0}}) {
+    a->State = b->State = kLinkDisconnected;
+    g_DbcI.AutoConnect = one.AutoConnect;
+    g_DbcI.AutoChange = one.AutoChange;
+    g_DbcI.AutoConnectTimeout = one.Timeout;
+    g_DbcI.CircleTimeCount = one.Count;
+    Serve(one.Node, ++tag);
+    EXPECT_EQ(g_DbcI.CircleTimeCount, one.Expected) << "case " << tag;
+  }
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.AutoConnectTimeout = 20;
+  g_DbcI.CircleTimeCount = 0;
+  Serve("", ++tag);
+  EXPECT_EQ(g_DbcI.CircleTimeCount, 0) << "the link is not down";
+}
+
+TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
+  Link* const link = AddLink("A");
+  StayConnecting();
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve("A", 1), 0);
+  EXPECT_EQ(Serve("A", 2), 0);
+  EXPECT_EQ(SavedTags(link), (std::vector<std::uint16_t>{1, 2}));
+  EXPECT_EQ(Fake().Calls, Calls{"ConnectLink A"}) << "the second finds it connecting";
+  EXPECT_EQ(Take(socket_), "");
+  EXPECT_TRUE(log.Contains(
+      "'HandleMessageFromClientQueue' Leave SUCCESS connect in progress. Message saved\n"));
+}
+
+TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
+  Link* const link = AddLink("A");
+  StayConnecting();
+  g_DbcI.ConnError = 1;
+  for (const int code : {4006, 1001}) {
+    g_DbcI.Err1001 = code == 1001;
+    const lumo::Message request = Request("A", static_cast<std::uint16_t>(code));
+    g_DbcI.LogLevel = 15;
+    const CapturedStderr log;
+    EXPECT_EQ(Serve(request), 0);
+    ExpectOnlyError(request, code, 115);
+    EXPECT_TRUE(log.Contains("|Connection is in progress state. return error to client\n"));
+  }
+  EXPECT_TRUE(SavedTags(link).empty());
+  EXPECT_EQ(link->State, kLinkConnecting);
+}
+
+TEST_F(RequestDispatch, WithoutMemoryToSaveARequestIsAnsweredWith4200) {
+  Link* const link = AddLink("A");
+  link->State = kLinkConnecting;
+  AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
+  const lumo::Message request = Request("A", 7);
+  {
+    const FailingAllocations failing;
+    Serve(request);
+  }
+  ExpectOnlyError(request, 4200, 0);
+}
+
+TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkGoesDown) {
+  Link* const link = AddLink("A");
+  link->State = kLinkConnected;
+  AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
+  const lumo::Message request = Request("A", 7);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Serve(request), -1);
+  }
+  ExpectOnlyError(request, 4200, 0);
+  EXPECT_EQ(link->State, kLinkDisconnected);
+  EXPECT_EQ(Fake().Count("SendToNetwork A"), 0);
+  ExpectInOrder(log.Text(), {"'SaveMsgInfo' Leave FAILED allocat memory",
+                             "SaveMsgInfo return bad status. Send Error to client",
+                             "SendMsgToLink return < 0. Save the message. Send this later.",
+                             "Link A send message failed"});
+}
+
+TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
+  Link* const link = AddLink("A");
+  link->State = kLinkConnected;
+  Fake().OnSend = [](Link*, ClientMessage*) {
+    errno = EPIPE;
+    return 4007;
+  };
+  const lumo::Message request = Request("A", 7);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  EXPECT_EQ(Serve(request), -1);
+  ExpectOnlyError(request, 4007, EPIPE);
+  EXPECT_EQ(link->State, kLinkDisconnected);
+  EXPECT_EQ(RequestsInFlight(), 0);
+  ExpectInOrder(log.Text(),
+                {"Link A is already connect state. Try send message", "Send to network failed",
+                 "SendMsgToLink return < 0. Save the message. Send this later.",
+                 "Link A send message failed"});
+}
+
+TEST_F(RequestDispatch, ARequestWaitsNowhereAfterItsAnswer) {
+  Link* const link = AddLink("A");
+  FailToConnect(4006, ECONNREFUSED);
+  Serve("A");
+  Take(socket_);
+  EXPECT_TRUE(SavedTags(link).empty());
+  EXPECT_EQ(RequestsInFlight(), 0);
+}
+
+// Parking: connections whose requests are not read until what they wait for has gone on.
+class Parking : public RequestDispatch {
+ protected:
+  static constexpr std::size_t kLimit = 64 * 1024;
+
+  // A connected link whose node reads nothing and that has this much unsent; its descriptor.
+  int BusyLink(const char* name, std::size_t unsent) {
+    Link* const link = AddLink(name);
+    link->State = kLinkConnected;
+    const int own = Connect();
+    FD_CLR(own, &g_DbcI.ClientSockets);
+    links_.push_back(own);
+    REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own, link);
+    while (UnsentBytes(own) == 0) EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, 500), 0);
+    EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, unsent - UnsentBytes(own)), 0);
+    EXPECT_EQ(UnsentBytes(own), unsent);
+    return own;
+  }
+  void TearDown() override {
+    for (const int own : links_) {
+      ForgetDescriptor(own);
+      close(own);
+    }
+    RequestDispatch::TearDown();
+  }
+
+ private:
+  unsigned char bytes_[2 * kLimit] = {};
+  std::vector<int> links_;
+};
+
+TEST_F(Parking, AConnectionIsReadWhileItsLinkHasUpTo64KibibytesUnsent) {
+  BusyLink("A", kLimit);
+  EXPECT_EQ(Serve("A"), 0);
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, AConnectionIsParkedBehindALinkWithMoreUnsentUntilThatIsGone) {
+  const int own = BusyLink("A", kLimit + 1);
+  EXPECT_EQ(Serve("A"), 0) << "the request itself still went";
+  EXPECT_FALSE(IsRead(socket_));
+  EXPECT_TRUE(IsClient(socket_) && IsOpen(socket_));
+  ReleaseParkedClients();
+  EXPECT_FALSE(IsRead(socket_));
+  Take(own);
+  EXPECT_EQ(FlushBytes(kHere, 1, own), 0);
+  ReleaseParkedClients();
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, OnlyTheClientsOfTheBusyLinkAreParked) {
+  BusyLink("A", kLimit + 1);
+  AddLink("B")->State = kLinkConnected;
+  EXPECT_EQ(Serve("B"), 0);
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, ABrokenLinkReleasesItsClients) {
+  const int own = BusyLink("A", kLimit + 1);
+  Serve("A");
+  UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own);
+  ReleaseParkedClients();
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, ADeletedLinkReleasesItsClients) {
+  BusyLink("A", kLimit + 1);
+  Serve("A");
+  ForgetLinkOfClients(g_DbcI.LinkList);
+  ReleaseParkedClients();
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, AParkedConnectionThatIsClosedLeavesNoTrace) {
+  BusyLink("A", kLimit + 1);
+  Serve("A");
+  CloseClient(socket_);
+  const int next = Connect();
+  EXPECT_EQ(next, socket_) << "the number is used again";
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, next);
+  ReleaseParkedClients();
+  EXPECT_FALSE(IsRead(next)) << "nothing to release";
+}
+
+TEST_F(Parking, TheThirtySecondSavedRequestParksItsConnectionAlone) {
+  Link* const link = AddLink("A");
+  link->State = kLinkConnecting;
+  for (std::uint16_t tag = 1; tag <= 31; ++tag) Serve("A", tag);
+  EXPECT_TRUE(IsRead(socket_));
+  Serve("A", 32);
+  EXPECT_FALSE(IsRead(socket_));
+  const int full = socket_;
+  socket_ = Connect();
+  Serve("A", 33);
+  EXPECT_TRUE(IsRead(socket_));
+  ReleaseParkedClients();
+  EXPECT_FALSE(IsRead(full));
+  g_DbcI.SavedArray.Items[5].Link = nullptr;
+  ReleaseParkedClients();
+  EXPECT_TRUE(IsRead(full));
+}
+
+}  // namespace

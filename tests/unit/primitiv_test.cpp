@@ -1,0 +1,422 @@
+// The arrays of waiting and sent requests, the walk over active links, the comparison of names.
+#include "client/primitiv.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/unit/agent_test.h"
+#include "tests/unit/faults.h"
+
+namespace {
+
+constexpr char kHere[] = "test";
+
+class RequestBookkeeping : public AgentTest {
+ protected:
+  static int Save(std::uint16_t astInd, Link* link, int socket = 7) {
+    const ClientMessage msg = MakeRequest(100, socket, astInd, {"text"});
+    return SaveUnsendMsg(kHere, 1, &msg, link);
+  }
+  static int Note(std::uint16_t astInd, Link* link, int socket = 7) {
+    const MsgInfo info = {.Link = link, .TaskName = 100, .Socket = socket, .AstInd = astInd};
+    return SaveMsgInfo(kHere, 1, &info);
+  }
+  static std::uint16_t AstIndOf(const SavedMessage& saved) {
+    return Get(Trailer(&saved.Message), kTrailerAstInd);
+  }
+  static std::vector<std::uint16_t> SavedTags() {
+    std::vector<std::uint16_t> tags;
+    for (SavedMessage* saved = GetNextUnsendMsg(nullptr); saved; saved = GetNextUnsendMsg(saved))
+      tags.push_back(AstIndOf(*saved));
+    return tags;
+  }
+  static std::vector<std::uint16_t> SentTags() {
+    std::vector<std::uint16_t> tags;
+    for (MsgInfo* info = GetNextMsgInfo(kHere, 1, nullptr); info;
+         info = GetNextMsgInfo(kHere, 1, info))
+      tags.push_back(info->AstInd);
+    return tags;
+  }
+
+  void SetUp() override {
+    AgentTest::SetUp();
+    link_ = AddLink("SRV");
+    other_ = AddLink("OTHER");
+  }
+
+  Link* link_ = nullptr;
+  Link* other_ = nullptr;
+};
+using Tags = std::vector<std::uint16_t>;
+
+TEST_F(RequestBookkeeping, BothArraysStartEmpty) {
+  EXPECT_EQ(g_DbcI.SavedArray.Capacity, 0);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 0);
+  EXPECT_EQ(GetNextUnsendMsg(nullptr), nullptr);
+  EXPECT_EQ(GetNextMsgInfo(kHere, 1, nullptr), nullptr);
+}
+
+TEST_F(RequestBookkeeping, TheFirstSavedRequestIsTheFirstOfTwoElements) {
+  ASSERT_EQ(Save(1, link_), 0);
+  EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, link_);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[1].Link, nullptr);
+}
+
+TEST_F(RequestBookkeeping, ASavedRequestIsAWholeCopy) {
+  const ClientMessage msg = MakeRequest(4711, 9, 12, {"one", "", "three", "4"});
+  ASSERT_EQ(SaveUnsendMsg(kHere, 1, &msg, link_), 0);
+  const SavedMessage& saved = g_DbcI.SavedArray.Items[0];
+  EXPECT_EQ(std::memcmp(Wire(&saved.Message), Wire(&msg), msg.Length + 4), 0);
+  EXPECT_EQ(saved.Message.TrailerOffset, msg.TrailerOffset);
+  EXPECT_EQ(saved.Message.ClientSocket, 9);
+}
+
+TEST_F(RequestBookkeeping, TheThirdSavedRequestGrowsTheArrayToFourAndKeepsTheOldOnes) {
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  EXPECT_EQ(g_DbcI.SavedArray.Capacity, 4);
+  EXPECT_EQ(AstIndOf(g_DbcI.SavedArray.Items[2]), 3);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[3].Link, nullptr);
+  EXPECT_EQ(SavedTags(), (Tags{1, 2, 3}));
+}
+
+TEST_F(RequestBookkeeping, AfterAllAreSentTheNextSavedRequestReusesTheFirstElement) {
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  for (SavedMessage& saved : g_DbcI.SavedArray) saved.Link = nullptr;
+  ASSERT_EQ(Save(9, other_), 0);
+  EXPECT_EQ(g_DbcI.SavedArray.Capacity, 4);
+  EXPECT_EQ(AstIndOf(g_DbcI.SavedArray.Items[0]), 9);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, other_);
+  EXPECT_EQ(SavedTags(), Tags{9});
+}
+
+TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSavedIsTaken) {
+  for (std::uint16_t tag = 1; tag <= 4; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  g_DbcI.SavedArray.Items[1].Link = g_DbcI.SavedArray.Items[2].Link = nullptr;
+  ASSERT_EQ(Save(5, link_), 0);
+  EXPECT_EQ(SavedTags(), (Tags{1, 5, 4}));
+}
+
+TEST_F(RequestBookkeeping, SavingLeavesWithTheWordOfItsCase) {
+  const std::string existing =
+      "'SaveUnsendMsg' Leave SUCCESS save in exist element of SavedArray\n";
+  g_DbcI.LogLevel = 15;
+  {
+    const CapturedStderr log;
+    Save(1, link_);
+    EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Call from test:1 \n"));
+    EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave SUCCESS\n"));
+    EXPECT_FALSE(log.Contains(existing));
+  }
+  const CapturedStderr log;
+  Save(2, link_);
+  EXPECT_TRUE(log.Contains(existing));
+}
+
+TEST_F(RequestBookkeeping, WithoutMemoryASavedRequestIsRefusedAndTheOldOnesStay) {
+  Save(1, link_);
+  Save(2, link_);
+  SavedMessage* const before = g_DbcI.SavedArray.Items;
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Save(3, link_), -1);
+  }
+  EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave FAILED allocation memory\n"));
+  EXPECT_EQ(g_DbcI.SavedArray.Items, before);
+  EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
+  EXPECT_EQ(SavedTags(), (Tags{1, 2}));
+}
+
+TEST_F(RequestBookkeeping, AFreeElementNeedsNoMemory) {
+  Save(1, link_);
+  const FailingAllocations failing;
+  EXPECT_EQ(Save(2, link_), 0);
+}
+
+TEST_F(RequestBookkeeping, TheWalkOverSavedRequestsWritesNoTrace) {
+  Save(1, link_);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  GetNextUnsendMsg(GetNextUnsendMsg(nullptr));
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(RequestBookkeeping, SentRequestsGrowTheirArrayByTheSameRule) {
+  const int capacities[] = {2, 2, 4, 4, 8};
+  for (std::uint16_t tag = 0; tag < 5; ++tag) {
+    ASSERT_EQ(Note(tag, link_), 0);
+    EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, capacities[tag]);
+  }
+  EXPECT_EQ(SentTags(), (Tags{0, 1, 2, 3, 4}));
+  const MsgInfo& last = g_DbcI.MsgInfoArray.Items[4];
+  EXPECT_TRUE(last.Link == link_ && last.TaskName == 100 && last.Socket == 7 && last.AstInd == 4);
+}
+
+TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSentIsTaken) {
+  for (std::uint16_t tag = 1; tag <= 4; ++tag) Note(tag, link_);
+  ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[3]);
+  ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(SentTags(), (Tags{1, 3}));
+  Note(5, other_);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 4);
+  EXPECT_EQ(SentTags(), (Tags{1, 5, 3}));
+}
+
+TEST_F(RequestBookkeeping, NotingASentRequestLeavesWithTheWordOfItsCase) {
+  g_DbcI.LogLevel = 15;
+  {
+    const CapturedStderr log;
+    Note(1, link_);
+    EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS\n"));
+  }
+  const CapturedStderr log;
+  Note(2, link_);
+  EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS save in exist array element\n"));
+}
+
+TEST_F(RequestBookkeeping, WithoutMemoryASentRequestIsNotNotedAndTheOldOnesStay) {
+  Note(1, link_);
+  Note(2, link_);
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Note(3, link_), -1);
+  }
+  EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave FAILED allocat memory\n"));
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
+  EXPECT_EQ(SentTags(), (Tags{1, 2}));
+}
+
+TEST_F(RequestBookkeeping, TheWalkOverSentRequestsEndsWithItsWord) {
+  Note(1, link_);
+  g_DbcI.LogLevel = 15;
+  MsgInfo* first;
+  {
+    const CapturedStderr log;
+    first = GetNextMsgInfo(kHere, 1, nullptr);
+    ASSERT_NE(first, nullptr);
+    EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave SUCCESS\n"));
+  }
+  const CapturedStderr log;
+  EXPECT_EQ(GetNextMsgInfo(kHere, 1, first), nullptr);
+  EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave FAILED not found\n"));
+}
+
+TEST_F(RequestBookkeeping, TheRequestsOfALinkAreTakenOutOneByOne) {
+  Note(1, link_);
+  Note(2, other_);
+  Note(3, link_);
+  MsgInfo info;
+  std::int32_t index = 0;
+  ASSERT_TRUE(TakeMsgInfo(link_, &index, &info));
+  EXPECT_EQ(info.AstInd, 1);
+  EXPECT_EQ(SentTags(), (Tags{2, 3})) << "taken before it is answered";
+  ASSERT_TRUE(TakeMsgInfo(link_, &index, &info));
+  EXPECT_EQ(info.AstInd, 3);
+  EXPECT_FALSE(TakeMsgInfo(link_, &index, &info));
+  EXPECT_EQ(SentTags(), Tags{2});
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].TaskName, 0) << "the whole element is cleared";
+}
+
+TEST_F(RequestBookkeeping, AReleasedRecordStaysReadableAClearedOneIsEmpty) {
+  Note(1, link_);
+  Note(2, link_);
+  MsgInfo& first = g_DbcI.MsgInfoArray.Items[0];
+  MsgInfo& second = g_DbcI.MsgInfoArray.Items[1];
+  EXPECT_EQ(RequestsInFlight(), 2);
+  ReleaseMsgInfo(&first);
+  EXPECT_TRUE(!first.Link && first.TaskName == 100 && first.Socket == 7 && first.AstInd == 1);
+  ClearMsgInfo(&second);
+  EXPECT_TRUE(!second.Link && second.TaskName == 0 && second.Socket == 0 && second.AstInd == 0);
+  EXPECT_EQ(RequestsInFlight(), 0);
+}
+
+TEST_F(RequestBookkeeping, ARequestIsFoundByItsPairAndLink) {
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Note(tag, tag == 2 ? other_ : link_);
+  EXPECT_EQ(FindMsgInfo(nullptr, 100, 2), &g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(FindMsgInfo(other_, 100, 2), &g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(FindMsgInfo(link_, 100, 2), nullptr);
+  EXPECT_EQ(FindMsgInfo(nullptr, 101, 2), nullptr);
+  EXPECT_EQ(FindMsgInfo(nullptr, 100, 4), nullptr);
+}
+
+TEST_F(RequestBookkeeping, OfEqualPairsTheFirstInTheArrayIsFound) {
+  for (int i = 0; i < 3; ++i) Note(5, link_);
+  Note(5, other_);
+  EXPECT_EQ(FindMsgInfo(nullptr, 100, 5), &g_DbcI.MsgInfoArray.Items[0]);
+  ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
+  EXPECT_EQ(FindMsgInfo(link_, 100, 5), &g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(FindMsgInfo(other_, 100, 5), &g_DbcI.MsgInfoArray.Items[3]);
+  Note(5, other_);
+  EXPECT_EQ(FindMsgInfo(nullptr, 100, 5), &g_DbcI.MsgInfoArray.Items[0]);
+}
+
+// The index must agree with the array whatever is noted and released in between.
+TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
+  std::uint32_t random = 20562;
+  const auto next = [&random](std::uint32_t bound) {
+    random = random * 1664525U + 1013904223U;
+    return (random >> 16) % bound;
+  };
+  for (int step = 0; step < 3000; ++step) {
+    const auto tag = static_cast<std::uint16_t>(next(40));
+    if (next(5) < 3) {
+      const MsgInfo* const free = FirstFree(g_DbcI.MsgInfoArray);
+      Note(tag, next(2) ? link_ : other_);
+      ASSERT_TRUE(!free || InUse(*free)) << "the first free element is taken, step " << step;
+    } else if (MsgInfo* const found = FindMsgInfo(nullptr, 100, tag)) {
+      ClearMsgInfo(found);
+    }
+    const Link* const link = next(2) ? link_ : other_;
+    const MsgInfo* expected = nullptr;
+    int inUse = 0;
+    for (const MsgInfo& info : g_DbcI.MsgInfoArray) {
+      inUse += InUse(info);
+      if (!expected && info.Link == link && info.AstInd == tag) expected = &info;
+    }
+    ASSERT_EQ(FindMsgInfo(link, 100, tag), expected) << "step " << step;
+    ASSERT_EQ(RequestsInFlight(), inUse) << "step " << step;
+  }
+  EXPECT_GE(g_DbcI.MsgInfoArray.Capacity, 256);
+}
+
+TEST_F(RequestBookkeeping, WithoutMemoryForAnyPartNothingChanges) {
+  Note(1, link_);
+  Note(2, link_);
+  for (int successes = 0; successes < 4; ++successes) {
+    const FailingAllocations failing(successes);
+    EXPECT_EQ(Note(3, link_), -1) << successes;
+    EXPECT_EQ(SentTags(), (Tags{1, 2}));
+    EXPECT_NE(FindMsgInfo(link_, 100, 2), nullptr);
+  }
+  EXPECT_EQ(Note(3, link_), 0);
+  EXPECT_EQ(SentTags(), (Tags{1, 2, 3}));
+}
+
+TEST_F(RequestBookkeeping, AClosedConnectionIsForgottenByItsRequestsAlone) {
+  Note(1, link_, 7);
+  Note(2, link_, 8);
+  Save(3, link_, 7);
+  Save(4, link_, 8);
+  ForgetConnection(7);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, -1);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Socket, 8);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Message.ClientSocket, -1);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[1].Message.ClientSocket, 8);
+  EXPECT_EQ(SentTags(), (Tags{1, 2})) << "the node still owes its answer";
+  EXPECT_EQ(SavedTags(), (Tags{3, 4}));
+}
+
+TEST_F(RequestBookkeeping, TheSavedRequestsOfOneConnectionAreCounted) {
+  EXPECT_EQ(SavedRequests(7), 0);
+  Save(1, link_, 7);
+  Save(2, other_, 7);
+  Save(3, link_, 8);
+  EXPECT_EQ(SavedRequests(7), 2);
+  g_DbcI.SavedArray.Items[0].Link = nullptr;
+  EXPECT_EQ(SavedRequests(7), 1);
+}
+
+class ActiveLinks : public AgentTest {
+ protected:
+  // The active links from LinkList on, by name.
+  static std::string Walk() {
+    std::string names;
+    for (Link* link = GetNextActiveLink(kHere, 1, nullptr); link;
+         link = GetNextActiveLink(kHere, 1, link))
+      names += link->NodeName;
+    return names;
+  }
+};
+
+TEST_F(ActiveLinks, WithoutLinksThereIsNone) {
+  EXPECT_EQ(GetNextActiveLink(kHere, 1, nullptr), nullptr);
+}
+
+TEST_F(ActiveLinks, DisconnectedLinksArePassedOver) {
+  AddLink("A");
+  AddLink("B")->State = kLinkConnected;
+  AddLink("C");
+  AddLink("D")->State = kLinkConnecting;
+  EXPECT_EQ(Walk(), "BD");
+}
+
+TEST_F(ActiveLinks, WithAllDisconnectedThereIsNone) {
+  AddLink("A");
+  AddLink("B");
+  EXPECT_EQ(Walk(), "");
+}
+
+TEST_F(ActiveLinks, TheWalkBeginsWhereTheCircleIsEnteredAndGoesRoundOnce) {
+  for (const char* name : {"A", "B", "C"}) AddLink(name)->State = kLinkConnected;
+  EXPECT_EQ(Walk(), "ABC");
+  g_DbcI.LinkList = g_DbcI.LinkList->Next;
+  EXPECT_EQ(Walk(), "BCA");
+}
+
+TEST_F(ActiveLinks, ASingleLinkIsYieldedOnce) {
+  AddLink("A")->State = kLinkConnecting;
+  EXPECT_EQ(Walk(), "A");
+}
+
+TEST_F(ActiveLinks, TheWalkLeavesWithItsWords) {
+  Link* const link = AddLink("A");
+  link->State = kLinkConnected;
+  g_DbcI.LogLevel = 15;
+  {
+    const CapturedStderr log;
+    GetNextActiveLink(kHere, 1, nullptr);
+    EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave SUSSESS\n"));
+  }
+  const CapturedStderr log;
+  GetNextActiveLink(kHere, 1, link);
+  EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave FAILED link not found\n"));
+}
+
+int Compare(std::string a, std::string b) {
+  const int result = CompareNodeName(a.c_str(), b.c_str());
+  EXPECT_EQ(CompareNodeName(b.c_str(), a.c_str()), result) << "the order makes no difference";
+  return result;
+}
+
+TEST(NodeNames, AreComparedWithoutRegardToCase) {
+  EXPECT_EQ(Compare("srv1", "SRV1"), 0);
+  EXPECT_EQ(Compare("sRv1", "SrV2"), 1);
+}
+
+TEST(NodeNames, BlanksAndNulsEndThem) {
+  EXPECT_EQ(Compare("ab      ", "AB"), 0);
+  EXPECT_EQ(Compare("ab cd", "AB xy"), 0);
+  EXPECT_EQ(Compare("ab cd", "AB"), 0);
+  EXPECT_EQ(Compare("", " "), 0);
+  EXPECT_EQ(Compare("", ""), 0);
+}
+
+TEST(NodeNames, APrefixIsAnotherName) {
+  EXPECT_EQ(Compare("AB", "ABC"), 1);
+  EXPECT_EQ(Compare("AB ", "ABC"), 1);
+  EXPECT_EQ(Compare("", "A"), 1);
+}
+
+TEST(NodeNames, EightCharactersCount) {
+  EXPECT_EQ(Compare("abcdefgh", "ABCDEFGHI"), 0);
+  EXPECT_EQ(Compare("abcdefghX", "ABCDEFGHY"), 0);
+  EXPECT_EQ(Compare("abcdefgX", "ABCDEFGY"), 1);
+}
+
+TEST(NodeNames, NothingBehindTheEighthCharacterIsRead) {
+  const std::vector<char> a = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'};
+  const std::vector<char> b = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
+  EXPECT_EQ(CompareNodeName(a.data(), b.data()), 0);
+}
+
+TEST(NodeNames, BytesAbove127AreOrdinaryCharacters) {
+  EXPECT_EQ(Compare("N\xE4", "n\xE4"), 0);
+  EXPECT_EQ(Compare("N\xE4", "N\xE5"), 1);
+}
+
+}  // namespace
