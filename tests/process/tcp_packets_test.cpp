@@ -1,0 +1,671 @@
+// The byte stream between the agent and a database server: requests to the byte, answers and the
+// requests that they belong to, packets of all lengths, and servers that stop in the middle.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/node.h"
+#include "tests/support/process.h"
+
+namespace test {
+namespace {
+
+constexpr char kNotSent[] = "The message were not send by the agent. Skip the message";
+constexpr char kBadFormat[] = "Network packet format is fail.";
+constexpr std::size_t kLargestText = 8084;  // fills a packet of the largest length
+
+template <class T>
+std::string Bytes(T value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+template <class T>
+void Overwrite(std::string* frame, std::size_t at, T value) {
+  std::memcpy(frame->data() + at, &value, sizeof value);
+}
+
+// A packet with this length word and a body of that many zero bytes.
+std::string PacketOf(std::uint32_t length) { return Bytes(length) + std::string(length, '\0'); }
+
+// A message with a value of its own in every field that is passed through.
+void FillPassedFields(lumo::Message* message) {
+  message->CodErr = 0x11223344;
+  message->Prior = 0x5566;
+  message->NumChan = 0x7788;
+  message->Uninterpreted = {1, 2, 3, 4};
+  message->Command = "SLCT";
+  message->RowId = -5;
+  message->RowCount = 1000000;
+  message->PrzExe = 0xCAFEBABE;
+  message->SysErr = -6;
+  message->LnBufRow = 0xFFFF;
+  message->DbcApiCode = 102;
+  message->Strings = {"odd", std::string("\0\xFF", 2), "", "the fourth one"};
+  for (std::size_t at = 14; at < 48; ++at)
+    message->Trailer[at] = static_cast<std::uint8_t>(0x80 + at);
+  for (std::size_t at = 4; at < 12; ++at)
+    message->Trailer[at] = static_cast<std::uint8_t>(0x80 + at);
+}
+
+class TcpPackets : public testing::Test {
+ protected:
+  // An agent with the node SRV, connected, no request in flight.
+  void StartConnected(const std::string& timeouts = "0 0 0", const std::string& moreNodes = {},
+                      const char* logLevel = "3") {
+    Agent.Nodetab(Node.Line("SRV", timeouts) + moreNodes).LogLevel(logLevel);
+    ASSERT_TRUE(Agent.Start());
+    Client.emplace(Agent);
+    const lumo::Message first = Client->Send("SRV", "first");
+    ASSERT_TRUE(Node.Accept());
+    if (timeouts != "0 0 0") {
+      EXPECT_TRUE(Node.ReadControl());
+    }
+    TakeRequest();
+    Node.Answer(first);
+    Client->ExpectAnswer(first);
+  }
+  lumo::Message Request(const std::string& text = "select") { return Client->Send("SRV", text); }
+  void TakeRequest() { ASSERT_TRUE(Node.ReadRequest()); }
+  // A request in flight, which the server has read.
+  lumo::Message InFlight(const std::string& text = "select") {
+    const lumo::Message request = Request(text);
+    TakeRequest();
+    return request;
+  }
+  void ExpectUp() {
+    const lumo::Message request = InFlight("still up?");
+    Node.Answer(request, "yes");
+    EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "yes");
+  }
+  void ExpectDown(const lumo::Message& request, int codErr, int sysErr) {
+    Client->ExpectError(request, codErr, sysErr);
+    EXPECT_TRUE(Node.ReadEnd());
+    Client->ExpectNothing();
+  }
+  int NotSentLines() const { return Agent.CountLogged(2, "link", kNotSent); }
+
+  test::Node Node;
+  test::Agent Agent;
+  std::optional<test::Client> Client;
+};
+
+// Requests
+
+TEST_F(TcpPackets, ARequestArrivesAsItIsWithItsMarkAndTheLinksDescriptor) {
+  StartConnected("0 0 0", "", "15");
+  const std::string log = Agent.Log(), mark = "REGISTER_SOCKET_FOR_THE_LINK ";
+  const std::size_t at = log.find("|" + mark);
+  ASSERT_NE(at, std::string::npos);
+  const std::int32_t descriptor = std::atoi(log.c_str() + at + 1 + mark.size());
+  EXPECT_EQ(DescriptorTarget(Agent.Pid(), descriptor).rfind("socket:", 0), 0u);
+
+  lumo::Message request = Client->Request("srv");
+  FillPassedFields(&request);
+  Client->SendMessage(request);
+  std::string expected = lumo::Encode(request, lumo::Lengths::Packet);
+  const std::size_t trailer = expected.size() - 48;
+  Overwrite(&expected, trailer + 4, descriptor);
+  Overwrite(&expected, trailer + 46, std::uint8_t{3});
+  EXPECT_EQ(Node.ReadFrame(), expected);
+  EXPECT_EQ(expected.size(), 128u);
+  EXPECT_EQ(expected.substr(0, 4), Bytes(std::uint32_t{124}));
+}
+
+TEST_F(TcpPackets, WhatFollowsTheTrailerOfARequestIsNotSentOn) {
+  StartConnected();
+  const lumo::Message request = Client->Request("SRV", "text");
+  std::string frame = lumo::Encode(request, lumo::Lengths::Client) + "left over";
+  Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size()));
+  Client->SendBytes(frame);
+  const std::optional<std::string> received = Node.ReadFrame();
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->size(), lumo::EncodedSize(request));
+}
+
+TEST_F(TcpPackets, TheLargestRequestArrivesWhole) {
+  StartConnected();
+  const std::string text(lumo::kMaxMessage - lumo::kEmptyMessage, 'x');
+  const lumo::Message request = Request(text);
+  const std::optional<lumo::Message> received = Node.ReadRequest();
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->Strings[0], text);
+}
+
+// Answers
+
+TEST_F(TcpPackets, AnAnswerArrivesAsItIsWithTheTaskNameOfItsTrailer) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  lumo::Message answer = AnswerTo(request, "");
+  FillPassedFields(&answer);
+  answer.TaskName = 0x01020304;
+  Node.SendMessage(answer);
+  answer.TaskName = request.TaskName;
+  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+}
+
+TEST_F(TcpPackets, WhatFollowsTheTrailerOfAnAnswerIsDropped) {
+  StartConnected();
+  const lumo::Message request = InFlight(), answer = AnswerTo(request, "text");
+  std::string frame = lumo::Encode(answer, lumo::Lengths::Packet) + "left over";
+  Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size() - 4));
+  Node.SendBytes(frame);
+  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  ExpectUp();
+}
+
+TEST_F(TcpPackets, BytesThatAnAnswerLacksCountAsZero) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  lumo::Message answer = AnswerTo(request, "text");
+  answer.Trailer.fill(0xEE);
+  answer.SetTrailerTaskName(request.TaskName);
+  answer.SetAstInd(request.AstInd());
+  std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
+  frame.resize(frame.size() - 30);
+  Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size() - 4));
+  Node.SendBytes(frame);
+  std::fill(answer.Trailer.begin() + 18, answer.Trailer.end(), std::uint8_t{0});
+  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+}
+
+TEST_F(TcpPackets, AnswersFindTheirRequestsInWhateverOrderTheyCome) {
+  StartConnected();
+  const lumo::Message a = InFlight("a"), b = InFlight("b"), c = InFlight("c");
+  Node.Answer(b, "B");
+  Node.Answer(c, "C");
+  Node.Answer(a, "A");
+  EXPECT_EQ(Client->ExpectAnswer(b).Strings[0], "B");
+  EXPECT_EQ(Client->ExpectAnswer(c).Strings[0], "C");
+  EXPECT_EQ(Client->ExpectAnswer(a).Strings[0], "A");
+}
+
+TEST_F(TcpPackets, TheSameTagOfTwoProcessesIsTwoRequests) {
+  StartConnected();
+  LivingProcess other;
+  test::Client second(Agent, other.Pid());
+  lumo::Message mine = Client->Request("SRV", "mine"), theirs = second.Request("SRV", "theirs");
+  mine.SetAstInd(500);
+  theirs.SetAstInd(500);
+  Client->SendMessage(mine);
+  TakeRequest();
+  second.SendMessage(theirs);
+  TakeRequest();
+  Node.Answer(theirs, "for them");
+  EXPECT_EQ(second.ExpectAnswer(theirs).Strings[0], "for them");
+  Client->ExpectNothing();
+  Node.Answer(mine, "for me");
+  EXPECT_EQ(Client->ExpectAnswer(mine).Strings[0], "for me");
+}
+
+TEST_F(TcpPackets, ASecondAnswerIsDropped) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  Node.Answer(request, "one");
+  Node.Answer(request, "two");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "one");
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), 1);
+  ExpectUp();
+}
+
+TEST_F(TcpPackets, AnAnswerThatNobodyAskedForIsDropped) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  lumo::Message wrongTag = AnswerTo(request, ""), wrongTask = wrongTag;
+  wrongTag.SetAstInd(static_cast<std::uint16_t>(request.AstInd() + 1));
+  wrongTask.SetTrailerTaskName(request.TaskName + 1);
+  Node.SendMessage(wrongTag);
+  Node.SendMessage(wrongTask);
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), 2);
+  Node.Answer(request, "right");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "right");
+}
+
+TEST_F(TcpPackets, AnAnswerAfterTheRequestWasAnsweredWithAnErrorIsDropped) {
+  StartConnected();
+  const lumo::Message late = InFlight();
+  Node.Close();
+  Client->ExpectError(late, 4009, 0);
+  const lumo::Message next = Request("next");
+  ASSERT_TRUE(Node.Accept());
+  TakeRequest();
+  Node.Answer(late, "too late");
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), 1);
+  Node.Answer(next, "in time");
+  EXPECT_EQ(Client->ExpectAnswer(next).Strings[0], "in time");
+}
+
+TEST_F(TcpPackets, AnAnswerOnAnotherLinkDoesNotCount) {
+  test::Node other;
+  StartConnected("0 0 0", other.Line("OTHER"));
+  test::Client second(Agent);
+  const lumo::Message theirs = second.Send("OTHER", "theirs");
+  ASSERT_TRUE(other.Accept());
+  ASSERT_TRUE(other.ReadRequest());
+  const lumo::Message request = InFlight();
+  ASSERT_EQ(theirs.TaskName, request.TaskName);
+  ASSERT_NE(theirs.AstInd(), request.AstInd());
+  other.Answer(request, "forged");
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), 1);
+  Node.Answer(request, "true");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "true");
+  other.Answer(theirs, "true too");
+  EXPECT_EQ(second.ExpectAnswer(theirs).Strings[0], "true too");
+}
+
+// Lengths
+
+TEST_F(TcpPackets, TheLargestPacketIsAccepted) {
+  StartConnected();
+  const lumo::Message request = InFlight(),
+                      answer = AnswerTo(request, std::string(kLargestText, 'x'));
+  const std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
+  ASSERT_EQ(frame.substr(0, 4), Bytes(std::uint32_t{8188}));
+  Node.SendBytes(frame);
+  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  ExpectUp();
+}
+
+TEST_F(TcpPackets, OneByteMoreThanTheLargestPacketTakesTheLinkDown) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  Node.SendBytes(Bytes(std::uint32_t{8189}));
+  ExpectDown(request, 4008, 0);
+  EXPECT_TRUE(Agent.Logged(
+      3, "lumo_tcp", "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189"));
+}
+
+TEST_F(TcpPackets, ALengthWithItsTopBitSetIsTooLong) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  Node.SendBytes(Bytes(std::uint32_t{0xFFFFFFFF}));
+  ExpectDown(request, 4008, 0);
+  EXPECT_TRUE(Agent.Logged(3, "lumo_tcp",
+                           "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = -1"));
+}
+
+TEST_F(TcpPackets, ALengthOfZeroCountsAsAClosedConnection) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  Node.SendBytes(Bytes(std::uint32_t{0}));
+  ExpectDown(request, 4009, 0);
+}
+
+TEST_F(TcpPackets, PacketsOfEightBytesAreSwallowed) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  Node.SendControl({0, 0});
+  Node.SendControl({2, static_cast<std::uint32_t>(request.TaskName)});
+  Node.SendControl({0xFFFFFFFF, 0xFFFFFFFF});
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), 0);
+  Node.Answer(request, "x");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "x");
+}
+
+TEST_F(TcpPackets, PacketsTooShortForAMessageAreAnswersToNobody) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  const std::uint32_t lengths[] = {1, 4, 7, 9, 47, 48, 49, 60};
+  for (const std::uint32_t length : lengths) Node.SendBytes(PacketOf(length));
+  Client->ExpectNothing();
+  EXPECT_EQ(NotSentLines(), static_cast<int>(std::size(lengths)));
+  Node.Answer(request, "x");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "x");
+}
+
+TEST_F(TcpPackets, AStringBeyondTheMessageTakesTheLinkDown) {
+  for (const unsigned count : {8085U, 8187U, 65535U}) {
+    test::Node node;
+    test::Agent agent;
+    agent.Nodetab(node.Line("SRV")).LogLevel("2");
+    ASSERT_TRUE(agent.Start());
+    test::Client client(agent);
+    const lumo::Message request = client.Send("SRV");
+    ASSERT_TRUE(node.Accept());
+    ASSERT_TRUE(node.ReadRequest());
+    std::string frame = lumo::Encode(AnswerTo(request, ""), lumo::Lengths::Packet);
+    Overwrite(&frame, 52, static_cast<std::uint16_t>(count));
+    node.SendBytes(frame);
+    client.ExpectError(request, 4008, 0);
+    EXPECT_TRUE(node.ReadEnd());
+    EXPECT_EQ(agent.CountLogged(2, "link", kBadFormat), 1);
+  }
+}
+
+TEST_F(TcpPackets, StringsThatTogetherLeaveTheMessageTakeTheLinkDown) {
+  StartConnected();
+  const lumo::Message request = InFlight();
+  lumo::Message answer = AnswerTo(request, std::string(4000, 'a'));
+  answer.Strings[1] = std::string(4086, 'b');
+  std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
+  frame.resize(8192);
+  Overwrite(&frame, 0, std::uint32_t{8188});
+  Node.SendBytes(frame);
+  ExpectDown(request, 4008, 0);
+  EXPECT_EQ(Agent.CountLogged(2, "link", kBadFormat), 1);
+}
+
+// Pieces
+
+TEST_F(TcpPackets, APacketMayComeByteByByte) {
+  StartConnected();
+  test::Client other(Agent);
+  const lumo::Message request = InFlight();
+  const lumo::Message answer = AnswerTo(request, "in pieces");
+  const std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
+  for (const char byte : frame.substr(0, frame.size() - 1)) {
+    Node.SendBytes({&byte, 1});
+    Agent.Barrier();
+  }
+  Client->ExpectNothing();
+  Node.SendBytes({&frame.back(), 1});
+  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+}
+
+TEST_F(TcpPackets, OthersAreServedWhileAPacketIsIncomplete) {
+  EchoNode echo;
+  StartConnected("0 0 0", echo.Line("ECHO"));
+  const lumo::Message request = InFlight();
+  const std::string frame = lumo::Encode(AnswerTo(request, "late"), lumo::Lengths::Packet);
+  test::Client other(Agent);
+  for (const std::size_t at : {2, 50}) {
+    Node.SendBytes(frame.substr(at == 2 ? 0 : 2, at == 2 ? 2 : 48));
+    EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
+  }
+  // Requests on the very link go out meanwhile, too.
+  const lumo::Message second = InFlight("second");
+  Node.SendBytes(frame.substr(50));
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "late");
+  Node.Answer(second);
+  Client->ExpectAnswer(second);
+}
+
+TEST_F(TcpPackets, SeveralPacketsMayComeAtOnce) {
+  StartConnected();
+  std::vector<lumo::Message> requests;
+  std::string all;
+  for (int i = 0; i < 5; ++i) {
+    requests.push_back(InFlight());
+    all += lumo::Encode(AnswerTo(requests.back(), std::to_string(i)), lumo::Lengths::Packet);
+    all += PacketOf(8);
+  }
+  Node.SendBytes(all);
+  for (std::size_t i = 0; i < requests.size(); ++i)
+    EXPECT_EQ(Client->ExpectAnswer(requests[i]).Strings[0], std::to_string(i));
+}
+
+TEST_F(TcpPackets, AServerThatClosesMidPacketGives4009ToAllWhoWait) {
+  for (const std::size_t sent : {0U, 3U, 4U, 40U, 109U}) {
+    test::Node node;
+    test::Agent agent;
+    agent.Nodetab(node.Line("SRV")).LogLevel("15");
+    ASSERT_TRUE(agent.Start());
+    test::Client one(agent), two(agent);
+    const lumo::Message first = one.Send("SRV", "1");
+    ASSERT_TRUE(node.Accept());
+    ASSERT_TRUE(node.ReadRequest());
+    const lumo::Message second = two.Send("SRV", "2");
+    ASSERT_TRUE(node.ReadRequest());
+    const std::string frame = lumo::Encode(AnswerTo(first, "x"), lumo::Lengths::Packet);
+    ASSERT_GT(frame.size(), sent);
+    node.SendBytes(frame.substr(0, sent));
+    node.Close();
+    one.ExpectError(first, 4009, 0);
+    two.ExpectError(second, 4009, 0);
+    EXPECT_EQ(agent.CountLogged(15, "lumo_tcp", "Connection \"SRV\" is broken. Call:recv"), 1);
+    one.ExpectNothing();
+    two.ExpectNothing();
+  }
+}
+
+TEST_F(TcpPackets, ANewConnectionBeginsWithANewPacket) {
+  StartConnected();
+  lumo::Message request = InFlight();
+  Node.SendBytes(Bytes(std::uint32_t{200}) + "half a packet");
+  Agent.Barrier();
+  Node.Close();
+  Client->ExpectError(request, 4009, 0);
+  request = Request();
+  ASSERT_TRUE(Node.Accept());
+  TakeRequest();
+  Node.Answer(request, "whole");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "whole");
+}
+
+// Clients that die
+
+TEST_F(TcpPackets, TheDeathOfAClientIsToldToTheServersItUsed) {
+  test::Node other, unused;
+  StartConnected("0 0 0", other.Line("OTHER") + unused.Line("UNUSED"));
+  Client->Send("UNUSED");
+  ASSERT_TRUE(unused.Accept());
+  ASSERT_TRUE(unused.ReadRequest());
+  LivingProcess process;
+  const pid_t pid = process.Pid();
+  test::Client dying(Agent, pid);
+  dying.Send("SRV");
+  TakeRequest();
+  dying.Send("OTHER");
+  ASSERT_TRUE(other.Accept());
+  ASSERT_TRUE(other.ReadRequest());
+  process.Kill();
+  Agent.Tick();
+  const std::string told = Bytes(std::uint32_t{8}) + Bytes(std::uint32_t{2}) + Bytes(pid);
+  EXPECT_EQ(other.ReadFrame(), told);
+  EXPECT_EQ(Node.ReadFrame(), told);
+  EXPECT_TRUE(unused.Silent(Milliseconds(0)));
+  Agent.Ticks(2);
+  EXPECT_TRUE(Node.Silent(Milliseconds(0))) << "told once";
+  ExpectUp();
+}
+
+TEST_F(TcpPackets, AnAnswerToADeadClientIsDroppedAndItsDeathTold) {
+  StartConnected();
+  LivingProcess process;
+  const pid_t pid = process.Pid();
+  test::Client dying(Agent, pid);
+  const lumo::Message request = dying.Send("SRV");
+  TakeRequest();
+  process.Kill();
+  Node.Answer(request);
+  EXPECT_EQ(Node.ReadControl(), (Control{2, static_cast<std::uint32_t>(pid)}));
+  Agent.Barrier();
+  EXPECT_TRUE(Agent.Logged(2, "clntxch", "The message wasn't send to client. Client is dead"));
+  dying.ExpectNothing();
+  ExpectUp();
+}
+
+TEST_F(TcpPackets, TheDeathOfAClientDoesNotConnectALinkThatIsDown) {
+  LivingProcess process;  // first, so that it holds no copy of the connection
+  StartConnected();
+  test::Client dying(Agent, process.Pid());
+  const lumo::Message request = dying.Send("SRV");
+  TakeRequest();
+  Node.Close();
+  dying.ExpectError(request, 4009, 0);
+  process.Kill();
+  Agent.Tick();
+  EXPECT_FALSE(Node.Connecting(Milliseconds(0)));
+}
+
+// Servers that do not read
+
+// Sends large requests to SRV from a thread of its own; text number i begins with "i:".
+class Flood {
+ public:
+  Flood(const Agent& agent, int count) : client_(agent) {
+    const int small = 4096;
+    setsockopt(client_.Connection().Socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    thread_ = std::thread([this, count] {
+      for (; sent_ < count; ++sent_) {
+        const lumo::Message request =
+            client_.Request("SRV", std::to_string(sent_) + ":" + std::string(7000, 'f'));
+        if (!client_.SendMessage(request)) return;
+      }
+    });
+  }
+  ~Flood() {
+    shutdown(client_.Connection().Socket(), SHUT_RDWR);  // ends a send that nobody takes
+    Finish();
+  }
+  Flood(const Flood&) = delete;
+  Flood& operator=(const Flood&) = delete;
+  int Sent() const { return sent_; }
+  void Finish() {
+    if (thread_.joinable()) thread_.join();
+  }
+  // All has been handed over: the answers may be read.
+  Client& AfterFinish() {
+    Finish();
+    return client_;
+  }
+  // No request could be handed over for a while.
+  bool Stands() const {
+    int last = -1;
+    return WaitFor([&] {
+      const int before = std::exchange(last, sent_);
+      std::this_thread::sleep_for(Milliseconds(30));
+      return before == sent_;
+    });
+  }
+
+ private:
+  Client client_;
+  std::atomic<int> sent_{0};
+  std::thread thread_;
+};
+
+class TcpStall : public TcpPackets {
+ protected:
+  static constexpr int kFlood = 70;  // of 7 kB: more than all buffers between take
+  void StartWithSlowServer(const std::string& timeouts = "0 0 0",
+                           const std::string& moreNodes = {}) {
+    StartConnected(timeouts, moreNodes);
+    const int small = 32768;
+    setsockopt(Node.Socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  }
+  // Reads the whole flood in its order; control packets between are collected, a request "short"
+  // is passed over.
+  std::vector<Control> ReadFlood() {
+    std::vector<Control> controls;
+    for (int i = 0; i < kFlood;) {
+      const int on = 1;
+      setsockopt(Node.Socket(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+      const std::optional<std::string> frame = Node.ReadFrame();
+      if (!frame) {
+        ADD_FAILURE() << "the stream ends at request " << i;
+        break;
+      }
+      if (frame->size() == 12) {
+        Control control;
+        std::memcpy(&control, frame->data() + 4, sizeof control);
+        controls.push_back(control);
+        continue;
+      }
+      const std::optional<lumo::Message> request = lumo::Decode(*frame);
+      if (request && request->Strings[0] == "short") continue;
+      if (!request || request->Strings[0].rfind(std::to_string(i) + ":", 0) != 0) {
+        ADD_FAILURE() << "not request " << i;
+        break;
+      }
+      EXPECT_EQ(request->Strings[0].size(), 7001 + std::to_string(i).size());
+      ++i;
+    }
+    return controls;
+  }
+};
+
+TEST_F(TcpStall, OthersAreServedWhileAServerDoesNotRead) {
+  EchoNode echo;
+  StartWithSlowServer("0 0 0", echo.Line("ECHO"));
+  Flood flood(Agent, kFlood);
+  EXPECT_TRUE(flood.Stands());
+  EXPECT_LT(flood.Sent(), kFlood);
+  test::Client other(Agent);
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(other.Ask("ECHO", std::to_string(i)).Strings[0], std::to_string(i));
+  EXPECT_TRUE(ReadFlood().empty());
+  EXPECT_EQ(Agent.Stop(), 0);
+}
+
+TEST_F(TcpStall, ItsAnswersAreStillTaken) {
+  StartWithSlowServer();
+  const lumo::Message request = InFlight("early");
+  Flood flood(Agent, kFlood);
+  EXPECT_TRUE(flood.Stands());
+  Node.Answer(request, "answered");
+  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "answered");
+  ReadFlood();
+}
+
+TEST_F(TcpStall, AControlPacketNeverCutsARequestInTwo) {
+  LivingProcess process;
+  const pid_t pid = process.Pid();
+  StartWithSlowServer("1 0 0");
+  Flood flood(Agent, kFlood);
+  EXPECT_TRUE(flood.Stands());
+  test::Client dying(Agent, pid);
+  dying.Send("SRV", "short");
+  Agent.Barrier();
+  process.Kill();
+  Agent.Ticks(12);
+  const std::vector<Control> controls = ReadFlood();
+  ASSERT_EQ(controls.size(), 2u);
+  EXPECT_EQ(controls[0], (Control{2, static_cast<std::uint32_t>(pid)}));
+  EXPECT_EQ(controls[1], (Control{1, 0}));
+}
+
+TEST_F(TcpStall, WhenTheServerGivesUpEachRequestIsAnsweredOnce) {
+  StartWithSlowServer();
+  Flood flood(Agent, kFlood);
+  EXPECT_TRUE(flood.Stands());
+  Node.StopListening();  // what follows is refused
+  Node.Reset();
+  std::set<std::uint16_t> answered;
+  for (int i = 0; i < kFlood; ++i) {
+    const std::optional<lumo::Message> answer = flood.AfterFinish().Receive();
+    ASSERT_TRUE(answer) << "after " << i << " answers";
+    EXPECT_TRUE(answered.insert(answer->AstInd()).second) << "twice: " << answer->AstInd();
+    EXPECT_TRUE(answer->CodErr == 4006 || answer->CodErr == 4007 || answer->CodErr == 4008)
+        << answer->CodErr;
+  }
+  flood.AfterFinish().ExpectNothing();
+}
+
+TEST_F(TcpStall, AServerThatNeverStopsSendingDoesNotStopTheOthers) {
+  EchoNode echo;
+  // With its trace on the agent is slower than the server: there is always more to read.
+  StartConnected("0 0 0", echo.Line("ECHO"), "15");
+  test::Client other(Agent);
+  other.Ask("ECHO", "connect");
+  std::atomic<bool> enough = false;
+  std::atomic<int> rounds = 0;
+  std::string packets;
+  for (int i = 0; i < 5000; ++i) packets += PacketOf(8);
+  std::thread sender([&] {
+    while (!enough && Node.SendBytes(packets)) ++rounds;
+  });
+  EXPECT_TRUE(WaitFor([&] { return rounds > 5; }));
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
+  Agent.Tick();
+  enough = true;
+  sender.join();
+  ExpectUp();
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,516 @@
+// Requests out and answers in, as the link sees them: the format of what comes from the network,
+// the request that an answer belongs to, recording and sending, and the flush of what waited.
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <random>
+
+#include "core/status.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/faults.h"
+#include "tests/unit/log_lines.h"
+#include "tools/client/message_codec.h"
+
+namespace {
+
+constexpr char kBadFormat[] = "Network packet format is fail.";
+constexpr char kNotSent[] = "The message were not send by the agent. Skip the message";
+constexpr char kFlushFailed[] = " SendMsgToLink from ReadyTcpForWrite failed. errno 0";
+
+// A client's end and the agent's end of a connection.
+class ClientConnection {
+ public:
+  ClientConnection() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_), 0); }
+  ~ClientConnection() {
+    close(ends_[0]);
+    close(ends_[1]);
+  }
+  ClientConnection(const ClientConnection&) = delete;
+  ClientConnection& operator=(const ClientConnection&) = delete;
+
+  int AgentEnd() const { return ends_[1]; }
+  // The next answer, or one whose code is -1 when none is there.
+  lumo::Message Next() {
+    std::string frame(108, '\0');
+    const ssize_t got = recv(ends_[0], frame.data(), frame.size(), MSG_DONTWAIT);
+    if (got != static_cast<ssize_t>(frame.size())) return NoAnswer();
+    return lumo::Decode(frame).value_or(NoAnswer());
+  }
+  bool Empty() { return Next().CodErr == -1; }
+
+ private:
+  static lumo::Message NoAnswer() {
+    lumo::Message none;
+    none.CodErr = -1;
+    return none;
+  }
+  int ends_[2];
+};
+
+// Answers
+
+class NetworkAnswer : public AgentTest {
+ protected:
+  // A message whose counted strings have these byte counts; the counts of those that begin beyond
+  // the area are not written.
+  static ClientMessage WithCounts(std::initializer_list<std::uint16_t> counts) {
+    ClientMessage msg = {};
+    std::size_t at = 0;
+    for (const std::uint16_t count : counts) {
+      if (at + 2 > sizeof msg.Strings) break;
+      Put(msg.Strings, WireField<std::uint16_t>{at}, count);
+      at += CountedSize(count);
+    }
+    msg.Length = 4711;
+    msg.TrailerOffset = 4711;
+    return msg;
+  }
+
+  static void ExpectAccepted(std::initializer_list<std::uint16_t> counts, unsigned trailerOffset) {
+    ClientMessage msg = WithCounts(counts);
+    EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), 0);
+    EXPECT_EQ(msg.TrailerOffset, trailerOffset);
+    EXPECT_EQ(msg.Length, trailerOffset + 52);
+  }
+
+  static void ExpectRefused(std::initializer_list<std::uint16_t> counts) {
+    ClientMessage msg = WithCounts(counts);
+    g_DbcI.LogLevel = kLogError;
+    CapturedStderr log;
+    EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
+    EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
+    EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kBadFormat), 1);
+    g_DbcI.LogLevel = 0;
+  }
+
+  static void AddInfo(Link* link, std::int32_t task, int socket, std::uint16_t astInd) {
+    const MsgInfo info = {.Link = link, .TaskName = task, .Socket = socket, .AstInd = astInd};
+    EXPECT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
+  }
+  static const MsgInfo& Info(int index) { return g_DbcI.MsgInfoArray.Items[index]; }
+};
+
+TEST_F(NetworkAnswer, FourEmptyStringsPutTheTrailerAtFiftyTwo) {
+  ClientMessage msg = WithCounts({0, 0, 0, 0});
+  EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), 0);
+  EXPECT_EQ(msg.TrailerOffset, 52);
+  EXPECT_EQ(msg.Length, 104u);
+}
+
+TEST_F(NetworkAnswer, StringsOfOddLengthArePadded) {
+  ExpectAccepted({1, 0, 0, 0}, 54);
+  ExpectAccepted({2, 0, 0, 0}, 54);
+  ExpectAccepted({3, 0, 0, 0}, 56);
+  ExpectAccepted({1, 2, 3, 5}, 66);
+  ExpectAccepted({0, 0, 0, 7}, 60);
+}
+
+TEST_F(NetworkAnswer, AStringMayFillTheMessageToItsLastByte) {
+  ExpectAccepted({8084, 0, 0, 0}, 8136);
+  ExpectAccepted({0, 8083, 0, 0}, 8136);
+  ExpectAccepted({0, 0, 0, 8084}, 8136);
+  ExpectAccepted({2020, 2022, 2020, 2022}, 8136);
+}
+
+TEST_F(NetworkAnswer, AStringThatLeavesNoRoomForTheTrailerIsRefused) {
+  ExpectRefused({8085, 0, 0, 0});
+  ExpectRefused({0, 8085, 0, 0});
+  ExpectRefused({0, 0, 0, 8085});
+  ExpectRefused({2020, 2022, 2022, 2022});
+}
+
+TEST_F(NetworkAnswer, AStringAboveTheLargestUnitCountIsRefused) {
+  ExpectRefused({8187, 0, 0, 0});
+  ExpectRefused({0, 8187, 0, 0});
+  ExpectRefused({0, 0, 8187, 0});
+  ExpectRefused({0, 0, 0, 8187});
+  ExpectRefused({0xFFFF, 0, 0, 0});
+  ExpectRefused({0, 0, 0, 0xFFFE});
+}
+
+TEST_F(NetworkAnswer, StringsThatWouldPassAloneAreRefusedWhenTogetherTheyLeaveTheArea) {
+  ExpectRefused({8186, 0, 0, 0});
+  ExpectRefused({8086, 0, 0, 0});
+  ExpectRefused({8000, 8000, 8000, 8000});
+  ExpectRefused({8090, 1, 0, 0});
+}
+
+TEST_F(NetworkAnswer, TheRefusalIsTracedWithItsWord) {
+  ClientMessage msg = WithCounts({8187, 0, 0, 0});
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  HandleNetworkMsg("caller", 12, &msg);
+  const std::vector<CapturedLine> lines = CapturedLines(log.Text());
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].Text, "'HandleNetworkMsg' Call from caller:12 ");
+  EXPECT_EQ(lines[1].Text, kBadFormat);
+  EXPECT_EQ(lines[2].Text, "'HandleNetworkMsg' Leave FAILED format");
+}
+
+TEST_F(NetworkAnswer, TheRefusalIsNotWrittenBelowLevelTwo) {
+  ClientMessage msg = WithCounts({8187, 0, 0, 0});
+  g_DbcI.LogLevel = kLogDefault;
+  CapturedStderr log;
+  EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(NetworkAnswer, TheFirstMatchingRequestIsReleasedAndStaysReadable) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 10, 5, 1);
+  AddInfo(link, 10, 6, 2);
+  AddInfo(link, 10, 7, 2);
+  const MsgInfo* const info = MarkTheMsgAsReceived("test", __LINE__, 10, 2);
+  ASSERT_EQ(info, &Info(1));
+  EXPECT_EQ(info->Link, nullptr);
+  EXPECT_EQ(info->TaskName, 10);
+  EXPECT_EQ(info->Socket, 6);
+  EXPECT_EQ(info->AstInd, 2);
+  EXPECT_EQ(Info(0).Link, link);
+  EXPECT_EQ(Info(2).Link, link);
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 2), &Info(2));
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), &Info(0));
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
+}
+
+TEST_F(NetworkAnswer, TaskNameAndTagMustBothMatch) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 10, 5, 1);
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 11, 1), nullptr);
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 2), nullptr);
+  EXPECT_EQ(Info(0).Link, link);
+}
+
+TEST_F(NetworkAnswer, AnAnswerThatMatchesNothingIsReportedAtLevelTwo) {
+  g_DbcI.LogLevel = kLogError;
+  CapturedStderr log;
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
+  EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
+}
+
+TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 10, 5, 1);
+  AddInfo(link, 11, 5, 2);
+  AddInfo(link, 12, 5, 3);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2"),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2"),
+            1);
+  EXPECT_FALSE(log.Contains("MsgInfo->TaskName = 12"));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "'MarkTheMsgAsReceived' Leave SUCCESS"),
+            1);
+}
+
+TEST_F(NetworkAnswer, AFailedSearchIsTracedWithItsWord) {
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended"),
+            1);
+}
+
+TEST_F(NetworkAnswer, AReleasedRequestDoesNotMatchAgain) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 10, 5, 1);
+  ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 10, 1));
+  EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 10, 1));
+}
+
+TEST_F(NetworkAnswer, WhileALinkIsReadOnlyItsOwnRequestsCount) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  AddInfo(a, 10, 5, 1);
+  AddInfo(b, 10, 6, 1);
+  g_DbcI.ServedLink = b;
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), &Info(1));
+  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
+  EXPECT_EQ(Info(0).Link, a);
+}
+
+TEST_F(NetworkAnswer, TheAnswerGoesToTheConnectionOfItsRequest) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 4321, 17, 9);
+  ClientMessage answer = MakeRequest(1, -7, 9, {"odd", "", "rest"});
+  Put(Trailer(&answer), kTrailerTaskName, 4321);
+  PutResult = -5;
+  EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), -5);
+  ASSERT_EQ(Answers.size(), 1u);
+  EXPECT_EQ(Answers[0].ClientSocket, 17);
+  EXPECT_EQ(Answers[0].TaskName, 4321);
+  EXPECT_EQ(CountedString(Answers[0], 0), "odd");
+  EXPECT_EQ(CountedString(Answers[0], 2), "rest");
+  EXPECT_EQ(Info(0).Link, nullptr);
+}
+
+TEST_F(NetworkAnswer, AnAnswerToNoRequestGoesToNobody) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 4321, 17, 9);
+  ClientMessage answer = MakeRequest(4321, -7, 8);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
+  EXPECT_TRUE(Answers.empty());
+  EXPECT_EQ(Info(0).Link, link);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived"),
+            1);
+}
+
+TEST_F(NetworkAnswer, OnlyTheTrailerSaysWhoseAnswerItIs) {
+  Link* const link = AddLink("A");
+  AddInfo(link, 100, 17, 9);
+  ClientMessage answer = MakeRequest(100, -7, 9);  // its own task name matches
+  Put(Trailer(&answer), kTrailerTaskName, 101);
+  EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
+  EXPECT_TRUE(Answers.empty());
+  EXPECT_EQ(Info(0).Link, link);
+}
+
+// Against the plain rule, with many requests of few processes and tags on two links.
+TEST_F(NetworkAnswer, ManyRequestsAreFoundAsASearchThroughTheArrayFindsThem) {
+  Link* const links[] = {AddLink("A"), AddLink("B")};
+  std::vector<MsgInfo> expected;  // slot by slot; free when it has no link
+  std::mt19937 random(20260101);
+  const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
+  for (int step = 0; step < 20000; ++step) {
+    const int task = 1000 + below(5);
+    const auto tag = static_cast<std::uint16_t>(below(40));
+    if (below(100) < (step < 10000 ? 55 : 45)) {
+      const MsgInfo info = {
+          .Link = links[below(2)], .TaskName = task, .Socket = step, .AstInd = tag};
+      ASSERT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
+      const auto free = std::find_if(expected.begin(), expected.end(),
+                                     [](const MsgInfo& slot) { return !slot.Link; });
+      if (free != expected.end())
+        *free = info;
+      else
+        expected.push_back(info);
+      continue;
+    }
+    g_DbcI.ServedLink = below(3) ? links[below(2)] : nullptr;
+    const auto match = std::find_if(expected.begin(), expected.end(), [&](const MsgInfo& slot) {
+      return slot.Link && slot.TaskName == task && slot.AstInd == tag &&
+             (!g_DbcI.ServedLink || slot.Link == g_DbcI.ServedLink);
+    });
+    const MsgInfo* const found = MarkTheMsgAsReceived("test", __LINE__, task, tag);
+    if (match == expected.end()) {
+      ASSERT_EQ(found, nullptr) << "step " << step;
+      continue;
+    }
+    ASSERT_EQ(found, &Info(static_cast<int>(match - expected.begin()))) << "step " << step;
+    EXPECT_EQ(found->Socket, match->Socket);
+    match->Link = nullptr;
+  }
+}
+
+// Requests
+
+class RequestSending : public NetworkAnswer {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    Node = AddLink("A");
+    Node->State = kLinkConnected;
+  }
+
+  ClientMessage RequestOf(ClientConnection& client, std::uint16_t astInd) {
+    return MakeRequest(getpid(), client.AgentEnd(), astInd, {"select"});
+  }
+  int Send(ClientMessage* msg) { return SendMsgToLink("test", __LINE__, Node, msg); }
+  void Save(ClientConnection& client, std::uint16_t astInd, Link* link) {
+    const ClientMessage msg = RequestOf(client, astInd);
+    EXPECT_EQ(SaveUnsendMsg("test", __LINE__, &msg, link), 0);
+  }
+  int Flush() { return SendAllSavedMsgToTheLink("test", __LINE__, Node); }
+
+  static void ExpectError(ClientConnection& client, std::uint16_t astInd, int codErr, int sysErr) {
+    const lumo::Message answer = client.Next();
+    EXPECT_EQ(answer.CodErr, codErr);
+    EXPECT_EQ(answer.SysErr, sysErr);
+    EXPECT_EQ(answer.AstInd(), astInd);
+    EXPECT_EQ(answer.TaskName, getpid());
+  }
+  std::vector<std::uint16_t> SentTags() {
+    std::vector<std::uint16_t> tags;
+    for (const ClientMessage& msg : Fake().Sent) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
+    return tags;
+  }
+  static int InFlight() {
+    int count = 0;
+    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
+    return count;
+  }
+  static int Waiting() {
+    int count = 0;
+    for (const SavedMessage& saved : g_DbcI.SavedArray) count += InUse(saved);
+    return count;
+  }
+
+  Link* Node = nullptr;
+};
+
+TEST_F(RequestSending, TheRequestIsRecordedBeforeItGoesOut) {
+  ClientConnection client;
+  ClientMessage msg = RequestOf(client, 7);
+  bool recorded = false;
+  Fake().OnSend = [&](Link* link, ClientMessage*) {
+    recorded = InFlight() == 1 && Info(0).Link == link && Info(0).TaskName == getpid() &&
+               Info(0).Socket == client.AgentEnd() && Info(0).AstInd == 7;
+    return 0;
+  };
+  EXPECT_EQ(Send(&msg), 0);
+  EXPECT_TRUE(recorded);
+  EXPECT_EQ(InFlight(), 1);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_TRUE(client.Empty());
+}
+
+TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
+  ClientConnection client;
+  ClientMessage msg = RequestOf(client, 7);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  {
+    FailingAllocations none;
+    EXPECT_EQ(Send(&msg), -1);
+  }
+  ExpectError(client, 7, 4200, 0);
+  EXPECT_TRUE(client.Empty());
+  EXPECT_TRUE(Fake().Sent.empty());
+  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_EQ(InFlight(), 0);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "SaveMsgInfo return bad status. Send Error to client"),
+            1);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "link", "'SendMsgToLink' Leave FAILED Save message"), 1);
+}
+
+TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
+  ClientConnection client;
+  for (std::uint16_t tag = 1; tag <= 2; ++tag) {
+    ClientMessage msg = RequestOf(client, tag);
+    ASSERT_EQ(Send(&msg), 0);
+  }
+  ClientMessage third = RequestOf(client, 3);
+  {
+    FailingAllocations none;
+    EXPECT_EQ(Send(&third), -1);
+  }
+  ExpectError(client, 3, 4200, 0);
+  EXPECT_EQ(InFlight(), 2);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
+  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
+}
+
+TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
+  Link* const other = AddLink("B");
+  other->State = kLinkConnected;
+  ClientConnection first, second, third, elsewhere;
+  ClientMessage sent = RequestOf(first, 1);
+  ASSERT_EQ(Send(&sent), 0);
+  ClientMessage sentElsewhere = RequestOf(elsewhere, 2);
+  ASSERT_EQ(SendMsgToLink("test", __LINE__, other, &sentElsewhere), 0);
+  Save(second, 3, Node);
+  Fake().OnSend = [](Link*, ClientMessage*) {
+    errno = EPIPE;
+    return 4007;
+  };
+  ClientMessage failing = RequestOf(third, 4);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Send(&failing), -1);
+  ExpectError(first, 1, 4007, EPIPE);
+  ExpectError(second, 3, 4007, EPIPE);
+  ExpectError(third, 4, 4007, EPIPE);
+  EXPECT_TRUE(first.Empty() && second.Empty() && third.Empty() && elsewhere.Empty());
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(other->State, kLinkConnected);
+  EXPECT_EQ(InFlight(), 1);
+  EXPECT_EQ(Waiting(), 0);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "Send to network failed"), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  A"), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "'SendMsgToLink' Leave FAILED send(protocol function)"),
+            1);
+}
+
+TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
+  ClientConnection client;
+  Save(client, 1, Node);
+  Save(client, 2, Node);
+  Save(client, 3, Node);
+  g_DbcI.SavedArray.Items[0].Link = nullptr;
+  Save(client, 4, Node);  // takes the first slot
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{4, 2, 3}));
+  EXPECT_EQ(Waiting(), 0);
+  EXPECT_EQ(InFlight(), 3);
+  EXPECT_TRUE(client.Empty());
+}
+
+TEST_F(RequestSending, RequestsForOtherLinksGoOnWaiting) {
+  Link* const other = AddLink("B");
+  ClientConnection client;
+  Save(client, 1, other);
+  Save(client, 2, Node);
+  Save(client, 3, other);
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{2}));
+  EXPECT_EQ(Waiting(), 2);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, other);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[2].Link, other);
+}
+
+TEST_F(RequestSending, AFlushWithNothingWaitingDoesNothing) {
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_TRUE(Fake().Calls.empty());
+}
+
+TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
+  ClientConnection client;
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Save(client, tag, Node);
+  Fake().OnSend = [&](Link*, ClientMessage*) {
+    if (Fake().Sent.size() < 2) return 0;
+    errno = ECONNRESET;
+    return 4007;
+  };
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Flush(), kStatusSend);
+  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) ExpectError(client, tag, 4007, ECONNRESET);
+  EXPECT_TRUE(client.Empty());
+  EXPECT_EQ(Waiting() + InFlight(), 0);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", kFlushFailed), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
+                          "'SendAllSavedMsgToTheLink' Leave FAILED send message"),
+            1);
+}
+
+TEST_F(RequestSending, AFlushWithoutMemoryAnswersOneWith4200AndTheRestWith4007) {
+  ClientConnection client;
+  for (std::uint16_t tag = 1; tag <= 2; ++tag) Save(client, tag, Node);
+  {
+    FailingAllocations none;
+    EXPECT_EQ(Flush(), kStatusSend);
+  }
+  ExpectError(client, 1, 4200, 0);
+  ExpectError(client, 2, 4007, 0);
+  EXPECT_TRUE(client.Empty());
+  EXPECT_TRUE(Fake().Sent.empty());
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+}  // namespace

@@ -1,0 +1,535 @@
+// The TCP driver, one operation at a time: the address text, and connecting with every system call
+// that may fail.
+#include "protocols/lumo_tcp.h"
+
+#include <netinet/tcp.h>
+
+#include "tests/unit/faults.h"
+#include "tests/unit/tcp_driver.h"
+
+namespace {
+
+class TcpAddress : public TcpDriver {
+ protected:
+  void ExpectRefused(const char* text, int result, int level, const char* line) {
+    g_DbcI.LogLevel = static_cast<std::uint8_t>(level);
+    CapturedStderr log;
+    EXPECT_EQ(Init(text), result) << text;
+    EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
+    EXPECT_EQ(CountCaptured(log.Text(), level, "lumo_tcp", line), 1) << log.Text();
+    EXPECT_EQ(Node->DriverData, nullptr);
+  }
+  int PortOf(const std::string& word) {
+    EXPECT_EQ(Init(("dbhost " + word).c_str()), 0);
+    return ntohs(static_cast<std::uint16_t>(Data().Port));
+  }
+  int ReceiveTimeoutOf(const std::string& word) {
+    EXPECT_EQ(Init(("dbhost 1 " + word).c_str()), 0);
+    return Data().ReceiveTimeout;
+  }
+};
+
+TEST_F(TcpDriver, OnlyItsOwnNameIsAccepted) {
+  for (const char* name : {"TCPIPS", "tcpip", "TCPI", "LOCALS", "ATCPIP", ""}) {
+    Protocol protocol = {};
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    EXPECT_EQ(TCPIPInitProtocol("test", __LINE__, &protocol, name, &g_DbcI.SocketSets), -1);
+    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                            "'TCPIPInitProtocol' Leave Protocol name is not my"),
+              1);
+    EXPECT_EQ(protocol.Name, nullptr);
+    EXPECT_EQ(protocol.InitLink, nullptr);
+  }
+}
+
+TEST_F(TcpDriver, ItsNineOperationsFillTheRecord) {
+  EXPECT_STREQ(Driver.Name, "TCPIP");
+  EXPECT_EQ(Driver.InitLink, TcpInitLink);
+  EXPECT_EQ(Driver.UninitLink, TcpUninitLink);
+  EXPECT_EQ(Driver.ConnectLink, TcpConnectLink);
+  EXPECT_EQ(Driver.ReadyForWrite, TcpReadyForWrite);
+  EXPECT_EQ(Driver.ReadyForRead, TcpReadyForRead);
+  EXPECT_EQ(Driver.DisconnectLink, TcpDisconnectLink);
+  EXPECT_EQ(Driver.TimerEvent, TcpTimerEvent);
+  EXPECT_EQ(Driver.SendToNetwork, TcpSendToNetwork);
+  EXPECT_EQ(Driver.ClientDeadEvent, TcpClientDeadEvent);
+}
+
+// Address text
+
+TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  EXPECT_EQ(Data().Address, static_cast<std::int32_t>(inet_addr("10.1.2.3")));
+  EXPECT_EQ(Data().Port, htons(1060));
+  EXPECT_EQ(Data().ReceiveTimeout, 20);
+  EXPECT_EQ(Data().SendTimeout, 0);
+  EXPECT_EQ(Data().ConnectTimeout, 0);
+  EXPECT_EQ(Data().AliveCount, 0);
+  EXPECT_EQ(Data().ReceiveCount, 0);
+  EXPECT_EQ(Data().ConnectCount, 0);
+  EXPECT_EQ(Data().Socket, -1);
+}
+
+TEST_F(TcpAddress, AllFieldsAreTakenInTheirOrder) {
+  ASSERT_EQ(Init("dbhost 0x424 5 30 10\n"), 0);
+  EXPECT_EQ(Data().Port, htons(1060));
+  EXPECT_EQ(Data().ReceiveTimeout, 100);
+  EXPECT_EQ(Data().SendTimeout, 30);
+  EXPECT_EQ(Data().ConnectTimeout, 10);
+}
+
+TEST_F(TcpAddress, AWrittenZeroTurnsKeepAliveOff) {
+  ASSERT_EQ(Init("dbhost 0x424 0 0 0"), 0);
+  EXPECT_EQ(Data().Port, htons(1060));
+  EXPECT_EQ(Data().ReceiveTimeout, 0);
+  EXPECT_EQ(Data().SendTimeout, 0);
+  EXPECT_EQ(Data().ConnectTimeout, 0);
+}
+
+TEST_F(TcpAddress, AnyWhiteSpaceSeparatesTheFieldsAndIsOverwritten) {
+  char address[] = "dbhost\t 1\v2\f3  4 \r\n";
+  const OnlyHost host("dbhost", "10.1.2.3");
+  ASSERT_EQ(TcpInitLink("test", __LINE__, Node, address), 0);
+  EXPECT_EQ(Data().Port, htons(1));
+  EXPECT_EQ(Data().ReceiveTimeout, 40);
+  EXPECT_EQ(Data().SendTimeout, 3);
+  EXPECT_EQ(Data().ConnectTimeout, 4);
+  EXPECT_STREQ(address, "dbhost");
+  for (const char c : address) EXPECT_TRUE(c == '\0' || !isspace(c));
+}
+
+TEST_F(TcpAddress, PortsAreReadInTheBaseOfTheirPrefix) {
+  EXPECT_EQ(PortOf("1061"), 1061);
+  EXPECT_EQ(PortOf("0x425"), 1061);
+  EXPECT_EQ(PortOf("02045"), 1061);
+  EXPECT_EQ(PortOf("12ab"), 12);
+}
+
+TEST_F(TcpAddress, AMissingPortIsTheDefaultOne) {
+  EXPECT_EQ(PortOf(""), 1060);
+  EXPECT_EQ(PortOf("0"), 1060);
+  EXPECT_EQ(PortOf("none"), 1060);
+}
+
+TEST_F(TcpAddress, APortIsCutToSixteenBits) {
+  EXPECT_EQ(PortOf("65535"), 65535);
+  EXPECT_EQ(PortOf("65537"), 1);
+  EXPECT_EQ(PortOf("-1"), 65535);
+}
+
+TEST_F(TcpAddress, AReceiveTimeoutCountsTwentyfold) {
+  EXPECT_EQ(ReceiveTimeoutOf("1"), 20);
+  EXPECT_EQ(ReceiveTimeoutOf("5"), 100);
+  EXPECT_EQ(ReceiveTimeoutOf("0x10"), 320);
+  EXPECT_EQ(ReceiveTimeoutOf("010"), 160);
+}
+
+TEST_F(TcpAddress, OnlyATextThatBeginsWithZeroTurnsKeepAliveOff) {
+  EXPECT_EQ(ReceiveTimeoutOf("0"), 0);
+  EXPECT_EQ(ReceiveTimeoutOf("00"), 0);
+  EXPECT_EQ(ReceiveTimeoutOf("0x0"), 0);
+  EXPECT_EQ(ReceiveTimeoutOf("0abc"), 0);
+  EXPECT_EQ(ReceiveTimeoutOf(""), 20);
+  EXPECT_EQ(ReceiveTimeoutOf("-3"), 20);
+  EXPECT_EQ(ReceiveTimeoutOf("-0"), 20);
+  EXPECT_EQ(ReceiveTimeoutOf("never"), 20);
+}
+
+TEST_F(TcpAddress, SendAndConnectTimeoutsAreNeverNegative) {
+  ASSERT_EQ(Init("dbhost 1 1 -30 -10"), 0);
+  EXPECT_EQ(Data().SendTimeout, 0);
+  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ASSERT_EQ(Init("dbhost 1 1 0x1E 012 more words"), 0);
+  EXPECT_EQ(Data().SendTimeout, 30);
+  EXPECT_EQ(Data().ConnectTimeout, 10);
+  ASSERT_EQ(Init("dbhost 1 1 soon later"), 0);
+  EXPECT_EQ(Data().SendTimeout, 0);
+  EXPECT_EQ(Data().ConnectTimeout, 0);
+}
+
+TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {
+  ASSERT_EQ(Init("dbhost 1 99999999999999999999 99999999999999999999 99999999999999999999"), 0);
+  EXPECT_GT(Data().ReceiveTimeout, 0);
+  EXPECT_GT(Data().SendTimeout, 0);
+  EXPECT_GT(Data().ConnectTimeout, 0);
+}
+
+TEST_F(TcpAddress, EachFieldIsTraced) {
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  ASSERT_EQ(Init("dbhost 0x424 5 30 10"), 0);
+  std::vector<std::string> texts;
+  for (const CapturedLine& line : CapturedLines(log.Text())) {
+    EXPECT_EQ(line.Level, kLogTrace);
+    EXPECT_EQ(line.Module, "lumo_tcp");
+    texts.push_back(line.Text);
+  }
+  ASSERT_EQ(texts.size(), 7u);
+  EXPECT_EQ(texts[1], "Network address 302010a");
+  EXPECT_EQ(texts[2], "Port 0x2404 in network order");
+  EXPECT_EQ(texts[3], "Receive timeout(on dbs side) 100 sec");
+  EXPECT_EQ(texts[4], "Send timeout(on dbs side) 30 sec");
+  EXPECT_EQ(texts[5], "Connect timeout 10 sec");
+  EXPECT_EQ(texts[6], "'TcpInitLink' Leave SUCCESS");
+}
+
+TEST_F(TcpAddress, ANameThatDoesNotResolveMayBeANumber) {
+  for (const char* text : {"127.0.0.1", "0x7f.0.0.1", "127.1", "0x7f000001", "2130706433"}) {
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    ASSERT_EQ(Init(text), 0) << text;
+    EXPECT_EQ(Data().Address, static_cast<std::int32_t>(htonl(INADDR_LOOPBACK))) << text;
+    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Network address 0x100007f"), 1);
+  }
+}
+
+TEST_F(TcpAddress, AHostThatIsNoAddressIsRefused) {
+  ExpectRefused("no_such_host 1060", 1, kLogResult, "'no_such_' is not a valid tcp address");
+  ExpectRefused("1.2.3.4.5", 1, kLogResult, "'1.2.3.4.' is not a valid tcp address");
+  ExpectRefused("ab", 1, kLogResult, "'ab' is not a valid tcp address");
+}
+
+TEST_F(TcpAddress, TheAllOnesAddressIsRefused) {
+  ExpectRefused("255.255.255.255", 1, kLogResult, "'255.255.' is not a valid tcp address");
+}
+
+TEST_F(TcpAddress, AnEmptyHostIsRefused) {
+  ExpectRefused("", 1, kLogResult, "Tcp address is empty");
+  ExpectRefused(" \t\n", 1, kLogResult, "Tcp address is empty");
+}
+
+TEST_F(TcpAddress, NoTextAtAllIsRefusedAtLevelFour) {
+  g_DbcI.LogLevel = 4;
+  CapturedStderr log;
+  EXPECT_EQ(TcpInitLink("test", __LINE__, Node, nullptr), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), 4, "lumo_tcp", "NULL nodetab string"), 1);
+  EXPECT_EQ(Node->DriverData, nullptr);
+  g_DbcI.LogLevel = 3;
+  CapturedStderr quiet;
+  EXPECT_EQ(TcpInitLink("test", __LINE__, Node, nullptr), 1);
+  EXPECT_EQ(quiet.Text(), "");
+}
+
+TEST_F(TcpAddress, WithoutMemoryTheResultIsThree) {
+  char address[] = "";  // the memory is asked for before the host is looked at
+  CapturedStderr log;
+  {
+    FailingAllocations none;
+    EXPECT_EQ(TcpInitLink("test", __LINE__, Node, address), 3);
+  }
+  EXPECT_EQ(log.Text(), "lumo_tcp:Memory for TCP link allocation error\n");
+  EXPECT_EQ(Node->DriverData, nullptr);
+}
+
+// Connecting
+
+TEST_F(TcpDriver, AConnectSetsTheSocketUpAndWaitsForIt) {
+  Connecting("5 30 10");
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  ConnectAndWait();
+  const int fd = Data().Socket;
+  EXPECT_EQ(Node->State, kLinkConnecting);
+  EXPECT_EQ(Data().ConnectCount, 6);
+  EXPECT_EQ(LinkOfSocket(fd), Node);
+  EXPECT_TRUE(WaitsToWrite(fd));
+  EXPECT_FALSE(WaitsToRead(fd));
+  EXPECT_TRUE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK);
+  EXPECT_EQ(SocketOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
+  EXPECT_EQ(SocketOption(fd, SOL_SOCKET, SO_SNDBUF), 2 * 8188);  // the system doubles it
+  EXPECT_EQ(SocketOption(fd, SOL_SOCKET, SO_RCVBUF), 2 * 8188);
+  const std::string number = std::to_string(fd);
+  int place = -1;
+  for (const std::string& text :
+       {std::string("Connect link \"SRV\""), "SET_NOBLOCK_MODE " + number,
+        "SET_SOCKET_BUFFERS " + number, "SET_NO_DELAY_MODE " + number,
+        std::string("before connect()"), "REGISTER_SOCKET_FOR_THE_LINK " + number + ", SRV",
+        "REGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
+    const int next = PlaceOf(log.Text(), text);
+    EXPECT_GT(next, place) << text;
+    place = next;
+  }
+}
+
+TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
+  Connecting("5 30 10");
+  ConnectAndWait();
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(ReadyForWrite(), 0);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_FALSE(WaitsToWrite(fd));
+  EXPECT_TRUE(WaitsToRead(fd));
+  EXPECT_FALSE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK);
+  EXPECT_EQ(Data().AliveCount, 50);
+  EXPECT_EQ(Data().ReceiveCount, 16);
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 0, 5}, {8, 1, 0x001E5555}}));
+  int place = -1;
+  for (const std::string& text :
+       {"SET_BLOCK_MODE " + std::to_string(fd), std::string("Prepare send ReceiveTimeout"),
+        std::string("Send CONNECTIONINFO btPktType = 0, dwParam = 5"),
+        std::string("Prepare send SendTimeout"),
+        std::string("Send CONNECTIONINFO btPktType = 1, dwParam = 1987925")}) {
+    const int next = PlaceOf(log.Text(), text);
+    EXPECT_GT(next, place) << text;
+    place = next;
+  }
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Neeed Send 12 byte of the CONNECTIONINFO"),
+      2);
+}
+
+TEST_F(TcpDriver, WithoutTimeoutsNothingIsAnnounced) {
+  Connecting("0 0 0");
+  ConnectAndWait();
+  EXPECT_EQ(Data().ConnectCount, 1);
+  EXPECT_EQ(ReadyForWrite(), 0);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_EQ(ReceiveAll(FarEnd), "");
+}
+
+TEST_F(TcpDriver, ASocketThatCannotBeMadeGives4001) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  g_DbcI.LogLevel = kLogDriver;
+  CapturedStderr log;
+  const FailingSystemCall failing(SystemCall::Socket, EMFILE);
+  EXPECT_EQ(Connect(), 4001);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "tcpip. Connect. socket(PF_INET..) return bad status. errno = 24"),
+            1);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
+  Connecting("0 0 0");
+  std::vector<int> held;
+  do held.push_back(open("/dev/null", O_RDONLY));
+  while (held.back() < 253 && held.back() >= 0);
+  EXPECT_EQ(Connect(), 0);  // number 254 still serves
+  EXPECT_EQ(Data().Socket, 254);
+  EXPECT_EQ(LinkOfSocket(254), Node);
+  DisconnectLink("test", __LINE__, Node, 0, 0);
+  held.push_back(open("/dev/null", O_RDONLY));
+  ASSERT_EQ(held.back(), 254);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;  // opens descriptors of its own
+  const int next = dup(0);
+  close(next);
+  EXPECT_EQ(Connect(), 4052);
+  EXPECT_FALSE(IsOpen(next));
+  EXPECT_EQ(CountCaptured(
+                log.Text(), kLogDriver, "lumo_tcp",
+                "tcpip. Connect. socket(PF_INET..) return too big value = " + std::to_string(next)),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpConnectLink' Leave FAILED too many connections"),
+            1);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  for (const int fd : held) close(fd);
+  close(Listener);
+}
+
+TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  const int next = dup(0);
+  close(next);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  const int used = dup(0);
+  close(used);
+  {
+    const FailingSystemCall failing(SystemCall::Fcntl, EPERM, 1);
+    EXPECT_EQ(Connect(), 4002);
+    EXPECT_EQ(errno, EPERM);
+  }
+  EXPECT_FALSE(IsOpen(used));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          " fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1"),
+            1);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+TEST_F(TcpDriver, AnOptionThatCannotBeSetGives4002AndLeavesTheSocketOpen) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  const struct {
+    int Level, Name;
+    const char* Line;
+  } options[] = {{SOL_SOCKET, SO_SNDBUF, "setsockopt(SO_SNDBUF) failed. Errno 12"},
+                 {SOL_SOCKET, SO_RCVBUF, "setsockopt(SO_RCVBUF) failed. Errno 12"},
+                 {IPPROTO_TCP, TCP_NODELAY, "setsockopt(...TCP_NODELAY...) failed. Errno 12"}};
+  for (const auto& option : options) {
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    const int next = dup(0);
+    close(next);
+    const FailingSocketOption failing(option.Level, option.Name, ENOMEM);
+    EXPECT_EQ(Connect(), 4002);
+    EXPECT_EQ(errno, ENOMEM);
+    int written = 0;
+    for (const auto& other : options)
+      written += CountCaptured(log.Text(), kLogTrace, "lumo_tcp", other.Line);
+    EXPECT_EQ(written, 1);
+    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", option.Line), 1);
+    EXPECT_EQ(Node->State, kLinkDisconnected);
+    EXPECT_EQ(close(next), 0);
+  }
+}
+
+// A peer would wait before it sends a segment that is larger than the agent's small window.
+TEST_F(TcpDriver, SegmentsAreNoLargerThanTheWindow) {
+  Connecting("0 0 0");
+  ConnectAndWait();
+  EXPECT_LE(SocketOption(Data().Socket, IPPROTO_TCP, TCP_MAXSEG), 1448);
+  EXPECT_LE(SocketOption(FarEnd, IPPROTO_TCP, TCP_MAXSEG), 1448);
+}
+
+TEST_F(TcpDriver, ASegmentSizeThatIsRefusedChangesNothing) {
+  Connecting("0 0 0");
+  const FailingSocketOption failing(IPPROTO_TCP, TCP_MAXSEG, EINVAL);
+  ConnectAndWait();
+  EXPECT_EQ(Node->State, kLinkConnecting);
+}
+
+TEST_F(TcpDriver, AConnectThatFailsAtOnceGives4006AndClosesTheSocket) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  g_DbcI.LogLevel = kLogDriver;
+  CapturedStderr log;
+  const int next = dup(0);
+  close(next);
+  const FailingSystemCall failing(SystemCall::Connect, ENETUNREACH);
+  EXPECT_EQ(Connect(), 4006);
+  EXPECT_EQ(errno, ENETUNREACH);
+  EXPECT_FALSE(IsOpen(next));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "tcpip. connect(...) return bad status. errno = 101"),
+            1);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+TEST_F(TcpDriver, AnInterruptedConnectIsRepeated) {
+  Connecting("0 0 0");
+  const FailingSystemCall interrupted(SystemCall::Connect, EINTR, 0, 2);
+  ConnectAndWait();
+  EXPECT_EQ(interrupted.Calls(), 3);
+  EXPECT_EQ(Node->State, kLinkConnecting);
+}
+
+TEST_F(TcpDriver, ReadyForWriteNeedsAUsableSocket) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  const struct {
+    int Socket;
+    std::uint8_t State;
+  } bad[] = {{-1, kLinkConnecting}, {255, kLinkConnecting}, {9, kLinkDisconnected}};
+  for (const auto& [socket, state] : bad) {
+    Data().Socket = socket;
+    Node->State = state;
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    EXPECT_EQ(ReadyForWrite(), 4052);
+    EXPECT_EQ(
+        CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Argument of ReadyTcpForWrite is bad"), 1);
+    EXPECT_EQ(
+        CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpReadyForWrite' Leave FAILED inv arg"),
+        1);
+  }
+  Data().Socket = -1;
+  Node->State = kLinkDisconnected;
+}
+
+TEST_F(TcpDriver, ARefusedConnectGives4006WithItsError) {
+  Connecting("0 0 0");
+  close(Listener);
+  ASSERT_EQ(Connect(), 0);
+  const int fd = Data().Socket;
+  pollfd ready{fd, POLLOUT, 0};
+  ASSERT_EQ(poll(&ready, 1, kPatienceMs), 1);
+  g_DbcI.LogLevel = kLogDriver;
+  CapturedStderr log;
+  errno = 0;
+  EXPECT_EQ(ReadyForWrite(), 4006);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  EXPECT_EQ(
+      CountCaptured(
+          log.Text(), kLogDriver, "lumo_tcp",
+          "TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 111. errno 0"),
+      1);
+  EXPECT_EQ(Node->State, kLinkConnecting);
+  EXPECT_FALSE(WaitsToWrite(fd)) << "it would be taken for connected";
+}
+
+TEST_F(TcpDriver, AnErrorThatCannotBeReadGives4006) {
+  Connected("0 0 0");
+  Node->State = kLinkConnecting;
+  g_DbcI.LogLevel = kLogDriver;
+  CapturedStderr log;
+  close(Data().Socket);
+  EXPECT_EQ(ReadyForWrite(), 4006);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(CountCaptured(
+                log.Text(), kLogDriver, "lumo_tcp",
+                "TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 0. errno 9"),
+            1);
+}
+
+TEST_F(TcpDriver, ABlockingModeThatCannotBeSetGives4002AndClosesTheSocket) {
+  Connecting("0 0 0");
+  ConnectAndWait();
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  {
+    const FailingSystemCall failing(SystemCall::Fcntl, EPERM, 1);
+    EXPECT_EQ(ReadyForWrite(), 4002);
+    EXPECT_EQ(errno, EPERM);
+  }
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ(Data().Socket, -1);
+  EXPECT_EQ(LinkOfSocket(fd), nullptr);
+  EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          " fcntl(...F_SETFL, ~O_NONBLOCK) return bad status. errno = 1"),
+            1);
+}
+
+TEST_F(TcpDriver, AnAnnouncementThatCannotBeSentGives4007) {
+  const char* const words[] = {"'TcpReadyForWrite' Leave FAILED send connectioninfo",
+                               "'TcpReadyForWrite' Leave FAILED send connection info"};
+  for (int successes = 0; successes < 2; ++successes) {
+    Connecting("5 30 10");
+    ConnectAndWait();
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    {
+      const FailingSystemCall failing(SystemCall::Send, EPIPE, successes);
+      EXPECT_EQ(ReadyForWrite(), 4007);
+      EXPECT_EQ(errno, EPIPE);
+    }
+    EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                            "TCP.Send the CONNECTIONINFO fail. Call:send. errno 32"),
+              1);
+    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", words[successes]), 1);
+    g_DbcI.LogLevel = 0;
+    DisconnectLink("test", __LINE__, Node, 0, 0);
+    close(FarEnd);
+    FarEnd = -1;
+  }
+}
+
+// A failing flush takes the link down itself; the operation has succeeded all the same.
+TEST_F(TcpDriver, ReadyForWriteOnAConnectedLinkSendsWhatWaitsWhateverComesOfIt) {
+  Connected("0 0 0");
+  const ClientMessage msg = MakeRequest(getpid(), -1, 1);
+  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &msg, Node), 0);
+  EXPECT_EQ(ReadyForWrite(), 0);
+  EXPECT_EQ(ReceiveAll(FarEnd).size(), 108u);
+  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &msg, Node), 0);
+  close(FarEnd);
+  FarEnd = -1;
+  EXPECT_EQ(ReadyForWrite(), 0);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+}  // namespace

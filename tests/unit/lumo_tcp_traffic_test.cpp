@@ -1,0 +1,588 @@
+// The TCP driver on a connected link, one operation at a time: the timer's arithmetic, what goes
+// out and comes in, and the end of the connection.
+#include <netinet/tcp.h>
+
+#include <cstddef>
+
+#include "core/io.h"
+#include "tests/unit/tcp_driver.h"
+#include "tools/client/message_codec.h"
+
+namespace {
+
+const Packet kAlive{8, 1, 0};
+
+class TcpTimer : public TcpDriver {
+ protected:
+  std::size_t AlivePackets() {
+    const std::vector<Packet> packets = Packets(ReceiveAll(FarEnd));
+    for (const Packet& packet : packets) EXPECT_EQ(packet, kAlive);
+    return packets.size();
+  }
+  // A link with a connect under way, as far as it knows: connect() is scripted by the test.
+  void InProgress(const char* timeouts) {
+    ASSERT_EQ(Init((std::string("dbhost 1060 ") + timeouts).c_str()), 0);
+    const FailingSystemCall connecting(SystemCall::Connect, EINPROGRESS);
+    ASSERT_EQ(Connect(), 0);
+  }
+};
+
+class TcpTraffic : public TcpDriver {
+ protected:
+  void ExpectAnswered(int client, int codErr, int sysErr) {
+    const std::optional<lumo::Message> answer = lumo::Decode(ReceiveAll(client));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->CodErr, codErr);
+    EXPECT_EQ(answer->SysErr, sysErr);
+  }
+  // A request in flight on the link; its client's end is returned through `client`.
+  void InFlight(int* client) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    *client = ends[0];
+    AgentEnd = ends[1];
+    const MsgInfo info = {.Link = Node, .TaskName = getpid(), .Socket = ends[1], .AstInd = 3};
+    ASSERT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
+  }
+  void TearDown() override {
+    if (AgentEnd >= 0) close(AgentEnd);
+    TcpDriver::TearDown();
+  }
+  int Read() { return TcpReadyForRead("test", __LINE__, Node); }
+  void Deliver(const std::string& bytes) const {
+    ASSERT_EQ(send(FarEnd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+  void DeliverLength(std::uint32_t length) const {
+    Deliver(std::string(reinterpret_cast<const char*>(&length), sizeof length));
+  }
+
+  int AgentEnd = -1;
+};
+
+// The timer
+
+TEST_F(TcpTimer, ADisconnectedLinkHasNothingToDo) {
+  ASSERT_EQ(Init("dbhost 1060 1 1 1"), 0);
+  EXPECT_EQ(Tick(), 0);
+  EXPECT_EQ(Data().AliveCount, 0);
+  EXPECT_EQ(Data().ReceiveCount, 0);
+  EXPECT_EQ(Data().ConnectCount, 0);
+}
+
+TEST_F(TcpTimer, AnAlivePacketGoesOutWhenTheCountHasRunOut) {
+  Connected("1 0 0");
+  Data().AliveCount = 10;
+  QuietTicks(10);
+  EXPECT_EQ(Data().AliveCount, 0);
+  EXPECT_EQ(AlivePackets(), 0u);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Tick(), 0);
+  EXPECT_EQ(AlivePackets(), 1u);
+  EXPECT_EQ(Data().AliveCount, 10);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Send Alive packet"), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "Send CONNECTIONINFO btPktType = 1, dwParam = 0"),
+            1);
+  g_DbcI.LogLevel = 0;
+  QuietTicks(10);
+  EXPECT_EQ(AlivePackets(), 0u);
+  QuietTicks(1);
+  EXPECT_EQ(AlivePackets(), 1u);
+}
+
+TEST_F(TcpTimer, WithoutKeepAliveNothingIsSent) {
+  Connected("0 0 0");
+  QuietTicks(50);
+  EXPECT_EQ(ReceiveAll(FarEnd), "");
+  EXPECT_EQ(Data().AliveCount, 0);
+}
+
+TEST_F(TcpTimer, AFailedAlivePacketTakesTheLinkDownAndEndsTheTick) {
+  Connected("1 1 0");
+  Data().AliveCount = 0;
+  Data().ReceiveCount = 0;  // the watchdog would report 4065
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogDriver;
+  CapturedStderr log;
+  {
+    const FailingSystemCall failing(SystemCall::Send, ECONNRESET);
+    EXPECT_EQ(Tick(), 0);
+  }
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "TCP.Send the CONNECTIONINFO fail. Call:send. errno 104"),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  SRV"), 1);
+}
+
+TEST_F(TcpTimer, TheWatchdogExpiresOneTickAfterItsCount) {
+  Connected("0 30 0");
+  Data().ReceiveCount = 16;
+  QuietTicks(16);
+  EXPECT_EQ(Data().ReceiveCount, 0);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Tick(), 4065);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Link is broken on timeout send"), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpTimerEvent' Leave FAILED on timeout send"),
+            1);
+  EXPECT_EQ(Node->State, kLinkConnected);
+}
+
+TEST_F(TcpTimer, WithoutASendTimeoutNothingIsWatched) {
+  Connected("0 0 0");
+  Data().ReceiveCount = 0;
+  QuietTicks(50);
+  EXPECT_EQ(Data().ReceiveCount, 0);
+}
+
+TEST_F(TcpTimer, AConnectMayTakeHalfItsSecondsPlusOneTicks) {
+  InProgress("0 0 10");
+  EXPECT_EQ(Data().ConnectCount, 6);
+  const FailingSystemCall connecting(SystemCall::Connect, EALREADY);
+  QuietTicks(6);
+  EXPECT_EQ(Data().ConnectCount, 0);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Tick(), 4058);
+  EXPECT_EQ(connecting.Calls(), 6);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Connect is broken on timeout"),
+            1);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpTimerEvent' Leave FAILED timeount"), 1);
+  EXPECT_EQ(Node->State, kLinkConnecting);
+}
+
+TEST_F(TcpTimer, AnOddConnectTimeoutIsHalvedDownwards) {
+  InProgress("0 0 1");
+  EXPECT_EQ(Data().ConnectCount, 1);
+  const FailingSystemCall connecting(SystemCall::Connect, EALREADY);
+  QuietTicks(1);
+  EXPECT_EQ(Tick(), 4058);
+}
+
+TEST_F(TcpTimer, WithoutAConnectTimeoutTheLinkWaitsOn) {
+  InProgress("0 0 0");
+  const FailingSystemCall connecting(SystemCall::Connect, EALREADY);
+  QuietTicks(50);
+  EXPECT_EQ(Node->State, kLinkConnecting);
+  EXPECT_EQ(Data().ConnectCount, 1);
+}
+
+TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
+  InProgress("0 0 0");
+  const int fd = Data().Socket;
+  for (const int result : {EALREADY, EISCONN, EINPROGRESS}) {
+    g_DbcI.LogLevel = 0;
+    UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", __LINE__, fd);
+    g_DbcI.LogLevel = kLogTrace;
+    CapturedStderr log;
+    const FailingSystemCall connecting(SystemCall::Connect, result);
+    EXPECT_EQ(Tick(), 0);
+    EXPECT_EQ(connecting.Calls(), 1);
+    EXPECT_TRUE(WaitsToWrite(fd));
+    const std::string number = std::to_string(fd);
+    int place = -1;
+    for (const std::string& text :
+         {std::string("Connection \"SRV\" is in progress state."), "SET_NOBLOCK_MODE " + number,
+          "SET_NO_DELAY_MODE " + number, std::string("before repeate connect()"),
+          "REGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
+      const int next = PlaceOf(log.Text(), text);
+      EXPECT_GT(next, place) << text;
+      place = next;
+    }
+    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                            "Connection \"SRV\" is already in progress. Call:connect"),
+              result == EINPROGRESS ? 0 : 1);
+  }
+}
+
+TEST_F(TcpTimer, ARepeatedConnectIsRepeatedWhenInterrupted) {
+  InProgress("0 0 0");
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  sockaddr_in address = {};
+  socklen_t size = sizeof address;
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  Data().Address = static_cast<std::int32_t>(htonl(INADDR_LOOPBACK));
+  Data().Port = address.sin_port;
+  const FailingSystemCall interrupted(SystemCall::Connect, EINTR, 0, 2);
+  EXPECT_EQ(Tick(), 0);
+  EXPECT_EQ(interrupted.Calls(), 3);
+  EXPECT_EQ(Node->State, kLinkConnecting);
+  close(listener);
+}
+
+TEST_F(TcpTimer, ARepeatedConnectThatFailsGives4006AndClosesTheSocket) {
+  InProgress("0 0 0");
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  const FailingSystemCall failing(SystemCall::Connect, ECONNREFUSED);
+  EXPECT_EQ(Tick(), 4006);
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ(Data().Socket, -1);
+  EXPECT_EQ(LinkOfSocket(fd), nullptr);
+  EXPECT_FALSE(WaitsToWrite(fd));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "tcpip. repeate connect(...) return bad status. errno = 111"),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpTimerEvent' Leave FAILED repeate connect"),
+            1);
+}
+
+TEST_F(TcpTimer, AModeThatCannotBeSetAgainGives4002AndClosesTheSocket) {
+  InProgress("0 0 0");
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  {
+    const FailingSystemCall failing(SystemCall::Fcntl, EPERM);
+    EXPECT_EQ(Tick(), 4002);
+  }
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ(Data().Socket, -1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          " fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1"),
+            1);
+}
+
+TEST_F(TcpTimer, AnOptionThatCannotBeSetAgainGives4002AndKeepsTheSocket) {
+  InProgress("0 0 0");
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  const FailingSocketOption failing(IPPROTO_TCP, TCP_NODELAY, ENOMEM);
+  EXPECT_EQ(Tick(), 4002);
+  EXPECT_TRUE(IsOpen(fd));
+  EXPECT_EQ(Data().Socket, fd);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "setsockopt(...TCP_NODELAY...) failed. Errno 12"),
+            1);
+}
+
+// Out
+
+TEST_F(TcpTraffic, ARequestGoesOutWithItsMarkAndTheLinksDescriptor) {
+  Connected("1 0 0");
+  Data().AliveCount = 3;
+  ClientMessage msg = MakeRequest(4711, 9, 0x1234, {"odd"});
+  for (std::size_t at = 0; at < kTrailerSize; ++at) {
+    if (at >= 4 && at != 12 && at != 13) Trailer(&msg)[at] = static_cast<std::uint8_t>(0xA0 + at);
+  }
+  std::string expected(reinterpret_cast<const char*>(Wire(&msg)), msg.Length + 4);
+  const std::int32_t fd = Data().Socket;
+  std::memcpy(&expected[expected.size() - 48 + 4], &fd, sizeof fd);
+  expected[expected.size() - 48 + 46] = 3;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
+  EXPECT_EQ(ReceiveAll(FarEnd), expected);
+  EXPECT_EQ(expected.size(), 112u);
+  EXPECT_EQ(Data().AliveCount, 10);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Need write 112 bytes for link \"SRV\""), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "write return 112"), 1);
+}
+
+TEST_F(TcpTraffic, AnInterruptedWriteIsRepeated) {
+  Connected("0 0 0");
+  ClientMessage msg = MakeRequest(4711, 9, 1);
+  const FailingSystemCall interrupted(SystemCall::Send, EINTR, 0, 2);
+  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
+  EXPECT_EQ(interrupted.Calls(), 3);
+  EXPECT_EQ(ReceiveAll(FarEnd).size(), 108u);
+}
+
+TEST_F(TcpTraffic, AFailedWriteGives4007AndLeavesTheLinkToTheCaller) {
+  Connected("1 0 0");
+  Data().AliveCount = 3;
+  ClientMessage msg = MakeRequest(4711, 9, 1);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  const FailingSystemCall failing(SystemCall::Send, EPIPE);
+  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 4007);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_EQ(Data().AliveCount, 3);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "TCPIP.Write into socket failed. Call:write. errno = 32"),
+            1);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpSendToNetwork' Leave FAILED write"), 1);
+}
+
+TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
+  Connected("0 0 0");
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  const std::uint32_t params[2] = {7, 0x80000001};
+  EXPECT_EQ(TcpSendConnectionInfo(42, Data().Socket, params), 0);
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 7, 0x80000001}}));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpSendConnectionInfo' Call from lumo_tcp:42 "),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "Send CONNECTIONINFO btPktType = 7, dwParam = -2147483647"),
+            1);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Neeed Send 12 byte of the CONNECTIONINFO"),
+      1);
+}
+
+TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOne) {
+  Connected("0 0 0");
+  const std::uint32_t params[2] = {1, 0};
+  {
+    const FailingSystemCall interrupted(SystemCall::Send, EINTR, 0, 1);
+    EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), 0);
+  }
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 1, 0}}));
+  const FailingSystemCall failing(SystemCall::Send, EPIPE);
+  EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), -1);
+  EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
+  Connected("0 0 0");
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 0);
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 2, 4711}}));
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "Send CKIL packet to server \"SRV\". Pid = 4711"),
+            1);
+}
+
+TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
+  Connected("0 0 0");
+  int client;
+  InFlight(&client);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  {
+    const FailingSystemCall failing(SystemCall::Send, EPIPE, 0, 1);
+    EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 4007);
+  }
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  ExpectAnswered(client, 4007, EPIPE);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpClientDeadEvent' Leave FAILED send"),
+      1);
+  close(client);
+}
+
+// In
+
+TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
+  Connected("0 30 0");
+  Data().ReceiveCount = 2;
+  Deliver(std::string("\x08\0\0\0\xFF\xFF\xFF\xFF\x01\x02\x03\x04", 12));
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(Data().ReceiveCount, 16);
+  EXPECT_TRUE(Answers.empty());
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpReadyForRead' Leave SUCCESS after receive  CONNECTIONINFO"),
+            1);
+}
+
+TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
+  Connected("0 30 0");
+  Data().ReceiveCount = 2;
+  int client;
+  InFlight(&client);
+  ClientMessage answer = MakeRequest(getpid(), 0, 3, {"one row"});
+  Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), answer.Length + 4));
+  PutResult = -1;
+  EXPECT_EQ(Read(), -1);
+  ASSERT_EQ(Answers.size(), 1u);
+  EXPECT_EQ(CountedString(Answers[0], 0), "one row");
+  EXPECT_EQ(Answers[0].ClientSocket, AgentEnd);
+  EXPECT_EQ(Data().ReceiveCount, 16);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  close(client);
+}
+
+TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
+  Connected("0 30 0");
+  Data().ReceiveCount = 2;
+  DeliverLength(8);
+  EXPECT_EQ(Read(), 0);
+  Deliver("abcd");
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(Data().ReceiveCount, 2);
+  Deliver("efgh");
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(Data().ReceiveCount, 16);
+}
+
+TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
+  Connected("0 0 0");
+  int client;
+  InFlight(&client);
+  DeliverLength(8189);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Read(), 4008);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  ExpectAnswered(client, 4008, 0);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189"),
+            1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpReadyForRead' Leave FAILED format (length)"),
+            1);
+  close(client);
+}
+
+TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
+  Connected("0 0 0");
+  int client;
+  InFlight(&client);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  close(Data().Socket);
+  EXPECT_EQ(Read(), 4008);
+  ExpectAnswered(client, 4008, EBADF);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
+                          "TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9"),
+            1);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpReadyForRead' Leave FAILED receive"),
+      1);
+  close(client);
+}
+
+TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
+  Connected("0 0 0");
+  int client;
+  InFlight(&client);
+  shutdown(FarEnd, SHUT_WR);
+  errno = ENOTTY;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Read(), 4009);
+  ExpectAnswered(client, 4009, 0);
+  EXPECT_EQ(
+      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Connection \"SRV\" is broken. Call:recv"),
+      1);
+  close(client);
+}
+
+TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
+  Connected("0 0 0");
+  int client;
+  InFlight(&client);
+  ClientMessage answer = MakeRequest(getpid(), 0, 3);
+  Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
+  Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108));
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(Read(), 4008);
+  ExpectAnswered(client, 4008, 0);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", "Network packet format is fail."), 1);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg"),
+            1);
+  close(client);
+}
+
+// The end
+
+TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
+  Connected("0 0 0");
+  const int fd = Data().Socket;
+  const std::string number = std::to_string(fd);
+  const int copy = dup(fd);  // as a process that was forked meanwhile may hold one
+  DeliverLength(200);
+  EXPECT_EQ(Read(), 0);  // half a packet is kept
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(Data().Socket, -1);
+  EXPECT_FALSE(IsOpen(fd));
+  EXPECT_EQ(LinkOfSocket(fd), nullptr);
+  EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
+  char byte;
+  EXPECT_EQ(recv(FarEnd, &byte, 1, MSG_DONTWAIT), 0);
+  close(copy);
+  int place = -1;
+  for (const std::string& text :
+       {"UNREGISTER_SOCKET_FOR_THE_LINK " + number, "UNREGISTER_SOCKET_FOR_READ_EVENT " + number,
+        "UNREGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
+    const int next = PlaceOf(log.Text(), text);
+    EXPECT_GT(next, place) << text;
+    place = next;
+  }
+}
+
+TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
+  Connected("0 0 0");
+  const int fd = Data().Socket;
+  DeliverLength(200);
+  EXPECT_EQ(Read(), 0);
+  std::vector<char> flood(4 << 20);
+  ASSERT_EQ(SendBytes("test", __LINE__, fd, flood.data(), flood.size()), 0);
+  ASSERT_GT(UnsentBytes(fd), 0u);
+  DisconnectLink("test", __LINE__, Node, 0, 0);
+  EXPECT_EQ(UnsentBytes(fd), 0u);
+  close(FarEnd);
+  Connected("0 0 0");
+  Deliver(std::string("\x08\0\0\0abcdefgh", 12));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(Node->State, kLinkConnected);
+  DisconnectLink("test", __LINE__, Node, 0, 0);
+}
+
+TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
+  Connected("0 0 0");
+  Node->State = kLinkDisconnected;
+  const int fd = Data().Socket;
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_TRUE(IsOpen(fd));
+  EXPECT_EQ(Data().Socket, fd);
+  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
+                          "'TcpDisconnectLink' Leave SUCCESS already disconnected"),
+            1);
+  Node->State = kLinkConnected;
+}
+
+TEST_F(TcpTraffic, ALinkWithoutARecordIsOnlyMarkedDisconnected) {
+  Node->State = kLinkConnecting;
+  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+}
+
+TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
+  Connected("0 0 0");
+  const int fd = Data().Socket;
+  int client;
+  InFlight(&client);
+  EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Node->DriverData, nullptr);
+  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_FALSE(IsOpen(fd));
+  ExpectAnswered(client, 0, 0);
+  close(client);
+}
+
+TEST_F(TcpTraffic, UninitOfADisconnectedLinkOnlyFreesItsRecord) {
+  ASSERT_EQ(Init("dbhost"), 0);
+  g_DbcI.LogLevel = kLogTrace;
+  CapturedStderr log;
+  EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Node->DriverData, nullptr);
+  EXPECT_FALSE(log.Contains("DisconnectLink"));
+}
+
+}  // namespace

@@ -1,0 +1,35 @@
+// System calls that fail, and names of hosts that resolve, when a test says so.
+#pragma once
+enum class SystemCall { Socket, Fcntl, SetSockOpt, Connect, Send, Count };
+
+// While it lives, calls of one kind by the agent's modules or the test fail with `error`: after
+// `successes` more have succeeded, `failures` of them in a row.
+class FailingSystemCall {
+ public:
+  FailingSystemCall(SystemCall call, int error, int successes = 0, int failures = 1000000);
+  ~FailingSystemCall();
+  FailingSystemCall(const FailingSystemCall&) = delete;
+  FailingSystemCall& operator=(const FailingSystemCall&) = delete;
+  int Calls() const;  // since it was made, failed ones included
+
+ private:
+  const SystemCall call_;
+};
+
+// While it lives, this socket option cannot be set.
+class FailingSocketOption {
+ public:
+  FailingSocketOption(int level, int name, int error);
+  ~FailingSocketOption();
+  FailingSocketOption(const FailingSocketOption&) = delete;
+  FailingSocketOption& operator=(const FailingSocketOption&) = delete;
+};
+
+// While it lives, this host name resolves to this IPv4 address, and no other name resolves.
+class OnlyHost {
+ public:
+  OnlyHost(const char* name, const char* address);
+  ~OnlyHost();
+  OnlyHost(const OnlyHost&) = delete;
+  OnlyHost& operator=(const OnlyHost&) = delete;
+};

@@ -1,0 +1,118 @@
+// A link of the TCP driver for the tests of its operations.
+#pragma once
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "core/status.h"
+#include "protocols/lumo_tcp.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/log_lines.h"
+#include "tests/unit/system_faults.h"
+
+inline constexpr int kPatienceMs = 15000;
+
+// A control packet's three words.
+using Packet = std::array<std::uint32_t, 3>;
+
+inline bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+
+inline int SocketOption(int fd, int level, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  getsockopt(fd, level, name, &value, &size);
+  return value;
+}
+
+inline std::string ReceiveAll(int fd) {
+  std::string bytes(16384, '\0');
+  const ssize_t got = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+  return bytes;
+}
+
+inline std::vector<Packet> Packets(const std::string& bytes) {
+  std::vector<Packet> packets(bytes.size() / sizeof(Packet));
+  EXPECT_EQ(bytes.size() % sizeof(Packet), 0u);
+  if (!packets.empty()) std::memcpy(packets.data(), bytes.data(), bytes.size());
+  return packets;
+}
+
+class TcpDriver : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    ASSERT_EQ(TCPIPInitProtocol("test", __LINE__, &Driver, "TCPIP", &g_DbcI.SocketSets), 0);
+    Node = static_cast<Link*>(std::calloc(1, sizeof(Link)));
+    Node->Protocol = &Driver;
+    std::strcpy(Node->NodeName, "SRV");
+    Node->Next = Node;
+    g_DbcI.LinkList = g_DbcI.FirstLink = g_DbcI.DefaultLink = Node;
+  }
+  void TearDown() override {
+    if (FarEnd >= 0) close(FarEnd);
+    AgentTest::TearDown();
+  }
+
+  int Init(const char* text) {
+    char address[256];
+    std::snprintf(address, sizeof address, "%s", text);
+    std::free(Node->DriverData);
+    Node->DriverData = nullptr;
+    const OnlyHost host("dbhost", "10.1.2.3");
+    return TcpInitLink("test", __LINE__, Node, address);
+  }
+  TcpLinkData& Data() const { return *static_cast<TcpLinkData*>(Node->DriverData); }
+
+  // A connected link; the test holds the far end of its stream.
+  void Connected(const char* timeouts) {
+    ASSERT_EQ(Init((std::string("dbhost 1060 ") + timeouts).c_str()), 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    FarEnd = ends[0];
+    Data().Socket = ends[1];
+    Node->State = kLinkConnected;
+    REGISTER_SOCKET_FOR_THE_LINK("test", __LINE__, ends[1], Node);
+    REGISTER_SOCKET_FOR_READ_EVENT("test", __LINE__, ends[1]);
+  }
+  // A link whose connect has begun, to a listener of ours.
+  void Connecting(const char* timeouts) {
+    Listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(bind(Listener, reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(listen(Listener, 4), 0);
+    ASSERT_EQ(getsockname(Listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    const std::string text = "127.0.0.1 " + std::to_string(ntohs(address.sin_port)) + " ";
+    ASSERT_EQ(Init((text + timeouts).c_str()), 0);
+  }
+  int Connect() { return TcpConnectLink("test", __LINE__, Node); }
+  // Connects the link up to the point where it is ready for write.
+  void ConnectAndWait() {
+    ASSERT_EQ(Connect(), 0);
+    pollfd ready{Data().Socket, POLLOUT, 0};
+    ASSERT_EQ(poll(&ready, 1, kPatienceMs), 1);
+    FarEnd = accept(Listener, nullptr, nullptr);
+    close(Listener);
+    ASSERT_GE(FarEnd, 0);
+  }
+  int ReadyForWrite() { return TcpReadyForWrite("test", __LINE__, Node); }
+  int Tick() { return TcpTimerEvent("test", __LINE__, Node); }
+  void QuietTicks(int count) {
+    for (int i = 0; i < count; ++i) ASSERT_EQ(Tick(), 0) << "at tick " << i + 1;
+  }
+  bool WaitsToWrite(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
+  bool WaitsToRead(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
+
+  Protocol Driver = {};
+  Link* Node = nullptr;
+  int FarEnd = -1, Listener = -1;
+};
