@@ -26,7 +26,7 @@ std::uint16_t ClientTimeout = kClientTimeout;
 namespace {
 
 constexpr int kPacketsInARow = 256;  // of one link, before everybody else gets a turn
-constexpr int kRequestsAtOnce = 16;  // so many requests at most are sent to a link in one piece
+constexpr int kRequestsAtOnce = 64;  // so many requests at most are sent to a link in one piece
 constexpr int kManyInFlight = 2;     // so many unanswered requests make a look at the link pay
 
 // What the last wait reported and what is not served yet.
@@ -204,6 +204,7 @@ void TickLinks() {
   Link* link = nullptr;
   while ((link = GetNextActiveLink(HERE, link)) != nullptr) {
     const int status = link->Protocol->TimerEvent(HERE, link);
+    if (link->State != kLinkDisconnected) link->Broken = status;
     if (status != 0) LinkFailed(link, status, 0);
   }
 }
@@ -279,19 +280,24 @@ void ReadFromLink(Link* link) {
   ++packetsInARow;
 }
 
-// Reads a packet of a link and those that have been taken together with it.
+// Reads a packet of a link, those that have been taken together with it, and what is likely to
+// have come meanwhile.
 void DrainLink(int fd, Link* link) {
   do {
     ReadFromLink(link);
-  } while (FrameWaits(fd) && LinkOfSocket(fd) == link && link->State == kLinkConnected &&
-           packetsInARow < kPacketsInARow && !Stopping());
+  } while ((FrameWaits(fd) || MoreHasCome(fd)) && LinkOfSocket(fd) == link &&
+           link->State == kLinkConnected && packetsInARow < kPacketsInARow && !Stopping());
 }
 
 // A link that keeps delivering is drained before anything else is looked at, but not for ever.
+bool LastLinkGoesFirst() {
+  return LinkOfSocket(g_DbcI.LastLinkSocket) && packetsInARow < kPacketsInARow;
+}
+
 bool ServeLastLink() {
   const int fd = g_DbcI.LastLinkSocket;
   Link* const link = LinkOfSocket(fd);
-  if (!link || !FD_ISSET(fd, &readyForRead) || packetsInARow >= kPacketsInARow) {
+  if (!LastLinkGoesFirst() || !FD_ISSET(fd, &readyForRead)) {
     packetsInARow = 0;
     return false;
   }
@@ -299,9 +305,15 @@ bool ServeLastLink() {
   return true;
 }
 
+void SendingFailed(Link* link, int error) {
+  LOG(kLogDriver, "Write into the socket of link \"%.8s\" failed. errno = %d", link->NodeName,
+      error);
+  DisconnectLink(HERE, link, kStatusSend, error);
+}
+
 void SendHeldRequests() {
   Link* const failed = LinkOfSocket(SendHeld(HERE));
-  if (failed) DisconnectLink(HERE, failed, kStatusSend, errno);
+  if (failed) SendingFailed(failed, errno);
 }
 
 // Several requests of a pass travel to a link together. After some of them the link that answered
@@ -357,7 +369,7 @@ void LinkConnected(Link* link) {
 void ServeWritableLink(int fd, Link* link) {
   LOG(kLogTrace, "Socket %d ready for write", fd);
   if (UnsentBytes(fd) > 0) {
-    if (FlushBytes(HERE, fd) != 0) DisconnectLink(HERE, link, kStatusSend, errno);
+    if (FlushBytes(HERE, fd) != 0) SendingFailed(link, errno);
     return;
   }
   const int status = link->Protocol->ReadyForWrite(HERE, link);
@@ -404,22 +416,28 @@ void ServeEvents(int events) {
   if (HasNewClient()) AcceptNewClientConnection(HERE);
 }
 
-// Packets that have been taken already are events that the system does not know of.
-int AddWaitingFrames(int events) {
-  if (events < 0 || WaitingFrames() == 0) return events;
-  for (int fd = kFirstDescriptor; fd < kMaxDescriptors; ++fd) {
-    if (!FrameWaits(fd) || FD_ISSET(fd, &readyForRead)) continue;
-    FD_SET(fd, &readyForRead);
-    ++events;
+// Frames that have been taken already are events that the system does not know of. Puts their
+// descriptors, as far as they are to be read, in the set; returns how many it did not have.
+int AddWaitingFrames(fd_set* set) {
+  int added = 0;
+  for (int fd = kFirstDescriptor; WaitingFrames() > 0 && fd < g_DbcI.SocketSets.MaxSocket; ++fd) {
+    if (!FrameWaits(fd) || !FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet)) continue;
+    added += !FD_ISSET(fd, set);
+    FD_SET(fd, set);
   }
-  return events;
+  return added;
 }
 
 int Wait(timeval* interval) {
-  if (WaitingFrames() > 0) *interval = {0, 0};
-  const int events = WaitForEvents(interval, &readyForRead, &readyForWrite);
+  fd_set waiting;
+  if (WaitingFrames() > 0) {
+    FD_ZERO(&waiting);
+    if (AddWaitingFrames(&waiting) > 0) *interval = {0, 0};
+  }
+  const int alone = LastLinkGoesFirst() ? g_DbcI.LastLinkSocket : -1;
+  const int events = WaitForEvents(interval, &readyForRead, &readyForWrite, alone);
   LOG(kLogTrace, "select return %d", events);
-  return AddWaitingFrames(events);
+  return events < 0 ? events : events + AddWaitingFrames(&readyForRead);
 }
 
 void RunLoop() {

@@ -37,12 +37,24 @@ int CircleFailure() { return g_DbcI.Err1001 ? kStatusCircleFailed : kStatusConne
 
 bool TimerWillTryAgain() { return g_DbcI.AutoConnectTimeout != 0 && g_DbcI.CircleTimeCount != 0; }
 
+// The link after the default one. Links that the timer has found broken and that were left as they
+// were, because another one took over, are taken down first: else two of them could pass the
+// default to each other for ever, with requests waiting on both.
+Link* NextCandidate() {
+  Link* candidate = g_DbcI.DefaultLink->Next;
+  while (candidate->Broken != 0 && candidate != g_DbcI.DefaultLink) {
+    DisconnectLink(HERE, candidate, candidate->Broken, 0);
+    candidate = g_DbcI.DefaultLink->Next;
+  }
+  return candidate;
+}
+
 // Asks one link after the other, starting after the default one, until one is not disconnected:
 // true. False: the circle is complete. Either way the last one is the default link now.
 bool ConnectSomeLink() {
   const Link* const end = CircleEntry();
   while (true) {
-    Link* const candidate = g_DbcI.DefaultLink->Next;
+    Link* const candidate = NextCandidate();
     MoveDefaultRequests(g_DbcI.DefaultLink, candidate);
     g_DbcI.DefaultLink = candidate;
     LOG(kLogDefault, "Set link  %.8s as default", candidate->NodeName);
@@ -65,12 +77,32 @@ int UseConnectedLink(const Link* failedLink, int tavrinErr) {
   return 0;
 }
 
+void TakeDown(Link* link) {
+  if (link->State == kLinkConnected) LOG(kLogDefault, "Disconnect link  %.8s", link->NodeName);
+  link->Protocol->DisconnectLink(HERE, link);
+  link->State = kLinkDisconnected;
+  link->Broken = 0;
+}
+
+// The timer connects only a link that is down: one that has failed is taken down, but the requests
+// that wait for the default go on waiting. A link that is up needs no timer.
+void PrepareForTimer(const Link* failedLink, int tavrinErr) {
+  Link* const link = g_DbcI.DefaultLink;
+  if (link == failedLink && link->State != kLinkDisconnected) {
+    TakeDown(link);
+    AnswerSentRequests(link, tavrinErr, 0);
+  } else if (link->State == kLinkConnected) {
+    SendAllSavedMsgToTheLink(HERE, link);
+  }
+}
+
 // The circle is complete: the timer tries again while its count runs; else it has failed, and all
 // who followed the default link are told.
-int EndCircle() {
+int EndCircle(const Link* failedLink, int tavrinErr) {
   LOG(kLogTrace, "Link %.8s is last link in the list", g_DbcI.DefaultLink->NodeName);
   if (TimerWillTryAgain()) {
     LOG(kLogTrace, "Full connect cicle failed. Wait timer event");
+    PrepareForTimer(failedLink, tavrinErr);
     return 0;
   }
   LOG(kLogDefault, "Full connect circle failed or timeout expired");
@@ -123,9 +155,7 @@ bool ReconnectionFollows(const Link* link) {
 
 int DisconnectLink(const char* file, int line, Link* link, int tavrinErr, int sysErr) {
   ENTER("Link = %.8s, TavrinErr = %d, SysErr = %d", link->NodeName, tavrinErr, sysErr);
-  if (link->State == kLinkConnected) LOG(kLogDefault, "Disconnect link  %.8s", link->NodeName);
-  link->Protocol->DisconnectLink(HERE, link);
-  link->State = kLinkDisconnected;
+  TakeDown(link);
   if (g_DbcI.PingMode == 1) {
     PingAnaliseRetcode(HERE, link, tavrinErr, sysErr);
     return LEAVE(-1, "SUCCESS ping");
@@ -150,7 +180,7 @@ int TryConnectDefaultLinkToNextServer(const char* file, int line, Link* failedLi
   } else {
     LOG(kLogTrace, "Try circle link connect");
     if (!ConnectSomeLink())
-      result = EndCircle();
+      result = EndCircle(failedLink, tavrinErr);
     else if (g_DbcI.DefaultLink->State == kLinkConnected)
       return UseConnectedLink(failedLink, tavrinErr);
   }

@@ -25,6 +25,7 @@ struct Link {
   Link* Next;                                 // the list is a circle
   char PendingNodetabLine[kPendingLineSize];  // to be applied at the next disconnect; or empty
   std::uint8_t DeletePending;                 // to be deleted at the next disconnect
+  int Broken;             // the code with which the last tick found it broken, 0: it did not
   std::uint8_t WasEntry;  // of a deleted link: it was LinkList; walks start anew from there
 };
 

@@ -1,0 +1,81 @@
+// What the tests of failing links have in common.
+#pragma once
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/peer.h"
+#include "tools/client/management.h"
+
+namespace test {
+
+inline std::string DefaultName(Agent& agent) {
+  const lumo::Answer answer = lumo::GetDefaultName(agent.Control());
+  return answer ? lumo::ItemText(answer->Item) : "no answer";
+}
+
+// The whole log, once the agent has done what had come before.
+inline std::string LogOf(Agent& agent) {
+  agent.Barrier();
+  return agent.Log();
+}
+
+// The node gets its next request, which is answered with "from NODE".
+inline void ExpectServedBy(Peer& node, const std::string& name, Client& client,
+                           const lumo::Message& request, const Place& place = Place::current()) {
+  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  const std::optional<lumo::Message> received = node.ReadRequest();
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->AstInd(), request.AstInd());
+  node.Answer(*received, "from " + name);
+  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "from " + name);
+}
+
+// A local kernel that is not there until told.
+class LateKernel : public Peer {
+ public:
+  explicit LateKernel(const Agent& agent)
+      : Peer(lumo::Lengths::Client),
+        number_(agent.ExchangeId() + 1),
+        path_(agent.SocketPath(number_)) {}
+  ~LateKernel() {
+    if (listener_ >= 0) close(listener_);
+  }
+  LateKernel(LateKernel&&) = delete;
+
+  // From here on connections are refused.
+  void Bind() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path_.copy(address.sun_path, sizeof address.sun_path - 1);
+    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+      throw std::runtime_error("the kernel's socket cannot be made");
+  }
+  // From here on they wait for Accept.
+  void Listen() {
+    if (listener_ < 0) Bind();
+    if (listen(listener_, 16) != 0) throw std::runtime_error("listen fails");
+  }
+  bool Accept() {
+    static_cast<Peer&>(*this) = Peer(lumo::Lengths::Client, AcceptWithin(listener_, kPatience));
+    return Open() && SendBytes(std::string(60, '\0'));
+  }
+  std::string Line(const std::string& name) const {
+    return name + " LOCALS " + std::to_string(number_) + "\n";
+  }
+
+ private:
+  int number_;
+  std::string path_;
+  int listener_ = -1;
+};
+
+}  // namespace test

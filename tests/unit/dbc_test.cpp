@@ -1,0 +1,501 @@
+// The registration of descriptors, a link that becomes the default by connecting, and the loop
+// when a descriptor goes bad.
+#include "core/dbc.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include "tests/support/wait.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/log_texts.h"
+#include "tools/client/connection.h"
+#include "tools/client/management.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+bool Reads(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
+bool Writes(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
+
+class SocketRegistration : public AgentTest {};
+
+TEST_F(SocketRegistration, ForReadingPutsTheDescriptorIntoTheReadSetAlone) {
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
+  EXPECT_TRUE(Reads(7));
+  EXPECT_FALSE(Writes(7));
+  EXPECT_FALSE(Reads(6) || Reads(8));
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 8);
+  EXPECT_EQ(LinkOfSocket(7), nullptr);
+}
+
+TEST_F(SocketRegistration, ForWritingPutsTheDescriptorIntoTheWriteSetAlone) {
+  REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 9);
+  EXPECT_TRUE(Writes(9));
+  EXPECT_FALSE(Reads(9));
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 10);
+}
+
+TEST_F(SocketRegistration, TheHighestDescriptorOnlyGrows) {
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 20);
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 5);
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 21);
+  UNREGISTER_SOCKET_FOR_READ_EVENT("test", 1, 20);
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 21);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 21);
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 22);
+}
+
+TEST_F(SocketRegistration, EachKindIsTakenBackByItself) {
+  Link* const link = AddLink("A");
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 7);
+  REGISTER_SOCKET_FOR_THE_LINK("test", 1, 7, link);
+  UNREGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
+  EXPECT_FALSE(Reads(7));
+  EXPECT_TRUE(Writes(7));
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 7);
+  EXPECT_FALSE(Writes(7));
+  EXPECT_EQ(LinkOfSocket(7), link);
+  UNREGISTER_SOCKET_FOR_THE_LINK("test", 1, 7);
+  EXPECT_EQ(LinkOfSocket(7), nullptr);
+}
+
+TEST_F(SocketRegistration, ALinkOwnsDescriptorsUpTo254) {
+  Link* const link = AddLink("A");
+  for (const int fd : {0, 254, 255, 1023, -1}) REGISTER_SOCKET_FOR_THE_LINK("test", 1, fd, link);
+  EXPECT_EQ(LinkOfSocket(0), link);
+  EXPECT_EQ(LinkOfSocket(254), link);
+  for (const int fd : {-1, 1, 253, 255, 1023, 100000}) EXPECT_EQ(LinkOfSocket(fd), nullptr) << fd;
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 0) << "an owner alone makes nobody wait";
+}
+
+TEST_F(SocketRegistration, ClientDescriptorsMayBeAsLargeAsTheSets) {
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, FD_SETSIZE - 1);
+  EXPECT_TRUE(Reads(FD_SETSIZE - 1));
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, FD_SETSIZE);
+}
+
+TEST_F(SocketRegistration, DescriptorsBeyondTheSetsAreIgnored) {
+  const struct SocketSets before = g_DbcI.SocketSets;
+  for (const int fd : {-1, FD_SETSIZE, 100000}) {
+    REGISTER_SOCKET_FOR_READ_EVENT("test", 1, fd);
+    REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, fd);
+    UNREGISTER_SOCKET_FOR_READ_EVENT("test", 1, fd);
+    UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, fd);
+    UNREGISTER_SOCKET_FOR_THE_LINK("test", 1, fd);
+  }
+  EXPECT_EQ(std::memcmp(&before, &g_DbcI.SocketSets, sizeof before), 0);
+}
+
+TEST_F(SocketRegistration, EachOperationIsTracedAtTheCallersPlace) {
+  Link* const link = AddLink("A");
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("two", 12, 8);
+  REGISTER_SOCKET_FOR_THE_LINK("three", 13, 9, link);
+  UNREGISTER_SOCKET_FOR_READ_EVENT("four", 14, 10);
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT("five", 15, 11);
+  UNREGISTER_SOCKET_FOR_THE_LINK("six", 16, 12);
+  EXPECT_EQ(LogTexts(log.Text()), (Texts{"15 one|REGISTER_SOCKET_FOR_READ_EVENT 7",
+                                         "15 two|REGISTER_SOCKET_FOR_WRITE_EVENT 8",
+                                         "15 three|REGISTER_SOCKET_FOR_THE_LINK 9, A",
+                                         "15 four|UNREGISTER_SOCKET_FOR_READ_EVENT 10",
+                                         "15 five|UNREGISTER_SOCKET_FOR_WRITE_EVENT 11",
+                                         "15 six|UNREGISTER_SOCKET_FOR_THE_LINK 12"}));
+  EXPECT_TRUE(log.Contains(":  14 "));
+}
+
+TEST_F(SocketRegistration, BelowTheTraceLevelNothingIsWritten) {
+  g_DbcI.LogLevel = 14;
+  CapturedStderr log;
+  REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
+  UNREGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
+  EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(SocketRegistration, StartsEmptyWithTheProcessesOwnNumber) {
+  REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 8);
+  REGISTER_SOCKET_FOR_THE_LINK("test", 1, 9, AddLink("A"));
+  g_DbcI.SocketSets.AgentPid = 0;
+  EXPECT_EQ(DbcInitGlobal("test", 1), 0);
+  EXPECT_EQ(g_DbcI.SocketSets.AgentPid, getpid());
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 0);
+  EXPECT_FALSE(Reads(7) || Writes(8));
+  EXPECT_EQ(LinkOfSocket(9), nullptr);
+}
+
+class UsingALinkAsDefault : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    A = AddLink("A");
+    B = AddLink("B");
+    B->State = kLinkConnected;
+  }
+  static void Save(std::uint16_t tag, Link* link, const char* node) {
+    ClientMessage msg = MakeRequest(getpid(), -1, tag);
+    std::strncpy(msg.CBL.Node, node, sizeof msg.CBL.Node);
+    ASSERT_EQ(SaveUnsendMsg("test", 1, &msg, link), 0);
+  }
+  static int Waiting(const Link* link) {
+    int count = 0;
+    for (const SavedMessage& saved : g_DbcI.SavedArray) count += saved.Link == link;
+    return count;
+  }
+  Link *A = nullptr, *B = nullptr;
+};
+
+TEST_F(UsingALinkAsDefault, MovesTheDefault) {
+  EXPECT_EQ(UseTheLinkAsDefault(1, B), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(g_DbcI.CircleStartLink, A);
+}
+
+TEST_F(UsingALinkAsDefault, SendsTheRequestsThatWaitForTheDefaultOverIt) {
+  Save(1, A, "");
+  Save(2, A, "A");
+  Save(3, A, " ");
+  UseTheLinkAsDefault(1, B);
+  EXPECT_EQ(Fake().Count("SendToNetwork B"), 2);
+  EXPECT_EQ(Waiting(A), 1);
+  EXPECT_EQ(Waiting(B), 0);
+}
+
+TEST_F(UsingALinkAsDefault, ChangesNothingWhileTheDefaultIsConnected) {
+  A->State = kLinkConnected;
+  Save(1, A, "");
+  EXPECT_EQ(UseTheLinkAsDefault(1, B), -1);
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Waiting(A), 1);
+  EXPECT_TRUE(Fake().Sent.empty());
+}
+
+TEST_F(UsingALinkAsDefault, RefusesTheDefaultItselfAndALinkThatIsNotConnected) {
+  EXPECT_EQ(UseTheLinkAsDefault(1, A), -1);
+  for (const std::uint8_t state : {kLinkDisconnected, kLinkConnecting}) {
+    B->State = state;
+    EXPECT_EQ(UseTheLinkAsDefault(1, B), -1);
+    EXPECT_EQ(g_DbcI.DefaultLink, A);
+  }
+}
+
+TEST_F(UsingALinkAsDefault, MovesADefaultThatIsOnlyConnecting) {
+  A->State = kLinkConnecting;
+  EXPECT_EQ(UseTheLinkAsDefault(1, B), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+}
+
+TEST_F(UsingALinkAsDefault, NeedsNoDefaultBefore) {
+  g_DbcI.DefaultLink = nullptr;
+  EXPECT_EQ(UseTheLinkAsDefault(1, B), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+}
+
+TEST_F(UsingALinkAsDefault, IsTracedWithTheModuleItBelongsTo) {
+  g_DbcI.LogLevel = 15;
+  {
+    CapturedStderr log;
+    UseTheLinkAsDefault(77, A);
+    EXPECT_EQ(LogTexts(log.Text()),
+              (Texts{"15 dbc|'UseTheLinkAsDefault' Call from dbc:77 ",
+                     "15 dbc|'UseTheLinkAsDefault' Leave FAILED Link is not connected or Link is "
+                     "already default"}));
+  }
+  CapturedStderr log;
+  UseTheLinkAsDefault(78, B);
+  EXPECT_EQ(LogTexts(log.Text()).back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
+}
+
+// A server that is asked but answers only when told.
+class Server {
+ public:
+  Server() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        listen(listener_, 4) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+      ADD_FAILURE() << "no server can be made";
+    port_ = ntohs(address.sin_port);
+  }
+  ~Server() {
+    close(listener_);
+    close(socket_);
+  }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  std::string Line(const std::string& name) const {
+    return name + " TCPIP 127.0.0.1 " + std::to_string(port_) + " 0 0 0\n";
+  }
+  bool Accept() {
+    if (!Readable(listener_)) return false;
+    close(socket_);
+    socket_ = accept(listener_, nullptr, nullptr);
+    return socket_ >= 0;
+  }
+  // The next request, to be sent back as its own answer.
+  std::string Request() const {
+    std::string bytes(lumo::kEmptyMessage, '\0');
+    std::size_t come = 0;
+    while (come < bytes.size() && Readable(socket_)) {
+      const ssize_t got = recv(socket_, bytes.data() + come, bytes.size() - come, 0);
+      if (got <= 0) break;
+      come += static_cast<std::size_t>(got);
+    }
+    bytes.resize(come);
+    return bytes;
+  }
+  void Send(const std::string& bytes, int flags = 0) const {
+    EXPECT_EQ(send(socket_, bytes.data(), bytes.size(), flags | MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+ private:
+  static bool Readable(int fd) {
+    pollfd ready = {fd, POLLIN, 0};
+    return poll(&ready, 1, static_cast<int>(test::kPatience.count())) > 0;
+  }
+  const int listener_;
+  int socket_ = -1;
+  int port_ = 0;
+};
+
+// The whole program in a child process in which a signal closes a descriptor behind its back.
+class FailingDescriptors : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "lumo-XXXXXX";
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    folder_ = name;
+  }
+  void TearDown() override {
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+    std::filesystem::remove_all(folder_);
+  }
+
+  void Start(const std::string& nodetab) {
+    std::ofstream(folder_ / "nodetab") << nodetab;
+    pid_ = fork();
+    ASSERT_GE(pid_, 0);
+    if (pid_ == 0) RunAgent();
+    ASSERT_TRUE(test::WaitFor([&] {
+      control_ = lumo::Connection::Open(SocketPath());
+      return control_.has_value();
+    })) << Log();
+  }
+  // Ends the agent: its exit status.
+  int Stop() {
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    EXPECT_EQ(Log().find("AddressSanitizer"), std::string::npos) << Log();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // Closes the descriptor of the agent; returns when the agent has looked at all of them.
+  void CloseInAgent(int fd) {
+    sigval value = {};
+    value.sival_int = fd;
+    sigqueue(pid_, SIGUSR1, value);
+    // The first answer may be one of a pass that had begun before.
+    ASSERT_TRUE(lumo::AnswerOne(*control_) && lumo::AnswerOne(*control_)) << Log();
+  }
+
+  lumo::Connection Connect() {
+    std::optional<lumo::Connection> connection = lumo::Connection::Open(SocketPath());
+    if (!connection || !lumo::AnswerOne(*connection))  // also registered when this returns
+      throw std::runtime_error("the agent does not answer");
+    return std::move(*connection);
+  }
+  static void Ask(lumo::Connection& client, const std::string& node, std::uint16_t tag) {
+    lumo::Message request;
+    request.TaskName = getpid();
+    request.Node = node;
+    request.SetTrailerTaskName(getpid());
+    request.SetAstInd(tag);
+    EXPECT_TRUE(client.SendFrame(lumo::Encode(request, lumo::Lengths::Client)));
+  }
+  // The next answer: "TAG: CODE, ERRNO".
+  static std::string Answer(lumo::Connection& client) {
+    const std::optional<std::string> frame =
+        client.ReceiveFrame(static_cast<int>(test::kPatience.count()));
+    const std::optional<lumo::Message> answer = frame ? lumo::Decode(*frame) : std::nullopt;
+    if (!answer) return "nothing";
+    return std::to_string(answer->AstInd()) + ": " + std::to_string(answer->CodErr) + ", " +
+           std::to_string(answer->SysErr);
+  }
+
+  std::string Log() const {
+    std::ostringstream text;
+    text << std::ifstream(folder_ / "log").rdbuf();
+    return text.str();
+  }
+  int Count(const std::string& text) const {
+    const Texts lines = LogTexts(Log());
+    return static_cast<int>(std::count(lines.begin(), lines.end(), "15 dbc|" + text));
+  }
+  // The number in the last line of the log that begins so.
+  int LastNumber(const std::string& start) const {
+    int number = -1;
+    for (const std::string& line : Beginning(LogTexts(Log()), {start}))
+      number = std::stoi(line.substr(start.size()));
+    return number;
+  }
+  int DescriptorOfLink(const std::string& name) const {
+    int number = -1;
+    const std::string start = "15 lumo_tcp|REGISTER_SOCKET_FOR_THE_LINK ";
+    for (const std::string& line : Beginning(LogTexts(Log()), {start})) {
+      if (line.ends_with(", " + name)) number = std::stoi(line.substr(start.size()));
+    }
+    return number;
+  }
+  int NewestClient() const { return LastNumber("15 clntxch|REGISTER_SOCKET_FOR_READ_EVENT "); }
+  bool FoundGood(int fd) const {
+    return Count("Select bad status socket=" + std::to_string(fd) + " errno=9") > 0;
+  }
+  lumo::Connection& Control() { return *control_; }
+
+ private:
+  static void CloseDescriptor(int, siginfo_t* info, void*) { close(info->si_value.sival_int); }
+
+  [[noreturn]] void RunAgent() const {
+    setenv("DBC_LOG", "15", 1);
+    setenv("TAVRIN_TMP", folder_.c_str(), 1);
+    const std::string log = folder_ / "log", nodetab = folder_ / "nodetab";
+    if (!std::freopen(log.c_str(), "a", stderr) || !std::freopen("/dev/null", "w", stdout))
+      _exit(126);
+    struct sigaction action = {};
+    action.sa_sigaction = CloseDescriptor;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGUSR1, &action, nullptr);
+    std::vector<std::string> arguments = {"lumo_tcp", "-NODAEMON", "-M", "7", "-N", nodetab};
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    _exit(AgentMain(static_cast<int>(arguments.size()), argv.data()));
+  }
+  std::string SocketPath() const { return folder_ / "tavrin.7"; }
+
+  std::filesystem::path folder_;
+  pid_t pid_ = -1;
+  std::optional<lumo::Connection> control_;
+};
+
+TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
+  Server a, b;
+  Start(a.Line("A") + b.Line("B"));
+  lumo::Connection client = Connect();
+  const int clientFd = NewestClient();
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  ASSERT_FALSE(a.Request().empty());
+  Ask(client, "B", 2);
+  ASSERT_TRUE(b.Accept());
+  const std::string request = b.Request();
+  const int fdA = DescriptorOfLink("A"), fdB = DescriptorOfLink("B");
+  CloseInAgent(fdA);
+  EXPECT_EQ(Answer(client), "1: 4005, 9");
+  b.Send(request);
+  EXPECT_EQ(Answer(client), "2: 0, 0");
+  EXPECT_TRUE(FoundGood(fdB));
+  EXPECT_TRUE(FoundGood(clientFd));
+  EXPECT_FALSE(FoundGood(fdA));
+  EXPECT_FALSE(Beginning(LogTexts(Log()), {"Disconnect link  A"}).empty());
+  Ask(client, "A", 3);
+  ASSERT_TRUE(a.Accept());
+  a.Send(a.Request());
+  EXPECT_EQ(Answer(client), "3: 0, 0");
+  EXPECT_EQ(Stop(), 0);
+}
+
+TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
+  Server a;
+  Start(a.Line("A"));
+  lumo::Connection client = Connect();
+  lumo::Connection victim = Connect();
+  const int victimFd = NewestClient();
+  CloseInAgent(victimFd);
+  EXPECT_FALSE(FoundGood(victimFd));
+  EXPECT_FALSE(victim.ReceiveFrame(static_cast<int>(test::kPatience.count())));
+  EXPECT_TRUE(victim.Lost());
+  const Texts traced = Beginning(LogTexts(Log()), {"15 clntxch|'TestAliveClient' Call from dbc:"});
+  EXPECT_FALSE(traced.empty());
+  lumo::Connection next = Connect();
+  EXPECT_EQ(NewestClient(), victimFd);
+  for (lumo::Connection* each : {&client, &next}) {
+    Ask(*each, "X", 5);
+    EXPECT_EQ(Answer(*each), "5: 4050, 0");
+  }
+  EXPECT_EQ(Stop(), 0);
+}
+
+TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
+  Server a;
+  Start(a.Line("A"));
+  lumo::Connection client = Connect();
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  ASSERT_FALSE(a.Request().empty());
+  lumo::Connection victim = Connect();
+  const int victimFd = NewestClient();
+  a.Send("!", MSG_OOB);
+  CloseInAgent(victimFd);
+  EXPECT_EQ(Answer(client), "1: 4005, 9");
+  EXPECT_FALSE(FoundGood(DescriptorOfLink("A")));
+  EXPECT_EQ(Stop(), 0);
+}
+
+TEST_F(FailingDescriptors, ANumberThatAnotherLinkHasTakenMeanwhileIsNotClosed) {
+  Server a, b;
+  Start(a.Line("A") + b.Line("B"));
+  lumo::Connection client = Connect();
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  ASSERT_FALSE(a.Request().empty());
+  const lumo::Answer deletion = lumo::DeleteNodeByName(Control(), "A");
+  ASSERT_TRUE(deletion && deletion->Result == lumo::kDeletionPending);
+  const int fdA = DescriptorOfLink("A");
+  CloseInAgent(fdA);  // deletes A, the default, so that B is connected
+  EXPECT_EQ(Answer(client), "1: 4005, 9");
+  ASSERT_EQ(DescriptorOfLink("B"), fdA);
+  ASSERT_TRUE(b.Accept());
+  Ask(client, "", 2);
+  b.Send(b.Request());
+  EXPECT_EQ(Answer(client), "2: 0, 0");
+  EXPECT_EQ(Stop(), 0);
+}
+
+TEST_F(FailingDescriptors, WithoutTheListenerTheClientsThatAreThereAreServed) {
+  Start("A REZ\n");
+  lumo::Connection client = Connect();
+  const int listener = 3;
+  ASSERT_NE(Log().find("REGISTER_SOCKET_FOR_READ_EVENT 3"), std::string::npos) << Log();
+  CloseInAgent(listener);
+  EXPECT_FALSE(FoundGood(listener));
+  Ask(client, "A", 1);
+  EXPECT_EQ(Answer(client), "1: 4066, 0");
+  const int waits = Count("select return -1");
+  ASSERT_TRUE(lumo::AnswerOne(Control()));
+  EXPECT_LE(Count("select return -1"), waits + 1) << "only the alarm interrupts a wait now";
+  EXPECT_EQ(Stop(), 0);
+}
+
+}  // namespace

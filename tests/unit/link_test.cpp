@@ -1,0 +1,647 @@
+// Taking links down and moving the default link: who is answered, with what, and who is asked to
+// connect.
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <map>
+#include <optional>
+
+#include "core/status.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/log_texts.h"
+#include "tools/client/message_codec.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// A client connection that is read by the test, and requests that came on it.
+class LinkTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, Ends), 0);
+  }
+  void TearDown() override {
+    AgentTest::TearDown();
+    close(Ends[0]);
+    close(Ends[1]);
+  }
+
+  ClientMessage Request(std::uint16_t tag, const std::string& node = {}) const {
+    ClientMessage msg = MakeRequest(getpid(), Ends[0], tag, {"text " + std::to_string(tag)});
+    std::memcpy(msg.CBL.Node, node.data(), node.size());
+    return msg;
+  }
+  // A request that waits for the link.
+  void Save(std::uint16_t tag, Link* link, const std::string& node = {}) const {
+    const ClientMessage msg = Request(tag, node);
+    ASSERT_EQ(SaveUnsendMsg("test", 1, &msg, link), 0);
+  }
+  // A request that went to the link.
+  void Sent(std::uint16_t tag, Link* link) const {
+    const MsgInfo info = {.Link = link, .TaskName = getpid(), .Socket = Ends[0], .AstInd = tag};
+    ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
+  }
+
+  std::string ReceivedBytes() const {
+    std::string bytes(1 << 16, '\0');
+    const ssize_t got = recv(Ends[1], bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+  }
+  // What the client has received since the last look: "TAG: CODE, ERRNO".
+  Texts Received() const {
+    Texts answers;
+    const std::string bytes = ReceivedBytes();
+    for (std::size_t at = 0; at < bytes.size(); at += lumo::kEmptyMessage) {
+      const std::optional<lumo::Message> answer =
+          lumo::Decode(bytes.substr(at, lumo::kEmptyMessage));
+      if (!answer) return {"not a message"};
+      answers.push_back(std::to_string(answer->AstInd()) + ": " + std::to_string(answer->CodErr) +
+                        ", " + std::to_string(answer->SysErr));
+    }
+    return answers;
+  }
+  // The tags of the requests that wait for the link.
+  static std::vector<int> Waiting(const Link* link) {
+    std::vector<int> tags;
+    for (const SavedMessage& saved : g_DbcI.SavedArray) {
+      if (saved.Link == link) tags.push_back(Get(Trailer(&saved.Message), kTrailerAstInd));
+    }
+    return tags;
+  }
+  static std::vector<int> Tags(const std::vector<ClientMessage>& messages) {
+    std::vector<int> tags;
+    for (const ClientMessage& msg : messages) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
+    return tags;
+  }
+  // Lines of level 1 and below while `action` runs.
+  template <class Action>
+  static std::string DefaultLog(Action action) {
+    g_DbcI.LogLevel = 1;
+    CapturedStderr log;
+    action();
+    g_DbcI.LogLevel = 0;
+    return log.Text();
+  }
+
+  int Ends[2] = {-1, -1};  // the agent's, the client's
+};
+
+class DisconnectingALink : public LinkTest {};
+
+TEST_F(DisconnectingALink, IsLoggedOnlyWhenItWasConnected) {
+  Link* const link = AddLink("SRV1");
+  link->State = kLinkConnected;
+  EXPECT_EQ(DefaultLog([&] { DisconnectLink("test", 1, link, 4007, 32); }),
+            "lumo_tcp:Disconnect link  SRV1\n");
+  EXPECT_EQ(link->State, kLinkDisconnected);
+  for (const std::uint8_t state : {kLinkDisconnected, kLinkConnecting}) {
+    link->State = state;
+    EXPECT_EQ(DefaultLog([&] { DisconnectLink("test", 1, link, 4007, 32); }), "");
+    EXPECT_EQ(link->State, kLinkDisconnected);
+  }
+  EXPECT_EQ(Fake().Count("DisconnectLink SRV1"), 3);
+}
+
+TEST_F(DisconnectingALink, ReturnsZeroAndTracesTheCodes) {
+  Link* const link = AddLink("SRV1");
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  EXPECT_EQ(DisconnectLink("test", 1, link, 4006, 111), 0);
+  EXPECT_TRUE(log.Contains("Link = SRV1, TavrinErr = 4006, SysErr = 111")) << log.Text();
+  EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS\n"));
+}
+
+TEST_F(DisconnectingALink, AnswersEveryRequestThatWentToItAndClearsItsRecord) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Sent(1, a);
+  Sent(2, b);
+  Sent(3, a);
+  DisconnectLink("test", 1, a, 4008, 104);
+  EXPECT_EQ(Received(), (Texts{"1: 4008, 104", "3: 4008, 104"}));
+  const MsgInfo clear = {};
+  EXPECT_EQ(std::memcmp(&g_DbcI.MsgInfoArray.Items[0], &clear, sizeof clear), 0);
+  EXPECT_EQ(std::memcmp(&g_DbcI.MsgInfoArray.Items[2], &clear, sizeof clear), 0);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, b);
+}
+
+TEST_F(DisconnectingALink, AnswersEveryRequestThatWaitsForIt) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Save(1, a);
+  Save(2, b, "B");
+  Save(3, a, "A");
+  DisconnectLink("test", 1, a, 4006, 111);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 111", "3: 4006, 111"}));
+  EXPECT_EQ(Waiting(a), std::vector<int>{});
+  EXPECT_EQ(Waiting(b), std::vector<int>{2});
+}
+
+TEST_F(DisconnectingALink, AnswersWhatWasSentBeforeWhatWaits) {
+  Link* const a = AddLink("A");
+  Save(1, a);
+  Sent(2, a);
+  DisconnectLink("test", 1, a, 4009, 0);
+  EXPECT_EQ(Received(), (Texts{"2: 4009, 0", "1: 4009, 0"}));
+}
+
+TEST_F(DisconnectingALink, ASecondTimeAnswersNobody) {
+  Link* const a = AddLink("A");
+  Save(1, a);
+  Sent(2, a);
+  DisconnectLink("test", 1, a, 4009, 0);
+  Received();
+  DisconnectLink("test", 1, a, 4007, 32);
+  EXPECT_EQ(Received(), Texts{});
+}
+
+TEST_F(DisconnectingALink, TheAnswerIsTheAgentsOwnWithNothingOfTheRequest) {
+  Link* const a = AddLink("A");
+  Save(7, a, "A");
+  DisconnectLink("test", 1, a, 4058, 0);
+  lumo::Message expected;
+  expected.TaskName = getpid();
+  expected.CodErr = 4058;
+  expected.SetAstInd(7);
+  EXPECT_EQ(ReceivedBytes(), lumo::Encode(expected, lumo::Lengths::Client));
+}
+
+TEST_F(DisconnectingALink, InPingModeHandsTheCodesToTheVerdictAndNothingElse) {
+  Link* const a = AddLink("A");
+  Sent(1, a);
+  Save(2, a);
+  a->State = kLinkConnected;
+  g_DbcI.PingMode = 1;
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  CapturedStdout out;
+  EXPECT_EQ(DisconnectLink("test", 1, a, 4006, 111), -1);
+  EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS ping\n"));
+  EXPECT_TRUE(log.Contains("lumo_tcp:Disconnect link  A\n"));
+  EXPECT_NE(g_DbcI.ExitStatus, 0);
+  EXPECT_EQ(a->State, kLinkDisconnected);
+  EXPECT_EQ(Received(), Texts{});
+  EXPECT_EQ(Waiting(a), std::vector<int>{2});
+}
+
+TEST_F(DisconnectingALink, CarriesOutAPendingRedefinition) {
+  Link* const a = AddLink("A");
+  AddLink("B");
+  a->State = kLinkConnected;
+  std::strcpy(a->PendingNodetabLine, "A FAKE elsewhere");
+  DisconnectLink("test", 1, a, 4009, 0);
+  EXPECT_STREQ(static_cast<char*>(g_DbcI.FirstLink->DriverData), "elsewhere");
+  EXPECT_EQ(Circle(), "A B");
+}
+
+TEST_F(DisconnectingALink, CarriesOutAPendingDeletionAfterItsRequestsWereAnswered) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  g_DbcI.DefaultLink = g_DbcI.CircleStartLink = a;
+  b->State = kLinkConnected;
+  b->DeletePending = 1;
+  Sent(1, b);
+  DisconnectLink("test", 1, b, 4009, 0);
+  EXPECT_EQ(Received(), (Texts{"1: 4009, 0"}));
+  EXPECT_EQ(Circle(), "A");
+}
+
+// The default link fails
+
+class MovingTheDefault : public LinkTest {
+ protected:
+  // Three links in the circle A, B, C; A is the default and the start of the circle.
+  void SetUp() override {
+    LinkTest::SetUp();
+    A = AddLink("A", Fake());
+    B = AddLink("B", Fake());
+    C = AddLink("C", Fake());
+    for (const char* name : {"A", "B", "C"}) Outcomes[name] = kStatusConnect;
+    Fake().OnConnect = [this](Link* link) {
+      const int outcome = Outcomes[link->NodeName];
+      if (outcome == kComesUp) link->State = kLinkConnected;
+      if (outcome == kUnderWay) link->State = kLinkConnecting;
+      return outcome > 0 ? outcome : 0;
+    };
+  }
+  static constexpr int kComesUp = 0;
+  static constexpr int kUnderWay = -1;
+
+  static int Fail(Link* link, int status) {
+    return TryConnectDefaultLinkToNextServer("test", 1, link, status);
+  }
+  int Connects(const char* name) { return Fake().Count(std::string("ConnectLink ") + name); }
+  int Disconnects(const char* name) { return Fake().Count(std::string("DisconnectLink ") + name); }
+
+  Link *A = nullptr, *B = nullptr, *C = nullptr;
+  std::map<std::string, int> Outcomes;  // of a connect: a status, or one of the two above
+};
+
+TEST_F(MovingTheDefault, WithoutAModeOnlyTakesTheLinkDown) {
+  Save(1, A);
+  Save(2, A, "A");
+  EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4066), 4066); }), "");
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Received(), (Texts{"1: 4066, 0", "2: 4066, 0"}));
+  EXPECT_EQ(Connects("B"), 0);
+}
+
+TEST_F(MovingTheDefault, WithoutAModeIsTraced) {
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  Fail(A, 4066);
+  EXPECT_TRUE(log.Contains("|Not set flags AUTOCONNECT or AUTOCHANGE\n"));
+}
+
+TEST_F(MovingTheDefault, AutoChangeStepsToTheNextLinkAndConnectsNothing) {
+  g_DbcI.AutoChange = 1;
+  Save(1, A);
+  EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4006), 0); }), "lumo_tcp:New default link is B\n");
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(g_DbcI.CircleStartLink, A);
+  EXPECT_EQ(Connects("B"), 0);
+  EXPECT_EQ(Disconnects("A"), 1);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"})) << "requests are not moved in this mode";
+  EXPECT_EQ(Waiting(B), std::vector<int>{});
+}
+
+TEST_F(MovingTheDefault, AutoChangeGoesRound) {
+  g_DbcI.AutoChange = 1;
+  EXPECT_EQ(DefaultLog([&] {
+              Fail(A, 4006);
+              Fail(B, 4006);
+              Fail(C, 4006);
+            }),
+            "lumo_tcp:New default link is B\n"
+            "lumo_tcp:New default link is C\n"
+            "lumo_tcp:New default link is A\n");
+  EXPECT_EQ(Disconnects("C"), 1);
+}
+
+TEST_F(MovingTheDefault, ALinkThatBecomesTheDefaultIsNotTakenDown) {
+  g_DbcI.AutoChange = 1;
+  EXPECT_EQ(Fail(B, 4006), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(Disconnects("B"), 0);
+}
+
+TEST_F(MovingTheDefault, TheCircleStopsAtTheFirstLinkThatConnects) {
+  g_DbcI.AutoConnect = 1;
+  Outcomes["C"] = kComesUp;
+  Save(1, A);
+  Save(2, A, " ");
+  Save(3, A, "A");
+  Save(4, B, "B");
+  EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4066), 0); }),
+            "lumo_tcp:Set link  B as default\n"
+            "lumo_tcp:Try connect link as default B\n"
+            "lumo_tcp:Set link  C as default\n"
+            "lumo_tcp:Try connect link as default C\n");
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+  EXPECT_EQ(g_DbcI.CircleStartLink, C);
+  EXPECT_EQ(Disconnects("A"), 0) << "the failed link is left as it is";
+  EXPECT_EQ(Waiting(B), std::vector<int>{4});
+}
+
+TEST_F(MovingTheDefault, RequestsMovedToAConnectedLinkAreSentAtOnce) {
+  g_DbcI.AutoConnect = 1;
+  Outcomes["C"] = kComesUp;
+  Save(1, A);
+  Save(2, A, " ");
+  Fail(A, 4066);
+  EXPECT_EQ(Tags(Fake().Sent), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Fake().Count("SendToNetwork C"), 2);
+  EXPECT_EQ(Waiting(C), std::vector<int>{});
+  EXPECT_EQ(Received(), Texts{});
+}
+
+TEST_F(MovingTheDefault, RequestsThatNameAFailedLinkThatIsDownAreAnswered) {
+  g_DbcI.AutoConnect = 1;
+  Outcomes["B"] = kComesUp;
+  Save(1, A, "A");
+  Fail(A, 4066);
+  EXPECT_EQ(Received(), (Texts{"1: 4066, 0"}));
+  EXPECT_EQ(Waiting(A), std::vector<int>{});
+}
+
+TEST_F(MovingTheDefault, RequestsThatNameAFailedLinkThatIsNotDownGoOnWaiting) {
+  g_DbcI.AutoConnect = 1;
+  Outcomes["B"] = kComesUp;
+  A->State = kLinkConnecting;
+  Save(1, A, "A");
+  Fail(A, 4006);
+  EXPECT_EQ(Received(), Texts{});
+  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(A->State, kLinkConnecting);
+}
+
+TEST_F(MovingTheDefault, ALinkThatIsConnectingKeepsTheRequestsAndTheCirclesStart) {
+  g_DbcI.AutoConnect = 1;
+  Outcomes["C"] = kUnderWay;
+  Save(1, A);
+  Save(2, A, "A");
+  EXPECT_EQ(Fail(A, 4058), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+  EXPECT_EQ(g_DbcI.CircleStartLink, A);
+  EXPECT_EQ(Waiting(C), std::vector<int>{1});
+  EXPECT_EQ(Disconnects("A"), 1);
+  EXPECT_EQ(Received(), (Texts{"2: 4058, 0"}));
+  EXPECT_TRUE(Fake().Sent.empty());
+}
+
+TEST_F(MovingTheDefault, ACandidateThatIsUpIsUsedWithoutAnotherConnect) {
+  g_DbcI.AutoConnect = 1;
+  B->State = kLinkConnected;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4006), 0);
+  EXPECT_EQ(Connects("B"), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(g_DbcI.CircleStartLink, B);
+  EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
+}
+
+TEST_F(MovingTheDefault, ACandidateThatIsConnectingIsAwaitedWithoutAnotherConnect) {
+  g_DbcI.AutoConnect = 1;
+  B->State = kLinkConnecting;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4006), 0);
+  EXPECT_EQ(Connects("B"), 0);
+  EXPECT_EQ(Waiting(B), std::vector<int>{1});
+}
+
+TEST_F(MovingTheDefault, WhenAllFailTheDefaultIsTheStartAgainAndAllAreAnswered) {
+  g_DbcI.AutoConnect = 1;
+  Save(1, A);
+  Save(2, A, "A");
+  EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4066), 4006); }),
+            "lumo_tcp:Set link  B as default\n"
+            "lumo_tcp:Try connect link as default B\n"
+            "lumo_tcp:Set link  C as default\n"
+            "lumo_tcp:Try connect link as default C\n"
+            "lumo_tcp:Set link  A as default\n"
+            "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0", "2: 4006, 0"}));
+  EXPECT_EQ(Connects("A"), 0) << "the start of the circle is not tried again";
+  EXPECT_EQ(Disconnects("A"), 1);
+}
+
+TEST_F(MovingTheDefault, TheFailureOfTheCircleMayBeReportedAs1001) {
+  g_DbcI.AutoConnect = g_DbcI.Err1001 = 1;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4066), 1001);
+  EXPECT_EQ(Received(), (Texts{"1: 1001, 0"}));
+}
+
+TEST_F(MovingTheDefault, AFailedLinkThatIsNotTheStartIsTakenDownWithItsOwnCode) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.DefaultLink = B;
+  B->State = kLinkConnected;
+  Sent(1, B);
+  Save(2, B);
+  EXPECT_EQ(Fail(B, 4065), 4006);
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Received(), (Texts{"2: 4006, 0", "1: 4065, 0"}));
+  EXPECT_EQ(Connects("B"), 0);
+  EXPECT_EQ(Connects("C"), 1);
+  EXPECT_EQ(Connects("A"), 0);
+}
+
+TEST_F(MovingTheDefault, WhileTheTimersCountRunsTheRequestsWait) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.AutoConnectTimeout = 10;
+  g_DbcI.CircleTimeCount = 5;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4066), 0);
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Received(), Texts{});
+  EXPECT_EQ(Disconnects("A"), 0);
+}
+
+TEST_F(MovingTheDefault, WhileTheTimersCountRunsAFailedLinkThatIsNotTheStartIsTakenDown) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.AutoConnectTimeout = 10;
+  g_DbcI.CircleTimeCount = 5;
+  g_DbcI.DefaultLink = C;
+  Save(1, C);
+  Save(2, C, "C");
+  EXPECT_EQ(Fail(C, 4006), 0);
+  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Received(), (Texts{"2: 4006, 0"}));
+}
+
+TEST_F(MovingTheDefault, ACountThatHasRunOutOrATimeOutThatIsNotSetDoesNotWait) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.AutoConnectTimeout = 10;
+  EXPECT_EQ(Fail(A, 4066), 4006);
+  g_DbcI.AutoConnectTimeout = 0;
+  g_DbcI.CircleTimeCount = 5;
+  EXPECT_EQ(Fail(A, 4066), 4006);
+}
+
+TEST_F(MovingTheDefault, TheCircleIsTraced) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  Fail(A, 4066);
+  const Texts traced =
+      Beginning(LogTexts(log.Text()), {"15 link|Try", "15 link|Connect", "15 link|Link",
+                                       "15 link|Full", "15 link|Return", "Set", "Try", "Full"});
+  EXPECT_EQ(traced,
+            (Texts{"15 link|Try circle link connect", "Set link  B as default",
+                   "Try connect link as default B", "15 link|Connect link B failed",
+                   "Set link  C as default", "Try connect link as default C",
+                   "15 link|Connect link C failed", "Set link  A as default",
+                   "15 link|Link A is last link in the list",
+                   "Full connect circle failed or timeout expired", "15 link|Return 4006"}));
+}
+
+TEST_F(MovingTheDefault, ASuccessAndAWaitAreTraced) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.LogLevel = 15;
+  {
+    g_DbcI.AutoConnectTimeout = g_DbcI.CircleTimeCount = 9;
+    CapturedStderr log;
+    Fail(A, 4066);
+    EXPECT_TRUE(log.Contains("|Full connect cicle failed. Wait timer event\n"));
+    EXPECT_TRUE(log.Contains("|Return 0\n"));
+    EXPECT_FALSE(log.Contains("Full connect circle failed or timeout expired"));
+  }
+  Outcomes["B"] = kComesUp;
+  CapturedStderr log;
+  Fail(A, 4066);
+  EXPECT_TRUE(log.Contains("|Return 0 LINK_CONNECTED\n"));
+}
+
+TEST_F(MovingTheDefault, AutoConnectComesBeforeAutoChange) {
+  g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
+  Outcomes["C"] = kComesUp;
+  Fail(A, 4006);
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+}
+
+TEST_F(MovingTheDefault, WithoutAStartTheCircleEndsWhereItWasEntered) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.CircleStartLink = nullptr;
+  g_DbcI.DefaultLink = B;
+  Save(1, B);
+  EXPECT_EQ(Fail(B, 4006), 4006);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
+  EXPECT_EQ(Connects("C"), 1);
+  EXPECT_EQ(Connects("A"), 1);
+  EXPECT_EQ(Connects("B"), 0);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+}
+
+TEST_F(MovingTheDefault, WithoutADefaultTheFailedLinkIsTakenDown) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.DefaultLink = nullptr;
+  Save(1, B, "B");
+  EXPECT_EQ(Fail(B, 4006), 4006);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+  EXPECT_EQ(g_DbcI.DefaultLink, nullptr);
+}
+
+TEST_F(MovingTheDefault, WhileTheAgentIsStoppingNoLinkIsConnected) {
+  g_DbcI.AutoConnect = 1;
+  for (const char* name : {"A", "B", "C"}) Outcomes[name] = kComesUp;
+  Save(1, A);
+  g_DbcI.ExitStatus = -1;
+  EXPECT_EQ(Fail(A, 4006), 4006);
+  EXPECT_EQ(Connects("B") + Connects("C"), 0);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+}
+
+class OneLink : public LinkTest {};
+
+TEST_F(OneLink, TheModesDoNotApply) {
+  Link* const link = AddLink("A");
+  for (const bool change : {true, false}) {
+    g_DbcI.AutoChange = change;
+    g_DbcI.AutoConnect = !change;
+    EXPECT_FALSE(ReconnectionFollows(link));
+    Save(1, link);
+    EXPECT_EQ(DefaultLog([&] {
+                EXPECT_EQ(TryConnectDefaultLinkToNextServer("test", 1, link, 4066), 4066);
+              }),
+              "");
+    EXPECT_EQ(Received(), (Texts{"1: 4066, 0"}));
+  }
+}
+
+class ReconnectionRules : public LinkTest {};
+
+TEST_F(ReconnectionRules, OnlyTheDefaultLinksFailureMovesTheDefaultAndOnlyInAMode) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  EXPECT_FALSE(ReconnectionFollows(a));
+  g_DbcI.AutoChange = 1;
+  EXPECT_TRUE(ReconnectionFollows(a));
+  EXPECT_FALSE(ReconnectionFollows(b));
+  g_DbcI.AutoChange = 0;
+  g_DbcI.AutoConnect = 1;
+  EXPECT_TRUE(ReconnectionFollows(a));
+  EXPECT_FALSE(ReconnectionFollows(b));
+}
+
+TEST_F(ReconnectionRules, AConnectBeginsWithoutAStaleErrno) {
+  Link* const a = AddLink("A");
+  int seen = -1;
+  Fake().OnConnect = [&](Link*) {
+    seen = errno;
+    errno = 98;
+    return 4001;
+  };
+  errno = 5;
+  EXPECT_EQ(ConnectTheLink("test", 1, a), 4001);
+  EXPECT_EQ(errno, 98);
+  EXPECT_EQ(seen, 0);
+}
+
+TEST_F(ReconnectionRules, WhileTheAgentIsStoppingAConnectIsRefused) {
+  Link* const a = AddLink("A");
+  g_DbcI.ExitStatus = -1;
+  EXPECT_EQ(ConnectTheLink("test", 1, a), 4006);
+  EXPECT_EQ(errno, ECANCELED);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+}
+
+TEST_F(ReconnectionRules, OnlyRequestsForTheDefaultThatWaitForTheLinkAreMoved) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Link* const c = AddLink("C");
+  Save(1, a);
+  Save(2, a, " A");
+  Save(3, a, "A");
+  Save(4, c);
+  MoveDefaultRequests(a, b);
+  EXPECT_EQ(Waiting(b), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Waiting(a), std::vector<int>{3});
+  EXPECT_EQ(Waiting(c), std::vector<int>{4});
+}
+
+class StrandedRequests : public LinkTest {};
+
+TEST_F(StrandedRequests, AreThoseWhoseLinkIsDownWithNothingUnderWay) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Link* const c = AddLink("C");
+  b->State = kLinkConnecting;
+  c->State = kLinkConnected;
+  Save(1, a, "A");
+  Save(2, b, "B");
+  Save(3, c, "C");
+  AnswerStrandedRequests();
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+  EXPECT_EQ(Waiting(a), std::vector<int>{});
+  EXPECT_EQ(Waiting(b), std::vector<int>{2});
+  EXPECT_EQ(Waiting(c), std::vector<int>{3});
+}
+
+TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.Err1001 = 1;
+  g_DbcI.AutoConnectTimeout = 4;
+  g_DbcI.CircleTimeCount = 1;
+  Save(1, a);
+  Save(2, b, "B");
+  AnswerStrandedRequests();
+  EXPECT_EQ(Received(), (Texts{"2: 1001, 0"}));
+  EXPECT_EQ(Waiting(a), std::vector<int>{1});
+  g_DbcI.CircleTimeCount = 0;
+  AnswerStrandedRequests();
+  EXPECT_EQ(Received(), (Texts{"1: 1001, 0"}));
+}
+
+class RetiringALink : public LinkTest {};
+
+TEST_F(RetiringALink, TellsWaitingClientsThatTheNodeIsUnknownAndForgetsWhatWasSent) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  Save(1, b, "B");
+  Save(2, a);
+  Sent(3, b);
+  Sent(4, a);
+  ASSERT_EQ(AddClientPidIntoList("test", 1, b, getpid(), Ends[0]), 0);
+  g_DbcI.ServedLink = b;
+  a->Next = a;
+  std::free(b->DriverData);
+  b->DriverData = nullptr;
+  RetireLink(b);
+  EXPECT_EQ(Received(), (Texts{"1: 4050, 0"}));
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].Link, nullptr);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, a);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Link, nullptr);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, getpid());
+  EXPECT_EQ(g_DbcI.ServedLink, nullptr);
+  EXPECT_STREQ(b->NodeName, "B") << "it stays readable until the next pass";
+  FreeRetiredLinks();
+}
+
+}  // namespace

@@ -1,0 +1,284 @@
+// The registry of protocols.
+#include "protocols/protload.h"
+
+#include "protocols/dummy.h"
+#include "protocols/lipc.h"
+#include "protocols/lsock.h"
+#include "protocols/lumo_tcp.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/faults.h"
+#include "tests/unit/log_texts.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class Registry : public AgentTest {
+ protected:
+  // The protocol, and in `Word` what became of the caller's buffer.
+  static Protocol* Add(const std::string& name) {
+    Word = name;
+    return AddProtocol("test", 5, Word.data());
+  }
+  static std::string Loaded() {
+    std::string names;
+    for (const Protocol* each = g_DbcI.ProtocolList; each; each = each->Next)
+      names += (names.empty() ? "" : " ") + std::string(each->Name);
+    return names;
+  }
+  // Makes a link with the real driver of the line.
+  static Link* Parse(std::string line) { return ParseNodetabString("test", 1, line.data(), 1); }
+  // Links whose protocol is gone get one that can be taken down at the end.
+  void GiveAllLinksToFake() {
+    Protocol* const fake = &Fake().Record;
+    Link* link = g_DbcI.LinkList;
+    do {
+      link->Protocol = fake;
+      link = link->Next;
+    } while (link != g_DbcI.LinkList);
+  }
+  inline static std::string Word;
+};
+
+TEST_F(Registry, TheTcpDriverIsLoadedOnceInWhateverCaseItIsWritten) {
+  Protocol* const first = Add("tcpip");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(Word, "TCPIP");
+  EXPECT_STREQ(first->Name, "TCPIP");
+  EXPECT_EQ(first->ConnectLink, TcpConnectLink);
+  EXPECT_EQ(Add("TcpIp"), first);
+  EXPECT_EQ(Add("TCPIP"), first);
+  EXPECT_EQ(Loaded(), "TCPIP");
+}
+
+TEST_F(Registry, LocalIsAnotherNameOfLocals) {
+  Protocol* const first = Add("local");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(Word, "LOCAL");
+  EXPECT_STREQ(first->Name, "LOCALS");
+  EXPECT_EQ(first->ConnectLink, LSockConnectLink);
+  EXPECT_EQ(Add("LOCAL"), first);
+  EXPECT_EQ(Add("LOCALS"), first);
+  EXPECT_EQ(Loaded(), "LOCALS");
+}
+
+TEST_F(Registry, TheLocalIpcDriverHasANameOfItsOwn) {
+  Protocol* const ipc = Add("LocalI");
+  ASSERT_NE(ipc, nullptr);
+  EXPECT_STREQ(ipc->Name, "LOCALI");
+  EXPECT_NE(Add("LOCALS"), ipc);
+  EXPECT_EQ(Loaded(), "LOCALI LOCALS");
+}
+
+TEST_F(Registry, RecordsStandInTheOrderOfTheirFirstUse) {
+  Add("LOCALI");
+  Add("TCPIP");
+  Add("LOCALI");
+  Add("NPIPE");
+  Add("LOCAL");
+  EXPECT_EQ(Loaded(), "LOCALI TCPIP DUMMY LOCALS");
+}
+
+TEST_F(Registry, EveryDriverFillsAllNineOperations) {
+  for (const char* name : {"TCPIP", "LOCALS", "LOCALI", "TSR"}) {
+    const Protocol* const loaded = Add(name);
+    ASSERT_NE(loaded, nullptr) << name;
+    EXPECT_TRUE(loaded->InitLink && loaded->UninitLink && loaded->ConnectLink &&
+                loaded->ReadyForWrite && loaded->ReadyForRead && loaded->DisconnectLink &&
+                loaded->TimerEvent && loaded->SendToNetwork && loaded->ClientDeadEvent)
+        << name;
+    EXPECT_EQ(loaded->Next, nullptr) << name;
+  }
+}
+
+TEST_F(Registry, AnUnsupportedNameGetsAFreshRecordEachTime) {
+  Protocol* const first = Add("npipe");
+  Protocol* const second = Add("NPIPE");
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(Loaded(), "DUMMY DUMMY");
+}
+
+TEST_F(Registry, TcpipsIsTakenByThePlaceholder) {
+  Add("TCPIP");
+  const Protocol* const secure = Add("TCPIPS");
+  ASSERT_NE(secure, nullptr);
+  EXPECT_STREQ(secure->Name, "DUMMY");
+  EXPECT_EQ(secure->ConnectLink, DummyConnectLink);
+}
+
+TEST_F(Registry, ThePlaceholdersOwnNameIsNotSupportedEvenWhenItIsLoaded) {
+  g_DbcI.LogLevel = 2;
+  CapturedStderr log;
+  EXPECT_EQ(Add("dummy"), nullptr);
+  EXPECT_EQ(LogTexts(log.Text()), (Texts{"2 protload|Protocol 'DUMMY' don't support"}));
+  EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
+}
+
+TEST_F(Registry, NamesAreComparedWhole) {
+  g_DbcI.LogLevel = 2;
+  for (const char* name :
+       {"TCP", "TCPIPX", "LOCA", "LOCALX", "LOCALSX", "LOCALIX", "REZA", "TS", ""}) {
+    CapturedStderr log;
+    EXPECT_EQ(Add(name), nullptr) << name;
+    EXPECT_EQ(LogTexts(log.Text()),
+              (Texts{"2 protload|Protocol '" + std::string(name) + "' don't support"}));
+  }
+  EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
+}
+
+TEST_F(Registry, WithoutMemoryNothingIsLoaded) {
+  Protocol* const tcp = Add("TCPIP");
+  g_DbcI.LogLevel = 2;
+  CapturedStderr log;
+  Word = "local";
+  Protocol* added = tcp;
+  {
+    const FailingAllocations failing;
+    added = AddProtocol("test", 1, Word.data());
+  }
+  EXPECT_EQ(added, nullptr);
+  EXPECT_EQ(LogTexts(log.Text()),
+            (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
+  EXPECT_EQ(Loaded(), "TCPIP");
+}
+
+TEST_F(Registry, ALoadedProtocolNeedsNoMemory) {
+  Protocol* const tcp = Add("TCPIP");
+  Word = "tcpip";
+  const FailingAllocations failing;
+  EXPECT_EQ(AddProtocol("test", 1, Word.data()), tcp);
+}
+
+TEST_F(Registry, TheFourDriversAreAskedInTheirOrder) {
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  Add("Nothing");
+  Texts calls;
+  for (const std::string& text : LogTexts(log.Text())) {
+    if (text.find("InitProtocol' ") == std::string::npos) continue;
+    const std::size_t from = text.find(" Call from ");
+    calls.push_back(from == std::string::npos ? text : text.substr(0, from));
+  }
+  EXPECT_EQ(calls, (Texts{"15 lumo_tcp|'TCPIPInitProtocol'",
+                          "15 lumo_tcp|'TCPIPInitProtocol' Leave Protocol name is not my",
+                          "15 lsock|'LOCALSInitProtocol'",
+                          "15 lsock|'LOCALSInitProtocol' Leave Protocol name is not my",
+                          "15 lipc|'LOCALIInitProtocol'",
+                          "15 lipc|'LOCALIInitProtocol' Leave Protocol name is not my",
+                          "15 dummy|'DUMMYInitProtocol'",
+                          "15 dummy|'DUMMYInitProtocol' Leave Protocol name is not my"}));
+}
+
+TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  Add("LOCAL");
+  EXPECT_TRUE(log.Contains("'TCPIPInitProtocol' Leave Protocol name is not my"));
+  EXPECT_TRUE(log.Contains("'LOCALSInitProtocol' Leave SUCCESS"));
+  EXPECT_FALSE(log.Contains("LOCALIInitProtocol"));
+  EXPECT_FALSE(log.Contains("DUMMYInitProtocol"));
+}
+
+TEST_F(Registry, TheSearchIsTracedFromTheNameAsWrittenToTheResult) {
+  Add("TCPIP");
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  Add("tcpip");
+  EXPECT_EQ(
+      LogTexts(log.Text()),
+      (Texts{"15 protload|'AddProtocol' Call from test:5 ", "15 protload|Protocol name = tcpip",
+             "15 protload|Protocol TCPIP already is in list of protocol",
+             "15 protload|'AddProtocol' Leave SUCCESS already load"}));
+}
+
+TEST_F(Registry, TheWordsOfTheOtherResults) {
+  g_DbcI.LogLevel = 15;
+  {
+    CapturedStderr log;
+    Add("nothing");
+    EXPECT_EQ(LogTexts(log.Text()).back(),
+              "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
+  }
+  {
+    CapturedStderr log;
+    Add("TSR");
+    EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave SUCCESS");
+  }
+  CapturedStderr log;
+  Word = "LOCALS";
+  {
+    const FailingAllocations failing;
+    AddProtocol("test", 5, Word.data());
+  }
+  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave FAILED all mem");
+}
+
+TEST_F(Registry, ADriverThatRefusesANameLeavesTheRecordUntouched) {
+  InitProtocol* const inits[] = {TCPIPInitProtocol, LOCALSInitProtocol, LOCALIInitProtocol};
+  for (InitProtocol* const init : inits) {
+    Protocol before;
+    std::memset(static_cast<void*>(&before), 0x5A, sizeof before);
+    Protocol record = before;
+    EXPECT_EQ(init("test", 1, &record, "TCPIPS", &g_DbcI.SocketSets), -1);
+    EXPECT_EQ(init("test", 1, &record, "tcpip", &g_DbcI.SocketSets), -1);
+    EXPECT_EQ(init("test", 1, &record, "locals", &g_DbcI.SocketSets), -1);
+    EXPECT_EQ(std::memcmp(&record, &before, sizeof before), 0);
+  }
+}
+
+TEST_F(Registry, TheLocalDriverItselfAlsoTakesTheShortName) {
+  Protocol record = {};
+  EXPECT_EQ(LOCALSInitProtocol("test", 1, &record, "LOCAL", &g_DbcI.SocketSets), 0);
+  EXPECT_STREQ(record.Name, "LOCALS");
+}
+
+TEST_F(Registry, WithoutLinksNoProtocolIsReleased) {
+  Protocol* const tcp = Add("TCPIP");
+  g_DbcI.LogLevel = 15;
+  CapturedStderr log;
+  EXPECT_EQ(UninitProtocol("test", 1, tcp), 0);
+  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'UninitProtocol' Leave SUCCESS not init");
+  EXPECT_EQ(Loaded(), "TCPIP");
+}
+
+TEST_F(Registry, ReleasingAProtocolUninitialisesItsLinksButNotTheLastOfTheCircle) {
+  Link* const a = Parse("A LOCALS 1");
+  Link* const b = Parse("B LOCALS 2");
+  Link* const c = Parse("C LOCALS 3");
+  ASSERT_TRUE(a && b && c);
+  EXPECT_EQ(UninitProtocol("test", 1, g_DbcI.ProtocolList), 0);
+  EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
+  EXPECT_EQ(a->DriverData, nullptr);
+  EXPECT_EQ(b->DriverData, nullptr);
+  EXPECT_NE(c->DriverData, nullptr);
+  GiveAllLinksToFake();
+}
+
+TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
+  Link* const a = Parse("A TCPIP 127.0.0.1");
+  Link* const b = Parse("B LOCALS 2");
+  Link* const c = Parse("C TCPIP 127.0.0.1");
+  ASSERT_TRUE(a && b && c);
+  EXPECT_EQ(Loaded(), "TCPIP LOCALS");
+  UninitProtocol("test", 1, b->Protocol);
+  EXPECT_EQ(Loaded(), "TCPIP");
+  EXPECT_NE(a->DriverData, nullptr);
+  EXPECT_EQ(b->DriverData, nullptr);
+  EXPECT_NE(c->DriverData, nullptr);
+  GiveAllLinksToFake();
+}
+
+TEST_F(Registry, ReleasingAProtocolTakesItOutOfAnyPlaceOfTheList) {
+  Link* const a = Parse("A TCPIP 127.0.0.1");
+  Link* const b = Parse("B LOCALS 2");
+  Link* const c = Parse("C TSR");
+  ASSERT_TRUE(a && b && c);
+  UninitProtocol("test", 1, b->Protocol);
+  EXPECT_EQ(Loaded(), "TCPIP DUMMY");
+  UninitProtocol("test", 1, a->Protocol);
+  EXPECT_EQ(Loaded(), "DUMMY");
+  GiveAllLinksToFake();
+}
+
+}  // namespace
