@@ -47,6 +47,13 @@ constexpr FrameFormat kClientFrame = {.LengthCounts = 4,
                                       .TraceLength = TraceLength,
                                       .Ahead = false};
 
+// The trace shows the reads one by one; without it a request is taken with one call.
+FrameRead ReadRequest(int socket, ClientMessage* msg) {
+  FrameFormat format = kClientFrame;
+  format.Ahead = !Tracing();
+  return ReadFrame(socket, Wire(msg), format);
+}
+
 void TraceFields(const char* title, const ClientMessage* msg) {
   if (!Tracing()) return;
   LOG(kLogTrace, "%s", title);
@@ -212,7 +219,7 @@ void CloseClient(int socket) {
 
 int GetMsgFromClient(const char* file, int line, ClientMessage* msg, int socket) {
   ENTER();
-  switch (ReadFrame(socket, Wire(msg), kClientFrame)) {
+  switch (ReadRequest(socket, msg)) {
     case FrameRead::Whole:
       break;
     case FrameRead::Later:

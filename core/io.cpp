@@ -14,9 +14,11 @@ namespace {
 constexpr std::size_t kLengthWord = 4;
 constexpr std::size_t kInputRoom = 8192;  // the largest frame
 constexpr std::size_t kFirstOutput = 16384;
+constexpr std::size_t kMuchTaken = 4096;  // by one call: the peer is in the middle of sending
 
 struct KeptInput {
   std::size_t Count;
+  bool HasFrame;  // the bytes begin with a whole frame, or with a length word out of bounds
   unsigned char Bytes[kInputRoom];
 };
 
@@ -29,6 +31,7 @@ struct KeptOutput {
 struct AheadInput {
   std::size_t Begin, End;  // the bytes from Begin to End are still to be handed out
   std::size_t FirstFrame;  // size of the frame at Begin; 0 while that cannot be told
+  std::size_t LastTaken;   // bytes that the last call gave
   unsigned char Bytes[2 * kInputRoom];
 };
 
@@ -73,6 +76,10 @@ FrameRead Fill(int fd, unsigned char* area, std::size_t* have, std::size_t want,
 
 std::uint32_t LengthOf(const unsigned char* area) { return Get(area, WireField<std::uint32_t>{0}); }
 
+bool InBounds(const unsigned char* area, const FrameFormat& format) {
+  return LengthOf(area) >= format.SmallestLength && LengthOf(area) <= format.LargestLength;
+}
+
 FrameRead FillFrame(int fd, unsigned char* area, std::size_t* have, const FrameFormat& format) {
   if (*have < kLengthWord) {
     const FrameRead word = Fill(fd, area, have, kLengthWord, format.TraceReceive);
@@ -80,16 +87,17 @@ FrameRead FillFrame(int fd, unsigned char* area, std::size_t* have, const FrameF
     if (format.TraceLength)
       format.TraceLength(static_cast<int>(LengthOf(area) - format.LengthCounts));
   }
-  const std::uint32_t length = LengthOf(area);
-  if (length < format.SmallestLength || length > format.LargestLength) return FrameRead::BadLength;
+  if (!InBounds(area, format)) return FrameRead::BadLength;
   return Fill(fd, area, have, FrameSize(area, format), format.TraceReceive);
 }
 
-// Takes what an earlier call left unfinished.
+// Takes what an earlier call left unfinished, or had beyond its frame.
 std::size_t TakeInput(int fd, unsigned char* area) {
   KeptInput* const kept = Keeps(fd) ? keptInput[fd] : nullptr;
   if (!kept) return 0;
   const std::size_t count = kept->Count;
+  waitingFrames -= kept->HasFrame;
+  kept->HasFrame = false;
   std::memcpy(area, kept->Bytes, count);
   kept->Count = 0;
   return count;
@@ -101,8 +109,55 @@ bool KeepInput(int fd, const unsigned char* area, std::size_t count) {
   if (!keptInput[fd]) keptInput[fd] = static_cast<KeptInput*>(std::malloc(sizeof(KeptInput)));
   if (!keptInput[fd]) return false;
   keptInput[fd]->Count = count;
+  keptInput[fd]->HasFrame = false;
   std::memcpy(keptInput[fd]->Bytes, area, count);
   return true;
+}
+
+// The size of the frame at the front of the bytes, or 0 when it is not whole. One whose length is
+// out of bounds counts as whole with its length word: nothing more has to come to refuse it.
+std::size_t WholeFrame(const unsigned char* bytes, std::size_t have, const FrameFormat& format) {
+  if (have < kLengthWord) return 0;
+  const std::size_t size = InBounds(bytes, format) ? FrameSize(bytes, format) : kLengthWord;
+  return have < size ? 0 : size;
+}
+
+FrameRead Judge(const unsigned char* area, std::size_t size, const FrameFormat& format) {
+  if (!InBounds(area, format)) return FrameRead::BadLength;
+  return size == kLengthWord ? FrameRead::Closed : FrameRead::Whole;
+}
+
+ssize_t ReceiveOnce(int fd, unsigned char* bytes, std::size_t room) {
+  ssize_t got;
+  do {
+    got = recv(fd, bytes, room, MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  return got;
+}
+
+void MarkFrame(KeptInput* kept, const FrameFormat& format) {
+  kept->HasFrame = WholeFrame(kept->Bytes, kept->Count, format) > 0;
+  waitingFrames += kept->HasFrame;
+}
+
+// Reads what has come with one call, straight into the area; what is behind the frame is kept.
+FrameRead ReadFrameAtOnce(int fd, unsigned char* area, const FrameFormat& format) {
+  std::size_t have = TakeInput(fd, area);
+  std::size_t size = WholeFrame(area, have, format);
+  if (size == 0) {
+    const ssize_t got = ReceiveOnce(fd, area + have, kInputRoom - have);
+    if (got == 0) return FrameRead::Closed;
+    if (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK) return FrameRead::Failed;
+    have += got > 0 ? static_cast<std::size_t>(got) : 0;
+    size = WholeFrame(area, have, format);
+  }
+  if (!KeepInput(fd, area + size, have - size)) {
+    errno = ENOMEM;
+    return FrameRead::Failed;
+  }
+  if (size == 0) return FrameRead::Later;
+  if (have > size) MarkFrame(keptInput[fd], format);
+  return Judge(area, size, format);
 }
 
 FrameRead ReadFrameNow(int fd, unsigned char* area, const FrameFormat& format) {
@@ -114,6 +169,7 @@ FrameRead ReadFrameNow(int fd, unsigned char* area, const FrameFormat& format) {
 }
 
 void DropInput(int fd) {
+  if (keptInput[fd]) waitingFrames -= keptInput[fd]->HasFrame;
   std::free(keptInput[fd]);
   keptInput[fd] = nullptr;
   if (!IsLink(fd) || !aheadInput[fd]) return;
@@ -124,20 +180,10 @@ void DropInput(int fd) {
 
 // Reading ahead
 
-// Finds out about the frame at the front of what was taken. One that is out of bounds counts as
-// whole: nothing more has to come to refuse it.
 void LookAtFirst(AheadInput& input, const FrameFormat& format) {
-  const std::size_t have = input.End - input.Begin;
-  const unsigned char* const first = input.Bytes + input.Begin;
   waitingFrames -= input.FirstFrame > 0;
-  input.FirstFrame = 0;
-  if (have < kLengthWord) return;
-  const std::uint32_t length = LengthOf(first);
-  const bool inBounds = length >= format.SmallestLength && length <= format.LargestLength;
-  const std::size_t size = inBounds ? FrameSize(first, format) : kLengthWord;
-  if (have < size) return;
-  input.FirstFrame = size;
-  ++waitingFrames;
+  input.FirstFrame = WholeFrame(input.Bytes + input.Begin, input.End - input.Begin, format);
+  waitingFrames += input.FirstFrame > 0;
 }
 
 // Takes what has come with one call; at least a whole frame finds room.
@@ -152,7 +198,8 @@ FrameRead TakeAhead(int fd, AheadInput& input) {
   if (got < 0)
     return errno == EAGAIN || errno == EWOULDBLOCK ? FrameRead::Later : FrameRead::Failed;
   if (got == 0) return FrameRead::Closed;
-  input.End += static_cast<std::size_t>(got);
+  input.LastTaken = static_cast<std::size_t>(got);
+  input.End += input.LastTaken;
   return FrameRead::Whole;
 }
 
@@ -163,9 +210,7 @@ FrameRead HandOut(AheadInput& input, unsigned char* area, const FrameFormat& for
   std::memcpy(area, input.Bytes + input.Begin, size);
   input.Begin += size;
   LookAtFirst(input, format);
-  const std::uint32_t length = LengthOf(area);
-  if (length < format.SmallestLength || length > format.LargestLength) return FrameRead::BadLength;
-  return size == kLengthWord ? FrameRead::Closed : FrameRead::Whole;
+  return Judge(area, size, format);
 }
 
 FrameRead ReadFrameAhead(int fd, unsigned char* area, const FrameFormat& format) {
@@ -269,13 +314,26 @@ std::size_t FrameSize(const unsigned char* area, const FrameFormat& format) {
 
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format) {
   const int savedErrno = errno;
-  const FrameRead result = format.Ahead && IsLink(fd) ? ReadFrameAhead(fd, area, format)
-                                                      : ReadFrameNow(fd, area, format);
+  FrameRead result;
+  if (!format.Ahead || !Keeps(fd))
+    result = ReadFrameNow(fd, area, format);
+  else if (LinkOfSocket(fd))
+    result = ReadFrameAhead(fd, area, format);
+  else
+    result = ReadFrameAtOnce(fd, area, format);
   if (result != FrameRead::Failed) errno = savedErrno;
   return result;
 }
 
-bool FrameWaits(int fd) { return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->FirstFrame > 0; }
+bool FrameWaits(int fd) {
+  if (!Keeps(fd)) return false;
+  if (keptInput[fd] && keptInput[fd]->HasFrame) return true;
+  return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->FirstFrame > 0;
+}
+
+bool MoreHasCome(int fd) {
+  return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->LastTaken >= kMuchTaken;
+}
 
 int WaitingFrames() { return waitingFrames; }
 

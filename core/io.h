@@ -11,8 +11,8 @@ struct FrameFormat {
   std::uint32_t LargestLength;  // largest value + 4 - LengthCounts bytes must fit the caller's area
   void (*TraceReceive)(int result);  // after each recv; may be null
   void (*TraceLength)(int rest);     // with the bytes that follow the length word; may be null
-  bool Ahead = false;  // take all that has come with one call; the reader must then not wait for events
-               // while FrameWaits
+  bool Ahead = false;  // take all that has come with one call; the reader must then not wait for
+                       // events while FrameWaits
 };
 
 enum class FrameRead {
@@ -27,6 +27,9 @@ enum class FrameRead {
 // word, then the rest, without a copy in the ordinary case (Ahead: out of what was taken earlier,
 // while a whole frame is there). Leaves errno alone unless Failed.
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
+
+// The last look at the descriptor took so much that more has probably come.
+bool MoreHasCome(int fd);
 
 // A whole frame of the descriptor has been taken ahead, or a length word that is out of bounds.
 bool FrameWaits(int fd);

@@ -90,14 +90,16 @@ int TakeEpollEvents(fd_set* readyForRead) {
 
 }  // namespace
 
-int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite) {
+int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
   const int words = WordsInUse();
   const int savedErrno = errno;
   MoveClients(words);
   errno = savedErrno;
+  std::uint64_t writes = 0;
   for (int i = 0; i < words; ++i) {
     Word(*readyForRead, i) = Word(g_DbcI.SocketSets.ReadSet, i) & ~Word(behindEpoll, i);
     Word(*readyForWrite, i) = Word(g_DbcI.SocketSets.WriteSet, i);
+    writes |= Word(*readyForWrite, i);
   }
   int highest = g_DbcI.SocketSets.MaxSocket;
   const bool useEpoll = AnyBehindEpoll(words);
@@ -105,9 +107,11 @@ int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite
     FD_SET(epollDescriptor, readyForRead);
     if (highest <= epollDescriptor) highest = epollDescriptor + 1;
   }
-  const int events = select(highest, readyForRead, readyForWrite, nullptr, interval);
+  fd_set* const write = writes != 0 ? readyForWrite : nullptr;
+  const int events = select(highest, readyForRead, write, nullptr, interval);
   if (events <= 0 || !useEpoll || !FD_ISSET(epollDescriptor, readyForRead)) return events;
   FD_CLR(epollDescriptor, readyForRead);
+  if (alone >= 0 && FD_ISSET(alone, readyForRead)) return events - 1;
   return events - 1 + TakeEpollEvents(readyForRead);
 }
 

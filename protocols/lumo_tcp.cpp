@@ -27,7 +27,7 @@ namespace {
 constexpr int kDefaultPort = 1060;
 constexpr int kReceiveTimeoutUnit = 20;
 constexpr int kTickSeconds = 2;
-constexpr int kSegmentSize = 1448;  // of TCP over Ethernet
+constexpr int kSegmentSize = kSocketBufferSize / 2;
 constexpr std::uint8_t kRequestMark = 3;
 constexpr std::uint32_t kControlLength = 8;  // a packet of this length is a control packet
 constexpr std::uint32_t kSendTimeoutMark = 0x5555;
@@ -108,7 +108,7 @@ int SetNoDelay(int socket) {
   return kStatusOption;
 }
 
-// With the small buffers a loopback segment is larger than the peer's whole window: it would then
+// On loopback a segment would be larger than the window of the small buffers: the peer would then
 // send a piece each time its persist timer fires. Only a wish: a refusal changes nothing.
 void LimitSegments(int socket) {
   const int savedErrno = errno;
