@@ -7,6 +7,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,9 +38,10 @@ struct HandedAnswer {
 
 namespace {
 
-constexpr int kPipeSize = 1024 * 1024;  // of records: the child never has to wait for the agent
-constexpr int kQueueWait = 5;           // milliseconds between two looks at a full queue
-constexpr int kLastSendWait = 100;      // milliseconds for the child to finish a write
+constexpr int kPipeSize = 1024 * 1024;   // of records: the child never has to wait for the agent
+constexpr int kQueueWait = 5;            // milliseconds between two looks at a full queue
+constexpr int kFormerReaderWait = 1000;  // milliseconds for a reader that was told to end
+constexpr int kLastSendWait = 100;       // milliseconds for the child to finish a write
 
 LIpcLinkData* connected;  // the records of all connected links
 LIpcLinkData* refused;    // the records of refused addresses
@@ -160,6 +162,15 @@ bool OpenBoard(LIpcLinkData* data) {
   return true;
 }
 
+// A reader that has been told to end must be gone before the next one starts: its end would be
+// noticed with the next one alive, and the agent would wait for that one too.
+void AwaitFormerReaders() {
+  for (int i = 0; i < kFormerReaderWait && !connected && !Stopping(); ++i) {
+    if (waitpid(0, nullptr, WNOHANG) < 0) return;
+    poll(nullptr, 0, 1);
+  }
+}
+
 // The signals are blocked meanwhile: the child still has the agent's handlers, which would swallow
 // a SIGTERM that is meant for the child.
 bool StartReader(LIpcLinkData* data, const ReaderChannels& channels) {
@@ -167,6 +178,7 @@ bool StartReader(LIpcLinkData* data, const ReaderChannels& channels) {
   sigfillset(&all);
   std::fflush(stdout);
   const pid_t agent = getpid();
+  AwaitFormerReaders();
   sigprocmask(SIG_BLOCK, &all, &ordinary);
   data->ChildPid = fork();
   if (data->ChildPid == 0) RunReader(data, channels, ordinary, agent);
@@ -350,7 +362,7 @@ int ReadAnswered(const Link* link, LIpcLinkData* data, PipeRecord* record) {
 }
 
 void ServeRecord(LIpcLinkData* data, const PipeRecord& record) {
-  HandedAnswer* const answer = UnlinkHanded(data, record);
+  HandedAnswer* const answer = record.HandedOver ? UnlinkHanded(data, record) : nullptr;
   BoardRemove(data->Board, record.TaskName, record.AstInd, answer == nullptr);
   if (answer)
     PutHanded(answer);

@@ -32,7 +32,7 @@ struct LIpcLinkData {
 struct PipeRecord {
   std::int32_t TaskName;
   std::uint16_t AstInd;
-  std::uint16_t Unused;
+  std::uint16_t HandedOver;  // not 0: its answer came over the pair; 0: the child has sent it
 };
 static_assert(sizeof(PipeRecord) == 8);
 

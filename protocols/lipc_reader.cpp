@@ -130,9 +130,10 @@ void HandOver(int pair, const ClientMessage* msg) {
   if (sent < 0) LOG(kLogDriver, "LIPC PutMsgToClient failed.");
 }
 
-bool WriteRecord(int pipe, const ClientMessage* msg) {
-  const PipeRecord record = {
-      .TaskName = msg->TaskName, .AstInd = Get(Trailer(msg), kTrailerAstInd), .Unused = 0};
+bool WriteRecord(int pipe, const ClientMessage* msg, bool handedOver) {
+  const PipeRecord record = {.TaskName = msg->TaskName,
+                             .AstInd = Get(Trailer(msg), kTrailerAstInd),
+                             .HandedOver = handedOver};
   const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(&record);
   std::size_t written = 0;
   while (written < sizeof record) {
@@ -161,9 +162,10 @@ int ReadMessageFromKernelAndSendToDbc(const char* file, int line, LIpcLinkData* 
       LOG(kLogDriver, "LIPC The strings of an answer are too long. Skip the message");
       continue;
     }
-    if (!DeliverDirectly(data->Board, &msg)) HandOver(data->Pair, &msg);
+    const bool handedOver = !DeliverDirectly(data->Board, &msg);
+    if (handedOver) HandOver(data->Pair, &msg);
     LOG(kLogTrace, "LIPC CHLD. TaskName = %d", msg.TaskName);
-    if (!WriteRecord(pipeWrite, &msg)) return LEAVE(-1, "FAILED write");
+    if (!WriteRecord(pipeWrite, &msg, handedOver)) return LEAVE(-1, "FAILED write");
   }
 }
 
