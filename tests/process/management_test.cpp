@@ -1,0 +1,511 @@
+// The management commands: their numbers, arguments, results and items, and the node table lock.
+// What they do to nodes in use stands in node_redefinition_test.cpp and node_deletion_test.cpp.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/process/manager.h"
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/kernel.h"
+#include "tests/support/node.h"
+
+namespace test {
+namespace {
+
+constexpr int kNoSuchNode = 17, kHeldByCaller = 4, kHeldByOther = 5;
+constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
+
+Outcome Name(std::string name) {
+  name.resize(8, ' ');
+  return {1, name};
+}
+
+template <class T>
+void PutAt(std::string* bytes, std::size_t at, T value) {
+  std::memcpy(bytes->data() + at, &value, sizeof value);
+}
+
+std::uint32_t WordAt(const std::string& bytes, std::size_t at) {
+  std::uint32_t value;
+  std::memcpy(&value, bytes.data() + at, sizeof value);
+  return value;
+}
+
+std::string Description(std::uint32_t code, const std::string& name,
+                        const std::string& address = {}, std::uint32_t port = 0,
+                        std::uint16_t receive = 0, std::uint16_t send = 0,
+                        std::uint16_t connect = 0) {
+  std::string description(232, '\0');
+  PutAt(&description, 8, code);
+  description.replace(12, name.size(), name);
+  description.replace(24, address.size(), address);
+  PutAt(&description, 136, port);
+  PutAt(&description, 140, receive);
+  PutAt(&description, 142, send);
+  PutAt(&description, 144, connect);
+  return description;
+}
+
+// Numbers
+
+TEST(ManagementCommands, OneHundredAnswersOneAndOneHundredAndOneZero) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(100), Outcome{1});
+  EXPECT_EQ(manager.Ask(101), Outcome{0});
+}
+
+TEST(ManagementCommands, TheOtherNumbersAnswerZeroAndDoNothing) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  for (const int command : {0, 1, 99, 107, 108, 109, 110, 111, 112, 113, 114, 115, 130, 200, 65535})
+    EXPECT_EQ(manager.Ask(command, 1, "B"), Outcome{0}) << command;
+  EXPECT_EQ(manager.Names(), "A B C");
+  EXPECT_EQ(manager.Default(), "A");
+}
+
+TEST(ManagementCommands, TheAnswerCarriesTheTagAndTheTaskOfTheRequestAndNothingElseOfIt) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  lumo::Message request = lumo::ManagementRequest(101, 5, "some text");
+  request.CodErr = 1;
+  request.Prior = 2;
+  request.NumChan = 3;
+  request.Uninterpreted = {4, 5, 6, 7};
+  request.RowCount = 8;
+  request.PrzExe = 9;
+  request.SysErr = 10;
+  request.LnBufRow = 11;
+  request.Strings = {"one", "two", "three", "four"};
+  request.Trailer.fill(0xEE);
+  request.SetAstInd(0xABCD);
+  EXPECT_EQ(manager.Receive(manager.SendMessage(request)), Outcome{0});  // exact to the byte
+}
+
+// Numbering and the default node
+
+TEST(ManagementCommands, TheNodesAreCounted) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(102), Outcome{3});
+  EXPECT_EQ(manager.Ask(102, 77), Outcome{3});
+}
+
+TEST(ManagementCommands, ANodeIsNamedByItsPlaceInTheTable) {
+  Agent agent;
+  agent.Nodetab("first REZ\nEIGHTCHR REZ\nC REZ\n");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(105, 0), Name("FIRST"));
+  EXPECT_EQ(manager.Ask(105, 1), Name("EIGHTCHR"));
+  EXPECT_EQ(manager.Ask(105, 2), Name("C"));
+  for (const int index : {3, 5, -1, 0x7FFFFFFF}) EXPECT_EQ(manager.Ask(105, index), Outcome{0});
+}
+
+TEST(ManagementCommands, TheNumberingFollowsTheTableWhereverTheDefaultStands) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes).Options({"-DEFAULT", "b"});
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(103), Name("B"));
+  EXPECT_EQ(manager.Ask(104), Outcome{1});
+  EXPECT_EQ(manager.Names(), "A B C");
+}
+
+TEST(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
+  EchoNode node;
+  Agent agent;
+  agent.Nodetab("A REZ\nB REZ\n" + node.Line("C"));
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(106, 2), Outcome{1});
+  EXPECT_EQ(manager.Ask(103), Name("C"));
+  EXPECT_EQ(manager.Ask(104), Outcome{2});
+  Client client(agent);
+  EXPECT_EQ(client.Ask("", "for the default").Strings[0], "for the default");
+}
+
+TEST(ManagementCommands, ANumberWithoutANodeLeavesTheDefaultAsItIs) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  for (const int index : {3, -1}) EXPECT_EQ(manager.Ask(106, index), Outcome{0});
+  EXPECT_EQ(manager.Default(), "A");
+}
+
+// The path of the node table
+
+TEST(ManagementCommands, ThePathComesWithItsNulAndWithoutAPadByte) {
+  for (const char* file : {"table", "table1"}) {  // one of the two is of odd size
+    Agent agent;
+    const std::string path = agent.Folder() / file;
+    WriteFile(path, kThreeNodes);
+    agent.WithoutNodetab().Options({"-NODETAB", path});
+    ASSERT_TRUE(agent.Start());
+    Manager manager(agent);
+    EXPECT_EQ(manager.Ask(116), (Outcome{0, path + '\0'}));
+  }
+}
+
+TEST(ManagementCommands, ThePathIsSearchedForAnew) {
+  Agent agent;
+  const std::string home = agent.Folder() / "home/nodetab", work = agent.Folder() / "work/nodetab";
+  WriteFile(home, kThreeNodes);
+  agent.WithoutNodetab().Program(agent.Folder() / "program");
+  std::filesystem::create_symlink(AgentProgram(), agent.Folder() / "program");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(116), (Outcome{0, home + '\0'}));
+  EXPECT_NE(agent.Stdout().rfind("Nodetab found: \"" + home + "\"\n"),
+            agent.Stdout().find("Nodetab found: \"" + home + "\"\n"))
+      << "each search tells where it found the file";
+  WriteFile(work, kThreeNodes);
+  EXPECT_EQ(manager.Ask(116), (Outcome{0, work + '\0'}));
+}
+
+TEST(ManagementCommands, AMissingNodeTableIsReported) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  std::filesystem::remove(agent.NodetabPath());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(116), Outcome{129});
+}
+
+std::string PathOfLength(const Agent& agent, std::size_t length) {
+  std::string path = agent.Folder();
+  while (path.size() + 102 < length) path += "/" + std::string(100, 'd');
+  std::filesystem::create_directories(path);
+  path += "/";
+  return path + std::string(length - path.size(), 'f');
+}
+
+TEST(ManagementCommands, APathThatDoesNotFitIsNotReturned) {
+  for (const std::size_t length : {std::size_t{259}, std::size_t{260}, std::size_t{400}}) {
+    Agent agent;
+    const std::string path = PathOfLength(agent, length);
+    WriteFile(path, kThreeNodes);
+    agent.WithoutNodetab().Options({"-NODETAB", path});
+    ASSERT_TRUE(agent.Start());
+    Manager manager(agent);
+    const Outcome expected = length < 260 ? Outcome{0, path + '\0'} : Outcome{3};
+    EXPECT_EQ(manager.Ask(116), expected) << length;
+    EXPECT_EQ(agent.Stop(), 0);
+  }
+}
+
+TEST(ManagementCommands, TheStreamOfTheNodeTableStaysOpenButOnlyOne) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  manager.Count();
+  const int before = OpenDescriptors(agent.Pid());
+  for (int call = 0; call < 20; ++call) {
+    EXPECT_EQ(manager.Ask(116).Result, 0);
+    EXPECT_EQ(OpenDescriptors(agent.Pid()), before + 1);
+  }
+}
+
+// Adding
+
+TEST(ManagementCommands, AnAddedNodeServesRequests) {
+  EchoNode node;
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.AddNode(node.Line("new")), 0);
+  EXPECT_EQ(manager.Names(), "A B C NEW");
+  EXPECT_EQ(manager.Default(), "A");
+  Client client(agent);
+  EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
+  EXPECT_EQ(agent.Log(), "");
+}
+
+TEST(ManagementCommands, AnAddedNodeStandsBehindTheLastOneSeenFromWhereTheCircleIsEntered) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  Client client(agent);
+  client.ExpectError(client.Send("B"), 4066, 0);  // the circle is entered at B from now on
+  EXPECT_EQ(manager.AddNode("D REZ"), 0);
+  EXPECT_EQ(manager.Names(), "A D B C");
+}
+
+TEST(ManagementCommands, AManagementRequestThatNamesANodeMovesTheEntryOfTheCircleToo) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  lumo::Message request = lumo::ManagementRequest(119, 0, "D REZ");
+  request.Node = "C";
+  EXPECT_EQ(manager.Receive(manager.SendMessage(request)), Outcome{0});
+  EXPECT_EQ(manager.Names(), "A B D C");
+}
+
+TEST(ManagementCommands, ALineThatMakesNoNodeIsRefusedWithItsReason) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  for (const char* line : {"NINECHARS REZ", "X NONSENSE here", "Y LOCALS nonsense", "A REZ", ""})
+    EXPECT_EQ(manager.AddNode(line), 1) << line;
+  EXPECT_EQ(agent.Log(),
+            "lumo_tcp:Node name 'NINECHARS' is too long. Maximum length is 8 chars\n"
+            "lumo_tcp:Node name 'NINECHARS' skipped\n"
+            "lumo_tcp:The network agent doesn't support protocol  'NONSENSE' for node 'X'.\n"
+            "lumo_tcp:Node name 'X' skipped\n"
+            "lumo_tcp:Initialization of link 'Y' for protocol 'LOCALS' failed\n"
+            "lumo_tcp:Node name 'Y' skipped\n"
+            "lumo_tcp:Dublicate node name found in nodetab file\n"
+            "lumo_tcp:Node name 'A' skip\n"
+            "lumo_tcp:The network agent doesn't support protocol  '' for node ''.\n"
+            "lumo_tcp:Node name '' skipped\n");
+  EXPECT_EQ(manager.Names(), "A B C");
+}
+
+TEST(ManagementCommands, TheLastNodeOfTheCircleIsNotComparedForADuplicateName) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.AddNode("C REZ"), 0);
+  EXPECT_EQ(manager.AddNode("a REZ"), 0);
+  EXPECT_EQ(manager.Names(), "A B C C A");
+}
+
+// Node descriptions
+
+TEST(ManagementCommands, ATcpNodeIsDescribedWithAddressPortAndTimeouts) {
+  Agent agent;
+  agent.Nodetab(
+      "SRV1 TCPIP 127.0.0.1 2042 3 60 10\n"
+      "SRV2 tcpip 127.0.0.2\n"
+      "EIGHTCHR TCPIP 0x7f.1 0x1F90 0 70000 65535\n");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(121, 0),
+            (Outcome{0, Description(4, "SRV1", "127.0.0.1", 2042, 3, 60, 10)}));
+  EXPECT_EQ(manager.Ask(121, 1), (Outcome{0, Description(4, "SRV2", "127.0.0.2", 1060, 1, 0, 0)}));
+  EXPECT_EQ(manager.Ask(121, 2),
+            (Outcome{0, Description(4, "EIGHTCHR", "127.0.0.1", 8080, 0, 70000 - 65536, 65535)}));
+}
+
+TEST(ManagementCommands, ANodeOfAnotherProtocolIsDescribedWithTheIdentityOfItsProtocol) {
+  Agent agent;
+  agent.Nodetab("L1 LOCALS 77\nL2 LOCAL 78\nI1 LOCALI 79\nR1 REZ\nS1 TCPIPS x\nR2 REZ\n");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  const std::pair<const char*, std::uint32_t> kNodes[] = {{"L1", 2}, {"L2", 2}, {"I1", 3},
+                                                          {"R1", 0}, {"S1", 0}, {"R2", 0}};
+  std::vector<std::uint32_t> identities;
+  for (const auto& [name, code] : kNodes) {
+    const Outcome outcome = manager.Ask(120, 0, std::string(name) + '\0');
+    ASSERT_EQ(outcome.Item.size(), 232u);
+    identities.push_back(WordAt(outcome.Item, 136));
+    EXPECT_EQ(outcome, (Outcome{0, Description(code, name, "", identities.back())}));
+  }
+  EXPECT_EQ(identities[0], identities[1]) << "one record serves both";
+  EXPECT_EQ(std::set<std::uint32_t>(identities.begin() + 1, identities.end()).size(), 5u);
+}
+
+TEST(ManagementCommands, ANodeIsDescribedByNameByNumberAndAsTheDefault) {
+  Agent agent;
+  agent.Nodetab("A TCPIP 127.0.0.1 1\nB TCPIP 127.0.0.1 2\nC TCPIP 127.0.0.1 3\n")
+      .Options({"-DEFAULT", "C"});
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(120, 2, "A"), (Outcome{0, Description(4, "A", "127.0.0.1", 1, 1)}));
+  EXPECT_EQ(manager.Ask(121, 1, "A"), (Outcome{0, Description(4, "B", "127.0.0.1", 2, 1)}));
+  EXPECT_EQ(manager.Ask(122, 1, "A"), (Outcome{0, Description(4, "C", "127.0.0.1", 3, 1)}));
+}
+
+TEST(ManagementCommands, ANodeThatDoesNotExistIsReportedByEachCommandThatNamesOne) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  for (const int command : {120, 123, 126})
+    EXPECT_EQ(manager.Ask(command, 0, std::string("D\0\0X REZ", 8)), Outcome{kNoSuchNode});
+  for (const int command : {121, 124, 127}) {
+    EXPECT_EQ(manager.Ask(command, 3, "X REZ"), Outcome{kNoSuchNode});
+    EXPECT_EQ(manager.Ask(command, -1, "X REZ"), Outcome{kNoSuchNode});
+  }
+  EXPECT_EQ(manager.Names(), "A B C");
+}
+
+// Name arguments
+
+TEST(ManagementCommands, ANameIsComparedWithoutRegardToCaseAndEndsAtTheFirstBlank) {
+  Agent agent;
+  agent.Nodetab("A REZ\nSRV1 REZ\nEIGHTCHR REZ\n");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  for (const char* name : {"SRV1", "srv1", "Srv1 and more", "eightchr"})
+    EXPECT_EQ(manager.Ask(120, 0, name).Result, 0) << name;
+  for (const char* name : {"", " SRV1", "SRV", "SRV12", "EIGHTCHR9", "EIGHTCH"})
+    EXPECT_EQ(manager.Ask(120, 0, name), Outcome{kNoSuchNode}) << name;
+}
+
+TEST(ManagementCommands, ANameEndsAtItsNulOrWhereItsStringEnds) {
+  Agent agent;
+  agent.Nodetab("A REZ\nSRV1 REZ\nODD REZ\n");
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(120, 0, std::string("SRV1\0junk", 9)).Result, 0);
+  for (const char* name : {"SRV1", "ODD"}) {
+    lumo::Message request = lumo::ManagementRequest(120, 0, name);
+    request.Strings[1] = std::string(4000, 'x');  // no NUL follows the name
+    EXPECT_EQ(manager.Receive(manager.SendMessage(request)).Result, 0) << name;
+  }
+}
+
+TEST(ManagementCommands, TheLargestArgumentIsTakenWhole) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  const std::size_t largest = 8188 - 108;
+  EXPECT_EQ(manager.Ask(120, 0, std::string(largest, 'N')), Outcome{kNoSuchNode});
+  EXPECT_EQ(manager.Ask(120, 0, "B" + std::string(largest - 1, ' ')).Result, 0);
+  EXPECT_EQ(manager.Ask(119, 0, "D" + std::string(largest - 4, ' ') + "REZ").Result, 0);
+  EXPECT_EQ(manager.Names(), "A B C D");
+}
+
+// The lock
+
+TEST(NodetabLock, ItIsFreeAtFirst) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(129, 7), Outcome{0});
+  EXPECT_EQ(manager.Ask(118, 7), Outcome{0});
+}
+
+TEST(NodetabLock, ItsStatusTellsTheOwnerFromOthers) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(117, 7), Outcome{0});
+  EXPECT_EQ(manager.Ask(129, 7), Outcome{kHeldByCaller});
+  EXPECT_EQ(manager.Ask(129, 8), Outcome{kHeldByOther});
+  EXPECT_EQ(manager.Ask(118, 7), Outcome{0});
+  EXPECT_EQ(manager.Ask(129, 7), Outcome{0});
+  EXPECT_EQ(manager.Ask(129, 8), Outcome{0});
+}
+
+TEST(NodetabLock, AnotherOwnerCanNeitherTakeNorReleaseIt) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(117, 7), Outcome{0});
+  EXPECT_EQ(manager.Ask(117, 8), Outcome{kHeldByOther});
+  EXPECT_EQ(manager.Ask(118, 8), Outcome{kHeldByOther});
+  EXPECT_EQ(manager.Ask(129, 7), Outcome{kHeldByCaller});
+}
+
+TEST(NodetabLock, ItsOwnerMayTakeItAgain) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  EXPECT_EQ(manager.Ask(117, -7), Outcome{0});
+  EXPECT_EQ(manager.Ask(117, -7), Outcome{0});
+  EXPECT_EQ(manager.Ask(118, -7), Outcome{0});
+  EXPECT_EQ(manager.Ask(117, 8), Outcome{0});
+  EXPECT_EQ(manager.Ask(129, -7), Outcome{kHeldByOther});
+}
+
+TEST(NodetabLock, ItOutlivesTheConnectionThatTookItAndBelongsToWhoeverGivesTheNumber) {
+  Agent agent;
+  ASSERT_TRUE(agent.Start());
+  {
+    Manager first(agent);
+    EXPECT_EQ(first.Ask(117, 7), Outcome{0});
+  }
+  Manager second(agent);
+  EXPECT_EQ(second.Ask(129, 8), Outcome{kHeldByOther});
+  EXPECT_EQ(second.Ask(118, 7), Outcome{0});
+  EXPECT_EQ(second.Ask(117, 8), Outcome{0});
+}
+
+TEST(NodetabLock, NoOtherCommandAsksForIt) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes);
+  ASSERT_TRUE(agent.Start());
+  Manager owner(agent), other(agent);
+  EXPECT_EQ(owner.Ask(117, 7), Outcome{0});
+  EXPECT_EQ(other.AddNode("D REZ"), 0);
+  EXPECT_EQ(other.DeleteNode("B"), 0);
+  EXPECT_EQ(other.SetNode("C", "E REZ"), 0);
+  EXPECT_EQ(other.Names(), "A E D");
+  EXPECT_EQ(owner.Ask(129, 7), Outcome{kHeldByCaller});
+}
+
+// The trace
+
+TEST(ManagementTrace, EachCommandShowsItsArgumentAndItsResult) {
+  Agent agent;
+  agent.Nodetab(kThreeNodes).Trace();
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  manager.Ask(105, 1);
+  manager.Ask(105, 77);
+  manager.Ask(102, 99);
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 1"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"B       \" return int value 1"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 77"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"        \" return int value 0"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 99"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"        \" return int value 3"));
+  EXPECT_TRUE(agent.LogContains("'MakeDbcApiAnswer' Call from clntxch:"));
+  EXPECT_TRUE(agent.Logged(15, "dbca", "'MakeDbcApiAnswer' Leave SUCCESS"));
+}
+
+struct TracedCommand {
+  int Command;
+  const char* Name;
+  std::int32_t GoodRowId;
+  std::string GoodArgument, BadArgument;  // the latter with RowId 77; empty: it cannot fail
+};
+
+TEST(ManagementTrace, TheNamedCommandsShowTheirNameAndTheirEnd) {
+  Agent agent;
+  agent.Nodetab("A REZ\nB REZ\nC REZ\nD REZ\nE REZ\n").Trace();
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  const TracedCommand kCommands[] = {
+      {116, "ApiGetNodetabPath", 0, "", ""},   {117, "ApiLockNodetab", 7, "", "x"},
+      {118, "ApiUnlockNodetab", 0, "", ""},    {119, "ApiAddNode", 0, "N REZ", "nonsense"},
+      {120, "ApiGetNode", 0, "A", "nonsense"}, {123, "ApiDelNode", 0, "B", "nonsense"},
+      {127, "ApiSetNode", 0, "A REZ", ""},     {129, "ApiGetNodetabStatus", 7, "", ""},
+  };
+  for (const TracedCommand& command : kCommands) {
+    const std::string leave = "'" + std::string(command.Name) + "' Leave ";
+    const int before = agent.CountLogged(15, "dbca", leave + "SUCCESS");
+    // The lock is held by 7 when it is to be released or asked for.
+    if (command.Command == 118 || command.Command == 129) manager.Ask(118, 7);
+    manager.Ask(command.Command, command.GoodRowId, command.GoodArgument);
+    EXPECT_TRUE(agent.LogContains("'" + std::string(command.Name) + "' Call from dbca:"))
+        << command.Name;
+    EXPECT_GT(agent.CountLogged(15, "dbca", leave + "SUCCESS"), before) << command.Name;
+    if (command.BadArgument.empty()) continue;
+    manager.Ask(command.Command, 77, command.BadArgument);
+    EXPECT_EQ(agent.CountLogged(15, "dbca", leave + "FAIL"), 1) << command.Name;
+  }
+}
+
+}  // namespace
+}  // namespace test

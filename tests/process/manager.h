@@ -1,0 +1,118 @@
+// A client that manages the agent. Every answer is compared to the byte before its result is
+// looked at.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <utility>
+
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tools/client/management.h"
+
+namespace test {
+
+struct Outcome {
+  Outcome(std::int32_t result, std::string item = {}) : Result(result), Item(std::move(item)) {}
+  std::int32_t Result;
+  std::string Item;
+  bool operator==(const Outcome&) const = default;
+};
+
+inline void PrintTo(const Outcome& outcome, std::ostream* out) {
+  *out << outcome.Result << " " << testing::PrintToString(outcome.Item);
+}
+
+// The answer as it goes over the connection: the item stands in the fourth string, and the trailer
+// follows it without a pad byte.
+inline std::string ManagementFrame(const lumo::Message& request, const Outcome& outcome) {
+  constexpr std::size_t kLastCountAt = 58, kItemAt = 60;
+  lumo::Message answer;
+  answer.TaskName = request.TaskName;
+  answer.RowId = outcome.Result;
+  answer.LnBufRow = static_cast<std::uint16_t>(outcome.Item.size());
+  answer.SetAstInd(request.AstInd());
+  std::string frame = lumo::Encode(answer, lumo::Lengths::Client);
+  std::memcpy(frame.data() + kLastCountAt, &answer.LnBufRow, sizeof answer.LnBufRow);
+  frame.insert(kItemAt, outcome.Item);
+  const auto length = static_cast<std::uint32_t>(frame.size());
+  std::memcpy(frame.data(), &length, sizeof length);
+  return frame;
+}
+
+class Manager {
+ public:
+  explicit Manager(const Agent& agent) : client_(agent) {}
+
+  lumo::Message Send(int command, std::int32_t rowId = 0, const std::string& argument = {}) {
+    const lumo::Message request =
+        lumo::ManagementRequest(static_cast<std::uint16_t>(command), rowId, argument);
+    return SendMessage(request);
+  }
+  lumo::Message SendMessage(const lumo::Message& request) {
+    if (!client_.SendMessage(request)) ADD_FAILURE() << "the command cannot be sent";
+    return request;
+  }
+  Outcome Receive(const lumo::Message& request, const Place& place = Place::current()) {
+    const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+    const std::optional<std::string> frame = client_.ReceiveFrame();
+    const auto answer = frame ? lumo::Decode(*frame, lumo::Layout::Management) : std::nullopt;
+    if (!answer) {
+      ADD_FAILURE() << "no answer comes to command " << request.DbcApiCode;
+      return {-1000, "no answer"};
+    }
+    const Outcome outcome{answer->RowId, answer->Strings[3]};
+    EXPECT_EQ(*frame, ManagementFrame(request, outcome));
+    return outcome;
+  }
+  Outcome Ask(int command, std::int32_t rowId = 0, const std::string& argument = {},
+              const Place& place = Place::current()) {
+    return Receive(Send(command, rowId, argument), place);
+  }
+  int Result(int command, std::int32_t rowId = 0, const std::string& argument = {},
+             const Place& place = Place::current()) {
+    const Outcome outcome = Ask(command, rowId, argument, place);
+    EXPECT_EQ(outcome.Item, "") << "no item belongs to command " << command;
+    return outcome.Result;
+  }
+
+  int Count(const Place& place = Place::current()) { return Result(102, 0, {}, place); }
+  // The names in node table order, with a blank between them.
+  std::string Names(const Place& place = Place::current()) {
+    std::string names;
+    const int count = Count(place);
+    for (int index = 0; index < count; ++index) {
+      const Outcome name = Ask(105, index, {}, place);
+      EXPECT_EQ(name.Result, 1);
+      names += (index ? " " : "") + lumo::ItemText(name.Item);
+    }
+    return names;
+  }
+  std::string Default(const Place& place = Place::current()) {
+    return lumo::ItemText(Ask(103, 0, {}, place).Item);
+  }
+  int AddNode(const std::string& line, const Place& place = Place::current()) {
+    return Result(119, 0, line + '\0', place);
+  }
+  int DeleteNode(const std::string& name, const Place& place = Place::current()) {
+    return Result(123, 0, name + '\0', place);
+  }
+  int SetNode(const std::string& name, const std::string& line,
+              const Place& place = Place::current()) {
+    return Result(126, 0, name + '\0' + '\0' + line + '\0', place);
+  }
+  lumo::NodeDescription Describe(const std::string& name, const Place& place = Place::current()) {
+    const Outcome outcome = Ask(120, 0, name + '\0', place);
+    EXPECT_EQ(outcome.Result, 0) << name;
+    return lumo::DecodeNodeDescription(outcome.Item).value_or(lumo::NodeDescription{});
+  }
+  Client& Connection() { return client_; }
+
+ private:
+  Client client_;
+};
+
+}  // namespace test
