@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Compares the agent with a minimal relay, with direct connections and with other relays that are
+# installed, and judges what the agent must reach. Prints tables, writes comparison.csv and plots
+# into build/bench/results (--out), and ends with 0 only when every figure was reached.
+#   bench/run.sh              the whole, about an hour
+#   bench/run.sh --quick      a few minutes
+#   bench/run.sh --install    installs the other relays and what the build needs first
+#   bench/run.sh --only held,idle     single scenes
+# Further options: --help. BENCH_BUILD names a build directory to be used as it is.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+source "$root/tools/setup.sh"
+
+if [ "${1:-}" = --install ]; then
+  shift
+  install_packages cmake ninja-build g++ libcli11-dev libsqlite3-dev libbenchmark-dev python3 \
+    haproxy nginx-light libnginx-mod-stream socat
+fi
+
+build=${BENCH_BUILD:-}
+if [ -z "$build" ]; then
+  build=$root/build/bench
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS=-O2 \
+    -DLUMO_HARDEN=ON -DLUMO_TESTS=OFF -DLUMO_BENCH=ON >/dev/null
+  cmake --build "$build"
+fi
+export PYTHONDONTWRITEBYTECODE=1
+exec python3 "$root/bench/harness.py" --build "$build" "$@"

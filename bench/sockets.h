@@ -1,0 +1,30 @@
+// Socket chores that the measuring programs share. What cannot go on ends the program.
+#pragma once
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace bench {
+
+// Says what failed, with errno, and ends the program.
+[[noreturn]] void Fail(const std::string& what);
+
+int ConnectUnix(const std::string& path);
+int ConnectTcp(int port);  // on the loopback interface, without delay
+void ConnectTcp(int socket, int port);
+int NewSocket(int family);
+
+// Listens on the loopback interface; *port 0: any free one, then its number.
+int ListenTcp(int* port);
+
+void SetNoDelay(int socket);
+void SetNonBlocking(int socket);
+
+// As many descriptors as the system allows.
+void RaiseDescriptorLimit();
+
+// Both wait; false when the peer has closed or the socket's time-out is over.
+bool SendAll(int socket, std::string_view bytes);
+bool ReceiveAll(int socket, char* bytes, std::size_t size);
+
+}  // namespace bench
