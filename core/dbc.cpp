@@ -194,10 +194,7 @@ void TickCircle() {
   if (!start || !g_DbcI.DefaultLink || g_DbcI.DefaultLink->State != kLinkDisconnected) return;
   if (start->State != kLinkDisconnected) return;
   const int status = ConnectTheLink(HERE, start);
-  if (status != 0)
-    TryConnectDefaultLinkToNextServer(HERE, start, status);
-  else if (start->State == kLinkConnected)
-    SendAllSavedMsgToTheLink(HERE, start);
+  if (status != 0) TryConnectDefaultLinkToNextServer(HERE, start, status);
 }
 
 void TickLinks() {
@@ -277,7 +274,6 @@ void ReadFromLink(Link* link) {
   g_DbcI.ServedLink = link;
   link->Protocol->ReadyForRead(HERE, link);
   g_DbcI.ServedLink = nullptr;
-  ++packetsInARow;
 }
 
 // Reads a packet of a link, those that have been taken together with it, and what is likely to
@@ -285,6 +281,7 @@ void ReadFromLink(Link* link) {
 void DrainLink(int fd, Link* link) {
   do {
     ReadFromLink(link);
+    ++packetsInARow;
   } while ((FrameWaits(fd) || MoreHasCome(fd)) && LinkOfSocket(fd) == link &&
            link->State == kLinkConnected && packetsInARow < kPacketsInARow && !Stopping());
 }

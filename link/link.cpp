@@ -33,9 +33,26 @@ void AnswerSentRequests(const Link* link, int tavrinErr, int sysErr) {
   }
 }
 
+bool IsWaitedFor(const Link* link) {
+  for (const SavedMessage& saved : g_DbcI.SavedArray) {
+    if (saved.Link == link) return true;
+  }
+  return false;
+}
+
 int CircleFailure() { return g_DbcI.Err1001 ? kStatusCircleFailed : kStatusConnect; }
 
 bool TimerWillTryAgain() { return g_DbcI.AutoConnectTimeout != 0 && g_DbcI.CircleTimeCount != 0; }
+
+int CountLinks() {
+  int count = 0;
+  const Link* link = g_DbcI.LinkList;
+  do {
+    ++count;
+    link = link->Next;
+  } while (link != g_DbcI.LinkList);
+  return count;
+}
 
 // The link after the default one. Links that the timer has found broken and that were left as they
 // were, because another one took over, are taken down first: else two of them could pass the
@@ -52,8 +69,8 @@ Link* NextCandidate() {
 // Asks one link after the other, starting after the default one, until one is not disconnected:
 // true. False: the circle is complete. Either way the last one is the default link now.
 bool ConnectSomeLink() {
-  const Link* const end = CircleEntry();
-  while (true) {
+  const Link* const end = CircleEntry();  // it may be deleted on the way: the links are counted
+  for (int left = CountLinks(); left > 0 && g_DbcI.DefaultLink; --left) {
     Link* const candidate = NextCandidate();
     MoveDefaultRequests(g_DbcI.DefaultLink, candidate);
     g_DbcI.DefaultLink = candidate;
@@ -63,6 +80,7 @@ bool ConnectSomeLink() {
     if (candidate->State != kLinkDisconnected || ConnectTheLink(HERE, candidate) == 0) return true;
     LOG(kLogTrace, "Connect link %.8s failed", candidate->NodeName);
   }
+  return false;
 }
 
 // The circle stopped at a connected link. Its new requests go out; those that named the failed
@@ -99,6 +117,7 @@ void PrepareForTimer(const Link* failedLink, int tavrinErr) {
 // The circle is complete: the timer tries again while its count runs; else it has failed, and all
 // who followed the default link are told.
 int EndCircle(const Link* failedLink, int tavrinErr) {
+  if (!g_DbcI.DefaultLink) return CircleFailure();
   LOG(kLogTrace, "Link %.8s is last link in the list", g_DbcI.DefaultLink->NodeName);
   if (TimerWillTryAgain()) {
     LOG(kLogTrace, "Full connect cicle failed. Wait timer event");
@@ -142,7 +161,9 @@ int ConnectTheLink(const char* file, int line, Link* link) {
     return kStatusConnect;
   }
   errno = 0;
-  return link->Protocol->ConnectLink(file, line, link);
+  const int status = link->Protocol->ConnectLink(file, line, link);
+  if (status != 0 || link->State != kLinkConnected || !IsWaitedFor(link)) return status;
+  return SendAllSavedMsgToTheLink(HERE, link);
 }
 
 bool OnlyOneLink() { return g_DbcI.LinkList && g_DbcI.LinkList->Next == g_DbcI.LinkList; }

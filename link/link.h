@@ -43,7 +43,8 @@ int DisconnectLink(const char* file, int line, Link* link, int tavrinErr, int sy
 int TryConnectDefaultLinkToNextServer(const char* file, int line, Link* failedLink, int tavrinErr);
 
 // Connects a disconnected link, with errno 0 before: 0, or what the driver returned, with its
-// errno. While the agent is stopping nothing is connected (4006, ECANCELED).
+// errno. When the link is up at once, the requests that wait for it go out (4007: they did not).
+// While the agent is stopping nothing is connected (4006, ECANCELED).
 int ConnectTheLink(const char* file, int line, Link* link);
 
 // The failure of this link moves the default link: it is the default, one of the two modes is on,

@@ -403,14 +403,17 @@ class RandomRun {
   // between two of them, but not each time.
   void CheckTable() {
     bool same = false;
+    std::string seen;
     for (int attempt = 0; attempt < 20 && !same; ++attempt) {
       const std::vector<std::string> names = Names();
       const int count = manager_->Count(), defaultIndex = manager_->Result(104);
       const Outcome name = manager_->Ask(103);
+      seen = std::to_string(names.size()) + " names, " + std::to_string(count) +
+             " nodes, default number " + std::to_string(defaultIndex) + " '" + name.Item + "'";
       same = count == static_cast<int>(names.size()) && defaultIndex < count &&
              name == Outcome(1, names[static_cast<std::size_t>(defaultIndex)]);
     }
-    EXPECT_TRUE(same);
+    EXPECT_TRUE(same) << seen;
   }
 
   std::string OpenRequests() const {

@@ -240,6 +240,8 @@ void Agent::Execute(const CommandLine& command) const {
   RedirectTo((folder_.Path() / "stdout").c_str(), 1);
   RedirectTo(LogPath().c_str(), 2);
   for (const int descriptor : closed_) close(descriptor);
+  // What the test itself was started with counts against a limit, for the program loader too.
+  if (!limits_.empty()) close_range(3, ~0U, 0);
   for (const auto& [resource, value] : limits_) {
     const rlimit limit{value, value};
     setrlimit(resource, &limit);

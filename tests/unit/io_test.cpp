@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "core/dbc.h"
+#include "link/link.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 
@@ -245,12 +246,27 @@ TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
 }
 
 // Frames of a link, of which all that has come is taken with one call.
-class FramesAhead : public Streams {
+// Of a link: taken into a buffer of its own. Of a client: read straight into the caller's record.
+class FramesAhead : public Streams, public testing::WithParamInterface<bool> {
  protected:
+  void SetUp() override {
+    Streams::SetUp();
+    if (OfLink()) REGISTER_SOCKET_FOR_THE_LINK("test", 1, Ours(), &link_);
+  }
+  void TearDown() override {
+    UNREGISTER_SOCKET_FOR_THE_LINK("test", 1, Ours());
+    Streams::TearDown();
+  }
+  bool OfLink() const { return GetParam(); }
   bool Waits() const { return FrameWaits(Ours()); }
-};
 
-TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
+ private:
+  Link link_ = {};
+};
+INSTANTIATE_TEST_SUITE_P(LinksAndClients, FramesAhead, testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "Link" : "Client"; });
+
+TEST_P(FramesAhead, AreHandedOutOneByOneInOrder) {
   Come(Frame(1, "a") + Frame(2, "bb") + Frame(3, "ccc"));
   EXPECT_FALSE(Waits());
   for (const char* body : {"a", "bb", "ccc"}) {
@@ -262,7 +278,7 @@ TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
   EXPECT_EQ(Read(kAhead), FrameRead::Later);
 }
 
-TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
+TEST_P(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
   Come(Frame(1, "a") + Frame(6, "half"));
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
   EXPECT_FALSE(Waits());
@@ -272,7 +288,7 @@ TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
   EXPECT_EQ(Area(10), Frame(6, "halfxx"));
 }
 
-TEST_F(FramesAhead, MayComeByteByByte) {
+TEST_P(FramesAhead, MayComeByteByByte) {
   const std::string frame = Frame(5, "12345");
   for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
     Come(frame.substr(i, 1));
@@ -284,7 +300,7 @@ TEST_F(FramesAhead, MayComeByteByByte) {
   EXPECT_EQ(Area(9), frame);
 }
 
-TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
+TEST_P(FramesAhead, ManyLargeOnesAllComeThrough) {
   for (int round = 0; round < 5; ++round) {
     for (char c = 'a'; c < 'f'; ++c) Come(Frame(8188, std::string(8188, c)));
     for (char c = 'a'; c < 'f'; ++c) {
@@ -295,7 +311,7 @@ TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
   EXPECT_FALSE(Waits());
 }
 
-TEST_F(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
+TEST_P(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
   Come(Frame(1, "a") + Frame(8189, ""));
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
   EXPECT_TRUE(Waits());
@@ -303,14 +319,14 @@ TEST_F(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
   EXPECT_EQ(Area(4), Frame(8189, ""));
 }
 
-TEST_F(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
+TEST_P(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
   Come(Frame(1, "a") + Frame(0, ""));
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
   EXPECT_TRUE(Waits());
   EXPECT_EQ(Read(kAhead), FrameRead::Closed);
 }
 
-TEST_F(FramesAhead, WholeOnesComeBeforeTheEnd) {
+TEST_P(FramesAhead, WholeOnesComeBeforeTheEnd) {
   Come(Frame(1, "a") + Frame(1, "b") + Frame(9, "half"));
   CloseFar();
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
@@ -318,7 +334,7 @@ TEST_F(FramesAhead, WholeOnesComeBeforeTheEnd) {
   EXPECT_EQ(Read(kAhead), FrameRead::Closed);
 }
 
-TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
+TEST_P(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
   Come(Frame(1, "a") + Frame(1, "b"));
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
   ForgetDescriptor(Ours());
@@ -328,14 +344,14 @@ TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
   EXPECT_EQ(Area(5), Frame(1, "c"));
 }
 
-TEST_F(FramesAhead, WithoutMemoryTheReadFails) {
-  Come(Frame(1, "a"));
+TEST_P(FramesAhead, WithoutMemoryTheReadFails) {
+  Come(Frame(1, "a") + Frame(1, "b"));
   const FailingAllocations failing;
   EXPECT_EQ(Read(kAhead), FrameRead::Failed);
   EXPECT_EQ(errno, ENOMEM);
 }
 
-TEST_F(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
+TEST_P(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
   errno = 77;
   EXPECT_EQ(Read(kAhead), FrameRead::Later);
   Come(Frame(1, "a"));
