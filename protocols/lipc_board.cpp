@@ -6,7 +6,14 @@
 
 namespace {
 
-enum : std::uint32_t { kFree = 0, kWaiting = 1, kDelivered = 2, kStatusMask = 3, kNextUse = 4 };
+enum : std::uint32_t {
+  kFree = 0,
+  kWaiting = 1,
+  kDelivered = 2,   // by the child
+  kHandedOver = 3,  // to the agent, which has not put it yet
+  kStatusMask = 3,
+  kNextUse = 4
+};
 
 std::uint32_t StatusOf(std::uint32_t state) { return state & kStatusMask; }
 
@@ -67,10 +74,11 @@ void BoardAdd(ReaderBoard* board, const BoardRequest& request) {
 }
 
 void BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered) {
-  const std::uint32_t status = delivered ? kDelivered : kWaiting;
   for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
     BoardSlot& slot = board->Slots[i];
-    if (StatusOf(slot.State) != status || !HasName(slot, taskName, astInd)) continue;
+    const std::uint32_t status = StatusOf(slot.State);
+    if (status == kFree || (status == kDelivered) != delivered) continue;
+    if (!HasName(slot, taskName, astInd)) continue;
     Release(slot);
     return;
   }
@@ -79,7 +87,8 @@ void BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd
 void BoardRemoveTask(ReaderBoard* board, std::int32_t taskName) {
   for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
     BoardSlot& slot = board->Slots[i];
-    if (StatusOf(slot.State) == kWaiting && slot.TaskName == taskName) Release(slot);
+    const std::uint32_t status = StatusOf(slot.State);
+    if ((status == kWaiting || status == kHandedOver) && slot.TaskName == taskName) Release(slot);
   }
 }
 
@@ -120,6 +129,10 @@ BoardSlot* BoardFind(ReaderBoard* board, std::int32_t taskName, std::uint16_t as
 
 void BoardMarkDelivered(BoardSlot* slot, std::uint32_t state) {
   slot->State.compare_exchange_strong(state, (state & ~kStatusMask) + kDelivered);
+}
+
+void BoardMarkHandedOver(BoardSlot* slot, std::uint32_t state) {
+  slot->State.compare_exchange_strong(state, (state & ~kStatusMask) + kHandedOver);
 }
 
 bool BoardBeginSend(ReaderBoard* board, int socket) {

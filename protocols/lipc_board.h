@@ -56,11 +56,14 @@ bool BoardReserve(ReaderBoard* board, int socket);
 // The delivered requests: the next one from *index on (which moves); false: none left.
 bool BoardNextDelivered(const ReaderBoard* board, std::uint32_t* index, BoardRequest* request);
 
-// The child's side. The only request with this name that has not been delivered, or null when
+// The child's side. The only request with this name that has not been answered, or null when
 // there is none or more than one; *state is for BoardMarkDelivered.
 BoardSlot* BoardFind(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd,
                      BoardRequest* request, std::uint32_t* state);
 void BoardMarkDelivered(BoardSlot* slot, std::uint32_t state);
+
+// The agent is given the answer: a second one is not for the child to deliver.
+void BoardMarkHandedOver(BoardSlot* slot, std::uint32_t state);
 
 // Between the two the child may write to the connection; false: the agent has to.
 bool BoardBeginSend(ReaderBoard* board, int socket);

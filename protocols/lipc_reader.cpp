@@ -113,11 +113,15 @@ bool DeliverDirectly(ReaderBoard* board, ClientMessage* msg) {
   std::uint32_t state;
   BoardSlot* const slot =
       BoardFind(board, msg->TaskName, Get(Trailer(msg), kTrailerAstInd), &request, &state);
-  if (!slot || !IsDirect(request) || !BoardBeginSend(board, request.Socket)) return false;
-  const bool delivered = PutDirectly(msg, request.Socket);
-  if (delivered) BoardMarkDelivered(slot, state);
-  BoardEndSend(board);
-  return delivered;
+  if (!slot) return false;
+  if (IsDirect(request) && BoardBeginSend(board, request.Socket)) {
+    const bool delivered = PutDirectly(msg, request.Socket);
+    if (delivered) BoardMarkDelivered(slot, state);
+    BoardEndSend(board);
+    if (delivered) return true;
+  }
+  BoardMarkHandedOver(slot, state);
+  return false;
 }
 
 // The agent finds the connection. It takes from the pair whenever it reads the pipe or waits for
