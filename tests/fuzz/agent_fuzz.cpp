@@ -1,0 +1,452 @@
+// The whole agent, from its start to its end, driven through its loop by a script of clients,
+// nodes, ticks, deaths and failing calls. The input's head chooses options and a node table; then
+// comes one step after the other, a byte that says what and its operands. Between the passes of
+// the loop the records of the agent, its descriptors and the answers of the clients are checked.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "client/clntxch.h"
+#include "client/primitiv.h"
+#include "core/init.h"
+#include "core/io.h"
+#include "link/link.h"
+#include "protocols/lipc.h"
+#include "protocols/lipc_board.h"
+#include "protocols/protload.h"
+#include "tests/fuzz/agent_peers.h"
+#include "tests/fuzz/agent_state.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+using world::At;
+using world::Call;
+
+constexpr int kPassesToSettle = 2000;
+constexpr int kQuietPasses = 3;  // after so many nothing more is coming
+constexpr int kConnectionsMax = 40;
+
+constexpr const char* kLines[] = {"SRV1 TCPIP 127.0.0.1 1060 0 0 0",
+                                  "SRV2 TCPIP 127.0.0.2 1060 1 6 4",
+                                  "SRV3 TCPIP 127.0.0.3 1060 0 4 2",
+                                  "SRV4 LOCALS 17",
+                                  "SRV5 LOCALI 33",
+                                  "SRV6 DECNET somewhere",
+                                  "SRV7 TCPIP 127.0.0.7",
+                                  "SRV8 LOCAL 18"};
+constexpr const char* kNames[] = {"SRV1", "SRV2", "SRV3", "SRV4", "SRV5",    "SRV6",
+                                  "SRV7", "SRV8", "",     "NEW",  "NOWHERE", "srv1"};
+constexpr int kErrors[] = {EINTR, EIO,    ENOMEM, EMFILE,       EBADF,  ECONNRESET,
+                           EPIPE, ENFILE, EAGAIN, ECONNREFUSED, EACCES, EINVAL};
+
+constexpr int kConnectErrors[] = {ECONNREFUSED, EHOSTUNREACH, ETIMEDOUT, ECONNRESET};
+
+template <class T, std::size_t kSize>
+T Pick(const T (&list)[kSize], unsigned number) {
+  return list[number % kSize];
+}
+
+// The agent ends by itself when the script is over and everything has settled.
+struct Run {
+  Input* Script;
+  int PassesLeft;   // once the script is over
+  int QuietPasses;  // since the last transfer
+  unsigned long Transfers;
+  bool AnswersVanish;  // the script did what may cost an answer
+};
+Run run;
+
+std::int32_t PidOf(unsigned number) { return 2000 + static_cast<std::int32_t>(number % 8); }
+
+int SomeClient() { return peers::Choose(peers::Clients(), run.Script->Byte()); }
+int SomeNode() { return peers::Choose(peers::Nodes(), run.Script->Byte()); }
+
+Tag SomeTag() {
+  const unsigned number = run.Script->Byte();
+  const std::deque<Tag>& seen = peers::Seen();
+  if (seen.empty()) return {PidOf(number), static_cast<std::uint16_t>(number)};
+  return seen[seen.size() - 1 - number % seen.size()];
+}
+
+// Steps
+
+void NewClients() {
+  const int count = 1 + static_cast<int>(run.Script->Below(4));
+  if (peers::Clients().size() < kConnectionsMax) world::state.Backlog += count;
+}
+
+// A request, or several of them at once; the first operand's bits say more.
+void Ask() {
+  const int client = SomeClient();
+  const unsigned what = run.Script->Byte();
+  const std::string text((what & 0x30) == 0x30 ? 6000 : what >> 6, 'x');
+  std::string bytes;
+  for (unsigned i = 0; i <= (what & 3) * 8; ++i)
+    bytes += MakeMessage({.TaskName = PidOf(run.Script->Byte()),
+                          .AstInd = run.Script->Byte(),
+                          .Node = Pick(kNames, what >> 2),
+                          .Text = text});
+  peers::Send(client, bytes, (what & 0x0F) == 0x0F ? run.Script->Byte() : SIZE_MAX);
+}
+
+void AskInPieces() {
+  const int client = SomeClient();
+  const std::string bytes = MakeMessage({.TaskName = PidOf(run.Script->Byte()),
+                                         .AstInd = run.Script->Byte(),
+                                         .Node = Pick(kNames, run.Script->Byte())});
+  peers::Send(client, bytes, run.Script->Byte());
+}
+
+void SendRest() {
+  const int client = SomeClient();
+  peers::Send(client, {}, 1 + run.Script->Byte());
+}
+
+void SendAnyBytes() {
+  const int client = SomeClient();
+  peers::Send(client, run.Script->Bytes(run.Script->Below(64)));
+}
+
+std::string ArgumentOf(unsigned command, unsigned number) {
+  const std::string name = Pick(kNames, number);
+  if (command == 119 || command == 127 || command == 128) {
+    std::string line = Pick(kLines, number >> 1);
+    if ((number & 1) != 0) line.replace(0, 4, "NEW");
+    return line;
+  }
+  return command == 126 ? name + std::string(2, '\0') + Pick(kLines, number >> 2) : name;
+}
+
+void Manage() {
+  const int client = SomeClient();
+  const unsigned command = 100 + run.Script->Below(32);
+  const unsigned number = run.Script->Byte();
+  peers::Send(client, MakeMessage({.TaskName = PidOf(number),
+                                   .AstInd = 900,
+                                   .Command = "DBCA",
+                                   .DbcApiCode = static_cast<std::uint16_t>(command),
+                                   .RowId = static_cast<std::int32_t>(number % 9),
+                                   .Text = ArgumentOf(command, number)}));
+}
+
+void HangUp(int fd) {
+  if (fd < 0) return;
+  if (run.Script->Below(3) == 0) At(fd).Error = ECONNRESET;
+  At(fd).PeerGone = true;
+}
+
+void SetRoom(int fd) {
+  const unsigned room = run.Script->Byte();
+  if (fd >= 0) At(fd).Room = room < 200 ? room * room : world::Socket::kEndless;
+}
+
+void SetPiece(int fd) {
+  const unsigned piece = run.Script->Byte();
+  if (fd >= 0) At(fd).Piece = piece < 200 ? 1 + piece : world::Socket::kEndless;
+}
+
+std::string AnswerFor(const Tag& tag, std::size_t lengthMore) {
+  std::string bytes = MakeMessage({.TaskName = tag.first, .AstInd = tag.second, .Text = "row"});
+  SetLengthWord(&bytes, static_cast<std::uint32_t>(bytes.size() - 4 + lengthMore));
+  return bytes;
+}
+
+// An answer, by the node that was asked or by another one; perhaps more than once.
+void Answer() {
+  const int node = SomeNode();
+  const Tag tag = SomeTag();
+  const unsigned times = 1 + run.Script->Below(4) / 3;
+  if (node < 0) return;
+  for (unsigned i = 0; i < times; ++i)
+    At(node).Input += AnswerFor(tag, At(node).What == world::Kind::Kernel ? 4 : 0);
+}
+
+void NodeSendsAnyBytes() {
+  const int node = SomeNode();
+  const std::string bytes = run.Script->Bytes(run.Script->Below(64));
+  if (node >= 0) At(node).Input += bytes;
+}
+
+void EndConnect() {
+  const int node = SomeNode();
+  const unsigned how = run.Script->Byte();
+  if (node < 0 || !At(node).Connecting) return;
+  At(node).ConnectOver = true;
+  At(node).ConnectError = how < 128 ? 0 : Pick(kConnectErrors, how);
+}
+
+void PlanConnect() {
+  constexpr unsigned kPlans = static_cast<unsigned>(world::Plan::Count);
+  world::state.Connects.push_back(static_cast<world::Plan>(run.Script->Below(kPlans)));
+}
+
+void KillClient() { world::state.Dead.insert(PidOf(run.Script->Byte())); }
+
+void Fail() {
+  constexpr unsigned kCalls = static_cast<unsigned>(Call::Count);
+  const Call call = static_cast<Call>(run.Script->Below(kCalls));
+  const int error = Pick(kErrors, run.Script->Byte());
+  // A read that a level-triggered wait has announced does not go on to be empty for ever.
+  world::LetFail(call, error, static_cast<int>(run.Script->Below(4)));
+  run.AnswersVanish = true;
+}
+
+// The reader child of a LOCALI link
+
+LIpcLinkData* SomeReader() {
+  Link* const link = LinkNumber(run.Script->Byte());
+  if (!link || link->State != kLinkConnected || std::strcmp(link->Protocol->Name, "LOCALI") != 0)
+    return nullptr;
+  LIpcLinkData* const data = static_cast<LIpcLinkData*>(link->DriverData);
+  return world::IsAlive(data->ChildPid) ? data : nullptr;
+}
+
+void EndReader(const LIpcLinkData& data) {
+  At(data.PipeRead).PeerGone = true;
+  world::state.Dead.insert(data.ChildPid);
+}
+
+void WriteRecord(const LIpcLinkData& data, const Tag& tag, bool handedOver) {
+  const PipeRecord record = {.TaskName = tag.first, .AstInd = tag.second, .HandedOver = handedOver};
+  At(data.PipeRead).Input.append(reinterpret_cast<const char*>(&record), sizeof record);
+}
+
+void ReaderHandsOver() {
+  LIpcLinkData* const data = SomeReader();
+  const Tag tag = SomeTag();
+  if (!data) return;
+  At(data->Pair).Packets.push_back(AnswerFor(tag, 0));
+  WriteRecord(*data, tag, true);
+}
+
+// An answer of this name is on its way to the client through the agent.
+bool HandedOverBefore(const LIpcLinkData& data, const Tag& tag) {
+  const std::string& records = At(data.PipeRead).Input;
+  for (std::size_t at = 0; at + sizeof(PipeRecord) <= records.size(); at += sizeof(PipeRecord)) {
+    PipeRecord record;
+    std::memcpy(&record, records.data() + at, sizeof record);
+    if (record.HandedOver != 0 && Tag{record.TaskName, record.AstInd} == tag) return true;
+  }
+  return false;
+}
+
+// The child writes to the client itself; then the record follows, or the child ends before.
+void ReaderDelivers() {
+  LIpcLinkData* const data = SomeReader();
+  const Tag tag = SomeTag();
+  const bool tells = run.Script->Below(2) == 0;
+  if (!data) return;
+  BoardRequest request;
+  std::uint32_t state;
+  BoardSlot* const slot = BoardFind(data->Board, tag.first, tag.second, &request, &state);
+  if (!slot || request.Serial != ConnectionSerial(request.Socket)) return;
+  if (run.AnswersVanish || HandedOverBefore(*data, tag)) return;
+  BoardMarkDelivered(slot, state);
+  peers::AnswerCame(request.Socket, tag);
+  if (tells)
+    WriteRecord(*data, tag, false);
+  else
+    EndReader(*data);
+}
+
+void ReaderMisbehaves() {
+  LIpcLinkData* const data = SomeReader();
+  const std::string bytes = run.Script->Bytes(run.Script->Below(32));
+  const unsigned what = run.Script->Below(4);
+  if (!data) return;
+  run.AnswersVanish = true;  // a record alone says that the child has answered
+  if (what == 0) At(data->Pair).Packets.push_back(bytes);
+  if (what == 1) At(data->PipeRead).Input += bytes;
+  if (what == 2) EndReader(*data);
+  if (what == 3) world::state.Dead.insert(data->ChildPid);
+}
+
+void ChangeSystem() {
+  const unsigned what = run.Script->Byte();
+  switch (what % 6) {
+    case 0:
+      world::state.Now += what;
+      return;
+    case 1:
+      world::state.Limit = 8 + static_cast<int>(what);
+      return;
+    case 2:
+      world::state.QueueRoom = what / 64;
+      run.AnswersVanish = true;
+      return;
+    case 3:
+      world::state.KernelCloses = !world::state.KernelCloses;
+      return;
+    case 4:
+      world::state.Greeting.assign(what, 'g');
+      return;
+    default:
+      world::state.Dead.insert(world::state.KernelPid);
+      return;
+  }
+}
+
+// One step; true: the loop makes a pass now.
+bool Step() {
+  switch (run.Script->Below(22)) {
+    case 0:
+    case 1:
+      return true;
+    case 2:
+      world::Signal(SIGALRM);
+      return true;
+    case 3:
+      NewClients();
+      return false;
+    case 4:
+    case 5:
+      Ask();
+      return false;
+    case 6:
+      AskInPieces();
+      return false;
+    case 7:
+      SendRest();
+      return false;
+    case 8:
+      SendAnyBytes();
+      return false;
+    case 9:
+      Manage();
+      return false;
+    case 10:
+      HangUp(SomeClient());
+      return false;
+    case 11:
+      SetRoom(run.Script->Below(2) == 0 ? SomeClient() : SomeNode());
+      return false;
+    case 12:
+      SetPiece(run.Script->Below(2) == 0 ? SomeClient() : SomeNode());
+      return false;
+    case 13:
+      Answer();
+      return false;
+    case 14:
+      NodeSendsAnyBytes();
+      return false;
+    case 15:
+      EndConnect();
+      return false;
+    case 16:
+      PlanConnect();
+      return false;
+    case 17:
+      HangUp(SomeNode());
+      return false;
+    case 18:
+      KillClient();
+      return false;
+    case 19:
+      Fail();
+      return false;
+    case 20:
+      run.Script->Below(2) == 0 ? ReaderHandsOver() : ReaderDelivers();
+      return false;
+    default:
+      run.Script->Below(2) == 0 ? ReaderMisbehaves() : ChangeSystem();
+      return false;
+  }
+}
+
+// Frames that were taken ahead of a connection that is read.
+bool FramesAreLeft() {
+  for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd) {
+    if (FrameWaits(fd) && FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet)) return true;
+  }
+  return false;
+}
+
+// The script is over: everybody takes what there is, and the agent is told to end.
+void Settle() {
+  for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd)
+    At(fd).Room = At(fd).Piece = world::Socket::kEndless;
+  const bool quiet = run.Transfers == world::state.Transfers && !FramesAreLeft();
+  run.QuietPasses = quiet ? run.QuietPasses + 1 : 0;
+  run.Transfers = world::state.Transfers;
+  if (run.QuietPasses < kQuietPasses && --run.PassesLeft > 0) return;
+  if (run.PassesLeft == 0) world::Violated("the agent does not come to rest");
+  CheckNoneWaitsInVain();
+  if (!run.AnswersVanish) peers::CheckNoneIsLost();
+  world::Signal(SIGTERM);
+}
+
+bool NextWait() {
+  peers::Follow();
+  CheckAgent();
+  while (!run.Script->Empty()) {
+    if (Step()) return g_DbcI.AlarmFlag == 0;
+    peers::Follow();
+  }
+  Settle();
+  return g_DbcI.ExitStatus == 0;
+}
+
+// The start
+
+std::string SomeNodetab() {
+  std::string text;
+  for (unsigned count = 1 + run.Script->Below(5); count > 0; --count)
+    text += std::string(Pick(kLines, run.Script->Byte())) + "\n";
+  return text;
+}
+
+std::vector<std::string> SomeOptions() {
+  std::vector<std::string> options = {"lumo_tcp", "-NODAEMON"};
+  const unsigned bits = run.Script->Byte();
+  constexpr const char* kFlags[] = {"-AUTOCONNECT", "-AUTOCHANGE", "-ERR1001", "-CONNERROR",
+                                    "-CONNECTONLOAD"};
+  for (unsigned i = 0; i < 5; ++i) {
+    if ((bits >> i & 1) != 0) options.emplace_back(kFlags[i]);
+  }
+  if ((bits & 0x20) != 0) options.emplace_back("-AUTOCONNECTTIMEOUT=6");
+  if ((bits & 0x40) != 0) options.emplace_back("-DEFAULT=SRV2");
+  if ((bits & 0xE0) == 0x80) options.emplace_back("-PING");
+  return options;
+}
+
+void SetLogLevel(unsigned level) {
+  static char variable[16];
+  std::snprintf(variable, sizeof variable, "DBC_LOG=%u", level);
+  putenv(variable);
+}
+
+void RunAgent(Input* script) {
+  run = {.Script = script,
+         .PassesLeft = kPassesToSettle,
+         .QuietPasses = 0,
+         .Transfers = 0,
+         .AnswersVanish = false};
+  std::vector<std::string> options = SomeOptions();
+  std::vector<char*> argv;
+  for (std::string& option : options) argv.push_back(option.data());
+  argv.push_back(nullptr);
+  SetLogLevel((script->Byte() & 7) == 0 ? 15 : 0);
+  world::state.Nodetab = SomeNodetab();
+  world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
+  world::state.LoopInterval = ArmWait();
+  world::state.OnWait = NextWait;
+  AgentMain(static_cast<int>(options.size()), argv.data());
+  world::state.OnWait = nullptr;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input script(data, size);
+  world::Begin();
+  peers::Reset();
+  StartAgent(0);
+  RunAgent(&script);
+  EndAgent();
+  world::End();
+  return 0;
+}

@@ -1,0 +1,209 @@
+#include "tests/fuzz/agent_peers.h"
+
+#include <cstring>
+
+#include "client/message.h"
+#include "client/primitiv.h"
+#include "core/dbc.h"
+#include "core/io.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+using world::At;
+using world::Kind;
+
+constexpr std::size_t kGreetingSize = 60;
+constexpr std::size_t kSeenMax = 64;
+constexpr std::size_t kInputMax = 65536;  // of a connection, not read by the agent yet
+constexpr std::size_t kSmallestAnswer = 108;
+
+std::map<int, ClientPeer> clients;
+std::deque<Tag> seen;
+
+std::uint32_t Word(const std::string& bytes, std::size_t at = 0) {
+  std::uint32_t word;
+  std::memcpy(&word, bytes.data() + at, sizeof word);
+  return word;
+}
+
+Tag TagAt(const std::string& frame, std::int32_t taskName, std::size_t trailer) {
+  const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(frame.data()) + trailer;
+  return {taskName, Get(bytes, kTrailerAstInd)};
+}
+
+// The tag of a request, or false: the agent refuses the frame.
+bool TagOfRequest(const std::string& frame, Tag* tag) {
+  static ClientMessage msg;
+  std::memcpy(Wire(&msg), frame.data(), frame.size());
+  if (LocateTrailer(&msg, frame.size(), kMessageMax) != 0) return false;
+  *tag = {msg.TaskName, Get(Trailer(&msg), kTrailerAstInd)};
+  return true;
+}
+
+// Cuts what has arrived into requests, as the agent has to.
+void NoteRequests(ClientPeer* client) {
+  std::string& bytes = client->Unparsed;
+  while (!client->Broken && bytes.size() >= 4) {
+    const std::uint32_t length = Word(bytes);
+    if (length <= 4 || length > kMessageMax) {
+      client->Broken = true;
+      return;
+    }
+    if (bytes.size() < length) return;
+    Tag tag;
+    if (!TagOfRequest(bytes.substr(0, length), &tag)) {
+      client->Broken = true;
+      return;
+    }
+    ++client->Waiting[tag];
+    bytes.erase(0, length);
+  }
+}
+
+void TakeAnswer(int fd, ClientPeer* client, const std::string& frame) {
+  const Tag tag =
+      TagAt(frame, static_cast<std::int32_t>(Word(frame, 4)), frame.size() - kTrailerSize);
+  const auto waiting = client->Waiting.find(tag);
+  if (waiting == client->Waiting.end())
+    world::Violated("an answer (%d, %u) on connection %d that nobody asked for", tag.first,
+                    tag.second, fd);
+  if (--waiting->second == 0) client->Waiting.erase(waiting);
+}
+
+void TakeAnswers(int fd, ClientPeer* client) {
+  std::string& bytes = client->Received;
+  bytes += At(fd).Output;
+  At(fd).Output.clear();
+  if (!client->Greeted && bytes.size() >= kGreetingSize) {
+    bytes.erase(0, kGreetingSize);
+    client->Greeted = true;
+  }
+  while (client->Greeted && bytes.size() >= 4) {
+    const std::uint32_t length = Word(bytes);
+    if (length < kSmallestAnswer || length > kMessageArea + 4)
+      world::Violated("an answer of %u bytes", length);
+    if (bytes.size() < length) return;
+    TakeAnswer(fd, client, bytes.substr(0, length));
+    bytes.erase(0, length);
+  }
+}
+
+void Remember(const std::string& frame) {
+  if (frame.size() < kSmallestAnswer) return;
+  seen.push_back(
+      TagAt(frame, static_cast<std::int32_t>(Word(frame, 4)), frame.size() - kTrailerSize));
+  if (seen.size() > kSeenMax) seen.pop_front();
+}
+
+// What a node or kernel has received: whole frames are remembered, the rest stays.
+void TakeRequests(int fd) {
+  std::string& bytes = At(fd).Output;
+  const std::size_t extra = At(fd).What == Kind::Node ? 4 : 0;
+  while (bytes.size() >= 4) {
+    const std::size_t size = Word(bytes) + extra;
+    if (size < 12 || size > kMessageArea + 4) world::Violated("a request of %zu bytes", size);
+    if (bytes.size() < size) return;
+    Remember(bytes.substr(0, size));
+    bytes.erase(0, size);
+  }
+}
+
+// In the queue the task name is the reader's; the client's is in the trailer.
+void TakeQueue() {
+  for (const std::string& body : world::state.ToKernel) {
+    if (body.size() < kSmallestAnswer - 4) continue;
+    const std::size_t trailer = body.size() - kTrailerSize;
+    seen.push_back(TagAt(body, static_cast<std::int32_t>(Word(body, trailer)), trailer));
+    if (seen.size() > kSeenMax) seen.pop_front();
+  }
+  world::state.QueueRoom += world::state.ToKernel.size();
+  world::state.ToKernel.clear();
+}
+
+int KnownToAgent(int socket, const Tag& tag) {
+  int count = 0;
+  for (const MsgInfo& info : g_DbcI.MsgInfoArray) {
+    count += InUse(info) && info.Socket == socket && Tag{info.TaskName, info.AstInd} == tag;
+  }
+  for (const SavedMessage& saved : g_DbcI.SavedArray) {
+    const ClientMessage& msg = saved.Message;
+    count += InUse(saved) && msg.ClientSocket == socket &&
+             Tag{msg.TaskName, Get(Trailer(&msg), kTrailerAstInd)} == tag;
+  }
+  return count;
+}
+
+std::vector<int> Having(Kind a, Kind b) {
+  std::vector<int> found;
+  for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd) {
+    if (At(fd).What == a || At(fd).What == b) found.push_back(fd);
+  }
+  return found;
+}
+
+}  // namespace
+
+void peers::Reset() {
+  clients.clear();
+  seen.clear();
+}
+
+void peers::Follow() {
+  for (auto it = clients.begin(); it != clients.end();) {
+    const world::Socket& socket = At(it->first);
+    const bool same = socket.What == Kind::Client && socket.Serial == it->second.Serial;
+    it = same ? std::next(it) : clients.erase(it);
+  }
+  for (const int fd : Clients()) {
+    ClientPeer& client = clients[fd];
+    client.Serial = At(fd).Serial;
+    TakeAnswers(fd, &client);
+  }
+  for (const int fd : Nodes()) TakeRequests(fd);
+  TakeQueue();
+}
+
+std::vector<int> peers::Clients() { return Having(Kind::Client, Kind::Client); }
+std::vector<int> peers::Nodes() { return Having(Kind::Node, Kind::Kernel); }
+
+int peers::Choose(const std::vector<int>& descriptors, unsigned number) {
+  return descriptors.empty() ? -1 : descriptors[number % descriptors.size()];
+}
+
+void peers::Send(int client, const std::string& bytes, std::size_t count) {
+  if (client < 0 || !clients.contains(client) || At(client).Input.size() > kInputMax) return;
+  ClientPeer& peer = clients[client];
+  peer.Staged += bytes;
+  const std::string arrives = peer.Staged.substr(0, count);
+  peer.Staged.erase(0, arrives.size());
+  At(client).Input += arrives;
+  peer.Unparsed += arrives;
+  NoteRequests(&peer);
+}
+
+void peers::AnswerCame(int client, const Tag& tag) {
+  const auto peer = clients.find(client);
+  if (peer == clients.end()) return;
+  const auto waiting = peer->second.Waiting.find(tag);
+  if (waiting == peer->second.Waiting.end())
+    world::Violated("the reader was told of (%d, %u), which nobody asked for", tag.first,
+                    tag.second);
+  if (--waiting->second == 0) peer->second.Waiting.erase(waiting);
+}
+
+const std::deque<Tag>& peers::Seen() { return seen; }
+
+void peers::CheckNoneIsLost() {
+  for (const auto& [fd, client] : clients) {
+    const world::Socket& socket = At(fd);
+    if (client.Broken || socket.PeerGone || socket.Error != 0) continue;
+    if (!socket.Input.empty() || FrameWaits(fd)) continue;  // not all requests have been read
+    for (const auto& [tag, count] : client.Waiting) {
+      if (!world::IsAlive(tag.first)) continue;
+      if (KnownToAgent(fd, tag) < count)
+        world::Violated("%d requests (%d, %u) of connection %d wait, the agent knows %d", count,
+                        tag.first, tag.second, fd, KnownToAgent(fd, tag));
+    }
+  }
+}

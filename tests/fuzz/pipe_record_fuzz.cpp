@@ -1,0 +1,133 @@
+// What a LOCALI reader child tells the agent: records over the pipe, answers over the pair, in any
+// order and shape. Each step of the input is a byte that says what, and its operands.
+#include <cstring>
+
+#include "client/clntxch.h"
+#include "client/primitiv.h"
+#include "core/status.h"
+#include "link/link.h"
+#include "protocols/lipc.h"
+#include "protocols/lipc_board.h"
+#include "protocols/protload.h"
+#include "tests/fuzz/agent_state.h"
+#include "tests/fuzz/answer_checks.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+constexpr int kStepsMax = 300;
+constexpr std::int32_t kTask = 7;
+
+int CheckedPut(const char*, int, ClientMessage* msg) {
+  CheckLocated(*msg, kMessageArea);
+  return 0;
+}
+
+std::string Record(std::int32_t task, std::uint16_t tag) {
+  const PipeRecord record = {.TaskName = task, .AstInd = tag, .HandedOver = 0};
+  return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+class Child {
+ public:
+  explicit Child(Link* link) : link_(link), data_(static_cast<LIpcLinkData*>(link->DriverData)) {}
+
+  bool Connected() const { return link_->State == kLinkConnected; }
+  world::Socket& Pipe() const { return world::At(data_->PipeRead); }
+  world::Socket& Pair() const { return world::At(data_->Pair); }
+
+  void Ask(std::uint16_t tag) const {
+    ClientMessage msg = {};
+    const std::string bytes = MakeMessage({.TaskName = kTask, .AstInd = tag});
+    std::memcpy(Wire(&msg), bytes.data(), bytes.size());
+    LocateTrailer(&msg, bytes.size(), kMessageMax);
+    msg.ClientSocket = client_;
+    SendMsgToLink(kFuzz, __LINE__, link_, &msg);
+  }
+  void Serve() const {
+    g_DbcI.ServedLink = link_;
+    link_->Protocol->ReadyForRead(kFuzz, __LINE__, link_);
+    g_DbcI.ServedLink = nullptr;
+  }
+  // The child has written an answer to the client itself.
+  void Deliver(std::uint16_t tag) const {
+    BoardRequest request;
+    std::uint32_t state;
+    BoardSlot* const slot = BoardFind(data_->Board, kTask, tag, &request, &state);
+    if (slot) BoardMarkDelivered(slot, state);
+  }
+  void AddClient() {
+    client_ = world::Open(world::Kind::Client);
+    FD_SET(client_, &g_DbcI.ClientSockets);
+  }
+
+ private:
+  Link* link_;
+  LIpcLinkData* data_;
+  int client_ = -1;
+};
+
+void Tell(const Child& child, Input* input, bool handedOver) {
+  child.Pipe().Input += Record(input->Byte(), handedOver);
+}
+
+void HandOver(const Child& child, Input* input) {
+  const std::uint16_t tag = input->Byte();
+  child.Pair().Packets.push_back(MakeMessage({.TaskName = kTask, .AstInd = tag, .Text = "rows"}));
+}
+
+void Step(const Child& child, Input* input) {
+  switch (input->Below(11)) {
+    case 0:
+      return child.Ask(input->Byte());
+    case 1:
+      return Tell(child, input, true);
+    case 2:
+      return HandOver(child, input);
+    case 3:
+      child.Pipe().Input += input->Bytes(input->Below(24));
+      return;
+    case 4:
+      child.Pair().Packets.push_back(input->Bytes(input->Byte()));
+      return;
+    case 5:
+      child.Deliver(input->Byte());
+      return Tell(child, input, false);
+    case 6:
+      child.Deliver(input->Byte());
+      return;
+    case 7:
+      child.Pipe().Piece = 1 + input->Below(9);
+      return;
+    case 8:
+      child.Pipe().PeerGone = true;
+      return;
+    case 9:
+      return world::LetFail(input->Below(2) == 0 ? world::Call::Read : world::Call::Recv,
+                            input->Below(2) == 0 ? EIO : EINTR, static_cast<int>(input->Below(4)));
+    default:
+      return child.Serve();
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input(data, size);
+  world::Begin();
+  StartAgent((size & 1) != 0 ? 15 : 0);
+  LoadNodetab("NODE LOCALI 32\n");
+  g_DbcI.PutMsg = CheckedPut;
+  Child child(g_DbcI.LinkList);
+  child.AddClient();
+  ConnectTheLink(kFuzz, __LINE__, g_DbcI.LinkList);
+  for (int i = 0; i < kStepsMax && child.Connected() && !input.Empty(); ++i) {
+    Step(child, &input);
+    CheckRecords();
+  }
+  DisconnectLink(kFuzz, __LINE__, g_DbcI.LinkList, kStatusPeerClosed, 0);
+  CheckRecords();
+  EndAgent();
+  world::End();
+  return 0;
+}
