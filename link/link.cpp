@@ -68,8 +68,12 @@ Link* NextCandidate() {
 
 // Asks one link after the other, starting after the default one, until one is not disconnected:
 // true. False: the circle is complete. Either way the last one is the default link now.
+//
+// Where the circle has no start it begins here, and ends here even if it goes on later: otherwise
+// links that fail one after the other, each while it is the default, would keep it going for ever.
 bool ConnectSomeLink() {
-  const Link* const end = CircleEntry();  // it may be deleted on the way: the links are counted
+  g_DbcI.CircleStartLink = CircleEntry();
+  const Link* const end = g_DbcI.CircleStartLink;  // it may be deleted: the links are counted
   for (int left = CountLinks(); left > 0 && g_DbcI.DefaultLink; --left) {
     Link* const candidate = NextCandidate();
     MoveDefaultRequests(g_DbcI.DefaultLink, candidate);

@@ -497,6 +497,55 @@ TEST_F(MovingTheDefault, WithoutAStartTheCircleEndsWhereItWasEntered) {
   EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
 }
 
+TEST_F(MovingTheDefault, WithoutAStartLateFailuresDoNotKeepTheCircleGoing) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.CircleStartLink = nullptr;
+  for (const char* name : {"A", "B", "C"}) Outcomes[name] = kUnderWay;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4006), 0);
+  EXPECT_EQ(Fail(B, 4006), 0);
+  EXPECT_EQ(Fail(C, 4006), 4006);
+  EXPECT_EQ(g_DbcI.DefaultLink, A);
+  EXPECT_EQ(Connects("A"), 0);
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+}
+
+TEST_F(MovingTheDefault, ALinkThatTheTimerFoundBrokenIsTakenDownBeforeItIsTried) {
+  g_DbcI.AutoConnect = 1;
+  B->State = kLinkConnected;
+  B->Broken = kStatusReceiveTimeout;
+  Outcomes["C"] = kComesUp;
+  Sent(1, B);
+  Save(2, A);
+  EXPECT_EQ(Fail(A, 4065), 0);
+  EXPECT_EQ(B->State, kLinkDisconnected);
+  EXPECT_EQ(g_DbcI.DefaultLink, C);
+  EXPECT_EQ(Received(), (Texts{"1: 4065, 0"}));
+}
+
+TEST_F(MovingTheDefault, TheCirclesStartMayBeDeletedOnTheWay) {
+  g_DbcI.AutoConnect = 1;
+  g_DbcI.DefaultLink = A;
+  g_DbcI.CircleStartLink = C;
+  C->State = kLinkConnected;
+  C->Broken = kStatusReceiveTimeout;
+  C->DeletePending = 1;
+  Save(1, A);
+  EXPECT_EQ(Fail(A, 4006), 4006);
+  EXPECT_EQ(Circle(), "A B");
+  EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
+}
+
+TEST_F(MovingTheDefault, ALinkThatComesUpAtOnceGetsTheRequestsThatWaitForIt) {
+  Outcomes["B"] = kComesUp;
+  Save(1, B, "B");
+  Save(2, C, "C");
+  EXPECT_EQ(ConnectTheLink("test", 1, B), 0);
+  EXPECT_EQ(Waiting(B), std::vector<int>{});
+  EXPECT_EQ(Waiting(C), std::vector<int>{2});
+  EXPECT_EQ(RequestsInFlight(), 1);
+}
+
 TEST_F(MovingTheDefault, WithoutADefaultTheFailedLinkIsTakenDown) {
   g_DbcI.AutoConnect = 1;
   g_DbcI.DefaultLink = nullptr;

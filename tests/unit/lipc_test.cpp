@@ -765,6 +765,17 @@ TEST_F(Board, DeliveredRequestMakesRoomForItsNameAtOnce) {
   EXPECT_NE(Find(1, 1), nullptr);
 }
 
+TEST_F(Board, RequestWhoseAnswerWasHandedOverIsNotFoundForASecondOne) {
+  Add(1, 1);
+  BoardSlot* const slot = Find(1, 1);
+  BoardMarkHandedOver(slot, state_);
+  EXPECT_EQ(Find(1, 1), nullptr);
+  BoardRemove(board_, 1, 1, false);
+  Add(1, 1, 11);
+  EXPECT_EQ(Find(1, 1), slot);
+  EXPECT_EQ(request_.Socket, 11);
+}
+
 TEST_F(Board, MarkOfASlotThatWasUsedAgainIsLost) {
   Add(1, 1);
   BoardSlot* const slot = Find(1, 1);
