@@ -2,7 +2,7 @@
 #pragma once
 #include "core/dbc.h"
 
-int InitialisePing(const char* file, int line);  // 0 or -1
+int InitialisePing(const char* file, int line);   // 0 or -1
 int InitNodeForPing(const char* file, int line);  // 0 or -1
 int PingPseudoReadMsg(const char* file, int line, ClientMessage* msg, int socket);
 int PingPseudoPutMsgToClient(const char* file, int line, ClientMessage* msg);
