@@ -22,4 +22,5 @@ step "Process tests, release build"
 ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
 
 check_format
+check_tidy build/release
 step "All tests passed"

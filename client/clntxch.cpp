@@ -21,9 +21,11 @@ static constexpr char Module[] = "clntxch";
 
 namespace {
 
-constexpr std::size_t kClientUnsentMax = 1024 * 1024;  // more unsent answers: the client is closed
-constexpr std::size_t kLinkUnsentMax = 64 * 1024;      // more unsent requests: clients must wait
-constexpr int kSavedRequestsMax = 32;                  // of one connection, waiting for a link
+constexpr std::size_t kClientUnsentMax =
+    std::size_t{1024} * 1024;  // more unsent answers: the client is closed
+constexpr std::size_t kLinkUnsentMax =
+    std::size_t{64} * 1024;            // more unsent requests: clients must wait
+constexpr int kSavedRequestsMax = 32;  // of one connection, waiting for a link
 constexpr std::uint16_t kTimeoutStandsStill = 0x8000;
 
 // Connections whose requests are not read for a while, so that what is kept for slow or missing

@@ -62,7 +62,7 @@ int log(const char* file, int line, int level, const char* format, ...) {
   va_end(arguments);
   if (length >= 0 && static_cast<std::size_t>(length) < room) {
     text[header + length] = '\n';
-    WriteAll(text, static_cast<std::size_t>(header + length + 1));
+    WriteAll(text, static_cast<std::size_t>(header) + static_cast<std::size_t>(length) + 1);
   } else {
     WriteAll(text, static_cast<std::size_t>(header));
     va_start(arguments, format);

@@ -102,7 +102,7 @@ int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite
     writes |= Word(*readyForWrite, i);
   }
   int highest = g_DbcI.SocketSets.MaxSocket;
-  const bool useEpoll = AnyBehindEpoll(words);
+  const bool useEpoll = epollDescriptor >= 0 && AnyBehindEpoll(words);
   if (useEpoll) {
     FD_SET(epollDescriptor, readyForRead);
     if (highest <= epollDescriptor) highest = epollDescriptor + 1;

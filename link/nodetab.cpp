@@ -175,7 +175,8 @@ std::FILE* SearchForNodetab(const char* file, int line, char* foundPath) {
   LOG(kLogTrace, "File \"%s\" opened\n", found.Path);
   if (foundPath) {
     foundPath[0] = '\0';
-    if (std::strlen(found.Path) < kNodetabPathSize) std::strcpy(foundPath, found.Path);
+    const std::size_t size = std::strlen(found.Path) + 1;
+    if (size <= kNodetabPathSize) std::memcpy(foundPath, found.Path, size);
   }
   return found.Stream;
 }

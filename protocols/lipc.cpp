@@ -90,7 +90,7 @@ const char* AttachSegment(LIpcLinkData* data) {
     return "FAILED shmget";
   }
   void* const memory = shmat(data->ShmId, nullptr, SHM_RDONLY);
-  if (memory == reinterpret_cast<void*>(-1)) {
+  if (reinterpret_cast<std::intptr_t>(memory) == -1) {
     LOG(kLogDriver, "LIPC shmat failed. errno = %d", errno);
     return "FAILED shmat";
   }

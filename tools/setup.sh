@@ -32,3 +32,11 @@ check_format() {
   step "Format"
   git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 }
+
+# So is the agent's code, by the rules of .clang-tidy; $1: a configured build directory.
+check_tidy() {
+  command -v clang-tidy >/dev/null || return 0
+  step "Static checks"
+  git ls-files {core,client,link,protocols,api,ping}/'*.cpp' |
+    xargs -P "$(nproc)" -n 4 clang-tidy -p "$1" --quiet 2>/dev/null
+}
