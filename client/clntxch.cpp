@@ -11,6 +11,7 @@
 #include "api/dbca.h"
 #include "client/primitiv.h"
 #include "core/io.h"
+#include "core/process.h"
 #include "core/status.h"
 #include "core/trace.h"
 #include "core/wait.h"
@@ -74,8 +75,6 @@ void TraceFields(const char* title, const ClientMessage* msg) {
 }
 
 // Answering
-
-bool ProcessIsAlive(int pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
 // The requests of a dead client are forgotten with its answer.
 // kept: the tag compared is the first half-word of the trailer, not its AstInd.

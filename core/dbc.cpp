@@ -11,6 +11,7 @@
 #include "client/primitiv.h"
 #include "core/init.h"
 #include "core/io.h"
+#include "core/process.h"
 #include "core/status.h"
 #include "core/trace.h"
 #include "core/wait.h"
@@ -207,8 +208,7 @@ void TickLinks() {
 }
 
 void WatchParent() {
-  if (g_DbcI.ParentCheck && kill(g_DbcI.ParentPid, 0) != 0 && errno != EPERM)
-    g_DbcI.ExitStatus = -1;
+  if (g_DbcI.ParentCheck && !ProcessIsAlive(g_DbcI.ParentPid)) g_DbcI.ExitStatus = -1;
 }
 
 void HandleTimerEvent(const char* file, int line) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -43,4 +44,10 @@ int SetReceiveBuffer(const char* file, int line, int socket) {
   if (SetBufferSize(socket, SO_RCVBUF) == 0) return 0;
   log(file, line, kLogTrace, "setsockopt(SO_RCVBUF) failed. Errno %d", errno);
   return -1;
+}
+
+void CloseKeepingErrno(int fd) {
+  const int savedErrno = errno;
+  close(fd);
+  errno = savedErrno;
 }

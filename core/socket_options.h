@@ -8,3 +8,6 @@ int SetNoBlockMode(const char* file, int line, int socket);
 int SetBlockMode(const char* file, int line, int socket);
 int SetSendBuffer(const char* file, int line, int socket);
 int SetReceiveBuffer(const char* file, int line, int socket);
+
+// Closes a descriptor and leaves errno alone: the code of what failed before goes to a client.
+void CloseKeepingErrno(int fd);

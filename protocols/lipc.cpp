@@ -21,6 +21,8 @@
 #include "client/message.h"
 #include "client/primitiv.h"
 #include "core/io.h"
+#include "core/process.h"
+#include "core/socket_options.h"
 #include "core/status.h"
 #include "core/trace.h"
 #include "link/link.h"
@@ -47,14 +49,6 @@ LIpcLinkData* connected;  // the records of all connected links
 LIpcLinkData* refused;    // the records of refused addresses
 
 LIpcLinkData* DataOf(const Link* link) { return static_cast<LIpcLinkData*>(link->DriverData); }
-
-bool ProcessIsAlive(pid_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
-
-void CloseKeepingErrno(int fd) {
-  const int error = errno;
-  close(fd);
-  errno = error;
-}
 
 // Connecting
 

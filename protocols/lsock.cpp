@@ -26,12 +26,6 @@ constexpr std::size_t kGreetingPiece = 76;
 
 LSockLinkData* DataOf(const Link* link) { return static_cast<LSockLinkData*>(link->DriverData); }
 
-void CloseKeepingErrno(int socket) {
-  const int error = errno;
-  close(socket);
-  errno = error;
-}
-
 Outcome ConnectToKernel(int mbx, int* socket) {
   mkdir(MailboxDirectory(), 0);
   chmod(MailboxDirectory(), kDirectoryMode);

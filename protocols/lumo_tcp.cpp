@@ -130,13 +130,6 @@ int ConnectSocket(int socket, const TcpLinkData* data) {
   return result == 0 ? 0 : errno;
 }
 
-// Closes a descriptor without touching errno: the code of what failed goes to the client.
-void CloseQuietly(int socket) {
-  const int savedErrno = errno;
-  close(socket);
-  errno = savedErrno;
-}
-
 void UnregisterSocket(int socket) {
   UNREGISTER_SOCKET_FOR_THE_LINK(HERE, socket);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, socket);
@@ -147,7 +140,7 @@ void UnregisterSocket(int socket) {
 // The link loses its connection but not its state: the caller's failure code decides on that.
 void DropSocket(TcpLinkData* data) {
   UnregisterSocket(data->Socket);
-  CloseQuietly(data->Socket);
+  CloseKeepingErrno(data->Socket);
   data->Socket = -1;
 }
 
@@ -161,11 +154,11 @@ int CreateSocket(int* created) {
   }
   if (socket >= kMaxDescriptors) {
     LOG(kLogDriver, "tcpip. Connect. socket(PF_INET..) return too big value = %d", socket);
-    CloseQuietly(socket);
+    CloseKeepingErrno(socket);
     return kStatusDescriptor;
   }
   if (SetNoBlockMode(HERE, socket) != 0) {
-    CloseQuietly(socket);
+    CloseKeepingErrno(socket);
     return kStatusOption;
   }
   *created = socket;
@@ -350,7 +343,7 @@ int TcpConnectLink(const char* file, int line, Link* link) {
   LOG(kLogTrace, "before connect()");
   const int error = ConnectSocket(socket, data);
   if (error != 0 && error != EINPROGRESS) {
-    CloseQuietly(socket);
+    CloseKeepingErrno(socket);
     LOG(kLogDriver, "tcpip. connect(...) return bad status. errno = %d", error);
     errno = error;
     return LEAVE(static_cast<int>(kStatusConnect), "FAILED connect");

@@ -291,7 +291,7 @@ TEST_F(ManagementCommands, ANodeAddedToAnEmptyTableIsFirstDefaultAndCircleStart)
 
 TEST_F(ManagementCommands, TheArgumentEndsWithItsString) {
   // Without a NUL of its own, followed by a string that would otherwise be read on.
-  Answer = MakeRequest(getpid(), 77, 5, {"D FAKE at", "XXXXXXXX"});
+  Answer = MakeRequest(getpid(), 77, 5, {"D FAKE at", "not read"});
   Answer.CBL.DbcApiCode = 119;
   MakeDbcApiAnswer("test", __LINE__, &Answer);
   EXPECT_EQ(Answer.CBL.RowId, 0);
