@@ -425,14 +425,15 @@ int AddWaitingFrames(fd_set* set) {
   return added;
 }
 
-int Wait(timeval* interval) {
+int Wait() {
   fd_set waiting;
+  bool atOnce = false;
   if (WaitingFrames() > 0) {
     FD_ZERO(&waiting);
-    if (AddWaitingFrames(&waiting) > 0) *interval = {0, 0};
+    atOnce = AddWaitingFrames(&waiting) > 0;
   }
   const int alone = LastLinkGoesFirst() ? g_DbcI.LastLinkSocket : -1;
-  const int events = WaitForEvents(interval, &readyForRead, &readyForWrite, alone);
+  const int events = WaitForEvents(atOnce, &readyForRead, &readyForWrite, alone);
   LOG(kLogTrace, "select return %d", events);
   return events < 0 ? events : events + AddWaitingFrames(&readyForRead);
 }
@@ -442,12 +443,11 @@ void RunLoop() {
   FD_ZERO(&readyForWrite);
   while (true) {
     FreeRetiredLinks();
-    timeval* const interval = ArmWait();
     if (Stopping()) return;
     if (g_DbcI.AlarmFlag) HandleTimerEvent(HERE);
     if (Stopping()) return;
     ReleaseParkedClients();
-    const int events = Wait(interval);
+    const int events = Wait();
     if (events > 0)
       ServeEvents(events);
     else if (events == 0)

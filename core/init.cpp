@@ -1,10 +1,8 @@
 #include "core/init.h"
 
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
@@ -68,8 +66,6 @@ Valid options:
  [-U]            - unload the agent
  -VERSION        - show version of the product
 )";
-
-timeval waitInterval;  // made zero by handlers that the loop has to see at once
 
 char* SkipOptionMarks(char* argument) {
   while (*argument == '-' || *argument == '/') ++argument;
@@ -177,14 +173,11 @@ void ReadProcessOptions() {
   }
 }
 
-// Whatever the handler interrupts goes on as if nothing had happened, but for the loop's wait.
-void EndWait() { waitInterval = {0, 0}; }
-
+// Whatever a handler interrupts goes on as if nothing had happened, but for the loop's wait.
 void AlarmHandler(int) {
   const int savedErrno = errno;
   LogFromHandler(HERE, "AlarmHandler!");
   g_DbcI.AlarmFlag = 1;
-  EndWait();
   alarm(kTickSeconds);
   errno = savedErrno;
 }
@@ -206,7 +199,6 @@ void ChildHandler(int signal) {
 void TermHandler(int signal) {
   LogFromHandler(HERE, "Receive SIGTERM ", &signal);
   g_DbcI.ExitStatus = -1;
-  EndWait();
 }
 
 void Unblock(int signal) {
@@ -326,14 +318,4 @@ void PrintText(const char* format, ...) {
   va_end(arguments);
   std::fflush(stdout);
   errno = savedErrno;
-}
-
-// The system copies the interval when the wait begins. A handler that runs before that has made it
-// zero, so that the flag it set is not left lying until the next event; one that runs later
-// interrupts the wait itself.
-timeval* ArmWait() {
-  constexpr long kFarAway = 1000000000;  // seconds
-  waitInterval = {kFarAway, 0};
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  return &waitInterval;
 }

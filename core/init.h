@@ -18,7 +18,3 @@ void UninitTimer(const char* file, int line);              // the alarm goes on 
 
 // Prints to standard output and flushes it: a caller that reads a pipe sees the text at once.
 [[gnu::format(printf, 1, 2)]] void PrintText(const char* format, ...);
-
-// Makes the loop's wait return at once when a signal comes between its last look at the flags and
-// the wait itself: arm before the look, wait with the interval. See init.cpp.
-struct timeval* ArmWait();

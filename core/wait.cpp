@@ -80,6 +80,17 @@ bool AnyBehindEpoll(int words) {
   return false;
 }
 
+// The flags are looked at as late as can be: what a handler has set since the loop's own look must
+// not lie until the next event. A signal that comes between this look and the system's own wait, a
+// few instructions later, lies until the next tick. A wait with an end would cost a timer each
+// time.
+int Select(int highest, fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
+  timeval now = {0, 0};
+  const bool signalled = g_DbcI.AlarmFlag || Stopping();
+  return select(highest, readyForRead, readyForWrite, nullptr,
+                atOnce || signalled ? &now : nullptr);
+}
+
 // Puts the connections that epoll found readable in the place of its descriptor. Returns how many.
 int TakeEpollEvents(fd_set* readyForRead) {
   epoll_event events[kEventsAtOnce];
@@ -90,7 +101,7 @@ int TakeEpollEvents(fd_set* readyForRead) {
 
 }  // namespace
 
-int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
+int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
   const int words = WordsInUse();
   const int savedErrno = errno;
   MoveClients(words);
@@ -108,7 +119,7 @@ int WaitForEvents(timeval* interval, fd_set* readyForRead, fd_set* readyForWrite
     if (highest <= epollDescriptor) highest = epollDescriptor + 1;
   }
   fd_set* const write = writes != 0 ? readyForWrite : nullptr;
-  const int events = select(highest, readyForRead, write, nullptr, interval);
+  const int events = Select(highest, readyForRead, write, atOnce);
   if (events <= 0 || !useEpoll || !FD_ISSET(epollDescriptor, readyForRead)) return events;
   FD_CLR(epollDescriptor, readyForRead);
   if (alone >= 0 && FD_ISSET(alone, readyForRead)) return events - 1;

@@ -432,7 +432,6 @@ void RunAgent(Input* script) {
   SetLogLevel((script->Byte() & 7) == 0 ? 15 : 0);
   world::state.Nodetab = SomeNodetab();
   world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
-  world::state.LoopInterval = ArmWait();
   world::state.OnWait = NextWait;
   AgentMain(static_cast<int>(options.size()), argv.data());
   world::state.OnWait = nullptr;

@@ -103,9 +103,7 @@ struct State {
   std::time_t Now = 1000000;
   void (*Handlers[65])(int) = {};  // of signals
 
-  // Called when the agent's loop waits, which is known by the address of its interval; false: the
-  // wait is interrupted.
-  const timeval* LoopInterval = nullptr;
+  // Called when the agent's loop waits, the only wait without an end; false: it is interrupted.
   bool (*OnWait)() = nullptr;
 };
 extern State state;

@@ -307,7 +307,7 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeva
   // The epoll descriptor stands for the connections behind it.
   const bool viaEpoll = read && count > kEpoll && FD_ISSET(kEpoll, read);
   if (viaEpoll) FD_CLR(kEpoll, read);
-  const int ready = Select(count, read, write, except, wait == state.LoopInterval);
+  const int ready = Select(count, read, write, except, !wait);
   if (!viaEpoll || ready < 0) return ready;
   for (int fd = 0; fd <= state.Highest; ++fd) {
     if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;
