@@ -27,10 +27,11 @@ constexpr std::size_t kClientUnsentMax =
 constexpr std::size_t kLinkUnsentMax =
     std::size_t{64} * 1024;            // more unsent requests: clients must wait
 constexpr int kSavedRequestsMax = 32;  // of one connection, waiting for a link
+constexpr int kInFlightMax = 0x10000;  // of one connection, sent: more than it has tags for
 constexpr std::uint16_t kTimeoutStandsStill = 0x8000;
 
-// Connections whose requests are not read for a while, so that what is kept for slow or missing
-// nodes stays bounded by the number of connections.
+// Connections whose requests are not read for a while, so that what is kept for slow, silent or
+// missing nodes stays bounded by the number of connections.
 struct Parking {
   fd_set Parked;
   int Count;
@@ -112,8 +113,12 @@ void Park(int socket, const Link* link) {
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, socket);
 }
 
+bool IsFull(int socket, const Link* link) {
+  return UnsentOfLink(link) > kLinkUnsentMax || RequestsInFlight(socket) >= kInFlightMax;
+}
+
 void ParkBehindLink(int socket, const Link* link) {
-  if (UnsentOfLink(link) > kLinkUnsentMax) Park(socket, link);
+  if (IsFull(socket, link)) Park(socket, link);
 }
 
 void ParkBehindQueue(int socket) {
@@ -392,7 +397,7 @@ void FlushClient(int socket) {
 void ReleaseParkedClients() {
   for (int fd = kFirstDescriptor; parking.Count > 0 && fd < g_DbcI.SocketSets.MaxSocket; ++fd) {
     if (!FD_ISSET(fd, &parking.Parked)) continue;
-    if (UnsentOfLink(parking.LastLink[fd]) > kLinkUnsentMax) continue;
+    if (IsFull(fd, parking.LastLink[fd])) continue;
     if (SavedRequests(fd) >= kSavedRequestsMax) continue;
     FD_CLR(fd, &parking.Parked);
     --parking.Count;

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cctype>
 #include <cstdlib>
+#include <iterator>
 
 #include "core/trace.h"
 #include "link/link.h"
@@ -26,6 +27,7 @@ struct MsgInfoIndex {
   std::int32_t FirstWord;  // in the words of Used before it no bit is clear
 };
 MsgInfoIndex msgInfoIndex;
+std::int32_t inFlightOf[FD_SETSIZE];  // records in use of each connection
 
 constexpr std::int32_t kWordBits = 64;
 
@@ -106,6 +108,12 @@ std::int32_t FirstFreeSlot() {
   return slot < g_DbcI.MsgInfoArray.Capacity ? slot : -1;
 }
 
+bool IsConnection(int socket) { return socket >= 0 && socket < FD_SETSIZE; }
+
+void CountInFlight(const MsgInfo& info, std::int32_t change) {
+  if (IsConnection(info.Socket)) inFlightOf[info.Socket] += change;
+}
+
 std::int32_t SlotOf(const MsgInfo* info) {
   return static_cast<std::int32_t>(info - g_DbcI.MsgInfoArray.Items);
 }
@@ -135,6 +143,7 @@ int SaveMsgInfo(const char* file, int line, const MsgInfo* info) {
   }
   g_DbcI.MsgInfoArray.Items[slot] = *info;
   Enter(slot, *info);
+  CountInFlight(*info, 1);
   if (existed) return LEAVE(0, "SUCCESS save in exist array element");
   return 0;
 }
@@ -182,6 +191,7 @@ MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astI
 
 void ReleaseMsgInfo(MsgInfo* info) {
   Leave(SlotOf(info), *info);
+  CountInFlight(*info, -1);
   info->Link = nullptr;
 }
 
@@ -192,10 +202,13 @@ void ClearMsgInfo(MsgInfo* info) {
 
 std::int32_t RequestsInFlight() { return msgInfoIndex.InFlight; }
 
+std::int32_t RequestsInFlight(int socket) { return IsConnection(socket) ? inFlightOf[socket] : 0; }
+
 void ForgetRequests() {
   Free(g_DbcI.SavedArray);
   Free(g_DbcI.MsgInfoArray);
   FreeIndex(msgInfoIndex);
+  std::fill(std::begin(inFlightOf), std::end(inFlightOf), 0);
 }
 
 bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken) {
@@ -211,7 +224,9 @@ bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken) {
 
 void ForgetConnection(int socket) {
   for (MsgInfo& info : g_DbcI.MsgInfoArray) {
-    if (InUse(info) && info.Socket == socket) info.Socket = -1;
+    if (!InUse(info) || info.Socket != socket) continue;
+    CountInFlight(info, -1);
+    info.Socket = -1;
   }
   for (SavedMessage& saved : g_DbcI.SavedArray) {
     if (InUse(saved) && saved.Message.ClientSocket == socket) saved.Message.ClientSocket = -1;

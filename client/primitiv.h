@@ -50,8 +50,9 @@ void ReleaseMsgInfo(MsgInfo* info);
 // Frees the record and clears it.
 void ClearMsgInfo(MsgInfo* info);
 
-// Requests sent and not answered yet.
+// Requests sent and not answered yet; those of one connection.
 std::int32_t RequestsInFlight();
+std::int32_t RequestsInFlight(int socket);
 
 // Frees both arrays.
 void ForgetRequests();

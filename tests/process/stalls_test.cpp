@@ -372,6 +372,39 @@ TEST_F(DeafNode, DoesNotHoldUpTheStop) {
   EXPECT_LT(Clock::now() - begin, Milliseconds(5000));
 }
 
+// A node that reads everything and answers nothing: what the agent notes of each request in flight
+// is bounded, too.
+TEST_F(Stalls, AConnectionMayHaveAsManyRequestsInFlightAsThereAreTags) {
+  constexpr int kTags = 65536, kTogether = 64;
+  Node node;
+  EchoNode echo;
+  Start(node.Line("MUTE") + echo.Line("SRV"));
+  Client client(agent_);
+  lumo::Message request = client.Request("MUTE");
+  std::string frames;
+  for (int i = 0; i < kTogether; ++i) frames += lumo::Encode(request, lumo::Lengths::Client);
+  client.SendBytes(frames);
+  ASSERT_TRUE(node.Accept());
+  for (int sent = kTogether; sent < kTags; sent += kTogether) {
+    ASSERT_TRUE(client.SendBytes(frames));
+    for (int i = 0; i < kTogether; ++i) ASSERT_TRUE(node.ReadFrame());
+  }
+  for (int i = 0; i < kTogether; ++i) ASSERT_TRUE(node.ReadFrame());
+  request.SetAstInd(2);
+  client.SendMessage(request);
+  ExpectServed("SRV");
+  agent_.Tick();
+  EXPECT_TRUE(node.Silent(Milliseconds(0)));
+  // One answer makes room for one request.
+  request.SetAstInd(1);
+  node.Answer(request);
+  client.ExpectAnswer(request);
+  const auto waited = node.ReadRequest();
+  ASSERT_TRUE(waited);
+  EXPECT_EQ(waited->AstInd(), 2);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
 // Requests that wait for a link
 
 class SlowConnection : public Stalls {
