@@ -195,10 +195,10 @@ FrameRead TakeAhead(int fd, AheadInput& input) {
   do {
     got = recv(fd, input.Bytes + input.End, sizeof input.Bytes - input.End, MSG_DONTWAIT);
   } while (got < 0 && errno == EINTR);
+  input.LastTaken = got < 0 ? 0 : static_cast<std::size_t>(got);
   if (got < 0)
     return errno == EAGAIN || errno == EWOULDBLOCK ? FrameRead::Later : FrameRead::Failed;
   if (got == 0) return FrameRead::Closed;
-  input.LastTaken = static_cast<std::size_t>(got);
   input.End += input.LastTaken;
   return FrameRead::Whole;
 }

@@ -311,6 +311,15 @@ TEST_P(FramesAhead, ManyLargeOnesAllComeThrough) {
   EXPECT_FALSE(Waits());
 }
 
+TEST_P(FramesAhead, MoreIsExpectedAfterMuchUntilALookFindsNothing) {
+  EXPECT_FALSE(MoreHasCome(Ours()));
+  Come(Frame(8188, std::string(8188, 'a')));
+  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(MoreHasCome(Ours()), OfLink());
+  EXPECT_EQ(Read(kAhead), FrameRead::Later);
+  EXPECT_FALSE(MoreHasCome(Ours())) << "the descriptor would be read again and again";
+}
+
 TEST_P(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
   Come(Frame(1, "a") + Frame(8189, ""));
   EXPECT_EQ(Read(kAhead), FrameRead::Whole);
