@@ -44,9 +44,12 @@ constexpr int kPipeSize = 1024 * 1024;   // of records: the child never has to w
 constexpr int kQueueWait = 5;            // milliseconds between two looks at a full queue
 constexpr int kFormerReaderWait = 1000;  // milliseconds for a reader that was told to end
 constexpr int kLastSendWait = 100;       // milliseconds for the child to finish a write
+constexpr int kMostSpares = 64;          // half a MiB
 
 LIpcLinkData* connected;  // the records of all connected links
 LIpcLinkData* refused;    // the records of refused addresses
+HandedAnswer* spares;     // used records, so that an answer needs no memory; none without a link
+int spareCount;
 
 LIpcLinkData* DataOf(const Link* link) { return static_cast<LIpcLinkData*>(link->DriverData); }
 
@@ -260,6 +263,25 @@ void SettleAnswered(const Link* link, LIpcLinkData* data) {
 
 // Answers handed over
 
+HandedAnswer* NewHanded() {
+  HandedAnswer* const answer = spares;
+  if (!answer) return static_cast<HandedAnswer*>(std::malloc(sizeof(HandedAnswer)));
+  spares = answer->Next;
+  --spareCount;
+  return answer;
+}
+
+void FreeHanded(HandedAnswer* answer) {
+  if (!connected || spareCount == kMostSpares) return std::free(answer);
+  answer->Next = spares;
+  spares = answer;
+  ++spareCount;
+}
+
+void FreeSpares() {
+  while (spares) std::free(NewHanded());
+}
+
 void AppendHanded(LIpcLinkData* data, HandedAnswer* answer) {
   HandedAnswer** place = &data->Handed;
   while (*place) place = &(*place)->Next;
@@ -275,7 +297,7 @@ bool TakeHandedAnswers(LIpcLinkData* data) {
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
     if (LocateTrailer(&msg, static_cast<std::size_t>(got), kMessageArea) != 0) continue;
-    HandedAnswer* const answer = static_cast<HandedAnswer*>(std::malloc(sizeof(HandedAnswer)));
+    HandedAnswer* const answer = NewHanded();
     if (!answer) {
       errno = ENOMEM;
       return false;
@@ -303,7 +325,7 @@ HandedAnswer* UnlinkHanded(LIpcLinkData* data, const PipeRecord& record) {
 
 void PutHanded(HandedAnswer* answer) {
   ReturnAnswerFromNetworkToClient(HERE, &answer->Message);
-  std::free(answer);
+  FreeHanded(answer);
 }
 
 // The child has gone before it could tell of these. The list is detached first: what follows may
@@ -321,7 +343,7 @@ void PutAllHanded(LIpcLinkData* data) {
 void DropHanded(LIpcLinkData* data) {
   while (HandedAnswer* const answer = data->Handed) {
     data->Handed = answer->Next;
-    std::free(answer);
+    FreeHanded(answer);
   }
 }
 
@@ -539,6 +561,7 @@ int LIpcDisconnectLink(const char* file, int line, Link* link) {
   close(data->Pair);
   data->Pair = -1;
   DropHanded(data);
+  if (!connected) FreeSpares();
   DropBoard(data);
   DetachSegment(data);
   data->ShmId = data->SemId = data->MsgQueueId = -1;

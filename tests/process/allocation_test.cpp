@@ -183,5 +183,18 @@ TEST(Allocation, NoneForManyClientsOfALocalSocket) { ExpectNoAllocation<SocketSe
 TEST(Allocation, NoneForFewClientsOfALocalQueue) { ExpectNoAllocation<QueueServer>(kFew); }
 TEST(Allocation, NoneForManyClientsOfALocalQueue) { ExpectNoAllocation<QueueServer>(kMany); }
 
+// The reader child writes only to connections that are older than it; it hands over the others'.
+void ExpectNoAllocationForLaterClients(int clients) {
+  Traffic<QueueServer> traffic;
+  ASSERT_TRUE(traffic.Start());
+  traffic.AddClients(1);
+  traffic.BringUpLink();
+  traffic.AddClients(clients - 1);
+  traffic.ExpectNoAllocation();
+}
+
+TEST(Allocation, NoneForFewLaterClientsOfALocalQueue) { ExpectNoAllocationForLaterClients(kFew); }
+TEST(Allocation, NoneForManyLaterClientsOfALocalQueue) { ExpectNoAllocationForLaterClients(kMany); }
+
 }  // namespace
 }  // namespace test
