@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <iterator>
+#include <utility>
 
 #include "core/trace.h"
 #include "link/link.h"
@@ -187,6 +188,17 @@ MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astI
     if (matches && (first < 0 || slot < first)) first = slot;
   }
   return first < 0 ? nullptr : &g_DbcI.MsgInfoArray.Items[first];
+}
+
+// The records differ in nothing else: their connections are exchanged.
+void PutConnectionFirst(const Link* link, std::int32_t taskName, std::uint16_t astInd, int socket) {
+  MsgInfo* const first = FindMsgInfo(link, taskName, astInd);
+  if (!first || first->Socket == socket) return;
+  for (std::int32_t slot = *ChainOf(taskName, astInd); slot >= 0; slot = msgInfoIndex.Next[slot]) {
+    MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
+    if (info.TaskName != taskName || info.AstInd != astInd || info.Link != link) continue;
+    if (info.Socket == socket) return std::swap(info.Socket, first->Socket);
+  }
 }
 
 void ReleaseMsgInfo(MsgInfo* info) {

@@ -43,6 +43,9 @@ int CompareNodeName(const char* a, const char* b);
 // or null. The cost does not depend on how many requests are in flight.
 MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astInd);
 
+// Where several records have this pair, the one of this connection becomes the first of them.
+void PutConnectionFirst(const Link* link, std::int32_t taskName, std::uint16_t astInd, int socket);
+
 // Frees the record; all but its Link stays readable until it is used again. Records in use are
 // released by nothing else.
 void ReleaseMsgInfo(MsgInfo* info);

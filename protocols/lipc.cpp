@@ -245,6 +245,15 @@ void NoteRequest(ReaderBoard* board, const ClientMessage* msg) {
                    .Serial = ConnectionSerial(socket)});
 }
 
+// A client that has its answer may use the name again, on another connection too, before the agent
+// knows of the answer: what is released then is the request of the connection that got it.
+void PreferAnswered(const Link* link, const BoardRequest& request) {
+  const int socket = request.Socket;
+  const bool open =
+      FD_ISSET(socket, &g_DbcI.ClientSockets) && ConnectionSerial(socket) == request.Serial;
+  PutConnectionFirst(link, request.TaskName, request.AstInd, open ? socket : -1);
+}
+
 // Stops the child's writing to clients and releases the requests that it has answered: they must
 // not be answered again with the link's failure.
 void SettleAnswered(const Link* link, LIpcLinkData* data) {
@@ -256,6 +265,7 @@ void SettleAnswered(const Link* link, LIpcLinkData* data) {
   BoardRequest request;
   std::uint32_t index = 0;
   while (BoardNextDelivered(data->Board, &index, &request)) {
+    PreferAnswered(link, request);
     MsgInfo* const info = FindMsgInfo(link, request.TaskName, request.AstInd);
     if (info) ReleaseMsgInfo(info);
   }
@@ -377,13 +387,14 @@ int ReadAnswered(const Link* link, LIpcLinkData* data, PipeRecord* record) {
   return status;
 }
 
-void ServeRecord(LIpcLinkData* data, const PipeRecord& record) {
+void ServeRecord(const Link* link, LIpcLinkData* data, const PipeRecord& record) {
   HandedAnswer* const answer = record.HandedOver ? UnlinkHanded(data, record) : nullptr;
-  BoardRemove(data->Board, record.TaskName, record.AstInd, answer == nullptr);
-  if (answer)
-    PutHanded(answer);
-  else
-    MarkTheMsgAsReceived(HERE, record.TaskName, record.AstInd);
+  BoardRequest request;
+  const bool known =
+      BoardRemove(data->Board, record.TaskName, record.AstInd, answer == nullptr, &request);
+  if (answer) return PutHanded(answer);
+  if (known) PreferAnswered(link, request);
+  MarkTheMsgAsReceived(HERE, record.TaskName, record.AstInd);
 }
 
 int ServePipe(Link* link) {
@@ -393,7 +404,7 @@ int ServePipe(Link* link) {
   if (status == -1) return 0;
   if (status == 0) {
     LOG(kLogTrace, "LIPC read TaskName = %d", record.TaskName);
-    ServeRecord(data, record);
+    ServeRecord(link, data, record);
     return 0;
   }
   const int error = errno;

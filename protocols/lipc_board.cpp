@@ -73,15 +73,18 @@ void BoardAdd(ReaderBoard* board, const BoardRequest& request) {
   if (index >= board->SlotsUsed) board->SlotsUsed = index + 1;
 }
 
-void BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered) {
+bool BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered,
+                 BoardRequest* removed) {
   for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
     BoardSlot& slot = board->Slots[i];
     const std::uint32_t status = StatusOf(slot.State);
     if (status == kFree || (status == kDelivered) != delivered) continue;
     if (!HasName(slot, taskName, astInd)) continue;
+    if (removed) *removed = RequestOf(slot);
     Release(slot);
-    return;
+    return true;
   }
+  return false;
 }
 
 void BoardRemoveTask(ReaderBoard* board, std::int32_t taskName) {

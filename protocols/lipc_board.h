@@ -45,8 +45,10 @@ void RemoveBoard(ReaderBoard* board);
 // same name is removed, so that the child cannot take one for the other.
 void BoardAdd(ReaderBoard* board, const BoardRequest& request);
 
-// A request has been answered, by the child itself or through the agent.
-void BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered);
+// A request has been answered, by the child itself or through the agent; which one it
+// was goes to *removed. False: there was none.
+bool BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered,
+                 BoardRequest* removed = nullptr);
 
 void BoardRemoveTask(ReaderBoard* board, std::int32_t taskName);
 

@@ -192,6 +192,38 @@ TEST(LocalIpcReader, AnswersGivenBeforeTheReaderEndsAreGivenOnce) {
   EXPECT_GT(setting.Use(), 0);
 }
 
+// The second client's request is read in one pass with the reader's word of the first answer, and
+// before it: the client served last comes before links, the link served last is another one.
+TEST(LocalIpcReader, ANameUsedAgainOnAnotherConnectionIsNotTakenForTheAnsweredOne) {
+  EchoNode other;
+  Setting setting;
+  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
+  ASSERT_TRUE(setting.Start());
+  Client first(setting.Subject), second(setting.Subject);
+  first.ExpectNothing();
+  second.ExpectNothing();
+  const pid_t reader = setting.Use();
+  const lumo::Message before = first.Send("K"), request = first.Send("K");
+  const auto received = setting.Kernel.ReadRequest(), answered = setting.Kernel.ReadRequest();
+  ASSERT_TRUE(received && answered);
+  EXPECT_TRUE(setting.Kernel.Answer(*received));
+  first.ExpectAnswer(before);  // its record becomes free, ahead of the other
+  setting.Settle(reader);
+  second.Ask("T", "served last");
+  Freeze(setting.Subject.Pid());
+  EXPECT_TRUE(setting.Kernel.Answer(*answered));
+  first.ExpectAnswer(request);
+  lumo::Message again = second.Request("K");
+  again.SetAstInd(request.AstInd());
+  EXPECT_TRUE(second.SendMessage(again));
+  Thaw(setting.Subject.Pid());
+  ASSERT_TRUE(setting.Kernel.ReadRequest());
+  setting.Settle(reader);
+  kill(reader, SIGKILL);
+  second.ExpectError(again, 4009, 0);
+  first.ExpectNothing();
+}
+
 TEST(LocalIpcReader, NothingIsLeftOverWhenReadersComeAndGo) {
   Setting setting;
   pid_t reader = setting.Connect();
