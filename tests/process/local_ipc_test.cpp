@@ -14,6 +14,7 @@
 
 #include "tests/process/ipc_setting.h"
 #include "tests/process/manager.h"
+#include "tests/support/node.h"
 
 namespace test {
 namespace {
@@ -301,6 +302,42 @@ TEST(LocalIpc, ClientsOfDifferentProcessesMayUseTheSameTag) {
   EXPECT_EQ(one.ExpectAnswer(ofOne).Strings[0], "one");
 }
 
+// The reader has answered, the agent has not heard of it yet and reads the later request first.
+// That one's record stands before the older one's.
+TEST(LocalIpc, ATagMayBeUsedOverAnotherConnectionAsSoonAsItIsAnswered) {
+  EchoNode other;
+  Setting setting;
+  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
+  ASSERT_TRUE(setting.Start());
+  Client before(setting.Subject);
+  before.ExpectNothing();
+  const pid_t reader = setting.Use();
+  setting.Settle(reader);
+  const lumo::Message first = setting.Application->Send("K");
+  const auto receivedFirst = setting.Kernel.ReadRequest();
+  lumo::Message request = before.Request("K");
+  request.SetAstInd(1001);
+  before.SendMessage(request);
+  const auto received = setting.Kernel.ReadRequest();
+  ASSERT_TRUE(receivedFirst && received);
+  setting.Kernel.Answer(*receivedFirst);
+  setting.Application->ExpectAnswer(first);
+  setting.Settle(reader);
+
+  Client later(setting.Subject);
+  later.Ask("T", "the link and the client that are served first");
+  Freeze(setting.Subject.Pid());
+  setting.Kernel.Answer(*received, "to the first");
+  EXPECT_EQ(before.ExpectAnswer(request).Strings[0], "to the first");
+  later.SendMessage(request);
+  Thaw(setting.Subject.Pid());
+  const auto again = setting.Kernel.ReadRequest();
+  ASSERT_TRUE(again);
+  setting.Kernel.Answer(*again, "to the second");
+  EXPECT_EQ(later.ExpectAnswer(request).Strings[0], "to the second");
+  before.ExpectNothing();
+}
+
 TEST(LocalIpc, HundredsOfRequestsMayBeUnanswered) {
   Setting setting;
   ASSERT_TRUE(setting.Start());
@@ -398,7 +435,9 @@ TEST(LocalIpc, AClientThatHangsUpDisturbsNobody) {
   setting.Application->ExpectNothing();
   for (const bool beforeTheLink : {true, false}) {
     Client leaving(setting.Subject);
-    leaving.Send("K");
+    lumo::Message request = leaving.Request("K");
+    request.SetAstInd(1000);  // the other clients' requests are of the same process
+    leaving.SendMessage(request);
     const auto received = setting.Kernel.ReadRequest();
     ASSERT_TRUE(received);
     leaving.Close();
