@@ -21,6 +21,8 @@ cmake --build --preset release --target lumo_tcp process_tests
 step "Process tests, release build"
 ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
 
+install_packages "${check_packages[@]}"
 check_format
 check_tidy build/release
+check_cppcheck
 step "All tests passed"

@@ -43,10 +43,10 @@ std::string Printable(const std::string& text) {
   for (const char c : text) {
     if (out.size() >= kLongest) return out + "...";
     const auto byte = static_cast<unsigned char>(c);
-    std::array<char, 8> escape;
     if (byte >= 0x20 && byte != 0x7F && byte != '\\') {
       out += c;
     } else {
+      std::array<char, 8> escape;
       std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(byte));
       out += escape.data();
     }
