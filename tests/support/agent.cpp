@@ -140,6 +140,12 @@ Agent::Agent() : program_(AgentProgram()), exchangeId_(RandomExchangeId()) {
 Agent::~Agent() {
   CloseControl();
   if (pid_ <= 0 && SocketFolder() == folder_.Path() / "tmp") pid_ = ListenerOf(SocketPath());
+#ifdef LUMO_COVERAGE  // a killed agent leaves no counts
+  if (Running()) {
+    kill(pid_, SIGTERM);
+    if (ReapWithin(pid_, Milliseconds(1000))) child_ = pid_ = -1;
+  }
+#endif
   if (Running()) Kill();
   KillParent();
   ReportSanitizer();
