@@ -205,6 +205,8 @@ class LocalIpc : public AgentTest {
     return count;
   }
 
+  void UseATagAgain(Kernel& kernel, const Client& first, const Client& second);
+
   Protocol protocol_ = {};
   Link* link_ = nullptr;
 
@@ -477,6 +479,79 @@ TEST_F(LocalIpc, OneTagInUseTwiceLeavesTheChoiceToTheAgent) {
   EXPECT_TRUE(HasText(Receive(one), "first"));
   AnswerNext(kernel, "second");
   EXPECT_TRUE(HasText(Receive(two), "second"));
+}
+
+// The answer to the request with tag 5 of `first` has been delivered, the agent has not read of it,
+// and `second` has used the tag again: its record stands before the older one's.
+void LocalIpc::UseATagAgain(Kernel& kernel, const Client& first, const Client& second) {
+  Ask(first.Accepted, 4);
+  Ask(first.Accepted, 5);
+  AnswerNext(kernel);
+  Receive(first);
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), 0);
+  AnswerNext(kernel);
+  Receive(first);
+  ASSERT_TRUE(RecordComes());
+  Ask(second.Accepted, 5);
+  ASSERT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, second.Accepted);
+}
+
+TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnection) {
+  Kernel kernel;
+  const Client first = ConnectClient(), second = ConnectClient();
+  ConnectTo(kernel);
+  UseATagAgain(kernel, first, second);
+  EXPECT_EQ(Read(), 0);
+  DisconnectLink("test", 1, link_, 4444, 0);
+  EXPECT_EQ(Receive(second).size(), 108U) << "the failure is told to who still waits";
+  EXPECT_FALSE(Readable(first.Fd, 0));
+}
+
+TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheLinkGoesDown) {
+  Kernel kernel;
+  const Client first = ConnectClient(), second = ConnectClient();
+  ConnectTo(kernel);
+  UseATagAgain(kernel, first, second);
+  DisconnectLink("test", 1, link_, 4444, 0);
+  EXPECT_EQ(Receive(second).size(), 108U);
+  EXPECT_FALSE(Readable(first.Fd, 0));
+}
+
+TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheFirstIsClosed) {
+  Kernel kernel;
+  const Client first = ConnectClient();
+  ConnectTo(kernel);
+  const Client second = ConnectClient();
+  UseATagAgain(kernel, first, second);
+  shutdown(first.Fd, SHUT_RDWR);
+  ASSERT_TRUE(Readable(first.Accepted));
+  ClientMessage msg;
+  EXPECT_EQ(GetMsgFromClient("test", 1, &msg, first.Accepted), -1);
+  EXPECT_EQ(Read(), 0);
+  AnswerNext(kernel, "second");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(HasText(Receive(second), "second"));
+}
+
+TEST_F(LocalIpc, HandedAnswerWithoutMemoryBreaksTheLink) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "no room for it");
+  ASSERT_TRUE(RecordComes());
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Read(), kStatusReceive);
+  }
+  EXPECT_EQ(link_->State, kLinkDisconnected);
+  const std::string failure = Receive(client);
+  ASSERT_EQ(failure.size(), 108U);
+  const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(failure.data());
+  EXPECT_EQ(Get(bytes, WireField<int>{8}), kStatusReceive);
+  EXPECT_EQ(Get(bytes, WireField<int>{44}), ENOMEM);
 }
 
 TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
