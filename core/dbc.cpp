@@ -223,15 +223,20 @@ void HandleTimerEvent(const char* file, int line) {
 
 // Waiting
 
-// Tests one descriptor in one of select's three sets: its result, with no wait.
+// Tests one descriptor in one of select's three sets: its result, with no wait. A signal tells
+// nothing about the descriptor.
 int SelectOne(int fd, int which) {
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(fd, &set);
-  fd_set* sets[3] = {};
-  sets[which] = &set;
-  timeval none = {0, 0};
-  return select(fd + 1, sets[0], sets[1], sets[2], &none);
+  int result;
+  do {
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    fd_set* sets[3] = {};
+    sets[which] = &set;
+    timeval none = {0, 0};
+    result = select(fd + 1, sets[0], sets[1], sets[2], &none);
+  } while (result < 0 && errno == EINTR);
+  return result;
 }
 
 bool IsGoodDescriptor(int fd) {
