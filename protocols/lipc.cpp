@@ -298,13 +298,15 @@ void AppendHanded(LIpcLinkData* data, HandedAnswer* answer) {
   *place = answer;
 }
 
-// Takes all that has come over the pair into memory; false: memory ran out. Keeps errno otherwise.
+// Takes all that has come over the pair into memory; false: memory ran out or the pair failed.
+// Keeps errno otherwise.
 bool TakeHandedAnswers(LIpcLinkData* data) {
   const int savedErrno = errno;
   ClientMessage msg;
   for (;;) {
     const ssize_t got = recv(data->Pair, Wire(&msg), kMessageArea, MSG_DONTWAIT);
     if (got < 0 && errno == EINTR) continue;
+    if (got < 0 && errno != EAGAIN) return false;
     if (got <= 0) break;
     if (LocateTrailer(&msg, static_cast<std::size_t>(got), kMessageArea) != 0) continue;
     HandedAnswer* const answer = NewHanded();
