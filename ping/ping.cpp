@@ -79,18 +79,31 @@ char* ReadNodeToTest(std::FILE* nodetab, char (&line)[kNodetabLineSize]) {
   return nullptr;
 }
 
+// Without the byte no request would ever be made, and the run would not end.
+bool WriteRequest(int pipe) {
+  const char request = 0;
+  ssize_t written;
+  do {
+    written = write(pipe, &request, sizeof request);
+  } while (written < 0 && errno == EINTR);
+  return written == sizeof request;
+}
+
 // The pipe stands in for a client connection with one request waiting. Its read end never blocks.
 bool OpenPipe() {
   if (pipe2(g_DbcI.PingPipe, O_NONBLOCK) != 0) {
     LOG(kLogError, "create pipe failed. Call pipe. errno %d", errno);
     return false;
   }
+  if (!WriteRequest(g_DbcI.PingPipe[1])) {
+    LOG(kLogError, "create pipe failed. Call write. errno %d", errno);
+    DeinitPing(HERE);
+    return false;
+  }
   const int readEnd = g_DbcI.PingPipe[0];
   LOG(kLogTrace, "REGISTER_SOCKET_FOR_READ_EVENT %d", readEnd);
   REGISTER_SOCKET_FOR_READ_EVENT(HERE, readEnd);
   FD_SET(readEnd, &g_DbcI.ClientSockets);
-  const char request = 0;
-  [[maybe_unused]] const ssize_t written = write(g_DbcI.PingPipe[1], &request, sizeof request);
   return true;
 }
 
