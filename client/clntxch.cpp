@@ -236,6 +236,10 @@ int GetMsgFromClient(const char* file, int line, ClientMessage* msg, int socket)
     case FrameRead::Failed:
       LOG(kLogError, "Receive message from client fail. Call:recv. Errno %d", errno);
       return LEAVE(-1, "FAILED receive");
+    case FrameRead::NoMemory:
+      LOG(kLogError, "Receive message from client fail. Call:recv. Errno %d", errno);
+      CloseClient(socket);
+      return LEAVE(-1, "FAILED allocation memory");
     case FrameRead::BadLength:
       LOG(kLogError, "Message length %u from client is out of range. The connection is closed",
           msg->Length);

@@ -153,7 +153,7 @@ FrameRead ReadFrameAtOnce(int fd, unsigned char* area, const FrameFormat& format
   }
   if (!KeepInput(fd, area + size, have - size)) {
     errno = ENOMEM;
-    return FrameRead::Failed;
+    return FrameRead::NoMemory;
   }
   if (size == 0) return FrameRead::Later;
   if (have > size) MarkFrame(keptInput[fd], format);
@@ -165,7 +165,7 @@ FrameRead ReadFrameNow(int fd, unsigned char* area, const FrameFormat& format) {
   const FrameRead result = FillFrame(fd, area, &have, format);
   if (result != FrameRead::Later || KeepInput(fd, area, have)) return result;
   errno = ENOMEM;
-  return FrameRead::Failed;
+  return FrameRead::NoMemory;
 }
 
 void DropInput(int fd) {
@@ -218,7 +218,7 @@ FrameRead ReadFrameAhead(int fd, unsigned char* area, const FrameFormat& format)
   if (!input) input = static_cast<AheadInput*>(std::calloc(1, sizeof *input));
   if (!input) {
     errno = ENOMEM;
-    return FrameRead::Failed;
+    return FrameRead::NoMemory;
   }
   if (input->FirstFrame == 0) {
     const FrameRead taken = TakeAhead(fd, *input);
@@ -321,7 +321,7 @@ FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format) {
     result = ReadFrameAhead(fd, area, format);
   else
     result = ReadFrameAtOnce(fd, area, format);
-  if (result != FrameRead::Failed) errno = savedErrno;
+  if (result != FrameRead::Failed && result != FrameRead::NoMemory) errno = savedErrno;
   return result;
 }
 

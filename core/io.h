@@ -20,12 +20,13 @@ enum class FrameRead {
   Later,      // not all of it has come; the next call goes on
   Closed,     // the peer closed the connection (a frame without a body counts as that too)
   Failed,     // errno says why
+  NoMemory,   // errno is ENOMEM; what had come of the frame is lost, so the stream cannot go on
   BadLength,  // the length word, now in the area, is out of bounds
 };
 
 // Reads one frame into `area` (host byte order, at least the largest frame): first the length
 // word, then the rest, without a copy in the ordinary case (Ahead: out of what was taken earlier,
-// while a whole frame is there). Leaves errno alone unless Failed.
+// while a whole frame is there). Leaves errno alone unless Failed or NoMemory.
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
 
 // The last look at the descriptor took so much that more has probably come.

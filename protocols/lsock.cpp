@@ -214,6 +214,7 @@ int LSockReadyForRead(const char* file, int line, Link* link) {
     case FrameRead::Closed:
       return LEAVE(Broken(link, 0), "Tavrin socket is down. Call:recv");
     case FrameRead::Failed:
+    case FrameRead::NoMemory:
       return LEAVE(ReceiveFailed(link, errno), "FAILED receive");
     case FrameRead::BadLength:
       return LEAVE(BadFormat(link), "FAILED format");

@@ -437,6 +437,7 @@ int TcpReadyForRead(const char* file, int line, Link* link) {
       LOG(kLogTrace, "Connection \"%s\" is broken. Call:recv", link->NodeName);
       return LEAVE(ReceiveFailed(link, kStatusPeerClosed, errno), "FAILED receive");
     case FrameRead::Failed:
+    case FrameRead::NoMemory:
       LOG(kLogDriver, "TCPIP.Receive network message fail. Link \"%s\". Call:recv. Errno %d",
           link->NodeName, errno);
       return LEAVE(ReceiveFailed(link, kStatusReceive, errno), "FAILED receive");

@@ -146,6 +146,13 @@ TEST_F(ClientReading, AFailedReceiveLeavesTheConnectionAsItIs) {
   EXPECT_TRUE(IsOpen(socket_) && IsClient(socket_) && IsRead(socket_));
 }
 
+// What had come cannot be kept: the bytes that follow would be taken for another request.
+TEST_F(ClientReading, WithoutMemoryForHalfAMessageTheConnectionIsClosed) {
+  const FailingAllocations failing;
+  ExpectRefused(FrameOf(Request("SRV", 1)).substr(0, 50),
+                "Receive message from client fail. Call:recv. Errno " + std::to_string(ENOMEM));
+}
+
 TEST_F(ClientReading, TheTraceTellsEachReceiveAndTheFieldsInOrder) {
   lumo::Message request = Request("SRV", 5);
   request.TaskName = 4711;

@@ -226,7 +226,7 @@ TEST_F(FramesIn, ErrnoStaysUnlessTheReceiveFailed) {
 TEST_F(FramesIn, WithoutMemoryHalfAFrameFails) {
   Come(Frame(9, "12"));
   const FailingAllocations failing;
-  EXPECT_EQ(Read(), FrameRead::Failed);
+  EXPECT_EQ(Read(), FrameRead::NoMemory);
   EXPECT_EQ(errno, ENOMEM);
 }
 
@@ -356,7 +356,7 @@ TEST_P(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
 TEST_P(FramesAhead, WithoutMemoryTheReadFails) {
   Come(Frame(1, "a") + Frame(1, "b"));
   const FailingAllocations failing;
-  EXPECT_EQ(Read(kAhead), FrameRead::Failed);
+  EXPECT_EQ(Read(kAhead), FrameRead::NoMemory);
   EXPECT_EQ(errno, ENOMEM);
 }
 
