@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -27,13 +28,22 @@ std::uint16_t ClientTimeout = kClientTimeout;
 namespace {
 
 constexpr int kPacketsInARow = 256;  // of one link, before everybody else gets a turn
+constexpr int kFloodInARow = 8;  // of those that answer nothing, while a link sends many of them
 constexpr int kRequestsAtOnce = 64;  // so many requests at most are sent to a link in one piece
 constexpr int kManyInFlight = 2;     // so many unanswered requests make a look at the link pay
 
 // What the last wait reported and what is not served yet.
 fd_set readyForRead;
 fd_set readyForWrite;
-int packetsInARow;
+
+// What has been read of one link without a look at anything else.
+struct LinkTurn {
+  int Packets;
+  int Unasked;  // those that answered no request
+};
+LinkTurn turn;
+int unaskedAllowed = kPacketsInARow;  // in one turn
+bool flooded;                         // in a turn since the last full pass
 
 int startPipe[2] = {-1, -1};  // releases the command that started the agent
 
@@ -281,26 +291,33 @@ void ReadFromLink(Link* link) {
   g_DbcI.ServedLink = nullptr;
 }
 
+bool TurnIsOver() { return turn.Packets >= kPacketsInARow || turn.Unasked >= unaskedAllowed; }
+
+void EndTurn() {
+  flooded = flooded || turn.Unasked >= std::min(unaskedAllowed, kPacketsInARow / 2);
+  turn = {};
+}
+
 // Reads a packet of a link, those that have been taken together with it, and what is likely to
 // have come meanwhile.
 void DrainLink(int fd, Link* link) {
   do {
+    const int inFlight = RequestsInFlight();
     ReadFromLink(link);
-    ++packetsInARow;
+    ++turn.Packets;
+    turn.Unasked += RequestsInFlight() >= inFlight;
   } while ((FrameWaits(fd) || MoreHasCome(fd)) && LinkOfSocket(fd) == link &&
-           link->State == kLinkConnected && packetsInARow < kPacketsInARow && !Stopping());
+           link->State == kLinkConnected && !TurnIsOver() && !Stopping());
 }
 
 // A link that keeps delivering is drained before anything else is looked at, but not for ever.
-bool LastLinkGoesFirst() {
-  return LinkOfSocket(g_DbcI.LastLinkSocket) && packetsInARow < kPacketsInARow;
-}
+bool LastLinkGoesFirst() { return LinkOfSocket(g_DbcI.LastLinkSocket) && !TurnIsOver(); }
 
 bool ServeLastLink() {
   const int fd = g_DbcI.LastLinkSocket;
   Link* const link = LinkOfSocket(fd);
   if (!LastLinkGoesFirst() || !FD_ISSET(fd, &readyForRead)) {
-    packetsInARow = 0;
+    EndTurn();
     return false;
   }
   DrainLink(fd, link);
@@ -327,8 +344,9 @@ void BetweenRequests() {
   const int fd = g_DbcI.LastLinkSocket;
   Link* const link = LinkOfSocket(fd);
   if (!link || link->State != kLinkConnected || RequestsInFlight() < kManyInFlight) return;
-  packetsInARow = 0;
+  EndTurn();
   DrainLink(fd, link);
+  EndTurn();
 }
 
 bool HasRequest(int fd) {
@@ -345,13 +363,24 @@ int ServeLastClient(int events) {
   return events - 1;
 }
 
+// Beside a link that floods a single packet in a pass would be too little for the others: all have
+// turns, and those of the flood are short.
+void ReadInPass(int fd, Link* link) {
+  if (unaskedAllowed == kPacketsInARow) {
+    ReadFromLink(link);
+    return;
+  }
+  DrainLink(fd, link);
+  EndTurn();
+}
+
 int ReadPass(int events) {
   for (int fd = kFirstDescriptor; events > 0 && fd < g_DbcI.SocketSets.MaxSocket; ++fd) {
     Link* const link = LinkOfSocket(fd);
     if (!link || !FD_ISSET(fd, &readyForRead)) continue;
     LOG(kLogTrace, "Socket %d ready for read", fd);
     --events;
-    ReadFromLink(link);
+    ReadInPass(fd, link);
     g_DbcI.LastLinkSocket = fd;
     FD_CLR(fd, &readyForRead);
   }
@@ -412,6 +441,8 @@ void ServeEvents(int events) {
   events = ServeLastClient(events);
   if (events == 0) return;
   events = ReadPass(events);
+  unaskedAllowed = flooded ? kFloodInARow : kPacketsInARow;
+  flooded = false;
   WritePass(events);
   HoldOutput(false);
   SendHeldRequests();

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -206,6 +207,66 @@ TEST_F(Stalls, ALinkThatHasMuchToDeliverIsLeftForAPass) {
   const std::size_t inARow = Count(first, "'TcpReadyForRead' Call from") - before;
   EXPECT_LE(inARow, 512u) << "256 in a row, and as many again at its turn in the pass";
   EXPECT_TRUE(WaitFor([&] { return Traced("'TcpReadyForRead' Call from") >= before + 1200; }));
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// Two nodes; the second one, whose descriptor is the higher, floods.
+class FloodBesideAnswers : public Stalls {
+ protected:
+  // What the agent did with each wait, from the flood on: how often a word stands in the trace.
+  std::vector<std::size_t> InEachPass(const std::string& word) const {
+    std::vector<std::size_t> counts;
+    std::string rest = agent_.Log().substr(begin_);
+    while (!rest.empty()) {
+      const std::size_t end = rest.find("|select return ", 1);
+      counts.push_back(Count(rest.substr(0, end), word));
+      rest.erase(0, end);
+    }
+    return counts;
+  }
+  void SetUp() override {
+    agent_.Trace();
+    Start(node_.Line("SRV") + flood_.Line("FLOOD"));
+    client_.emplace(agent_);
+    for (Node* node : {&node_, &flood_}) {
+      const lumo::Message request = client_->Send(node == &node_ ? "SRV" : "FLOOD");
+      ASSERT_TRUE(node->Accept());
+      node->Answer(*node->ReadRequest());
+      client_->ExpectAnswer(request);
+    }
+    for (int i = 0; i < 5; ++i) requests_.push_back(client_->Send("SRV"));
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(node_.ReadRequest());
+    agent_.Barrier();
+    Freeze(agent_.Pid());
+    begin_ = agent_.Log().size();
+    for (int i = 0; i < 600; ++i) flood_.SendControl({1, 0});
+    for (const lumo::Message& request : requests_) node_.Answer(request);
+    Thaw(agent_.Pid());
+    for (const lumo::Message& request : requests_) client_->ExpectAnswer(request);
+    EXPECT_TRUE(WaitFor([&] { return Traced("'TcpReadyForRead' Call from") >= 607; }));
+  }
+
+  Node node_, flood_;
+  std::optional<Client> client_;
+  std::vector<lumo::Message> requests_;
+  std::size_t begin_ = 0;
+};
+
+TEST_F(FloodBesideAnswers, ItsTurnsBecomeShort) {
+  std::size_t read = 0;
+  for (const std::size_t count : InEachPass("'TcpReadyForRead' Call from")) {
+    if (read >= 256) {
+      EXPECT_LE(count, 8u + requests_.size());
+    }
+    read += count;
+  }
+  EXPECT_GE(read, 600 + requests_.size());
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(FloodBesideAnswers, TheAnswersOfOthersAreNotHandedOutOneByOne) {
+  const std::vector<std::size_t> answers = InEachPass("Need put the message to client");
+  EXPECT_GE(*std::max_element(answers.begin(), answers.end()), 4u);
   EXPECT_EQ(agent_.Stop(), 0);
 }
 
