@@ -100,9 +100,13 @@ TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
   FakeAgent fake;
   auto [connection, peer] = fake.Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
+  std::atomic<pid_t> waiter{0};
   std::thread waiting([&, &connection = connection] {
+    waiter = gettid();
     EXPECT_EQ(connection.ReceiveAny(liblumo::kForever).Status(), LUMO_NOTHING_SENT);
   });
+  EXPECT_TRUE(test::WaitFor(
+      [&] { return waiter > 0 && test::ProcessStatus(waiter, "State").rfind('S', 0) == 0; }));
   EXPECT_TRUE(connection.Abandon(ticket));
   waiting.join();
 }
