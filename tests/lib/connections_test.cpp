@@ -384,10 +384,13 @@ TEST_F(Sending, TheRestOfARequestGoesOutThroughAThreadThatReceives) {
 TEST_F(Sending, WaitsForRoomWhileAnotherThreadReceives) {
   Occupy();
   const std::size_t sent = Fill().size();
+  std::atomic<pid_t> waiter{0};
   std::thread sender([&] {
     lumo_ticket ticket = 0;
+    waiter = gettid();
     EXPECT_TRUE(pair_.Library.Send(request_, &ticket, liblumo::kForever));
   });
+  EXPECT_TRUE(test::Sleeps(waiter));
   for (std::size_t i = 0; i <= sent; ++i) EXPECT_TRUE(pair_.Agent.ReadRequest()) << i;
   Release();
   sender.join();

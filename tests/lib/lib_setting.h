@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <lumo.hpp>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "tests/support/agent.h"
 #include "tests/support/node.h"
 #include "tests/support/peer.h"
+#include "tests/support/process.h"
 
 namespace test {
 
@@ -67,6 +69,11 @@ class FakeAgent {
   std::string path_;
   int listener_;
 };
+
+// A thread of ours, by the number that it wrote there, waits for something.
+inline bool Sleeps(const std::atomic<pid_t>& thread) {
+  return WaitFor([&] { return thread > 0 && ProcessStatus(thread, "State").rfind('S', 0) == 0; });
+}
 
 inline liblumo::Connection Open(const Agent& agent) {
   liblumo::Connection connection(agent.SocketPath(), kAmple);

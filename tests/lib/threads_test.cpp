@@ -105,8 +105,7 @@ TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
     waiter = gettid();
     EXPECT_EQ(connection.ReceiveAny(liblumo::kForever).Status(), LUMO_NOTHING_SENT);
   });
-  EXPECT_TRUE(test::WaitFor(
-      [&] { return waiter > 0 && test::ProcessStatus(waiter, "State").rfind('S', 0) == 0; }));
+  EXPECT_TRUE(test::Sleeps(waiter));
   EXPECT_TRUE(connection.Abandon(ticket));
   waiting.join();
 }
