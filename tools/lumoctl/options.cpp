@@ -29,7 +29,7 @@ constexpr char kFooter[] =
     "  6  sent, and it is not known whether it was carried out\n"
     "  7  failed on this side: a program cannot be run, a file cannot be written\n"
     "NET_MBX and TAVRIN_TMP are honoured. A message goes to standard error; with --json standard\n"
-    "output holds an object \"error\" as well.";
+    "output holds an object \"error\" as well, unless the command line itself is bad.";
 constexpr double kMaxTimeout = 1e6;
 
 struct Parser {
