@@ -111,6 +111,14 @@ def former_default_returns(stage, options):
     return first, *next_requests(stage, application)
 
 
+def node_restarts(stage, options):
+    """A ends and is there again before the next request."""
+    def restart(node):
+        end(node)
+        stage.node("A", port=stage.ports["A"])
+    return under_way(stage, options, "0 0 0", restart)
+
+
 def agent_is_told_to_stop(stage, options):
     return agent_ends(stage, options, signal.SIGTERM)
 
@@ -139,6 +147,7 @@ def agent_ends(stage, options, how):
 CHANGE, CONNECT = "-AUTOCHANGE", "-AUTOCONNECT"
 SCENES = [
     ("the default node's process ends", node_ends, ("", CHANGE, CONNECT)),
+    ("the default node's process is replaced", node_restarts, ("", CHANGE, CONNECT)),
     ("the default node hangs (send time-out 6)", node_hangs, ("", CHANGE, CONNECT)),
     ("the default node does not listen", node_is_down, ("", CHANGE, CONNECT)),
     ("as before, the request names it", named_node_is_down, ("", CHANGE, CONNECT)),

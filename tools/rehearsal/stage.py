@@ -146,6 +146,7 @@ class Stage:
         self.processes = []
         self.others = []
         self.ports = {}
+        self.levels = "3"
 
     def __enter__(self):
         return self
@@ -179,33 +180,51 @@ class Stage:
         self.ports[name] = port.port
         return port
 
+    def program(self, *command, **options):
+        """Some other program, ended with the stage."""
+        with open(self.folder / "programs.log", "a", encoding="utf-8") as log:
+            process = subprocess.Popen(command, stdout=log, stderr=log, **options)
+        self.processes.append(process)
+        return process
+
     def requests_of(self, name):
         log = self.folder / f"{name}.log"
         return log.read_text().count("request") if log.exists() else 0
 
-    def agent(self, options, timeouts="0 0 0"):
+    def agent(self, options=(), timeouts="0 0 0", exchange=7, before=()):
         """An agent with all nodes of the stage in its table, in alphabetic order."""
         table = self.folder / "nodetab"
         table.write_text("".join(f"{name} TCPIP 127.0.0.1 {port} {timeouts}\n"
                                  for name, port in sorted(self.ports.items())))
-        environment = {"TAVRIN_TMP": str(self.folder), "DBC_LOG": "3", "PATH": os.environ["PATH"]}
         with open(self.folder / "agent.log", "a", encoding="ascii") as log:
             process = subprocess.Popen(
-                [self.build / "lumo_tcp", "-NODAEMON", "-M", "7", "-NODETAB", table, *options],
-                env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=log)
+                [*before, self.build / "lumo_tcp", "-NODAEMON", "-M", str(exchange), "-NODETAB",
+                 table, *options], env=self.environment(), stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL, stderr=log)
         self.processes.append(process)
-        wait_for(self.is_served, "start of the agent")
+        wait_for(lambda: self.is_served(exchange), "start of the agent")
         return process
 
-    def is_served(self):
+    def run_agent(self, *options):
+        """A run that ends by itself: its exit status and what it logged."""
+        run = subprocess.run([self.build / "lumo_tcp", *options], env=self.environment(),
+                             stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                             timeout=PATIENCE, check=False)
+        return run.returncode, run.stderr.replace("lumo_tcp:", "").strip()
+
+    def environment(self):
+        return {"TAVRIN_TMP": str(self.folder), "DBC_LOG": self.levels,
+                "PATH": os.environ["PATH"]}
+
+    def is_served(self, exchange=7):
         try:
-            self.application().close()
-        except OSError:
+            self.application(exchange).close()
+        except (OSError, ConnectionError):
             return False
         return True
 
-    def application(self):
-        return Application(str(self.folder / "tavrin.7"))
+    def application(self, exchange=7):
+        return Application(str(self.folder / f"tavrin.{exchange}"))
 
     def default(self):
         """The default node's name, from the agent."""
