@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares the manual pages with the sources: pages_check.py ROOT AGENT"""
+"""Compares the manual pages with the sources: pages_check.py ROOT AGENT LUMOCTL"""
 
 import re
 import subprocess
@@ -9,10 +9,13 @@ from pathlib import Path
 
 import roff
 import sources
+from control import ControlPage
 
 ROOT = Path(sys.argv[1])
 AGENT = sys.argv[2]
 MAN = ROOT / "man"
+ControlPage.ROOT = ROOT
+ControlPage.PROGRAM = Path(sys.argv[3])
 
 
 def page(name):
