@@ -166,6 +166,7 @@ class LibraryPage(unittest.TestCase):
     """liblumo(3)"""
 
     HEADER = ROOT / "lib/include/lumo.h"
+    maxDiff = None
 
     def setUp(self):
         self.page = page("liblumo.3")
