@@ -43,6 +43,30 @@ def ping(stage):
     say("the agent can be found:", stage.is_served())
 
 
+def control(stage):
+    """What lumoctl does beside a running agent when a node has died."""
+    node = stage.node("A")
+    stage.node("B")
+    stage.agent()
+    program = str(stage.build / "lumo_tcp")
+
+    def lumoctl(*words):
+        run = subprocess.run([stage.build / "tools/lumoctl/lumoctl", "-M", "7", *words],
+                             env=stage.environment(), stdin=subprocess.DEVNULL,
+                             capture_output=True, text=True, timeout=60, check=False)
+        say("lumoctl", words[0], run.returncode, " / ".join((run.stdout + run.stderr).splitlines()))
+
+    lumoctl("wait")
+    node.kill()
+    node.wait()
+    lumoctl("ping", "--program", program)
+    say("the agent can be found:", stage.is_served())
+    lumoctl("default", "B")
+    say("a request to the default:", stage.application().ask())
+    lumoctl("refresh", "A")
+    lumoctl("apply", "--dry-run", str(stage.folder / "nodetab"))
+
+
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -218,7 +242,7 @@ def trace(stage):
 
 
 RECIPES = {function.__name__: function for function in
-           (several, ping, tunnel, containers, journal, upgrade, slow_client, descriptors,
+           (several, ping, control, tunnel, containers, journal, upgrade, slow_client, descriptors,
             trace)}
 
 

@@ -7,12 +7,12 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 source tools/setup.sh
 
-program=rehearse.py packages=(python3)
+program=rehearse.py packages=(python3) targets=(lumo_tcp lumo_node)
 if [ "${1:-}" = --recipes ]; then
   shift
-  program=recipes.py packages+=(stunnel4 openssl systemd util-linux)
+  program=recipes.py packages+=(stunnel4 openssl systemd util-linux) targets+=(lumoctl)
 fi
 install_packages "${build_packages[@]}" "${packages[@]}"
 cmake --preset release >/dev/null
-cmake --build --preset release --target lumo_tcp lumo_node >/dev/null
+cmake --build --preset release --target "${targets[@]}" >/dev/null
 exec python3 -B "tools/rehearsal/$program" build/release "$@"
