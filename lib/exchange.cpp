@@ -28,19 +28,24 @@ T NumberAt(std::string_view bytes, std::size_t at) {
 // A tag that goes back unless its request went out.
 class TakenTag {
  public:
-  explicit TakenTag(Tags& tags) : tags_(tags), tag_(tags.Take()) {}
+  explicit TakenTag(Tags& tags) : tags_(tags) {
+    const std::optional<std::uint16_t> tag = tags.Take();
+    taken_ = tag.has_value();
+    tag_ = tag.value_or(0);
+  }
   ~TakenTag() {
-    if (tag_) tags_.Release(*tag_);
+    if (taken_) tags_.Release(tag_);
   }
   TakenTag(const TakenTag&) = delete;
   TakenTag& operator=(const TakenTag&) = delete;
-  bool Good() const { return tag_.has_value(); }
-  std::uint16_t Value() const { return *tag_; }
-  void Keep() { tag_.reset(); }
+  bool Good() const { return taken_; }
+  std::uint16_t Value() const { return tag_; }
+  void Keep() { taken_ = false; }
 
  private:
   Tags& tags_;
-  std::optional<std::uint16_t> tag_;
+  bool taken_;
+  std::uint16_t tag_;
 };
 
 class Undo {

@@ -2,7 +2,7 @@
 
 # What every build needs; its configuration looks for the test libraries too.
 build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev
-  nlohmann-json3-dev)
+  nlohmann-json3-dev pkgconf python3)
 
 step() { printf '\n== %s\n' "$*"; }
 

@@ -128,6 +128,10 @@ TEST_F(Manage, LockIsHeldByItsOwner) {
   Expect({"unlock", "--owner", "8"}, 1, "", held);
   EXPECT_EQ(Ask({"unlock", "--owner", "7"}), (Json{{"lock", "free"}, {"owner", 7}}));
   EXPECT_EQ(Ask({"status"}).at("lock"), "free");
+  // Without a number the owner is who started lumoctl.
+  Expect({"lock"}, 0, "locked\n");
+  EXPECT_EQ(Ask({"status", "--owner", std::to_string(getpid())}).at("lock"), "held by this owner");
+  Expect({"del", "TWO"}, 0, "deleted\n");
 }
 
 TEST_F(Manage, ChangesKeepToTheLock) {
