@@ -6,6 +6,7 @@ cd "$(dirname "$0")"
 source tools/setup.sh
 
 install_packages "${build_packages[@]}"
+install_packages groff-base mandoc python3 # the check of the manual pages
 
 step "Sanitizer build"
 cmake --preset sanitize >/dev/null

@@ -218,7 +218,7 @@ NextVersion
 step "Installation"
 MakeRoot
 Dpkg -i "${packages[@]}"
-Expect 'lumo lumo lumo-tcp lumo-tcp' Accounts
+Expect 'lumo lumo-tcp lumo-tcp' Accounts
 Expect "Vanx Embedded v. $version for LINUX (Socket)" sh -c \
   "'$root/usr/sbin/lumo_tcp' -VERSION | tail -n 1"
 ! awk '/^#(SRV|HERE|KERNEL)/ && $2 == "TCPIP" && !($6 > 0 && $7 > 0) {found = 1}
