@@ -23,6 +23,7 @@ step "Process tests, release build"
 ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
 
 tests/packaging/run.sh build/release
+tests/dissector/run.sh build/release
 
 check_format
 check_tidy build/release
