@@ -75,8 +75,7 @@ constexpr std::array kStatuses{
 };
 static_assert(kStatuses.size() == LUMO_BAD_ANSWER + 1);
 
-const Status* Find(lumo_status status) {
-  const int number = status;
+const Status* FindStatus(int number) {
   if (number < 0 || static_cast<std::size_t>(number) >= kStatuses.size()) return nullptr;
   return &kStatuses[static_cast<std::size_t>(number)];
 }
@@ -85,17 +84,17 @@ const Status* Find(lumo_status status) {
 
 const char* lumo_version(void) { return LUMO_VERSION; }
 
-const char* lumo_status_name(lumo_status status) {
-  const Status* const found = Find(status);
+const char* lumo_status_name(int status) {
+  const Status* const found = FindStatus(status);
   return found ? found->Name : "LUMO_STATUS_UNKNOWN";
 }
 
-const char* lumo_status_text(lumo_status status) {
-  const Status* const found = Find(status);
+const char* lumo_status_text(int status) {
+  const Status* const found = FindStatus(status);
   return found ? found->Text : "unknown status";
 }
 
-const char* lumo_reason_text(lumo_reason reason) {
+const char* lumo_reason_text(int reason) {
   switch (reason) {
     case LUMO_REASON_NONE:
       return "the end of the request is known";
@@ -107,6 +106,8 @@ const char* lumo_reason_text(lumo_reason reason) {
       return "no answer came in time after the request was sent";
     case LUMO_REASON_BAD_ANSWER:
       return "the connection was given up because what came over it was no message";
+    case LUMO_REASON_NO_MEMORY:
+      return "there was no memory to take the answer";
   }
   return "unknown reason";
 }
@@ -129,7 +130,7 @@ lumo_advice lumo_code_advice(int32_t code, int32_t sys_error) {
   return static_cast<lumo_advice>(found->Advice);
 }
 
-const char* lumo_advice_text(lumo_advice advice) {
+const char* lumo_advice_text(int advice) {
   switch (advice) {
     case LUMO_ADVICE_NONE:
       return "nothing to do";

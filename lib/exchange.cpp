@@ -504,8 +504,7 @@ Outcome Exchange::Ask(Message& request, Kind kind, const Deadline& deadline,
   try {
     WaitUntil(lock, deadline, [&] { return pending->Ended; });
   } catch (...) {
-    // The request is out: what has become of it is no longer known.
-    late->Reason = LUMO_REASON_NONE;
+    late->Reason = LUMO_REASON_NO_MEMORY;
   }
   if (pending->Ended) {
     *answer = Take(pending);

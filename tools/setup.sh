@@ -1,7 +1,8 @@
 # Shared by the scripts: packages and progress. To be sourced, from the root of the tree.
 
 # What every build needs; its configuration looks for the test libraries too.
-build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev)
+build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev
+  nlohmann-json3-dev)
 
 step() { printf '\n== %s\n' "$*"; }
 

@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
   lumo_answer* answer = NULL;
   status = lumo_ask_text(agent, argv[1], argv[2], 5000, &answer);
   if (status == LUMO_OK)
-    printf("%s", lumo_answer_string(answer, 3, NULL));
+    printf("%s\n", lumo_answer_string(answer, 3, NULL));
   else
     fprintf(stderr, "%s\n", answer ? lumo_answer_words(answer) : lumo_status_text(status));
   lumo_answer_free(answer);

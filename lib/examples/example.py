@@ -12,7 +12,7 @@ status = lumo.lumo_open(None, 5000, ctypes.byref(agent))
 if status == 0:
     status = lumo.lumo_ask_text(agent, node.encode(), text.encode(), 5000, ctypes.byref(answer))
 if status == 0:
-    print(lumo.lumo_answer_string(answer, 3, None).decode(), end="")
+    print(lumo.lumo_answer_string(answer, 3, None).decode())
 else:
     words = lumo.lumo_answer_words(answer) or lumo.lumo_status_text(status)
     print(words.decode(), file=sys.stderr)

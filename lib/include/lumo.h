@@ -88,9 +88,9 @@ typedef enum lumo_status {
 } lumo_status;
 
 /* "LUMO_TIMEOUT" and the like; "LUMO_STATUS_UNKNOWN" for any other number. Never null. */
-LUMO_API const char* lumo_status_name(lumo_status status);
+LUMO_API const char* lumo_status_name(int status);
 /* The same in words, one clause without a full stop. Never null. */
-LUMO_API const char* lumo_status_text(lumo_status status);
+LUMO_API const char* lumo_status_text(int status);
 
 /* Why a request ended as LUMO_UNSURE. */
 typedef enum lumo_reason {
@@ -98,11 +98,12 @@ typedef enum lumo_reason {
   LUMO_REASON_CONNECTION_LOST = 1, /* the connection to the agent was lost after it was sent */
   LUMO_REASON_AGENT_STOPPED = 2,   /* the agent took the link down on purpose, as when it ends */
   LUMO_REASON_DEADLINE = 3,        /* lumo_ask only: the deadline passed after it was sent */
-  LUMO_REASON_BAD_ANSWER = 4       /* what came in its place is no message */
+  LUMO_REASON_BAD_ANSWER = 4, /* what came over the connection is no message; it was given up */
+  LUMO_REASON_NO_MEMORY = 5   /* lumo_ask only: there was no memory to take the answer */
 } lumo_reason;
 
 /* In words. Never null. */
-LUMO_API const char* lumo_reason_text(lumo_reason reason);
+LUMO_API const char* lumo_reason_text(int reason);
 
 /* The codes that the agent itself answers with (lumo_answer_code after LUMO_ERROR). Nodes have
  * codes of their own, which may be the same numbers: lumo_answer_from_agent tells whose it is. */
@@ -145,7 +146,7 @@ LUMO_API const char* lumo_code_text(int32_t code);
  * that may have gone out over the link that broke (0). */
 LUMO_API lumo_advice lumo_code_advice(int32_t code, int32_t sys_error);
 /* The advice in words. Never null. */
-LUMO_API const char* lumo_advice_text(lumo_advice advice);
+LUMO_API const char* lumo_advice_text(int advice);
 /* The known codes in ascending order, for tables: the one at `index` (from 0) into `*code`
  * (required); LUMO_BAD_ARGUMENT behind the last one. LUMO_CODE_SUCCESS is among them. */
 LUMO_API lumo_status lumo_code_at(size_t index, int32_t* code);

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares the manual pages with the sources: pages_check.py ROOT AGENT"""
+"""Compares the manual pages with the sources: pages_check.py ROOT AGENT LUMOCTL"""
 
 import re
 import subprocess
@@ -9,10 +9,13 @@ from pathlib import Path
 
 import roff
 import sources
+from control import ControlPage
 
 ROOT = Path(sys.argv[1])
 AGENT = sys.argv[2]
 MAN = ROOT / "man"
+ControlPage.ROOT = ROOT
+ControlPage.PROGRAM = Path(sys.argv[3])
 
 
 def page(name):
@@ -163,6 +166,7 @@ class LibraryPage(unittest.TestCase):
     """liblumo(3)"""
 
     HEADER = ROOT / "lib/include/lumo.h"
+    maxDiff = None
 
     def setUp(self):
         self.page = page("liblumo.3")

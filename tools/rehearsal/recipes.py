@@ -127,8 +127,8 @@ mount -t tmpfs none /run
 mkdir -p /run/systemd /run/log/journal
 /lib/systemd/systemd-journald & daemon=$!
 while [ ! -S /run/systemd/journal/stdout ]; do sleep 0.05; done
-timeout 20 systemd-cat -t lumo_tcp {stage.build.resolve()}/lumo_tcp -NODETAB {stage.folder}/nodetab \\
-  -PING -M 1 || echo "exit status $?"
+timeout 20 systemd-cat -t lumo_tcp {stage.build.resolve()}/lumo_tcp \\
+  -NODETAB {stage.folder}/nodetab -PING -M 1 || echo "exit status $?"
 journalctl --sync --quiet 2>/dev/null || sleep 1
 journalctl --no-pager -q -o cat -t lumo_tcp | tail -n 4
 kill $daemon
@@ -152,8 +152,9 @@ def upgrade(stage):
     ended = time.monotonic()
     stage.agent()
     served = time.monotonic()
-    say(f"request under way: {application.receive().text}; told to stop and ended "
-        f"{1000 * (ended - start):.0f} ms, the next one serves after {1000 * (served - start):.0f} ms")
+    say(f"request under way: {application.receive().text}; ended after "
+        f"{1000 * (ended - start):.0f} ms, the next one served after "
+        f"{1000 * (served - start):.0f} ms")
     failures = 0
     for _ in range(20):
         stage.run_agent("-U", "-M", "7", "-NODAEMON")

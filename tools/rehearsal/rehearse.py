@@ -17,7 +17,7 @@ def next_requests(stage, application):
     ends = []
     while len(ends) < 3 and "answer" not in "".join(ends):
         ends.append(str(application.ask()))
-    if len(set(ends)) < len(ends):
+    if len(ends) > 1 and len({end.split(",")[0] for end in ends}) == 1:
         ends = [ends[0] + ", and so on"]
     return "; ".join(ends), stage.default()
 

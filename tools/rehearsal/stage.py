@@ -26,7 +26,7 @@ def wait_for(condition, what):
 
 
 class Answer:
-    """What came back: from a node its rows, from the agent a code; None when the connection ended."""
+    """What came back: from a node its rows, from the agent a code; no frame: the end."""
 
     def __init__(self, frame, seconds):
         self.seconds = seconds

@@ -1,0 +1,355 @@
+// Finding the agent, and what happens when it goes, comes again, or is none.
+#include <fcntl.h>
+#include <poll.h>
+
+#include <cerrno>
+
+#include "tests/lib/lib_setting.h"
+
+namespace {
+
+using test::FakeAgent;
+using test::kAmple;
+using test::kAtOnce;
+using test::kSoon;
+using test::Open;
+using test::Peer;
+using test::Send;
+
+void Restart(test::Agent& agent) {
+  agent.CloseControl();
+  agent.Spawn();
+  ASSERT_TRUE(agent.WaitUntilReady());
+}
+
+// Changes the environment for one test.
+class Variable {
+ public:
+  Variable(const char* name, const char* value) : name_(name) {
+    if (const char* const before = getenv(name)) before_ = before;
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~Variable() { before_ ? setenv(name_, before_->c_str(), 1) : unsetenv(name_); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> before_;
+};
+
+std::string SocketPath(int exchangeId) {
+  char path[300];
+  EXPECT_EQ(lumo_socket_path(exchangeId, path, sizeof path), LUMO_OK);
+  return path;
+}
+
+TEST(SocketPaths, FollowTheEnvironment) {
+  const Variable directory("TAVRIN_TMP", nullptr), exchange("NET_MBX", nullptr);
+  EXPECT_EQ(SocketPath(0), "/tmp/tavrin/tavrin.20562");
+  EXPECT_EQ(SocketPath(7), "/tmp/tavrin/tavrin.7");
+  const Variable set("TAVRIN_TMP", "/some/where"), number("NET_MBX", "31000");
+  EXPECT_EQ(SocketPath(0), "/some/where/tavrin.31000");
+  EXPECT_EQ(SocketPath(7), "/some/where/tavrin.7");
+  const Variable none("NET_MBX", "none");
+  EXPECT_EQ(SocketPath(0), "/some/where/tavrin.20562");
+}
+
+TEST(SocketPaths, ATooLongDirectoryIsIgnored) {
+  const std::string most(227, 'd');
+  const Variable exchange("NET_MBX", nullptr), fits("TAVRIN_TMP", most.c_str());
+  EXPECT_EQ(SocketPath(0), most + "/tavrin.20562");
+  const Variable long_("TAVRIN_TMP", (most + "d").c_str());
+  EXPECT_EQ(SocketPath(0), "/tmp/tavrin/tavrin.20562");
+}
+
+TEST(SocketPaths, RoomIsChecked) {
+  char path[8] = "before";
+  EXPECT_EQ(lumo_socket_path(1, path, sizeof path), LUMO_TOO_LONG);
+  EXPECT_STREQ(path, "");
+  EXPECT_EQ(lumo_socket_path(1, nullptr, 8), LUMO_BAD_ARGUMENT);
+  EXPECT_EQ(lumo_socket_path(1, path, 0), LUMO_BAD_ARGUMENT);
+}
+
+TEST(Connections, WithoutAPathTheEnvironmentLeadsToTheAgent) {
+  test::Agent agent;
+  ASSERT_TRUE(agent.Start());
+  const Variable directory("TAVRIN_TMP", agent.SocketFolder().c_str());
+  const Variable exchange("NET_MBX", std::to_string(agent.ExchangeId()).c_str());
+  liblumo::Connection connection;
+  ASSERT_TRUE(connection) << connection.Opened().Text();
+  EXPECT_EQ(connection.AgentPid(), agent.Pid());
+  EXPECT_EQ(lumo_connection_path(connection.Get()), agent.SocketPath());
+  EXPECT_TRUE(connection.Probe());
+}
+
+TEST(Connections, ASocketIsClosedOnExec) {
+  test::Agent agent;
+  ASSERT_TRUE(agent.Start());
+  liblumo::Connection connection = Open(agent);
+  EXPECT_EQ(fcntl(connection.Descriptor(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST(Connections, NothingIsLeftOpen) {
+  test::Agent agent;
+  ASSERT_TRUE(agent.Start());
+  const int before = test::OpenDescriptors(getpid());
+  {
+    liblumo::Connection connection = Open(agent);
+    EXPECT_TRUE(connection.Probe(kAmple));
+    EXPECT_GT(test::OpenDescriptors(getpid()), before);
+  }
+  EXPECT_FALSE(liblumo::Connection("/nowhere/at/all"));
+  EXPECT_EQ(test::OpenDescriptors(getpid()), before);
+}
+
+TEST(Connections, NobodyThereIsNoAgentAndErrnoSaysWhy) {
+  lumo_connection* connection = nullptr;
+  errno = 0;
+  EXPECT_EQ(lumo_open("/nowhere/at/all", 1000, &connection), LUMO_NO_AGENT);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(connection, nullptr);
+  EXPECT_EQ(lumo_open(std::string(108, 'p').c_str(), 1000, &connection), LUMO_TOO_LONG);
+}
+
+TEST(Connections, AGreetingIsChecked) {
+  const struct {
+    std::string Bytes;
+    lumo_status Status;
+  } cases[] = {{test::Greeting(4711, 60), LUMO_BAD_GREETING},
+               {test::Greeting(0), LUMO_BAD_GREETING},
+               {test::Greeting(-5), LUMO_BAD_GREETING},
+               {test::Greeting(4711).substr(0, 59), LUMO_NO_AGENT},
+               {std::string(), LUMO_NO_AGENT}};
+  FakeAgent agent;
+  for (const auto& [bytes, status] : cases) {
+    std::thread server([&] { agent.Accept(bytes).Close(); });
+    const liblumo::Connection connection(agent.Path(), kAmple);
+    EXPECT_EQ(connection.Opened().Code, status) << bytes.size();
+    server.join();
+  }
+}
+
+TEST(Connections, AGreetingThatDoesNotComeIsWaitedForNoLongerThanTheDeadline) {
+  FakeAgent agent;  // accepts nothing: the system connects, and nobody greets
+  EXPECT_EQ(liblumo::Connection(agent.Path(), kSoon).Opened().Code, LUMO_TIMEOUT);
+  EXPECT_EQ(liblumo::Connection(agent.Path(), kAtOnce).Opened().Code, LUMO_TIMEOUT);
+}
+
+TEST(Connections, AFullBacklogIsWaitedForNoLongerThanTheDeadline) {
+  FakeAgent agent;
+  std::vector<liblumo::Connection> waiting;
+  for (int i = 0; i < 20; ++i) {
+    const auto before = test::Clock::now();
+    EXPECT_EQ(liblumo::Connection(agent.Path(), kSoon).Opened().Code, LUMO_TIMEOUT);
+    EXPECT_LT(test::Clock::now() - before, test::kPatience);
+  }
+}
+
+TEST(Restarts, TheNextCallConnectsAgain) {
+  test::EchoNode echo;
+  test::Agent agent;
+  agent.Nodetab(echo.Line("SRV")).Option("-NODAEMON");
+  agent.Spawn();
+  ASSERT_TRUE(agent.WaitUntilReady());
+  liblumo::Connection connection = Open(agent);
+  EXPECT_EQ(connection.Ask("SRV", "one", kAmple).String(0), "one");
+  EXPECT_EQ(agent.Stop(), 0);
+  errno = 0;
+  EXPECT_EQ(connection.Ask("SRV", "two", kAmple).Status(), LUMO_NO_AGENT);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(connection.Descriptor(), -1);
+  Restart(agent);
+  EXPECT_EQ(connection.Ask("SRV", "three", kAmple).String(0), "three");
+  EXPECT_EQ(connection.AgentPid(), agent.Pid());
+  EXPECT_EQ(echo.Served(), 2);
+}
+
+TEST(Restarts, WhatWasInFlightIsUnsureAndTheRestGoesOn) {
+  test::Node node;
+  test::Agent agent;
+  agent.Nodetab(node.Line("SRV")).Option("-NODAEMON");
+  agent.Spawn();
+  ASSERT_TRUE(agent.WaitUntilReady());
+  liblumo::Connection connection = Open(agent);
+  const lumo_ticket lost = Send(connection, "SRV", "lost");
+  ASSERT_TRUE(node.Accept());
+  ASSERT_TRUE(node.ReadRequest());
+  agent.Kill();
+  Restart(agent);
+  // Noticed only by sending: nothing was received in between.
+  const lumo_ticket kept = Send(connection, "SRV", "kept");
+  ASSERT_TRUE(node.Accept());
+  const auto request = node.ReadRequest();
+  ASSERT_TRUE(request);
+  node.Answer(*request, "answer");
+  EXPECT_EQ(connection.Receive(kept, kAmple).String(0), "answer");
+  const liblumo::Answer end = connection.Receive(lost, kAmple);
+  EXPECT_TRUE(end.Unsure());
+  EXPECT_EQ(end.Reason(), LUMO_REASON_CONNECTION_LOST);
+}
+
+TEST(Restarts, CanBeAskedFor) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  EXPECT_TRUE(connection.Reconnect(kAmple));
+  peer.Close();
+  std::thread server([&] { peer = agent.Accept(test::Greeting(815)); });
+  EXPECT_TRUE(connection.Reconnect(kAmple));
+  server.join();
+  EXPECT_EQ(connection.AgentPid(), 815);
+}
+
+// The last answers may lie in the socket of a connection that is found lost by sending.
+TEST(Restarts, AnswersThatHadComeAreNotLost) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket answered = Send(connection, "SRV", "answered");
+  const lumo_ticket unanswered = Send(connection, "SRV", "unanswered");
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request && peer.ReadRequest());
+  peer.Answer(*request, "last word");
+  peer.Close();
+  std::thread server([&] { peer = agent.Accept(); });
+  const lumo_ticket next = Send(connection, "SRV", "next");
+  server.join();
+  EXPECT_EQ(connection.Receive(answered, kAtOnce).String(0), "last word");
+  EXPECT_TRUE(connection.Receive(unanswered, kAtOnce).Unsure());
+  EXPECT_EQ(connection.Receive(next, kAtOnce).Status(), LUMO_TIMEOUT);
+}
+
+TEST(Restarts, AnAgentThatAlwaysHangsUpIsGivenUp) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  peer.Close();
+  std::thread server([&] {
+    for (int i = 0; i < 3; ++i) agent.Accept("");
+  });
+  EXPECT_EQ(connection.Ask("SRV", "question", kAmple).Status(), LUMO_NO_AGENT);
+  // As many as the server still expects.
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(liblumo::Connection(agent.Path(), kAmple));
+  server.join();
+}
+
+TEST(Answers, MayComeInPiecesAndTogether) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket one = Send(connection, "SRV", "one"), two = Send(connection, "SRV", "two");
+  auto first = peer.ReadRequest(), second = peer.ReadRequest();
+  ASSERT_TRUE(first && second);
+  const std::string bytes =
+      lumo::Encode(*first, lumo::Lengths::Client) + lumo::Encode(*second, lumo::Lengths::Client);
+  for (std::size_t at = 0; at < bytes.size(); at += 50) {
+    EXPECT_EQ(connection.Receive(two, kAtOnce).Status(), LUMO_TIMEOUT);
+    peer.SendBytes(std::string_view(bytes).substr(at, 50));
+  }
+  EXPECT_EQ(connection.Receive(two, kAmple).String(0), "two");
+  EXPECT_EQ(connection.Receive(one, kAtOnce).String(0), "one");
+}
+
+TEST(Answers, ThatNobodyAskedForArePassedOver) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  lumo::Message stray = *request;
+  stray.SetAstInd(static_cast<std::uint16_t>(request->AstInd() ^ 1));
+  peer.SendMessage(stray);
+  stray = *request;
+  stray.TaskName = getppid();
+  peer.SendMessage(stray);
+  EXPECT_EQ(connection.Receive(ticket, kSoon).Status(), LUMO_TIMEOUT);
+  peer.SendMessage(*request);
+  peer.SendMessage(*request);
+  EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
+  EXPECT_EQ(connection.ReceiveAny(kAmple).Status(), LUMO_NOTHING_SENT);
+}
+
+TEST(Answers, ThatAreNoMessagesEndTheConnection) {
+  const auto tooLong = [](lumo::Message request) {
+    std::string frame = lumo::Encode(request, lumo::Lengths::Client);
+    frame[52] = '\x7f';  // the count of the first string
+    return frame;
+  };
+  const auto lengthOf = [](std::uint32_t length) {
+    std::string frame(200, '\0');
+    std::memcpy(frame.data(), &length, sizeof length);
+    return frame;
+  };
+  for (int kind = 0; kind < 4; ++kind) {
+    FakeAgent agent;
+    auto [connection, peer] = agent.Connect();
+    const lumo_ticket ticket = Send(connection, "SRV", "question");
+    const auto request = peer.ReadRequest();
+    ASSERT_TRUE(request);
+    const std::string frames[] = {tooLong(*request), lengthOf(0), lengthOf(107), lengthOf(8193)};
+    peer.SendBytes(frames[kind]);
+    const liblumo::Answer answer = connection.Receive(ticket, kAmple);
+    EXPECT_TRUE(answer.Unsure()) << kind;
+    EXPECT_EQ(answer.Reason(), LUMO_REASON_BAD_ANSWER);
+    EXPECT_TRUE(peer.ReadEnd());
+  }
+}
+
+TEST(Sending, AnAgentThatTakesNothingIsWaitedForNoLongerThanTheDeadline) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const liblumo::Request request("SRV", std::string(8000, 'x'));
+  std::vector<lumo_ticket> tickets;
+  lumo_ticket ticket = 0;
+  while (connection.Send(request, &ticket, kAtOnce)) tickets.push_back(ticket);
+  EXPECT_EQ(connection.Send(request, &ticket, kSoon).Code, LUMO_TIMEOUT);
+  EXPECT_EQ(ticket, 0u);
+  EXPECT_EQ(connection.InFlight(), tickets.size());
+  EXPECT_GT(tickets.size(), 2u);
+  // Each of those that were sent comes whole, also the one that had only begun, and no other.
+  std::thread waiting([&, &connection = connection] {
+    for (const lumo_ticket sent : tickets)
+      EXPECT_EQ(connection.Receive(sent, kAmple).String(0).size(), 8000u);
+  });
+  for (std::size_t i = 0; i < tickets.size(); ++i) {
+    const auto received = peer.ReadRequest();
+    ASSERT_TRUE(received);
+    peer.SendMessage(*received);
+  }
+  waiting.join();
+  EXPECT_TRUE(peer.Silent(test::kShortly));
+}
+
+TEST(Sending, WaitsForRoomWhileAnotherThreadReceives) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket first = Send(connection, "SRV", "first");
+  const auto held = peer.ReadRequest();
+  ASSERT_TRUE(held);
+  std::thread receiver([&, &connection = connection] {
+    EXPECT_EQ(connection.Receive(first, kAmple).String(0), "first");
+  });
+  const liblumo::Request request("SRV", std::string(8000, 'x'));
+  lumo_ticket ticket = 0;
+  std::size_t sent = 0;
+  while (connection.Send(request, &ticket, kAtOnce)) ++sent;
+  std::thread sender(
+      [&, &connection = connection] { EXPECT_TRUE(connection.Send(request, &ticket, kAmple)); });
+  for (std::size_t i = 0; i <= sent; ++i) ASSERT_TRUE(peer.ReadRequest());
+  sender.join();
+  peer.SendMessage(*held);
+  receiver.join();
+}
+
+TEST(EventLoops, TheDescriptorTellsThatAnAnswerHasCome) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  pollfd ready{connection.Descriptor(), POLLIN, 0};
+  EXPECT_EQ(connection.ReceiveAny(kAtOnce).Status(), LUMO_TIMEOUT);
+  EXPECT_EQ(poll(&ready, 1, 0), 0);
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  peer.SendMessage(*request);
+  EXPECT_EQ(poll(&ready, 1, 15000), 1);
+  EXPECT_EQ(connection.ReceiveAny(kAtOnce).Ticket(), ticket);
+}
+
+}  // namespace

@@ -1,0 +1,293 @@
+// Several threads on one connection, and processes that come of a fork.
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "lib/tags.h"
+#include "tests/lib/lib_setting.h"
+
+namespace {
+
+using test::FakeAgent;
+using test::kAmple;
+using test::kAtOnce;
+using test::kSoon;
+using test::Open;
+using test::Send;
+
+class Threads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    agent_.Nodetab(echo_.Line("SRV"));
+    ASSERT_TRUE(agent_.Start());
+  }
+  // Asks until told to stop; every answer must be the asking thread's own.
+  static void AskAll(liblumo::Connection& connection, const std::string& name, int count) {
+    for (int i = 0; i < count; ++i) {
+      const std::string text = name + " " + std::to_string(i);
+      const liblumo::Answer answer = connection.Ask("SRV", text, kAmple);
+      ASSERT_TRUE(answer) << answer.Words();
+      ASSERT_EQ(answer.String(0), text);
+    }
+  }
+
+  test::EchoNode echo_;
+  test::Agent agent_;
+};
+
+TEST_F(Threads, EachGetsItsOwnAnswers) {
+  liblumo::Connection one = Open(agent_), two = Open(agent_);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] { AskAll(i % 2 ? one : two, "thread " + std::to_string(i), 50); });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(echo_.Served(), 400);
+}
+
+TEST_F(Threads, WaitersForAnyRequestShareThem) {
+  liblumo::Connection connection = Open(agent_);
+  constexpr int kCount = 200;
+  std::atomic<int> received{0};
+  std::vector<std::thread> threads;
+  std::set<lumo_ticket> tickets, ended;
+  std::mutex mutex;
+  for (int i = 0; i < kCount; ++i) tickets.insert(Send(connection, "SRV", "question"));
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (;;) {
+        const liblumo::Answer answer = connection.ReceiveAny(kAmple);
+        if (answer.Status() == LUMO_NOTHING_SENT) return;
+        ASSERT_TRUE(answer) << answer.Words();
+        const std::lock_guard lock(mutex);
+        ended.insert(answer.Ticket());
+        ++received;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(received, kCount);
+  EXPECT_EQ(ended, tickets);
+}
+
+TEST_F(Threads, AWaitForEverHindersNobody) {
+  FakeAgent fake;
+  auto [connection, peer] = fake.Connect();
+  const lumo_ticket slow = Send(connection, "SRV", "slow");
+  const auto held = peer.ReadRequest();
+  ASSERT_TRUE(held);
+  std::thread waiting([&, &connection = connection] {
+    EXPECT_EQ(connection.Receive(slow, liblumo::kForever).String(0), "slow");
+  });
+  for (int i = 0; i < 10; ++i) {
+    const lumo_ticket quick = Send(connection, "SRV", "quick");
+    const auto request = peer.ReadRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(connection.Receive(quick, kAtOnce).Status(), LUMO_TIMEOUT);
+    peer.SendMessage(*request);
+    EXPECT_EQ(connection.Receive(quick, kAmple).String(0), "quick");
+  }
+  peer.SendMessage(*held);
+  waiting.join();
+}
+
+// The one request that a thread waits for among any is given up by another thread.
+TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
+  FakeAgent fake;
+  auto [connection, peer] = fake.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  std::thread waiting([&, &connection = connection] {
+    EXPECT_EQ(connection.ReceiveAny(liblumo::kForever).Status(), LUMO_NOTHING_SENT);
+  });
+  EXPECT_TRUE(connection.Abandon(ticket));
+  waiting.join();
+}
+
+TEST_F(Threads, ALostConnectionEndsEveryWait) {
+  FakeAgent fake;
+  auto [connection, peer] = fake.Connect();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    const lumo_ticket ticket = Send(connection, "SRV", "question");
+    threads.emplace_back([&connection = connection, ticket] {
+      EXPECT_TRUE(connection.Receive(ticket, liblumo::kForever).Unsure());
+    });
+  }
+  for (int i = 0; i < 4; ++i) ASSERT_TRUE(peer.ReadRequest());
+  peer.Close();
+  for (std::thread& thread : threads) thread.join();
+}
+
+// The agent is killed and started again under threads that go on asking: each request comes to one
+// of the three ends or is not sent, and the connection recovers.
+TEST_F(Threads, SurviveARestart) {
+  liblumo::Connection connection = Open(agent_);
+  std::atomic<bool> stop{false};
+  std::atomic<int> answered{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      while (!stop) {
+        const liblumo::Answer answer = connection.Ask("SRV", "question", kAmple);
+        if (answer) ++answered;
+        EXPECT_TRUE(answer || answer.Unsure() || answer.Status() == LUMO_NO_AGENT)
+            << answer.Words();
+      }
+    });
+  }
+  EXPECT_TRUE(test::WaitFor([&] { return answered > 20; }));
+  agent_.Kill();
+  agent_.CloseControl();
+  agent_.Spawn();
+  EXPECT_TRUE(agent_.WaitUntilReady());
+  const int before = answered;
+  EXPECT_TRUE(test::WaitFor([&] { return answered > before + 20; }));
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+// Runs in a child process; true when the steps all say so.
+template <class Steps>
+bool InChild(Steps steps) {
+  const pid_t child = fork();
+  if (child == 0) _exit(steps() ? 0 : 1);
+  int status = -1;
+  EXPECT_TRUE(test::WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; }));
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TEST_F(Threads, AChildGoesOnWithAConnectionOfItsOwn) {
+  liblumo::Connection connection = Open(agent_);
+  EXPECT_TRUE(InChild([&] {
+    const int inherited = connection.Descriptor();
+    const liblumo::Answer answer = connection.Ask("SRV", "child", kAmple);
+    return inherited == -1 && answer && answer.String(0) == "child" &&
+           connection.AgentPid() == agent_.Pid();
+  }));
+  EXPECT_EQ(connection.Ask("SRV", "parent", kAmple).String(0), "parent");
+}
+
+TEST(Forks, WhatTheParentSentStaysTheParents) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  EXPECT_TRUE(InChild([&, &connection = connection] {
+    return connection.InFlight() == 0 &&
+           connection.Receive(ticket, kAmple).Status() == LUMO_FORKED &&
+           connection.Abandon(ticket).Code == LUMO_FORKED &&
+           connection.ReceiveAny(kAmple).Status() == LUMO_NOTHING_SENT &&
+           connection.Receive(ticket + 1000, kAtOnce).Status() == LUMO_NO_TICKET;
+  }));
+  peer.SendMessage(*request);
+  EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
+}
+
+TEST(Forks, ClosingInTheChildLeavesTheParentsConnection) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  EXPECT_TRUE(InChild([&, &connection = connection] {
+    const int before = test::OpenDescriptors(getpid());
+    lumo_close(connection.Get());
+    return test::OpenDescriptors(getpid()) < before;
+  }));
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  peer.SendMessage(*request);
+  EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
+}
+
+// Whatever the parent's threads hold at the moment of the fork.
+TEST_F(Threads, AChildOfABusyProcessIsNotHeldUp) {
+  liblumo::Connection connection = Open(agent_);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&] {
+      while (!stop) AskAll(connection, "parent", 1);
+    });
+  }
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(InChild([&] {
+      const liblumo::Answer answer = connection.Ask("SRV", "child", kAmple);
+      return answer && answer.String(0) == "child";
+    }));
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+using lumo::detail::Tags;
+
+TEST(TagsOfAProcess, AllAreDifferentUntilTheyRunOut) {
+  Tags& tags = Tags::OfThisProcess();
+  std::set<std::uint16_t> taken;
+  while (const auto tag = tags.Take()) EXPECT_TRUE(taken.insert(*tag).second);
+  EXPECT_EQ(taken.size(), 65534u);
+  EXPECT_EQ(*taken.begin(), 1);
+  EXPECT_EQ(*taken.rbegin(), 0xFFFE);
+
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  lumo_ticket ticket = 0;
+  EXPECT_EQ(connection.Send(liblumo::Request("SRV"), &ticket).Code, LUMO_NO_TAG);
+  for (const std::uint16_t tag : taken) tags.Release(tag);
+  EXPECT_TRUE(connection.Send(liblumo::Request("SRV"), &ticket));
+}
+
+TEST(TagsOfAProcess, OneWhoseAnswerMayStillComeIsTakenLast) {
+  Tags& tags = Tags::OfThisProcess();
+  std::vector<std::uint16_t> taken;
+  while (const auto tag = tags.Take()) taken.push_back(*tag);
+  tags.Retire(700);
+  tags.Release(800);
+  EXPECT_EQ(tags.Take(), 800);
+  tags.Release(900);
+  EXPECT_EQ(tags.Take(), 900);
+  EXPECT_EQ(tags.Take(), 700);
+  EXPECT_EQ(tags.Take(), std::nullopt);
+  for (const std::uint16_t tag : taken) tags.Release(tag);
+}
+
+TEST(TagsOfAProcess, OneThatWasGivenUpIsParkedUntilItsAnswerComes) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  EXPECT_TRUE(connection.Abandon(ticket));
+  Tags& tags = Tags::OfThisProcess();
+  std::vector<std::uint16_t> taken;
+  while (const auto tag = tags.Take()) taken.push_back(*tag);
+  EXPECT_EQ(std::count(taken.begin(), taken.end(), request->AstInd()), 0);
+  tags.Release(taken.back());
+  const lumo_ticket other = Send(connection, "SRV", "question");
+  const auto second = peer.ReadRequest();
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->AstInd(), taken.back());
+  taken.pop_back();
+  peer.SendMessage(*request);
+  peer.SendMessage(*second);
+  EXPECT_TRUE(connection.Receive(other, kAmple));
+  // Both answers have come: both tags are free again.
+  std::set<std::uint16_t> again;
+  while (const auto tag = tags.Take()) again.insert(*tag);
+  EXPECT_EQ(again, (std::set<std::uint16_t>{request->AstInd(), second->AstInd()}));
+  taken.insert(taken.end(), again.begin(), again.end());
+  for (const std::uint16_t tag : taken) tags.Release(tag);
+}
+
+TEST(TagsOfAProcess, AChildHasItsOwn) {
+  Tags& tags = Tags::OfThisProcess();
+  std::vector<std::uint16_t> taken;
+  while (const auto tag = tags.Take()) taken.push_back(*tag);
+  EXPECT_TRUE(InChild([&] { return Tags::OfThisProcess().Take().has_value(); }));
+  for (const std::uint16_t tag : taken) tags.Release(tag);
+}
+
+}  // namespace
