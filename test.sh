@@ -22,6 +22,9 @@ cmake --build --preset release --target lumo_tcp process_tests
 step "Process tests, release build"
 ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
 
+tests/packaging/run.sh build/release
+tests/dissector/run.sh build/release
+
 install_packages "${check_packages[@]}"
 check_format
 check_tidy build/release

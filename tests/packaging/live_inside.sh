@@ -1,0 +1,120 @@
+# Run by live.sh under the system manager; prints "The package works" at the end, or what failed.
+set -uo pipefail
+cd /shared
+export TAVRIN_TMP=/run/lumo/agent
+
+Say() { printf -- '- %s\n' "$*"; }
+Fail() {
+  printf 'FAILED: %s\n' "$*"
+  journalctl --no-pager -o cat -n 30
+  exit 1
+}
+Expect() { # EXPECTED COMMAND...
+  local expected=$1 output
+  shift
+  output=$("$@" 2>&1)
+  [ "$output" = "$expected" ] || Fail "$*: '$output', not '$expected'"
+}
+Refused() { ! systemctl start "$1" 2>/dev/null || Fail "$1 started"; }
+Start() { systemctl start "$1" || Fail "$1 does not start"; }
+As() { exec setpriv --reuid="$1" --regid="$(id -g "$1")" --init-groups "${@:2}"; } # ends its shell
+WaitFor() {
+  local end=$((SECONDS + 20))
+  until "$@" >/dev/null 2>&1; do
+    [ "$SECONDS" -lt "$end" ] || Fail "waited in vain for: $*"
+    sleep 0.1
+  done
+}
+Node() { # USER LOG OPTION...
+  As "$1" ./lumo_node --log "$2" "${@:3}" >"$2.out" &
+  nodes+=($!)
+  WaitFor grep -q '^listening' "$2.out"
+}
+Pid() { systemctl show -P MainPID "$1"; }
+Traces() {
+  find /etc /lib/systemd /usr/lib/systemd /usr/sbin /usr/bin /usr/libexec /usr/share /run \
+    /var/lib/systemd -path /run/systemd -prune -o -path /run/log -prune -o -print | grep -i lumo
+  grep -h lumo /etc/passwd /etc/group
+  systemctl list-units --all --plain --no-legend 'lumo*'
+}
+
+nodes=()
+useradd member && useradd stranger
+Expect '' Traces
+Say installation
+dpkg -i lumo-tcp_*.deb >/dev/null 2>&1 || Fail 'installation'
+usermod -aG lumo member
+Expect inactive systemctl is-active lumo_tcp
+Expect disabled systemctl is-enabled lumo_tcp
+
+Say 'a start without nodes fails'
+Refused lumo_tcp
+Expect protocol systemctl show -P Result lumo_tcp
+systemctl stop lumo_tcp
+
+Say 'it is ready when the command returns, for members of the group only'
+Node root /tmp/tcp --listen 10600 --delay 4500
+Node lumo-tcp /shared/ipc --ipc 0x5053
+Node lumo-tcp /shared/local --local 20563
+printf '%s\n' 'SRV1 TCPIP 127.0.0.1 10600 3 600 10' 'KERNEL LOCALI 0x5053' 'HERE LOCALS 20563' \
+  >/etc/lumo_tcp/nodetab
+Start lumo_tcp
+Expect '/etc/lumo_tcp/nodetab' As member ./lumo_query --path
+(As stranger ./lumo_query --path >/dev/null 2>&1) && Fail 'a stranger got through'
+Expect 'drwx--x--- root lumo' stat -c '%A %U %G' /run/lumo
+Expect 'drwxrwx--t root lumo-tcp' stat -c '%A %U %G' /run/lumo/agent
+
+Say 'all transports, and the eyes for processes of others'
+Expect 2 As member ./lumo_query -n SRV1 'select 1+1' # two ticks pass: it sees that the client lives
+Expect 3 As member ./lumo_query -n KERNEL 'select 1+2'
+Expect 4 As member ./lumo_query -n HERE 'select 1+3'
+(As member timeout 1 ./lumo_query -n SRV1 'select 5' >/dev/null)
+WaitFor grep -q CKIL /tmp/tcp
+
+Say 'the test of the nodes leaves the sockets alone'
+Start lumo_tcp-ping
+Expect $'tavrin.20562\ntavrin.20563' ls /run/lumo/agent
+for node in SRV1 KERNEL HERE; do
+  journalctl -u lumo_tcp-ping -o cat | grep -qx "$node: alive" || Fail "$node is not alive"
+done
+
+Say 'an agent that was killed comes back'
+old=$(Pid lumo_tcp)
+kill -9 "$old"
+WaitFor ./lumo_query --path
+[ "$(Pid lumo_tcp)" != "$old" ] || Fail 'the same process'
+
+Say instances
+for id in 20562 20600 name; do cp /etc/lumo_tcp/nodetab "/etc/lumo_tcp/nodetab.$id"; done
+Start lumo_tcp@20600
+Expect '/etc/lumo_tcp/nodetab.20600' ./lumo_query -M 20600 --path
+Refused lumo_tcp@20562 # the id of the first agent
+Refused lumo_tcp@name
+Refused lumo_tcp@77 # without a table
+systemctl stop lumo_tcp@20562 lumo_tcp@name
+Expect '/etc/lumo_tcp/nodetab' ./lumo_query --path
+systemctl enable -q lumo_tcp lumo_tcp@20600 lumo_tcp-ping.timer lumo_tcp-ping@20600.timer
+Start lumo_tcp-ping.timer
+Start lumo_tcp-ping@20600.timer
+
+Say 'an upgrade restarts what runs'
+old="$(Pid lumo_tcp) $(Pid lumo_tcp@20600)"
+dpkg -i lumo-tcp_*.deb >/dev/null 2>&1 || Fail 'the upgrade'
+for unit in lumo_tcp lumo_tcp@20600; do
+  Expect active systemctl is-active "$unit"
+  ! grep -qw "$(Pid "$unit")" <<<"$old" || Fail "$unit was not restarted"
+done
+Expect enabled systemctl is-enabled lumo_tcp
+
+Say 'removal and purge leave nothing'
+systemctl stop lumo_tcp
+[ ! -e /run/lumo/agent/tavrin.20562 ] || Fail 'a socket was left'
+Start lumo_tcp
+kill "${nodes[@]}"
+WaitFor test ! -e /run/lumo/agent/tavrin.20563
+dpkg -r lumo-tcp >/dev/null 2>&1 || Fail 'the removal'
+Expect '' pgrep -x lumo_tcp
+dpkg -P lumo-tcp >/dev/null 2>&1 || Fail 'the purge'
+systemctl daemon-reload
+Expect '' Traces
+echo 'The package works'
