@@ -17,7 +17,7 @@ ctest --test-dir build/sanitize --output-on-failure --parallel "$(test_jobs)"
 
 step "Release build"
 cmake --preset release >/dev/null
-cmake --build --preset release --target lumo_tcp process_tests
+cmake --build --preset release --target lumo_tcp process_tests lumo_endurance
 
 step "Process tests, release build"
 ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process

@@ -68,7 +68,10 @@ void Client::BeginLife() {
   budget_ = luck.Around(setting_.MeanLife);
   depth_ = luck.Percent(10) ? 40 : luck.Between(1, 12);
   const int reading = luck.Between(0, 999);
-  reading_ = reading < 4 ? Reading::NotAtAll : reading < 60 ? Reading::WithPauses : Reading::Always;
+  const int idlers = *setting_.IdlersPerMille;
+  reading_ = reading < idlers        ? Reading::NotAtAll
+             : reading < idlers + 56 ? Reading::WithPauses
+                                     : Reading::Always;
   if (reading_ == Reading::NotAtAll) {
     budget_ = depth_ = luck.Between(30, 400);
     ++setting_.Account->Total.Faults["client that reads nothing"];

@@ -19,7 +19,8 @@ struct ClientSetting {
   std::int32_t AgentPid = 0;
   std::vector<std::string> Nodes;
   int Tasks = 1;
-  int MeanLife = 60;  // requests of a connection
+  int MeanLife = 60;                    // requests of a connection
+  const int* IdlersPerMille = nullptr;  // clients that take no answers for long
 };
 
 class Client {

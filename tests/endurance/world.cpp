@@ -14,6 +14,9 @@ namespace {
 
 constexpr Milliseconds kNoProgress{25000};
 constexpr int kTcpNodes = 3, kKernelNodes = 2;
+// Of 1000 clients so many take no answers for long. The memory that this needs at most is to be
+// reached in the warm-up.
+constexpr int kIdlers = 4, kIdlersInWarmUp = 40;
 constexpr int kDeathMs = 700;  // between two deaths of client processes
 
 int NumberOfKernel(const test::Agent& agent, Chance* luck) {
@@ -82,6 +85,10 @@ void World::StartAgent() {
   for (const auto& node : nodes_) table += node->Line();
   agent_->Nodetab(table);
   agent_->Environment("DBC_LOG", "1");
+  // Memory given back goes to the system at once: what is resident at rest is what the agent holds.
+  if (options_.MemoryPercent > 0)
+    agent_->Environment("GLIBC_TUNABLES",
+                        "glibc.malloc.mmap_threshold=32768:glibc.malloc.trim_threshold=32768");
   if (!agent_->Start()) throw Failure("the agent does not start");
   if (queueNode_) queueNode_->SetAgent(AgentPid());
 }
@@ -94,6 +101,7 @@ void World::MakeClients() {
   setting.Path = agent_->SocketPath();
   setting.AgentPid = AgentPid();
   setting.Tasks = options_.Tasks;
+  setting.IdlersPerMille = &idlersPerMille_;
   for (const auto& node : nodes_) setting.Nodes.push_back(node->Name());
   for (int i = 0; i < options_.Clients; ++i) clients_.push_back(std::make_unique<Client>(setting));
   manager_ = std::make_unique<Client>(setting);
@@ -144,6 +152,7 @@ void World::RunRound() {
 
 void World::Pass(bool mayAsk) {
   const Time now = Clock::now();
+  idlersPerMille_ = Elapsed() < options_.WarmUp ? kIdlersInWarmUp : kIdlers;
   for (const auto& node : nodes_) node->Step(now);
   for (const auto& client : clients_) client->Step(now, mayAsk);
   loop_.RunOnce(1);
@@ -258,9 +267,12 @@ void World::AskEachNode() {
   }
 }
 
-// A node comes and goes, and one that is in use gets the definition that it has.
+// A node comes and goes, and one that is in use gets the definition that it has, when it breaks.
 void World::EditNodes() {
   const int count = static_cast<int>(nodes_.size());
+  const std::string name = nodes_.back()->Name();
+  std::string line = nodes_.back()->Line();
+  line.pop_back();
   const struct {
     std::uint16_t Command;
     std::int32_t Number;
@@ -295,6 +307,7 @@ void World::CheckRest() {
 }
 
 void World::CheckMemory(long residentKb) {
+  restKb_ = residentKb;
   if (Elapsed() <= options_.WarmUp) {
     restBaseKb_ = std::max(restBaseKb_, residentKb);
     return;
@@ -305,6 +318,11 @@ void World::CheckMemory(long residentKb) {
   if (options_.MemoryPercent > 0 && static_cast<double>(residentKb) > limit)
     throw Failure("at rest the agent has " + std::to_string(residentKb) +
                   " kB resident, after the warm-up there were " + std::to_string(restBaseKb_));
+}
+
+// About sixty rows.
+Milliseconds World::RowInterval() const {
+  return Milliseconds(std::max(1000, static_cast<int>(options_.Seconds * 1000 / 60)));
 }
 
 void World::SampleUsage(Time now) {
@@ -318,11 +336,11 @@ void World::SampleUsage(Time now) {
   if (nextRow_ == begin_)
     std::printf("%8s %10s %11s %8s %11s %8s %10s\n", "seconds", "requests", "connections", "kB",
                 "descriptors", "children", "kB at rest");
-  nextRow_ += Milliseconds(30000);
+  nextRow_ += RowInterval();
   std::printf("%8.0f %10llu %11llu %8ld %11d %8d %10ld\n", Elapsed(),
               static_cast<unsigned long long>(ledger_.Total.Asked),
               static_cast<unsigned long long>(ledger_.Total.Connections), now_.ResidentKb,
-              now_.Descriptors, now_.Children, std::max(restBaseKb_, restMostKb_));
+              now_.Descriptors, now_.Children, restKb_);
   std::fflush(stdout);
 }
 

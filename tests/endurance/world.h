@@ -56,6 +56,7 @@ class World {
   void Tick(Time now);
   void EndSomeProcess();
   void SampleUsage(Time now);
+  Milliseconds RowInterval() const;
 
   void Rest();
   void AwaitAnswers();
@@ -83,7 +84,8 @@ class World {
   Time begin_, lastProgress_, nextTick_, nextDeath_, nextSample_, nextRow_, roundBegin_;
   std::uint64_t lastSum_ = 0, rests_ = 0;
   Usage now_, most_, base_;
-  long restBaseKb_ = 0, restMostKb_ = 0;
+  long restKb_ = 0, restBaseKb_ = 0, restMostKb_ = 0;
+  int idlersPerMille_ = 0;
   bool lied_ = false;
 };
 
