@@ -17,6 +17,7 @@ namespace {
 constexpr std::size_t kGreetingSize = 60, kLengthSize = 4;
 constexpr std::uint32_t kGreetingWord = 56;
 constexpr std::uint64_t kAnswersKept = 1024 * 1024;  // by the agent, for one connection
+constexpr std::uint64_t kLargestOwnAnswer = 120;     // of the agent, to what is asked here
 constexpr std::uint32_t kLargeAnswer = 7800;
 constexpr Milliseconds kOldest{30000};
 
@@ -291,12 +292,14 @@ void Client::CloseSocket() {
   open_ = 0;
 }
 
+// At most: the agent may have made an answer of its own to each request that no node has answered.
 std::uint64_t Client::OwedBytes() const {
   std::uint64_t owed = 0;
   for (const Asked& asked : asked_) {
     const Request* const request = setting_.Account->Find(asked.Number);
-    if (request->Ended == End::Open && request->Answers > 0)
-      owed += lumo::kEmptyMessage + request->AnswerSize;
+    if (request->Ended != End::Open) continue;
+    owed += kLargestOwnAnswer;
+    if (request->Answers > 0) owed += request->AnswerSize;
   }
   return owed;
 }
