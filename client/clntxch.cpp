@@ -409,9 +409,18 @@ void ReleaseParkedClients() {
   }
 }
 
+static bool IsListedTwice(int pid) {
+  int count = 0;
+  for (const ClientPid& client : g_DbcI.ClientPidList) count += client.Pid == pid;
+  return count > 1;
+}
+
 void ForgetLinkOfClients(const Link* link) {
   for (ClientPid& client : g_DbcI.ClientPidList) {
-    if (InUse(client) && client.Link == link) client.Link = nullptr;
+    if (!InUse(client) || client.Link != link) continue;
+    client.Link = nullptr;
+    // One entry tells that the process is a client. Others would stay as long as it lives.
+    if (IsListedTwice(client.Pid)) client = {};
   }
   for (const Link*& last : parking.LastLink) {
     if (last == link) last = nullptr;

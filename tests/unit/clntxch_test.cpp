@@ -693,4 +693,20 @@ TEST_F(ClientList, ADeletedLinkIsForgottenByItsClientsAlone) {
   EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, other_);
 }
 
+TEST_F(ClientList, OfTheEntriesOfADeletedLinkOneAProcessIsKept) {
+  for (int socket = 5; socket < 13; ++socket) Add(link_, 10, socket);
+  ForgetLinkOfClients(link_);
+  int kept = 0;
+  for (const ClientPid& client : g_DbcI.ClientPidList) kept += client.Pid == 10;
+  EXPECT_EQ(kept, 1);
+}
+
+TEST_F(ClientList, NothingIsKeptOfADeletedLinkForAProcessListedWithAnother) {
+  Add(link_, 10, 5);
+  Add(other_, 10, 5);
+  ForgetLinkOfClients(link_);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 0);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, other_);
+}
+
 }  // namespace
