@@ -39,10 +39,13 @@ BoardSlot* FreeSlot(ReaderBoard* board) {
   return used < kBoardSlots ? &board->Slots[used] : nullptr;
 }
 
+// A delivered one stays: the child looks at it no more, and its record has not come yet.
 void RemoveAllOf(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd) {
   for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
     BoardSlot& slot = board->Slots[i];
-    if (StatusOf(slot.State) != kFree && HasName(slot, taskName, astInd)) Release(slot);
+    const std::uint32_t status = StatusOf(slot.State);
+    if ((status == kWaiting || status == kHandedOver) && HasName(slot, taskName, astInd))
+      Release(slot);
   }
 }
 

@@ -862,6 +862,27 @@ TEST_F(Board, MarkOfASlotThatWasUsedAgainIsLost) {
   EXPECT_NE(Find(1, 2), nullptr);
 }
 
+TEST_F(Board, RemovedRequestIsShown) {
+  Add(1, 1, 10);
+  MarkDelivered(1, 1);
+  Add(1, 1, 11);
+  BoardRequest removed = {};
+  ASSERT_TRUE(BoardRemove(board_, 1, 1, true, &removed));
+  EXPECT_EQ(removed.Socket, 10);
+  EXPECT_EQ(removed.Serial, 3U);
+  EXPECT_FALSE(BoardRemove(board_, 1, 1, true, &removed));
+}
+
+TEST_F(Board, DeliveredRequestIsNotForgottenWhenAFullBoardTakesItsNameAgain) {
+  for (std::uint32_t i = 0; i < kBoardSlots; ++i) Add(1, static_cast<std::uint16_t>(i));
+  MarkDelivered(1, 7);
+  Add(1, 7, 11);
+  EXPECT_EQ(Find(1, 7), nullptr);
+  std::uint32_t index = 0;
+  ASSERT_TRUE(BoardNextDelivered(board_, &index, &request_));
+  EXPECT_EQ(request_.AstInd, 7);
+}
+
 TEST_F(Board, DeliveredRequestsAreListed) {
   for (std::uint16_t i = 0; i < 5; ++i) Add(1, i);
   MarkDelivered(1, 1);
