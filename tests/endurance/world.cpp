@@ -85,10 +85,12 @@ void World::StartAgent() {
   for (const auto& node : nodes_) table += node->Line();
   agent_->Nodetab(table);
   agent_->Environment("DBC_LOG", "1");
-  // Memory given back goes to the system at once: what is resident at rest is what the agent holds.
+  // What is freed goes back to the system at once, and no large block lies between small ones that
+  // stay: what is resident at rest is what the agent holds, whatever the order of its requests was.
   if (options_.MemoryPercent > 0)
     agent_->Environment("GLIBC_TUNABLES",
-                        "glibc.malloc.mmap_threshold=32768:glibc.malloc.trim_threshold=32768");
+                        "glibc.malloc.mmap_threshold=4096:glibc.malloc.trim_threshold=4096:"
+                        "glibc.malloc.top_pad=0");
   if (!agent_->Start()) throw Failure("the agent does not start");
   if (queueNode_) queueNode_->SetAgent(AgentPid());
 }
