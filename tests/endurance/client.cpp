@@ -14,7 +14,7 @@
 namespace endurance {
 namespace {
 
-constexpr std::size_t kGreetingSize = 60, kLengthSize = 4;
+constexpr std::size_t kGreetingSize = 60, kLengthSize = 4, kStringsAt = 52;
 constexpr std::uint32_t kGreetingWord = 56;
 constexpr std::uint64_t kAnswersKept = 1024 * 1024;  // by the agent, for one connection
 constexpr std::uint64_t kLargestOwnAnswer = 120;     // of the agent, to what is asked here
@@ -221,29 +221,34 @@ void Client::EndLife(Time now) {
   const Ending ending = settling_ ? Ending::Finish : ending_;
   if (ending == Ending::Finish && open_ > 0) return;
   if (ending == Ending::Malformed) return SendMalformed();
+  if (ending == Ending::HalfClose) return StopSending();
   if (paused_ && ending != Ending::Finish) return;
-  if (ending == Ending::HalfFrame && setting_.Luck->Percent(95)) {
-    ++setting_.Account->Total.Faults["half a request"];
-    Request& half = setting_.Account->Ask(connection_, task_, ChooseNode(), 16);
-    lumo::Message message;
-    message.Strings[0] = setting_.Account->RequestText(half);
-    Queue(half, message);
-    out_.resize(1 + setting_.Luck->Below(out_.size() - 1));
-    holdFrom_ = 0;
-    Flush(now);
-    setting_.Account->Close(half, End::NeverSent);
-    asked_.pop_back();
-    --open_;
-  }
-  if (ending == Ending::HalfClose) {
-    ++setting_.Account->Total.Faults["client that only stops sending"];
-    shutdown(socket_, SHUT_WR);
-    phase_ = Phase::AwaitingClose;
-    paused_ = false;
-    return Interest();
-  }
+  if (ending == Ending::HalfFrame) SendHalf(now);
   if (open_ > 0) ++setting_.Account->Total.Faults["client that hangs up with requests in flight"];
   Close(End::HungUp);
+}
+
+void Client::SendHalf(Time now) {
+  ++setting_.Account->Total.Faults["half a request"];
+  Request& half = setting_.Account->Ask(connection_, task_, ChooseNode(), 16);
+  lumo::Message message;
+  message.Strings[0] = setting_.Account->RequestText(half);
+  Queue(half, message);
+  out_.resize(1 + setting_.Luck->Below(out_.size() - 1));
+  holdFrom_ = 0;
+  Flush(now);
+  setting_.Account->Close(half, End::NeverSent);
+  asked_.pop_back();
+  --open_;
+}
+
+// To the agent that is as good as a closed connection.
+void Client::StopSending() {
+  ++setting_.Account->Total.Faults["client that only stops sending"];
+  shutdown(socket_, SHUT_WR);
+  phase_ = Phase::AwaitingClose;
+  paused_ = false;
+  Interest();
 }
 
 // The agent closes the connection.
@@ -251,15 +256,18 @@ void Client::SendMalformed() {
   ++setting_.Account->Total.Faults["malformed request"];
   lumo::Message message;
   message.Strings[0] = "malformed";
-  std::string frame = lumo::Encode(message, lumo::Lengths::Client);
-  const std::uint32_t kLengths[] = {0, 4, 8189, 0xFFFFFFFF};
-  const std::uint32_t length = kLengths[setting_.Luck->Below(std::size(kLengths))];
-  std::memcpy(frame.data(), &length, sizeof length);
-  out_ = frame;
+  out_ = lumo::Encode(message, lumo::Lengths::Client);
+  const std::uint32_t lengths[] = {0, 4, 8189, 0xFFFFFFFF};
+  const std::uint16_t longString = 0xFFF0;
+  const std::size_t kind = setting_.Luck->Below(std::size(lengths) + 1);
+  if (kind < std::size(lengths))
+    std::memcpy(out_.data(), &lengths[kind], sizeof lengths[kind]);
+  else
+    std::memcpy(out_.data() + kStringsAt, &longString, sizeof longString);
   holdFrom_ = 0;
+  writeAgain_ = Time();
   phase_ = Phase::AwaitingClose;
   paused_ = false;
-  writeAgain_ = Time();
   Flush(Clock::now());
 }
 

@@ -66,6 +66,8 @@ class Client {
   Request& Queue(Request& request, lumo::Message message);
   void EndLife(Time now);
   void SendMalformed();
+  void SendHalf(Time now);
+  void StopSending();
   void Pause(Time now);
   void Serve(std::uint32_t events);
   void Read();

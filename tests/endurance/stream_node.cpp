@@ -86,7 +86,9 @@ void StreamNode::Start(int socket) {
   setting().Events->Watch(socket, EPOLLIN, [this](std::uint32_t events) { Serve(events); });
   Begin();
   Accepted(socket);
-  if (luck().Percent(20)) acceptAgain_ = Clock::now() + Milliseconds(luck().Between(1, 30));
+  if (!luck().Percent(20)) return;
+  Fault("node that accepts nothing for a while");
+  acceptAgain_ = Clock::now() + Milliseconds(luck().Between(1, 30));
 }
 
 void StreamNode::Serve(std::uint32_t events) {
