@@ -1,0 +1,196 @@
+// What the failure of a call must come to, where a client or the log shows it.
+#include "tests/faults/table.h"
+
+namespace faults {
+
+const std::vector<Expectation>& Expectations() {
+  // Groups of errors
+  static constexpr char kHard[] = "ECONNRESET EPIPE ENOBUFS ENOMEM ETIMEDOUT EIO";
+  static constexpr char kRefused[] =
+      "ECONNREFUSED ETIMEDOUT EHOSTUNREACH ENETUNREACH EADDRNOTAVAIL";
+  static const std::vector<Expectation> kExpectations = {
+      // Start
+      {Call::socket, "CreateSocket < PathIsServed", "", "ends 255",
+       "Call socket(PF_UNIX...) failed. errno = %e"},
+      {Call::socket, "CreateSocket < Listen", "", "ends 255",
+       "Call socket(PF_UNIX...) failed. errno = %e"},
+      {Call::bind, "", "", "ends 255", "failed. Errno %e"},
+      {Call::setsockopt, "SetBufferSize < Listen", "", "ends 255",
+       "Initialization of interprocess communication failed"},
+      {Call::listen, "", "", "ends 255",
+       "Listen state set for client socket fails. Call: listen. Errno %e"},
+      {Call::open, "InitialiseClientQueue", "", "-1 descriptor", ""},  // the reserve
+      {Call::open, "RefuseConnection", "", "-1 descriptor", ""},
+      {Call::open, "OpenStandardStreams", "", "-1 descriptor", ""},
+      {Call::fork, "Detach", "", "no agent", ""},
+      {Call::fopen, "WritePidFile", "", "unnoticed", "File open failed: pid. Status: %e."},
+      {Call::fopen, "InitNodeForPing", "", "none", "File nodetab is not found. Exit."},
+      {Call::fopen, "InitLinkQueueFromNodetab", "", "ends 254", "File nodetab is not found. Exit."},
+      {Call::fopen, "ApiGetNodetabPath", "", "result 129", ""},
+      {Call::read, "ReadGreeting", "EAGAIN EIO", "lives",
+       "SIGTERM has not been send to the agent. Status 3"},
+      {Call::kill, "UnloadRunningAgent", "", "lives",
+       "SIGTERM has not been send to the agent. Status %e"},
+      {Call::pipe2, "OpenPipe", "", "none", "create pipe failed. Call pipe. errno %e"},
+      {Call::write, "WriteRequest", "EPIPE EIO", "none",
+       "create pipe failed. Call write. errno %e"},
+      {Call::write, "PingPseudoPutMsgToClient", "EPIPE EIO", "none", ""},  // the line is lost
+
+      // Nodes of which no memory makes a link
+      {Call::calloc, "TcpInitLink < CreateLink < ParseNodetabString < ReadNodetab", "",
+       "4050/0 -1 descriptor without T1", "Memory for TCP link allocation error"},
+      {Call::calloc, "LSockInitLink < CreateLink < ParseNodetabString < ReadNodetab", "",
+       "4050/0 -1 descriptor without L", "Initialization of link 'L' for protocol 'LOCALS' failed"},
+      {Call::calloc, "LIpcInitLink < CreateLink < ParseNodetabString < ReadNodetab", "",
+       "4050/0 -2 descriptor -1 child without K",
+       "Initialization of link 'K' for protocol 'LOCALI' failed"},
+      {Call::calloc, "AddProtocol < ParseNodetabString < ReadNodetab", "",
+       "4050/0 -1 descriptor without T1", "Error allocation memory for protocol TCPIP data"},
+      {Call::calloc, "CreateLink < ParseNodetabString < ReadNodetab", "",
+       "4050/0 -1 descriptor without T1", "Memory allocation failed"},
+      {Call::calloc, "InitNodeForPing", "", "none", "Node string has errors"},
+      {Call::calloc, "TcpInitLink < CreateLink < ParseNodetabString < ApiAddNode", "",
+       "result 1 4050/0 result 17 -1 descriptor", "Memory for TCP link allocation error"},
+      {Call::calloc, "InitLink < CreateLink < ParseNodetabString < ApiAddNode", "",
+       "result 1 result 17", "failed"},
+      {Call::calloc, "AddProtocol < ParseNodetabString < ApiAddNode", "",
+       "result 1 4050/0 result 17", "Error allocation memory for protocol REZ data"},
+      {Call::calloc, "CreateLink < ParseNodetabString < ApiAddNode", "",
+       "result 1 4050/0 result 17", "Memory allocation failed"},
+
+      // Requests and what is kept of them
+      {Call::calloc, "Grow < AddClientPidIntoList", "", "nothing", "AddClientPidIntoList failed"},
+      {Call::calloc, "Grow < SaveUnsendMsg", "", "4200/0", ""},
+      {Call::calloc, "SaveMsgInfo", "", "4200/0|4007/0 4200/0", ""},
+      {Call::malloc, "SaveMsgInfo", "", "4200/0|4007/0 4200/0", ""},
+      {Call::malloc, "KeepInput < GetMsgFromClient", "", "closed",
+       "Receive message from client fail. Call:recv. Errno %e"},
+      {Call::malloc, "KeepInput < LSockReadyForRead", "", "4008/%e",
+       "SOCK.Receive message from local tavrin. Call:recv. Errno %e"},
+      {Call::calloc, "TcpReadyForRead", "", "4008/%e", "TCPIP.Receive network message fail."},
+      {Call::malloc, "TakeHandedAnswers", "", "4008/%e", "LIPC.Receive message from child fail."},
+      {Call::realloc, "ReserveOutput < TcpSendToNetwork", "", "4007/%e",
+       "TCPIP.Write into socket failed. Call:write. errno = %e"},
+      {Call::realloc, "ReserveOutput < LSockSendToNetwork", "", "4007/%e", ""},
+      {Call::realloc, "ReserveOutput < PutMsgToClient", "", "nothing|some are lost",
+       "Send to client fail. Call:send. errno %e"},
+
+      // Clients
+      {Call::accept, "RefuseConnection", "", "accepted", ""},  // it waits and is taken later
+      {Call::accept, "AcceptNewClientConnection", "", "unnoticed",
+       "Call accept has failed. Errno %e"},
+      {Call::send, "SendNow < AcceptNewClientConnection", kHard, "unnoticed",
+       "Send to client fail. Call:send. errno %e"},
+      {Call::send, "SendNow < PutMsgToClient$", kHard, "unnoticed",
+       "Send to client fail. Call:send. errno %e"},  // of a command, which is asked again
+      {Call::send, "SendNow < PutMsgToClient", kHard, "nothing",
+       "Send to client fail. Call:send. errno %e"},
+      {Call::send, "FlushBytes < FlushClient < FlushClientsAtExit", kHard, "some are lost",
+       "Send to client fail. Call:send. errno %e"},
+      {Call::send, "FlushBytes < FlushClient", kHard, "closed",
+       "Send to client fail. Call:send. errno %e"},
+      {Call::select, "FlushClientsAtExit", "EBADF EINVAL ENOMEM", "some are lost", ""},
+      {Call::recv, "GetMsgFromClient", kHard, "unnoticed",
+       "Receive message from client fail. Call:recv. Errno %e"},
+      {Call::kill, "ProcessIsAlive < PutMsgToClient$", "ESRCH EINTR", "unnoticed",
+       "The message wasn't send to client. Client is dead"},
+      {Call::kill, "ProcessIsAlive < PutMsgToClient", "ESRCH EINTR", "nothing",
+       "The message wasn't send to client. Client is dead"},
+      {Call::kill, "WatchParent", "ESRCH EINTR", "ends 0", ""},
+
+      // TCP links
+      {Call::socket, "TcpConnectLink < ConnectTheLink < BringUpAndServe", "", "4001/%e",
+       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
+      {Call::socket, "TcpConnectLink < ConnectTheLink < ConnectSomeLink", "", "4008/0",
+       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
+      {Call::socket, "TcpConnectLink", "", "unnoticed",
+       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
+      {Call::fcntl, "SetNoBlockMode < CreateSocket", "", "4002/%e", ""},
+      {Call::fcntl, "SetBlockMode < CompleteConnect", "", "4002/%e", ""},
+      {Call::fcntl, "SetNoBlockMode < TickConnecting", "", "4002/0", ""},
+      {Call::setsockopt, "LimitSegments", "", "unnoticed", ""},
+      {Call::setsockopt, "< CreateSocket < TcpConnectLink", "", "4002/%e +1 descriptor", ""},
+      {Call::setsockopt, "SetNoDelay < TickConnecting", "", "4002/0", ""},
+      {Call::connect, "TcpConnectLink < ConnectTheLink < BringUpAndServe", kRefused, "4006/%e",
+       "tcpip. connect(...) return bad status. errno = %e"},
+      {Call::connect, "TcpConnectLink < ConnectTheLink < ConnectSomeLink", kRefused, "4008/0",
+       "tcpip. connect(...) return bad status. errno = %e"},
+      {Call::connect, "TcpConnectLink", kRefused, "unnoticed",
+       "tcpip. connect(...) return bad status. errno = %e"},
+      {Call::connect, "RepeatConnect", kRefused, "4006/0",
+       "tcpip. repeate connect(...) return bad status. errno = %e"},
+      {Call::getsockopt, "CompleteConnect", "", "4006/0",
+       "Call:getsockopt(SO_ERROR).Status 0. errno %e"},
+      {Call::send, "SendNow < TcpSendToNetwork", kHard, "4007/%e",
+       "TCPIP.Write into socket failed. Call:write. errno = %e"},
+      {Call::send, "SendNow < AnnounceReceiveTimeout", kHard, "4007/%e",
+       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
+      {Call::send, "SendNow < AnnounceSendTimeout", kHard, "4007/%e",
+       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
+      {Call::send, "SendNow < TickConnected", kHard, "unnoticed",
+       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
+      {Call::send, "SendHeld", kHard, "4007/%e", "failed. errno = %e"},
+      {Call::send, "FlushBytes < ServeWritableLink", kHard, "4007/%e", "failed. errno = %e"},
+      {Call::recv, "TakeAhead < TcpReadyForRead", kHard, "4008/%e",
+       "TCPIP.Receive network message fail."},
+
+      // The local node's socket
+      {Call::socket, "ConnectToKernel", "", "-1/%e", "Call socket(PF_UNIX...) failed. errno = %e"},
+      {Call::connect, "ConnectToKernel", "", "4006/%e", ""},
+      {Call::fcntl, "SetNonBlocking", "", "4002/%e", ""},
+      {Call::fcntl, "SetBlocking", "", "4002/%e", ""},
+      {Call::setsockopt, "SetBuffers", "", "4002/%e +1 descriptor", ""},
+      {Call::recv, "DrainGreeting", "EAGAIN", "4008/0", ""},  // the greeting comes as an answer
+      {Call::recv, "DrainGreeting", kHard, "4006/%e +1 descriptor", ""},
+      {Call::send, "SendNow < LSockSendToNetwork < SendMsgToLink", kHard, "4007/%e", ""},
+      {Call::recv, "Fill < LSockReadyForRead", kHard, "4008/%e",
+       "SOCK.Receive message from local tavrin. Call:recv. Errno %e"},
+
+      // The local node's queue
+      {Call::shmget, "", "", "4006/%e", "LIPC shmget failed. errno = %e"},
+      {Call::shmat, "", "", "4006/%e", "LIPC shmat failed. errno = %e"},
+      {Call::shmctl, "", "", "4006/%e", "LIPC send 0 signal to kernel failed. errno %e"},
+      {Call::kill, "ProcessIsAlive < KernelIsAlive", "ESRCH EINTR", "4006/%e",
+       "LIPC send 0 signal to kernel failed. errno %e"},
+      {Call::msgget, "", "", "4006/%e", "LIPC msgget failed. errno %e"},
+      {Call::semget, "", "", "4006/%e", "LIPC msgget failed. errno %e"},
+      {Call::pipe, "OpenChannels", "", "4006/%e", "LIPC pipe failed. errno %e"},
+      {Call::socketpair, "", "", "4006/%e", "LIPC socketpair failed. errno %e"},
+      {Call::mmap, "", "", "4006/%e", "LIPC mmap failed. errno %e"},
+      {Call::fork, "StartReader", "", "4006/%e", "LIPC fork failed. errno %e"},
+      {Call::fork, "LIpcConnectLink", "", "4006/%e", "LIPC fork failed. errno %e"},
+      {Call::msgsnd, "SendToQueue < LIpcSendToNetwork < LIpcClientDeadEvent",
+       "EIDRM EACCES EINVAL ENOMEM", "unnoticed", "LIPC msgsnd failed. errno %e"},
+      {Call::msgsnd, "SendToQueue", "EIDRM EACCES EINVAL ENOMEM", "4007/%e",
+       "LIPC msgsnd failed. errno %e"},
+      {Call::semop, "WakeKernel < LIpcSendToNetwork < LIpcClientDeadEvent",
+       "EIDRM EAGAIN ERANGE EACCES ENOMEM", "unnoticed", "LIPC semop failed. errno %e"},
+      {Call::semop, "WakeKernel", "EIDRM EAGAIN ERANGE EACCES ENOMEM", "4007/%e",
+       "LIPC semop failed. errno %e"},
+      {Call::kill, "ProcessIsAlive < SettleAnswered", "ESRCH EINTR", "4007/43|unnoticed", ""},
+      {Call::kill, "ProcessIsAlive < SendToQueue", "ESRCH EINTR", "4007/11",
+       "LIPC msgsnd failed. errno 11"},
+      {Call::recv, "TakeHandedAnswers < SendToQueue", "ECONNRESET ENOMEM", "4007/11",
+       "LIPC msgsnd failed. errno 11"},
+      {Call::recv, "TakeHandedAnswers", "ECONNRESET ENOMEM", "unnoticed|4008/%e",
+       "LIPC.Receive message from child fail."},  // the answer came another way
+      {Call::recv, "TakeHandedAnswers", "ECONNRESET ENOMEM", "4008/%e|served after ticks 1",
+       "LIPC.Receive message from child fail.", kAnswersBeforeHanded},
+      // The next request may be on its way before the agent knows of the failure.
+      {Call::read, "ReadRecord", "EIO", "unnoticed|4008/%e",
+       "LIPC.Receive message from child fail."},
+      {Call::msgrcv, "", "EIDRM EACCES E2BIG EINVAL", "4009/0", ""},
+      {Call::send, "HandOver", kHard, "nothing", "LIPC PutMsgToClient failed."},
+      {Call::write, "WriteRecord", "EPIPE EIO", "unnoticed|4009/0",
+       "LIPC write failed. errno = %e"},
+      {Call::kill, "LIpcTimerEvent", "", "unnoticed", "LIPC child proccess deaded"},
+
+      // After a first failure
+      {Call::select, "SelectOne", "EBADF EINVAL ENOMEM", "-1 descriptor without T1 T2 L K", ""},
+      {Call::select, "SelectOne", "EBADF EINVAL ENOMEM", "closed", "", kProbesBeforeClient},
+      {Call::select, "SelectOne", "EBADF EINVAL ENOMEM", "4005/%e", "", kProbesBeforeLink},
+  };
+  return kExpectations;
+}
+
+}  // namespace faults

@@ -1,0 +1,326 @@
+// What the agent is led through. Together these pass every call of the system that it makes.
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <deque>
+
+#include "tests/faults/run.h"
+#include "tests/support/process.h"
+
+namespace faults {
+namespace {
+
+const std::vector<std::string> kAllNodes = {"T1", "T2", "L", "K"};
+
+std::string AllNodes(const Nodes& nodes) {
+  return nodes.Tcp("T1", "1 60 10") + nodes.Tcp("T2", "0 0 0") + nodes.Local("L") + nodes.Ipc("K");
+}
+
+std::string OneTcp(const Nodes& nodes) { return nodes.Tcp("T1", "1 60 10"); }
+std::string OneLocal(const Nodes& nodes) { return nodes.Local("L"); }
+std::string OneIpc(const Nodes& nodes) { return nodes.Ipc("K"); }
+
+std::string DeadOnesFirst(const Nodes& nodes) {
+  return nodes.DeadTcp("D1") + nodes.DeadLocal("D2") + "D3 LOCALI 0x4C54FFFF\n" +
+         nodes.Tcp("T2", "0 0 0") + nodes.Local("L") + nodes.Ipc("K");
+}
+
+std::string StalledAndTcp(const Nodes& nodes) {
+  return nodes.StalledTcp("S") + nodes.Tcp("T2", "0 0 0");
+}
+
+void AskAll(Run& run, App& app, const std::string& text = "hello") {
+  for (const std::string& node : kAllNodes) run.Ask(app, node, text, node + " " + text);
+}
+
+// Start and stop
+
+void AskOnce(Run& run) {
+  App app = run.NewApp();
+  AskAll(run, app);
+  run.Tick();
+}
+
+void ReportVerdict(Run& run) {
+  const std::string log = run.Subject().Log();
+  run.Tell("verdict", log.find("is alive") != std::string::npos       ? "alive"
+                      : log.find("is not alive") != std::string::npos ? "not alive"
+                                                                      : "none");
+}
+
+void LookForOther(Run& run) {
+  const std::optional<int> status = run.Other().Wait(test::Milliseconds(400));
+  run.Tell("the other agent", status ? "ended " + std::to_string(*status) : "lives");
+}
+
+void Nothing(Run&) {}
+
+// Service
+
+// One client is older than the links, so that the reader of the queue may write to it; the answers
+// of the other go through the agent.
+void Serve(Run& run) {
+  App early = run.NewApp();
+  AskAll(run, early);
+  App late = run.NewApp();
+  AskAll(run, late, "again");
+  run.Tick();
+  run.Ask(late, "NOBODY", "x", "unknown node");
+}
+
+void Pieces(Run& run) {
+  App app = run.NewApp();
+  AskAll(run, app);
+  const lumo::Message first = app.Request("T1", "in pieces"), second = app.Request("L", "behind");
+  const std::string frames = App::Frame(first) + App::Frame(second);
+  const std::size_t cut = App::Frame(first).size() + 20;
+  for (const auto& [from, to] :
+       {std::pair<std::size_t, std::size_t>(0, 3), {3, 60}, {60, cut}, {cut, frames.size()}}) {
+    app.SendBytes(std::string_view(frames).substr(from, to - from));
+    run.Barrier();
+    if (to == cut) run.Expect(app, first, "in pieces", "T1 pieces");
+  }
+  run.Expect(app, second, "behind", "L pieces");
+  for (const char* const node : {"T1", "L"})
+    run.Ask(app, node, "split", node + std::string(" split"));
+  AskAll(run, app, "large");
+}
+
+void Manage(Run& run) {
+  App app = run.NewApp();
+  const auto text = [](std::string words) { return words + '\0'; };
+  run.Manage(app, 116, {}, "path");
+  run.Manage(app, 116, {}, "path again");
+  run.Manage(app, 119, text("N1 REZ"), "add placeholder");
+  run.Manage(app, 119, text(run.Database().Tcp("N2", "0 0 0")), "add TCP");
+  run.Manage(app, 119, text(run.Database().Local("N3")), "add local");
+  run.Manage(app, 119, text(run.Database().Ipc("N4")), "add IPC");
+  run.Ask(app, "N1", "x", "placeholder");
+  run.Ask(app, "N2", "x");
+  run.Manage(app, 126, text("N2") + '\0' + text(run.Database().Tcp("N2", "0 0 7")), "change busy");
+  run.Manage(app, 126, text("N3") + '\0' + text(run.Database().Local("N3")), "change idle");
+  for (const char* const name : {"N1", "N2", "N3", "N4"})
+    run.Manage(app, 123, text(name), std::string("delete ") + name);
+}
+
+// The nodes are told of a client that has gone; one that is silent gets alive packets.
+void Death(Run& run) {
+  test::LivingProcess client;
+  {
+    App app = run.NewApp(client.Pid());
+    AskAll(run, app);
+    client.Kill();
+    run.Tick();
+  }
+  App other = run.NewApp();
+  AskAll(run, other, "later");
+  for (int i = 0; i < 12; ++i) run.Tick();
+  AskAll(run, other, "much later");
+}
+
+void Crowd(Run& run) {
+  std::deque<App> apps;
+  for (int i = 0; i < 12; ++i) apps.push_back(run.NewApp());
+  for (const char* const node : {"T2", "T1", "L"}) {
+    run.Ask(apps[0], node, "first", node + std::string(" first"));
+    if (!run.Alive()) return;
+    std::vector<lumo::Message> requests;
+    test::Freeze(run.Subject().Pid());
+    for (App& app : apps) requests.push_back(run.Send(app, node, "together"));
+    test::Thaw(run.Subject().Pid());
+    for (std::size_t i = 0; i < apps.size(); ++i)
+      run.Expect(apps[i], requests[i], "together", node + std::to_string(i));
+  }
+  for (int i = 0; i < 8; ++i) apps.pop_back();
+  run.Barrier();
+  run.Ask(apps[0], "T2", "fewer");
+}
+
+// More answers than the connection of a client takes.
+void SlowClient(Run& run) {
+  App app = run.NewApp();
+  for (const char* const node : {"T1", "K"}) {
+    run.Ask(app, node, "first", node + std::string(" first"));
+    std::vector<lumo::Message> requests;
+    for (int i = 0; i < 40; ++i) requests.push_back(run.Send(app, node, "large"));
+    run.Barrier();
+    for (const lumo::Message& request : requests)
+      run.Expect(app, request, "large", node + std::string(" large"));
+  }
+}
+
+// More requests than the connection of a node takes.
+void SlowNode(Run& run) {
+  App app = run.NewApp();
+  run.Ask(app, "T1", "first");
+  run.Ask(app, "L", "first");
+  for (const char* const node : {"T1", "L"}) {
+    run.Database().Pause();
+    std::vector<lumo::Message> requests;
+    const std::string text(8000, 'q');
+    for (int i = 0; i < 16; ++i) requests.push_back(run.Send(app, node, text));
+    run.Barrier();
+    run.Database().Resume();
+    for (const lumo::Message& request : requests)
+      run.Expect(app, request, text, node + std::string(" slow"));
+  }
+}
+
+void Breaks(Run& run) {
+  App app = run.NewApp();
+  AskAll(run, app);
+  for (const std::string& node : kAllNodes) {
+    run.Ask(app, node, "close", node + " close");
+    run.Ask(app, node, "after", node + " after");
+  }
+}
+
+void Stalled(Run& run) {
+  App app = run.NewApp();
+  if (!run.Alive()) return;
+  const lumo::Message request = run.Send(app, "S", "x");
+  for (int i = 0; i < 4; ++i) run.Tick();
+  run.Expect(app, request, "x", "stalled");
+}
+
+// The default goes on to the next node until one serves.
+void Circle(Run& run) {
+  App app = run.NewApp();
+  run.Ask(app, "", "hello");
+  run.Ask(app, "", "close", "close");
+  run.Ask(app, "", "after", "after");
+  run.Ask(app, "", "close", "close again");
+  run.Tick();
+  run.Ask(app, "", "later", "later");
+}
+
+// What follows a first failure
+
+// The probe finds a client's connection and then a link with a request under way; see SkipsOf.
+void BadDescriptor(Run& run) {
+  App app = run.NewApp();
+  AskAll(run, app);
+  if (!run.Alive()) return;
+  run.Database().Pause();
+  const lumo::Message request = run.Send(app, "T1", "under way");
+  run.Barrier();
+  run.Provoke(Call::select, "WaitForEvents", EBADF);
+  run.Barrier();
+  run.Database().Resume();
+  run.Expect(app, request, "under way", "T1 under way");
+  AskAll(run, app, "after");
+}
+
+void NoDescriptors(Run& run) {
+  App app = run.NewApp();
+  run.Provoke(Call::accept, "AcceptNewClientConnection", EMFILE);
+  App refused(run.Subject(), getpid());
+  run.Tell("no descriptors", refused.Open() ? "accepted" : "refused");
+  App other = run.NewApp();
+  run.Ask(other, "T2", "hello");
+}
+
+void FullQueue(Run& run) {
+  App app = run.NewApp();
+  run.Ask(app, "K", "hello");
+  if (!run.Alive()) return;
+  run.Database().Kernel().FillQueue();
+  const lumo::Message request = run.Send(app, "K", "waits");
+  run.WaitForPath(Call::poll, "SendToQueue");
+  run.Database().Kernel().DrainQueue();
+  run.Expect(app, request, "waits", "K full");
+}
+
+// The reader of the broken link is still there when the next one is to start.
+void FormerReader(Run& run) {
+  App app = run.NewApp();
+  run.Ask(app, "K", "hello");
+  if (!run.Alive()) return;
+  const pid_t reader = run.Reader();
+  run.Provoke(Call::msgsnd, "SendToQueue", EIDRM);
+  run.Provoke(Call::kill, "LIpcDisconnectLink", ESRCH);
+  run.Ask(app, "K", "breaks");
+  const lumo::Message request = run.Send(app, "K", "again");
+  run.WaitForPath(Call::poll, "AwaitFormerReaders");
+  if (reader > 0) kill(reader, SIGTERM);
+  run.Expect(app, request, "again", "K again");
+}
+
+// The link breaks while its reader is writing to a client.
+void BusyReader(Run& run) {
+  App app = run.NewApp(), other = run.NewApp();
+  run.Ask(app, "K", "hello");
+  if (!run.Alive()) return;
+  run.Provoke(Call::send, "SendNow", kDelay);
+  const lumo::Message request = run.Send(app, "K", "slow");
+  run.WaitForProvoked();
+  run.Provoke(Call::msgsnd, "SendToQueue", EIDRM);
+  run.Ask(other, "K", "breaks");
+  run.Expect(app, request, "slow", "K slow");
+}
+
+// Answers that a client has not taken yet when the agent is told to stop.
+void StopWithUnsent(Run& run) {
+  App app = run.NewApp();
+  run.Ask(app, "T2", "first");
+  if (!run.Alive()) return;
+  const int before = run.Database().Served();
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < 40; ++i) requests.push_back(run.Send(app, "T2", "large"));
+  test::WaitFor([&] { return run.Database().Served() == before + 40 || !run.Alive(); });
+  run.Barrier();
+  kill(run.Subject().Pid(), SIGTERM);
+  run.WaitForPath(Call::select, "FlushClientsAtExit");
+  std::size_t answers = 0;
+  while (app.Receive(test::kPatience)) ++answers;
+  run.Tell("unsent", answers == requests.size() ? "all came" : "some are lost");
+}
+
+}  // namespace
+
+const std::vector<Scenario>& Scenarios() {
+  using enum_kind = decltype(Scenario::Kind);
+  constexpr enum_kind kForeground = Scenario::Foreground, kDaemon = Scenario::Daemon,
+                      kByItself = Scenario::ByItself;
+  static const std::vector<Scenario> kScenarios = {
+      {"serve", {}, AllNodes, kForeground, kAllNodes, Serve},
+      {"crowd", {}, AllNodes, kForeground, kAllNodes, Crowd},
+      {"start",
+       {"-PIDFILE", "pid", "-CONNECTONLOAD", "-PCHECK", "-PKILL", "17"},
+       AllNodes,
+       kDaemon,
+       kAllNodes,
+       AskOnce},
+      {"pieces", {}, AllNodes, kForeground, kAllNodes, Pieces},
+      {"management", {}, AllNodes, kForeground, kAllNodes, Manage},
+      {"death", {}, AllNodes, kForeground, kAllNodes, Death},
+      {"breaks", {}, AllNodes, kForeground, kAllNodes, Breaks},
+      {"slow node", {}, AllNodes, kForeground, kAllNodes, SlowNode},
+      {"slow client", {}, AllNodes, kForeground, kAllNodes, SlowClient},
+      {"stalled", {}, StalledAndTcp, kForeground, {"T2"}, Stalled},
+      {"circle",
+       {"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "20", "-DEFAULT", "D1"},
+       DeadOnesFirst,
+       kForeground,
+       {"T2", "L", "K", ""},
+       Circle},
+      {"bad descriptor", {}, AllNodes, kForeground, kAllNodes, BadDescriptor},
+      {"no descriptors", {}, AllNodes, kForeground, kAllNodes, NoDescriptors},
+      {"full queue", {}, AllNodes, kForeground, kAllNodes, FullQueue},
+      {"busy reader", {}, AllNodes, kForeground, kAllNodes, BusyReader},
+      {"former reader", {}, AllNodes, kForeground, kAllNodes, FormerReader},
+      {"stop with unsent", {}, AllNodes, kForeground, kAllNodes, StopWithUnsent},
+      {"ping TCP", {"-PING"}, OneTcp, kByItself, {}, ReportVerdict},
+      {"ping local", {"-PING"}, OneLocal, kByItself, {}, ReportVerdict},
+      {"ping IPC", {"-PING"}, OneIpc, kByItself, {}, ReportVerdict},
+      {"unload nobody", {"-U", "-NODAEMON"}, OneTcp, kByItself, {}, Nothing},
+      {"unload", {"-U", "-NODAEMON"}, OneTcp, kByItself, {}, LookForOther, true},
+      {"closed stream", {}, OneTcp, kForeground, {"T1"}, Nothing, false, 0},
+      {"second agent", {"-NODAEMON"}, OneTcp, kByItself, {}, LookForOther, true},
+  };
+  return kScenarios;
+}
+
+}  // namespace faults
