@@ -207,6 +207,7 @@ Outcome StartReading(LIpcLinkData* data) {
   close(channels.Pipe[1]);
   close(channels.Pair[1]);
   data->PipeRead = channels.Pipe[0];
+  data->RecordBytes = 0;
   data->Pair = channels.Pair[0];
   return {};
 }
@@ -359,28 +360,30 @@ void DropHanded(LIpcLinkData* data) {
   }
 }
 
-// Reads one record: 0; -1 nothing has come; 4009, 4008 with errno.
-int ReadRecord(const Link* link, int pipe, PipeRecord* record) {
-  unsigned char* const bytes = reinterpret_cast<unsigned char*>(record);
-  std::size_t have = 0;
-  while (have < sizeof *record) {
-    const ssize_t got = read(pipe, bytes + have, sizeof *record - have);
+// Reads one record: 0; -1 not all of it has come; 4009, 4008 with errno.
+int ReadRecord(const Link* link, LIpcLinkData* data, PipeRecord* record) {
+  unsigned char* const bytes = reinterpret_cast<unsigned char*>(&data->Record);
+  while (data->RecordBytes < sizeof *record) {
+    const ssize_t got =
+        read(data->PipeRead, bytes + data->RecordBytes, sizeof *record - data->RecordBytes);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0 && errno == EAGAIN && have == 0) return -1;
+    if (got < 0 && errno == EAGAIN) return -1;
     if (got == 0) {
       LOG(kLogTrace, "LIPC Connection \"%s\" is broken. Call:read", link->NodeName);
       return kStatusPeerClosed;
     }
     if (got < 0) return kStatusReceive;
-    have += static_cast<std::size_t>(got);
+    data->RecordBytes += static_cast<std::uint32_t>(got);
   }
+  data->RecordBytes = 0;
+  *record = data->Record;
   return 0;
 }
 
 // The child writes the answer before the record, so with the record its answer is here too.
 int ReadAnswered(const Link* link, LIpcLinkData* data, PipeRecord* record) {
   errno = 0;
-  int status = ReadRecord(link, data->PipeRead, record);
+  int status = ReadRecord(link, data, record);
   if (status == -1) return -1;
   if (!TakeHandedAnswers(data)) status = kStatusReceive;
   if (status == kStatusReceive)

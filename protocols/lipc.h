@@ -13,6 +13,14 @@
 struct HandedAnswer;
 struct ReaderBoard;
 
+// Tells the agent which request was answered; 8 bytes.
+struct PipeRecord {
+  std::int32_t TaskName;
+  std::uint16_t AstInd;
+  std::uint16_t HandedOver;  // not 0: its answer came over the pair; 0: the child has sent it
+};
+static_assert(sizeof(PipeRecord) == 8);
+
 struct LIpcLinkData {
   std::int32_t Key;         // names segment, queue and semaphore set; at least 1
   std::int32_t ShmId;       // -1: none
@@ -26,15 +34,10 @@ struct LIpcLinkData {
   ReaderBoard* Board;    // shared with the child; null: none
   HandedAnswer* Handed;  // answers taken from the pair whose pipe record has not been read yet
   LIpcLinkData* Next;    // in the list of connected links, or of refused records
-};
 
-// Tells the agent which request was answered; 8 bytes, written and read whole.
-struct PipeRecord {
-  std::int32_t TaskName;
-  std::uint16_t AstInd;
-  std::uint16_t HandedOver;  // not 0: its answer came over the pair; 0: the child has sent it
+  PipeRecord Record;          // as far as it has come
+  std::uint32_t RecordBytes;  // of it
 };
-static_assert(sizeof(PipeRecord) == 8);
 
 InitProtocol LOCALIInitProtocol;
 int LIpcInitLink(const char* file, int line, Link* link, char* address);  // 0; 1 range; 3 memory
