@@ -171,6 +171,11 @@ void SlowNode(Run& run) {
 void Breaks(Run& run) {
   App app = run.NewApp();
   AskAll(run, app);
+  // A reader that is killed right after its write cannot tell that it has answered.
+  const pid_t reader = run.Alive() ? run.Reader() : 0;
+  if (reader > 0)
+    test::WaitFor([&] { return test::ProcessStatus(reader, "State").rfind('S', 0) == 0; });
+  run.Barrier();
   for (const std::string& node : kAllNodes) {
     run.Ask(app, node, "close", node + " close");
     run.Ask(app, node, "after", node + " after");
