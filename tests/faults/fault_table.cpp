@@ -155,7 +155,7 @@ void Table::MakeRows() {
 
 bool WasPassed(const Site& site, const std::vector<CallPath>& paths) {
   return std::any_of(paths.begin(), paths.end(), [&](const CallPath& path) {
-    if (path.Kind != site.Kind || !path.Certain) return false;
+    if (path.Kind != site.Kind) return false;
     // A call through a pointer is made by the function that is handed it.
     if (site.Return == 0) return path.Function.find(" < " + site.At.Function) != std::string::npos;
     return path.Line == site.At.Line;
