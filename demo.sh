@@ -9,7 +9,7 @@ unset NET_MBX DBC_LOG
 
 Build() {
   cmake --preset release >/dev/null
-  cmake --build --preset release --target lumo_tcp lumo_node lumo_query
+  cmake --build --preset release --target lumo_tcp lumo_node lumoctl
 }
 
 # --- What the scenes are told with -----------------------------------------------------------
@@ -117,25 +117,25 @@ END
 
 ShowRouting() {
   Scene 'A request goes to the node that it names, or to the default node'
-  Run lumo_query -n ALPHA 'select * from stock order by item'
+  Run lumoctl query -n ALPHA 'select * from stock order by item'
   Expect 0 $'bolts\t10\nnuts\t20'
-  Run lumo_query -n beta 'select * from stock'
+  Run lumoctl query -n beta 'select * from stock'
   Expect 0 $'gears\t7'
-  Run lumo_query -v 'select sum(amount) from stock'
+  Run lumoctl --json query 'select sum(amount) from stock'
   Expect 0 $'30\n-- rows 1, bytes 2, code 0'
-  Run lumo_query -n BETA 'select * from nowhere'
-  Expect 1 'lumo_query: the node refused: no such table: nowhere (code 1)'
-  Run lumo_query -n NOBODY 'select 1'
-  Expect 2 'lumo_query: the node table has no such node (code 4050)'
+  Run lumoctl query -n BETA 'select * from nowhere'
+  Expect 1 'lumoctl: the node refused: no such table: nowhere (code 1)'
+  Run lumoctl query -n NOBODY 'select 1'
+  Expect 2 'lumoctl: the node table has no such node (code 4050)'
 }
 
 ShowTransports() {
   Scene 'The same SQL over all three transports'
-  Run lumo_query -n BETA 'select item, amount * 2 from stock'
+  Run lumoctl query -n BETA 'select item, amount * 2 from stock'
   Expect 0 $'gears\t14'
-  Run lumo_query -n KERNEL 'select item, amount * 2 from stock'
+  Run lumoctl query -n KERNEL 'select item, amount * 2 from stock'
   Expect 0 $'springs\t6'
-  Run lumo_query -n QUEUE 'select item, amount * 2 from stock'
+  Run lumoctl query -n QUEUE 'select item, amount * 2 from stock'
   Expect 0 $'belts\t10'
 }
 
@@ -144,7 +144,7 @@ ShowTrace() {
   local start word words='AcceptNewClientConnection HandleMessageFromClientQueue GetMsgFromClient
     TcpSendToNetwork TcpReadyForRead ReturnAnswerFromNetworkToClient PutMsgToClient'
   start=$(wc -c <"$folder/agent.err")
-  Run lumo_query -n BETA 'select count(*) from stock'
+  Run lumoctl query -n BETA 'select count(*) from stock'
   Expect 0 1
   tail -c "+$((start + 1))" "$folder/agent.err" >"$folder/trace"
   # The first call of each of these operations, in the order in which they were called.
@@ -160,21 +160,21 @@ ShowTrace() {
 
 ShowFailover() {
   Scene 'The default node dies; the next one takes over (-AUTOCONNECT)'
-  Run lumo_query --default
+  Run lumoctl default
   Expect 0 ALPHA
-  Run lumo_query 'select item from stock limit 1'
+  Run lumoctl query 'select item from stock limit 1'
   Expect 0 bolts
   Say 'now the process of ALPHA is ended'
   StopNode alpha
-  Run lumo_query 'select item from stock limit 1'
+  Run lumoctl query 'select item from stock limit 1'
   Expect 0 gears
-  Run lumo_query --default
+  Run lumoctl default
   Expect 0 BETA
   grep -h -E 'Disconnect link|as default' "$folder/agent.err" | tail -n 3 | sed 's/^/      /'
-  Run lumo_query -n ALPHA 'select 1'
+  Run lumoctl query -n ALPHA 'select 1'
   Expect 2
   # The system's word comes with it or not, depending on which attempt to connect has failed.
-  [[ $output == 'lumo_query: the connection to the node failed (code 4006'* ]] ||
+  [[ $output == 'lumoctl: the connection to the node failed (code 4006'* ]] ||
     Fail 'not the failed connection'
 }
 
@@ -187,29 +187,29 @@ ShowPing() {
 
 ShowManagement() {
   Scene 'The node table, read and changed through the agent'
-  Run lumo_query --list
+  Run lumoctl list
   Expect 0
   ExpectLine "#1 * BETA"$'\t'"TCPIP"$'\t'"127.0.0.1:${nodePort[beta]}"
   ExpectLine "#2   KERNEL"$'\t'"LOCALS"
-  Run lumo_query --add "GAMMA TCPIP 127.0.0.1 ${nodePort[beta]} 0 0 7"
+  Run lumoctl add "GAMMA TCPIP 127.0.0.1 ${nodePort[beta]} 0 0 7"
   Expect 0 added
-  Run lumo_query --show GAMMA
+  Run lumoctl show GAMMA
   Expect 0
   ExpectLine "port"$'\t'"${nodePort[beta]}"
   ExpectLine "connect time-out"$'\t'"7"
-  Run lumo_query --default GAMMA
+  Run lumoctl default GAMMA
   Expect 0 GAMMA
-  Run lumo_query 'select item from stock'
+  Run lumoctl query 'select item from stock'
   Expect 0 gears
-  Run lumo_query --default BETA
+  Run lumoctl default BETA
   Expect 0 BETA
-  Run lumo_query --add "DELTA TCPIP 127.0.0.1"
+  Run lumoctl add "DELTA TCPIP 127.0.0.1"
   Expect 0 added
-  Run lumo_query --delete DELTA
+  Run lumoctl del DELTA
   Expect 0 deleted
-  Run lumo_query --show DELTA
-  Expect 2 'lumo_query: there is no such node'
-  Run lumo_query --delete GAMMA
+  Run lumoctl show DELTA
+  Expect 2 'lumoctl: there is no such node'
+  Run lumoctl del GAMMA
   Expect 0 'in use: it will be deleted when its link is disconnected'
 }
 
@@ -221,7 +221,7 @@ StopAgent() {
   WaitFor Ended "$agentPid"
   agentPid=''
   [ ! -e "$folder/pid" ] || Fail 'the pid file is still there'
-  Run lumo_query 'select 1'
+  Run lumoctl query 'select 1'
   Expect 3
 }
 
@@ -230,7 +230,7 @@ trap 'exit 130' INT
 trap 'exit 143' TERM
 install_packages "${build_packages[@]}"
 Build
-PATH="$PWD/build/release:$PWD/build/release/tools/lumo_node:$PWD/build/release/tools/lumo_query:$PATH"
+PATH="$PWD/build/release:$PWD/build/release/tools/lumo_node:$PWD/build/release/tools/lumoctl:$PATH"
 folder=$(mktemp -d)
 export TAVRIN_TMP=$folder/sockets
 mkdir "$TAVRIN_TMP"
