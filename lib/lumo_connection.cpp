@@ -124,7 +124,7 @@ lumo_status lumo_open(const char* path, int deadline_ms, lumo_connection** conne
     const Outcome connected = side->Connect(deadline);
     if (!connected.Good()) return connected;
     *connection = new lumo_connection{text, side.get()};
-    side.release();
+    static_cast<void>(side.release());
     return {};
   });
 }

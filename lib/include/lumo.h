@@ -180,7 +180,8 @@ LUMO_API lumo_status lumo_reconnect(lumo_connection* connection, int deadline_ms
 LUMO_API int32_t lumo_agent_pid(const lumo_connection* connection);
 /* The path that the connection was made with; it lives as long as the connection. Null for null. */
 LUMO_API const char* lumo_connection_path(const lumo_connection* connection);
-/* Number of requests sent over this connection and neither ended nor given up. */
+/* Number of requests sent over this connection whose end no call has handed out yet, and that were
+ * not given up. */
 LUMO_API size_t lumo_in_flight(const lumo_connection* connection);
 /* The descriptor to wait for in an event loop, or -1 while there is no connection. Only wait for it
  * to be readable. It changes when the connection is made again, so ask after every send. An answer
@@ -250,7 +251,8 @@ LUMO_API lumo_status lumo_receive_any(lumo_connection* connection, int deadline_
                                       lumo_ticket* ticket, lumo_answer** answer);
 
 /* Gives a request up: its answer will be dropped when it comes, and its tag is not used again
- * before that. The node is not told. LUMO_OK, LUMO_NO_TICKET, LUMO_FORKED, LUMO_BAD_ARGUMENT. */
+ * before that. The node is not told. LUMO_OK, LUMO_NO_TICKET (also while another thread waits for
+ * it), LUMO_FORKED, LUMO_BAD_ARGUMENT. */
 LUMO_API lumo_status lumo_abandon(lumo_connection* connection, lumo_ticket ticket);
 
 /* Sends and waits. LUMO_OK, LUMO_ERROR, LUMO_UNSURE: as lumo_receive, with an answer; when the
