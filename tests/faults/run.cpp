@@ -66,6 +66,7 @@ lumo::Message App::Request(const std::string& node, const std::string& text) {
   request.Strings[0] = text;
   request.SetTrailerTaskName(taskName_);
   request.SetAstInd(++lastTag_);
+  unanswered_.insert(lastTag_);
   return request;
 }
 
@@ -76,6 +77,18 @@ std::string App::Frame(const lumo::Message& request) {
 std::optional<std::string> App::Receive(test::Milliseconds timeout) {
   if (!connection_) return std::nullopt;
   return connection_->ReceiveFrame(static_cast<int>(timeout.count()));
+}
+
+std::optional<lumo::Message> App::ReceiveAnswer(std::uint16_t tag, test::Milliseconds timeout,
+                                                bool* stray) {
+  if (const auto kept = kept_.extract(tag)) return kept.mapped();
+  const std::optional<std::string> frame = Receive(timeout);
+  const std::optional<lumo::Message> answer = frame ? lumo::Decode(*frame) : std::nullopt;
+  if (!answer) return std::nullopt;
+  if (unanswered_.erase(answer->AstInd()) == 0) *stray = true;
+  if (answer->AstInd() == tag) return answer;
+  kept_.emplace(answer->AstInd(), *answer);
+  return std::nullopt;
 }
 
 Run::Run(const Scenario& scenario, Nodes& nodes, SharedControl& control,
@@ -199,13 +212,10 @@ std::string Run::Receive(App& app, const lumo::Message& request, const std::stri
   const auto deadline = test::Clock::now() + test::kPatience;
   std::optional<test::Clock::time_point> fired;
   while (test::Clock::now() < deadline) {
-    const std::optional<std::string> frame = app.Receive(kPiece);
-    const std::optional<lumo::Message> answer = frame ? lumo::Decode(*frame) : std::nullopt;
+    bool stray = false;
+    const auto answer = app.ReceiveAnswer(request.AstInd(), kPiece, &stray);
+    if (stray) Find("an answer that no request waits for");
     if (answer) {
-      if (answer->AstInd() != request.AstInd()) {
-        Find("an answer to another request");
-        continue;
-      }
       if (answer->CodErr != 0)
         return std::to_string(answer->CodErr) + "/" + std::to_string(answer->SysErr);
       const bool right =

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,12 +42,18 @@ class App {
   bool SendBytes(std::string_view bytes) { return IsOpen() && connection_->SendFrame(bytes); }
   static std::string Frame(const lumo::Message& request);
   std::optional<std::string> Receive(test::Milliseconds timeout);
+  // The answer to this request, also when others come before it: those are kept. Stray: one came to
+  // which there is no request, or a second one.
+  std::optional<lumo::Message> ReceiveAnswer(std::uint16_t tag, test::Milliseconds timeout,
+                                             bool* stray);
   void Close() { connection_.reset(); }
 
  private:
   const test::Agent& agent_;
   std::int32_t taskName_;
   std::uint16_t lastTag_ = 0;
+  std::set<std::uint16_t> unanswered_;
+  std::map<std::uint16_t, lumo::Message> kept_;
   std::optional<lumo::Connection> connection_;
 };
 
