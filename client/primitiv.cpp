@@ -1,5 +1,7 @@
 #include "client/primitiv.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
 #include <bit>
 #include <cctype>
@@ -18,11 +20,13 @@ int Upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
 
 // Beside the array of requests in flight stands an index, so that neither the free record to take
 // nor the record of an answer is searched for among thousands: for each record whether it is in
-// use, and chains of the records whose pair has the same hash. It is as large as the array.
+// use, and chains of the records whose pair has the same hash, in array order: of requests with the
+// same pair, however many a client sends, the first is found at once. It is as large as the array.
 struct MsgInfoIndex {
   std::uint64_t* Used;     // a bit for each record
   std::int32_t* Heads;     // for each hash the first record of its chain, -1: none
   std::int32_t* Next;      // for each record the next of its chain, -1: none
+  std::int32_t* Previous;  // the one before; for the first of a chain the last
   std::int32_t Capacity;   // a power of two
   std::int32_t InFlight;   // records in use
   std::int32_t FirstWord;  // in the words of Used before it no bit is clear
@@ -34,34 +38,70 @@ constexpr std::int32_t kWordBits = 64;
 
 std::int32_t WordsFor(std::int32_t records) { return (records + kWordBits - 1) / kWordBits; }
 
+// Nobody who does not know this number can make pairs that meet in one chain.
+std::uint64_t HashFactor() {
+  static std::uint64_t factor;
+  if (factor == 0) {
+    [[maybe_unused]] const ssize_t size = getrandom(&factor, sizeof factor, 0);
+    factor |= 1;
+  }
+  return factor;
+}
+
 std::int32_t* ChainOf(std::int32_t taskName, std::uint16_t astInd) {
-  const std::uint32_t pair = static_cast<std::uint32_t>(taskName) * 0x9E3779B1U + astInd;
-  const std::uint32_t hash = pair ^ (pair >> 15);
-  return msgInfoIndex.Heads + (hash & static_cast<std::uint32_t>(msgInfoIndex.Capacity - 1));
+  const std::uint64_t pair = std::uint64_t{static_cast<std::uint32_t>(taskName)} << 16 | astInd;
+  const int bits = std::countr_zero(static_cast<std::uint32_t>(msgInfoIndex.Capacity));
+  return msgInfoIndex.Heads + (pair * HashFactor() >> (64 - bits));
+}
+
+// The record of the chain before which this one belongs; -1: at its end. That is where most belong:
+// free records are taken from the front of the array on.
+std::int32_t Successor(std::int32_t head, std::int32_t slot) {
+  if (head < 0 || msgInfoIndex.Previous[head] < slot) return -1;
+  while (head < slot) head = msgInfoIndex.Next[head];
+  return head;
 }
 
 void Enter(std::int32_t slot, const MsgInfo& info) {
-  msgInfoIndex.Used[slot / kWordBits] |= std::uint64_t{1} << (slot % kWordBits);
-  std::int32_t* const head = ChainOf(info.TaskName, info.AstInd);
-  msgInfoIndex.Next[slot] = *head;
-  *head = slot;
-  ++msgInfoIndex.InFlight;
+  MsgInfoIndex& index = msgInfoIndex;
+  index.Used[slot / kWordBits] |= std::uint64_t{1} << (slot % kWordBits);
+  std::int32_t& head = *ChainOf(info.TaskName, info.AstInd);
+  const std::int32_t next = Successor(head, slot);
+  const std::int32_t following = next >= 0 ? next : head;  // in the ring of Previous
+  const std::int32_t previous = following >= 0 ? index.Previous[following] : slot;
+  index.Next[slot] = next;
+  index.Previous[slot] = previous;
+  if (following >= 0) index.Previous[following] = slot;
+  if (head < 0 || next == head)
+    head = slot;
+  else
+    index.Next[previous] = slot;
+  ++index.InFlight;
 }
 
 void Leave(std::int32_t slot, const MsgInfo& info) {
+  MsgInfoIndex& index = msgInfoIndex;
   const std::int32_t word = slot / kWordBits;
-  msgInfoIndex.Used[word] &= ~(std::uint64_t{1} << (slot % kWordBits));
-  msgInfoIndex.FirstWord = std::min(msgInfoIndex.FirstWord, word);
-  std::int32_t* at = ChainOf(info.TaskName, info.AstInd);
-  while (*at != slot) at = &msgInfoIndex.Next[*at];
-  *at = msgInfoIndex.Next[slot];
-  --msgInfoIndex.InFlight;
+  index.Used[word] &= ~(std::uint64_t{1} << (slot % kWordBits));
+  index.FirstWord = std::min(index.FirstWord, word);
+  std::int32_t& head = *ChainOf(info.TaskName, info.AstInd);
+  const std::int32_t next = index.Next[slot], previous = index.Previous[slot];
+  if (head == slot)
+    head = next;
+  else
+    index.Next[previous] = next;
+  if (next >= 0)
+    index.Previous[next] = previous;
+  else if (head >= 0)
+    index.Previous[head] = previous;
+  --index.InFlight;
 }
 
 void FreeIndex(MsgInfoIndex& index) {
   std::free(index.Used);
   std::free(index.Heads);
   std::free(index.Next);
+  std::free(index.Previous);
   index = {};
 }
 
@@ -73,8 +113,9 @@ bool MakeIndex(MsgInfoIndex& index, std::int32_t capacity) {
       std::calloc(static_cast<std::size_t>(WordsFor(capacity)), sizeof *index.Used));
   index.Heads = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Heads));
   index.Next = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Next));
+  index.Previous = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Previous));
   index.Capacity = capacity;
-  if (index.Used && index.Heads && index.Next) {
+  if (index.Used && index.Heads && index.Next && index.Previous) {
     std::fill_n(index.Heads, capacity, -1);
     return true;
   }
@@ -180,14 +221,12 @@ int CompareNodeName(const char* a, const char* b) {
 
 MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astInd) {
   if (msgInfoIndex.InFlight == 0) return nullptr;
-  std::int32_t first = -1;
   for (std::int32_t slot = *ChainOf(taskName, astInd); slot >= 0; slot = msgInfoIndex.Next[slot]) {
-    const MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
-    const bool matches =
-        info.TaskName == taskName && info.AstInd == astInd && (!link || info.Link == link);
-    if (matches && (first < 0 || slot < first)) first = slot;
+    MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
+    if (info.TaskName == taskName && info.AstInd == astInd && (!link || info.Link == link))
+      return &info;
   }
-  return first < 0 ? nullptr : &g_DbcI.MsgInfoArray.Items[first];
+  return nullptr;
 }
 
 // The records differ in nothing else: their connections are exchanged.

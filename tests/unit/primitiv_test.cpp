@@ -268,7 +268,7 @@ TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
       const MsgInfo* const free = FirstFree(g_DbcI.MsgInfoArray);
       Note(tag, next(2) ? link_ : other_);
       ASSERT_TRUE(!free || InUse(*free)) << "the first free element is taken, step " << step;
-    } else if (MsgInfo* const found = FindMsgInfo(nullptr, 100, tag)) {
+    } else if (MsgInfo* const found = FindMsgInfo(next(2) ? nullptr : other_, 100, tag)) {
       ClearMsgInfo(found);
     }
     const Link* const link = next(2) ? link_ : other_;
@@ -287,7 +287,7 @@ TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
 TEST_F(RequestBookkeeping, WithoutMemoryForAnyPartNothingChanges) {
   Note(1, link_);
   Note(2, link_);
-  for (int successes = 0; successes < 4; ++successes) {
+  for (int successes = 0; successes < 5; ++successes) {
     const FailingAllocations failing(successes);
     EXPECT_EQ(Note(3, link_), -1) << successes;
     EXPECT_EQ(SentTags(), (Tags{1, 2}));
