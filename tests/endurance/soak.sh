@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Keeps an agent busy for some minutes with all transports, faults and management commands, and
 # checks its memory, descriptors, children and answers. The memory resident when no client is
-# connected may grow by 2 per cent after the warm-up (a sixth of the time, at least 20 seconds).
+# connected (every 5 seconds; the median of 15 such times) may grow by 2 per cent after the warm-up
+# (a sixth of the time, at least 20 seconds).
 #   tests/endurance/soak.sh MINUTES    further options: lumo_endurance --help
 set -euo pipefail
 cd "$(dirname "$0")/../.."

@@ -1,6 +1,7 @@
 // A run: an agent of its own, nodes and clients that misbehave, and the account of it all.
 #pragma once
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -65,7 +66,8 @@ class World {
   std::uint64_t Activity() const;
   void EditNodes();
   void CheckRest();
-  void CheckMemory(long residentKb);
+  void NoteMemory(long residentKb);
+  void JudgeMemory() const;
 
   double Elapsed() const;
   pid_t AgentPid() const { return agent_->Pid(); }
@@ -84,6 +86,7 @@ class World {
   Time begin_, lastProgress_, nextTick_, nextDeath_, nextSample_, nextRow_, roundBegin_;
   std::uint64_t lastSum_ = 0, rests_ = 0;
   Usage now_, most_, base_;
+  std::deque<long> latestKb_;  // at rest
   long restKb_ = 0, restBaseKb_ = 0, restMostKb_ = 0;
   int idlersPerMille_ = 0;
   bool lied_ = false;
