@@ -45,7 +45,7 @@ check_tidy() {
 # All code but the tests. cppcheck does not know __VA_OPT__ and so must not look into ENTER.
 check_cppcheck() {
   step "cppcheck"
-  git ls-files {core,client,link,protocols,api,ping,tools,bench}/'*.cpp' |
+  git ls-files {core,client,link,protocols,api,ping,tools,bench,lib}/'*.cpp' |
     xargs cppcheck --std=c++20 --language=c++ --library=posix,googletest -I . -UENTER \
       --enable=warning,style,performance,portability --suppressions-list=tools/cppcheck.txt \
       --inline-suppr --quiet --error-exitcode=1 -j "$(nproc)"

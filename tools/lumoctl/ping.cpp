@@ -107,8 +107,8 @@ Verdict TestNode(const Options& options, const std::string& program, const std::
 std::vector<std::string> LinesOfFile(const Options& options) {
   const Table table =
       ReadTable(ReadTextFile(options.File), NumericResolver(), AgentExchangeId(options));
-  std::vector<std::string> lines;
   if (options.Arguments.empty()) {
+    std::vector<std::string> lines;
     for (const TableLine* line : table.Nodes()) lines.push_back(line->Text);
     return lines;
   }
