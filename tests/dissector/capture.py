@@ -1,10 +1,12 @@
 """Capture files: of the loopback interface, and of bytes that a test has chosen."""
+import math
 import socket
 import struct
 import threading
 import time
 
 ETHERNET, RAW_IP = 1, 101
+SECONDS_TO_READ_UP = 2  # after the stop
 
 
 class PcapFile:
@@ -32,17 +34,18 @@ class Loopback:
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
         self.socket.bind(("lo", 0))
         self.socket.settimeout(0.2)
-        self.stopping = False
+        self.end = math.inf
         self.thread = threading.Thread(target=self.run)
         self.thread.start()
 
     def run(self):
-        # What has come before the stop is still read: a time-out means that nothing is left.
-        while True:
+        # What has come before the stop is still read: a time-out means that nothing is left. Others'
+        # packets may come without a pause.
+        while time.monotonic() < self.end + SECONDS_TO_READ_UP:
             try:
                 data = self.socket.recv(65535)
             except socket.timeout:
-                if self.stopping:
+                if self.end < math.inf:
                     return
                 continue
             ports = 14 + 4 * (data[14] & 15) if len(data) > 34 else 0
@@ -51,7 +54,7 @@ class Loopback:
                     self.pcap.write(time.time(), data)
 
     def stop(self):
-        self.stopping = True
+        self.end = time.monotonic()
         self.thread.join()
         self.socket.close()
         self.pcap.close()
