@@ -1,7 +1,5 @@
 #include "client/primitiv.h"
 
-#include <sys/random.h>
-
 #include <algorithm>
 #include <bit>
 #include <cctype>
@@ -38,12 +36,14 @@ constexpr std::int32_t kWordBits = 64;
 
 std::int32_t WordsFor(std::int32_t records) { return (records + kWordBits - 1) / kWordBits; }
 
-// Nobody who does not know this number can make pairs that meet in one chain.
+// Nobody who does not know this number can make pairs that meet in one chain. It comes from where
+// the system has put the program and its stack.
 std::uint64_t HashFactor() {
   static std::uint64_t factor;
   if (factor == 0) {
-    [[maybe_unused]] const ssize_t size = getrandom(&factor, sizeof factor, 0);
-    factor |= 1;
+    const auto program = reinterpret_cast<std::uintptr_t>(&factor);
+    const auto stack = reinterpret_cast<std::uintptr_t>(&program);
+    factor = ((stack << 17 ^ program) * 0x9E3779B97F4A7C15U) | 1;
   }
   return factor;
 }

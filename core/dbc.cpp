@@ -10,6 +10,7 @@
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
+#include "core/footprint.h"
 #include "core/init.h"
 #include "core/io.h"
 #include "core/process.h"
@@ -564,6 +565,7 @@ int AgentMain(int, char** argv) {
     return status;
   }
   ReleaseStarter();
+  ReleaseStartPages();
   RunLoop();
   UninitLinks();
   return Exit();
