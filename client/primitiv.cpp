@@ -214,7 +214,7 @@ int CompareNodeName(const char* a, const char* b) {
     const bool endOfA = a[i] == '\0' || a[i] == ' ';
     const bool endOfB = b[i] == '\0' || b[i] == ' ';
     if (endOfA && endOfB) return 0;
-    if (endOfA || endOfB || Upper(a[i]) != Upper(b[i])) return 1;
+    if (endOfA || endOfB || (a[i] != b[i] && Upper(a[i]) != Upper(b[i]))) return 1;
   }
   return 0;
 }
