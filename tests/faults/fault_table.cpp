@@ -22,7 +22,8 @@
 namespace faults {
 namespace {
 
-constexpr int kTries = 3;  // a path that depends on the time is not passed in every run
+constexpr int kTries = 3;        // a path that depends on the time is not passed in every run
+constexpr int kFurtherRuns = 2;  // of a row with another outcome than expected
 
 struct Settings {
   std::string Output, Only, Scenario;
@@ -66,6 +67,7 @@ class Table {
   void RunRows();
   void Work(unsigned worker, const std::string& file);
   Result RunRow(const Row& row, Nodes& nodes, SharedControl& control);
+  Result RunUntilExpected(const Row& row, Nodes& nodes, SharedControl& control);
   void Collect(const std::string& file);
   bool Report();
   std::string Shown(const Row& row) const;
@@ -218,12 +220,24 @@ Result Table::RunRow(const Row& row, Nodes& nodes, SharedControl& control) {
   return result;
 }
 
+// On a busy machine the order of the processes may differ from the recorded one: then another path
+// is taken, or none. What a row was at first stays in the table.
+Result Table::RunUntilExpected(const Row& row, Nodes& nodes, SharedControl& control) {
+  Result result = RunRow(row, nodes, control);
+  const std::string atFirst = result.Outcome + ", " + result.Trouble;
+  if (result.Trouble.empty()) return result;
+  for (int i = 0; i < kFurtherRuns && !result.Trouble.empty(); ++i)
+    result = RunRow(row, nodes, control);
+  if (result.Trouble.empty()) result.Outcome += " (at first: " + atFirst + ")";
+  return result;
+}
+
 void Table::Work(unsigned worker, const std::string& file) {
   Nodes nodes;
   SharedControl control;
   std::ofstream out(file);
   for (std::size_t i = worker; i < rows_.size(); i += settings_.Workers) {
-    const Result result = RunRow(rows_[i], nodes, control);
+    const Result result = RunUntilExpected(rows_[i], nodes, control);
     out << i << '\t' << result.Outcome << '\t' << result.Trouble << std::endl;
   }
 }
