@@ -267,6 +267,15 @@ int KeepOutput(const char* file, int line, int fd, const unsigned char* bytes, s
   return 0;
 }
 
+// The rest of a frame cannot follow the part that went out: what came after it would be taken for
+// that rest. The peer sees the end of the stream, and so does the next read.
+int BreakOff(int fd, std::size_t sent) {
+  const int error = errno;
+  if (sent > 0) shutdown(fd, SHUT_RDWR);
+  errno = error;
+  return -1;
+}
+
 // Sends until all is out or the peer takes no more; the bytes that went out, or -1.
 ssize_t SendNow(int fd, const unsigned char* bytes, std::size_t count, void (*traceSend)(int)) {
   std::size_t sent = 0;
@@ -275,7 +284,7 @@ ssize_t SendNow(int fd, const unsigned char* bytes, std::size_t count, void (*tr
     if (took < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
     if (traceSend) traceSend(static_cast<int>(took));
     if (took < 0 && errno == EINTR) continue;
-    if (took < 0) return -1;
+    if (took < 0) return BreakOff(fd, sent);
     sent += static_cast<std::size_t>(took);
   }
   return static_cast<ssize_t>(sent);
@@ -290,7 +299,8 @@ int SendOrKeep(const char* file, int line, int fd, const unsigned char* bytes, s
     if (took < 0) return -1;
     sent = static_cast<std::size_t>(took);
   }
-  if (sent < count && KeepOutput(file, line, fd, bytes + sent, count - sent) != 0) return -1;
+  if (sent < count && KeepOutput(file, line, fd, bytes + sent, count - sent) != 0)
+    return BreakOff(fd, sent);
   errno = savedErrno;
   return 0;
 }

@@ -299,7 +299,13 @@ int __wrap_close(int fd) {
 }
 
 int __real_shutdown(int fd, int how);
-int __wrap_shutdown(int fd, int how) { return Simulated(fd) ? 0 : __real_shutdown(fd, how); }
+int __wrap_shutdown(int fd, int how) {
+  if (!Simulated(fd)) return __real_shutdown(fd, how);
+  if (!IsOpen(fd)) return Fail(EBADF);
+  At(fd).PeerGone = true;
+  At(fd).Input.clear();
+  return 0;
+}
 
 int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait);
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {

@@ -431,6 +431,19 @@ TEST_F(BytesOut, AFlushSendsAsMuchAsThePeerTakes) {
   EXPECT_TRUE(AwaitsWriting());
 }
 
+// What came behind would be taken for the rest.
+TEST_F(BytesOut, APartWhoseRestCannotBeKeptEndsTheStream) {
+  const std::string frame(3000000, 'f');
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Send(frame), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  EXPECT_LT(Take().size(), frame.size());
+  EXPECT_EQ(Send("behind"), -1);
+  EXPECT_EQ(Take(), "");
+}
+
 TEST_F(BytesOut, FlushingNothingIsNoFailure) {
   EXPECT_EQ(Flush(), 0);
   EXPECT_EQ(FlushBytes(kHere, 1, -1), 0);
