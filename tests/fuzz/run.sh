@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Fuzzes every target for a number of seconds, one after the other:
+# Fuzzes every target for a number of seconds of processor time, one after the other:
 #
 #   tests/fuzz/run.sh SECONDS [TARGET...]
 #
 # What a target learns is kept under build/fuzz/learned and used by the next run. An input that
 # finds something goes to build/fuzz/findings/TARGET; once understood it belongs to
-# regressions/TARGET in the tree. Ends with a table: executions, coverage of the lines that the
-# target is about, findings. The status is 1 when there are findings. Needs clang 14 with its
+# regressions/TARGET in the tree. Ends with a table: processor time, executions, coverage of the
+# lines that the target is about, findings. The status is 1 when there are findings. Needs clang 14 with its
 # runtime library and llvm-cov, and no network. LUMO_FUZZ_BUILD names another build directory.
 set -euo pipefail
 [ $# -ge 1 ] || { echo "usage: $0 SECONDS [TARGET...]" >&2; exit 2; }
@@ -100,26 +100,33 @@ executions() {  # of one round, by its log
   awk '/^stat::number_of_executed_units:/ { n = $2 } END { print n + 0 }' "$1"
 }
 
-# Goes on after a finding, until the time is over; the executions of all rounds are added up.
+# One round: until a finding, or the seconds are over on the clock. Tells the processor time used.
+round() {  # target, seconds, log
+  local target=$1 TIMEFORMAT='%U %S'
+  local -a arguments folders
+  mapfile -t arguments < <(options "$target")
+  mapfile -t folders < <(corpora "$target")
+  { time "$build/tests/fuzz/${target}_fuzz" "${arguments[@]}" -max_total_time="$2" \
+    -print_final_stats=1 "${folders[@]}" >"$3" 2>&1 || true; } 2>&1
+}
+
+add() { awk '{ sum += $1 + $2 } END { printf "%.0f", sum }' "$@"; }
+
+# Goes on after a finding and after a round that had less of a processor than the clock says, until
+# the processor time is used; the executions of all rounds are added up.
 fuzz() {
-  local target=$1 end=$((SECONDS + seconds)) log=$build/logs/$1.log left executed=0 round
+  local target=$1 left=$seconds executed=0 log=$build/logs/$1
   mkdir -p "$build/learned/$target" "$build/findings/$target" "$build/logs"
-  : >"$log"
-  while left=$((end - SECONDS)) && [ "$left" -gt 0 ]; do
-    local -a arguments folders
-    mapfile -t arguments < <(options "$target")
-    mapfile -t folders < <(corpora "$target")
-    round=$build/logs/$target.round
-    if "$build/tests/fuzz/${target}_fuzz" "${arguments[@]}" -max_total_time="$left" \
-        -print_final_stats=1 "${folders[@]}" >"$round" 2>&1; then
-      left=0
-    fi
-    cat "$round" >>"$log"
-    executed=$((executed + $(executions "$round")))
-    rm -f "$round"
-    if [ "$left" -eq 0 ] || [ "$(count "$build/findings/$target")" -ge 20 ]; then break; fi
+  : >"$log.log"
+  : >"$log.time"
+  while [ "$left" -gt 0 ] && [ "$(count "$build/findings/$target")" -lt 20 ]; do
+    round "$target" "$left" "$log.round" >>"$log.time"
+    cat "$log.round" >>"$log.log"
+    executed=$((executed + $(executions "$log.round")))
+    rm -f "$log.round"
+    left=$((seconds - $(add "$log.time")))
   done
-  echo "$executed" >"$build/logs/$target.executed"
+  echo "$executed" >"$log.executed"
 }
 
 # Sums up lines of functions whose names match: with letters before, a name has its length there.
@@ -153,19 +160,20 @@ lines() {
 }
 
 for target in "${targets[@]}"; do
-  step "$target, $seconds seconds"
+  step "$target, $seconds seconds of processor time"
   fuzz "$target"
   tail -n 1 "$build/logs/$target.log"
 done
 
 step "Result"
-printf '%-14s %12s  %-22s %-24s %s\n' target executions "parser's lines" "its sources' lines" findings
+printf '%-14s %8s %12s  %-22s %-24s %s\n' \
+  target seconds executions "parser's lines" "its sources' lines" findings
 found=0
 for target in "${targets[@]}"; do
   findings=$(count "$build/findings/$target")
   found=$((found + findings))
-  printf '%-14s %12s  %-47s %s\n' "$target" "$(cat "$build/logs/$target.executed")" \
-    "$(lines "$target")" "$findings"
+  printf '%-14s %8s %12s  %-47s %s\n' "$target" "$(add "$build/logs/$target.time")" \
+    "$(cat "$build/logs/$target.executed")" "$(lines "$target")" "$findings"
 done
 if [ "$found" -gt 0 ]; then
   printf '\nFindings:\n'
