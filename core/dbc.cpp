@@ -80,6 +80,7 @@ void REGISTER_SOCKET_FOR_THE_LINK(const char* file, int line, int fd, Link* link
 void UNREGISTER_SOCKET_FOR_READ_EVENT(const char* file, int line, int fd) {
   TraceRegistration(file, line, __func__, fd);
   if (!InSets(fd)) return;
+  StopWaitingFor(fd);
   FD_CLR(fd, &g_DbcI.SocketSets.ReadSet);
   FD_CLR(fd, &readyForRead);
 }
@@ -230,6 +231,7 @@ void HandleTimerEvent(const char* file, int line) {
   TestAliveClient(HERE, 0);
   g_DbcI.AlarmFlag = 0;
   WatchParent();
+  LookAtAllNext();
 }
 
 // Waiting
@@ -266,6 +268,7 @@ void DropBadDescriptor(int fd) {
     CloseClient(fd);
     return;
   }
+  StopWaitingFor(fd);
   close(fd);
   FD_CLR(fd, &g_DbcI.SocketSets.ReadSet);
   FD_CLR(fd, &g_DbcI.SocketSets.WriteSet);
@@ -564,9 +567,11 @@ int AgentMain(int, char** argv) {
   } else if (!OpenForClients(&status)) {
     return status;
   }
+  if (!Tracing()) PrepareWait();  // the trace shows select as it is
   ReleaseStarter();
   ReleaseStartPages();
   RunLoop();
+  EndWait();
   UninitLinks();
   return Exit();
 }

@@ -1,8 +1,10 @@
 #include "core/wait.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstdint>
@@ -13,11 +15,15 @@
 namespace {
 
 constexpr int kWordBits = 8 * sizeof(fd_mask);
-constexpr int kFewClients = 8;  // so many connections select is handed itself
+constexpr int kFewClients = 8;  // of more, epoll waits for nothing else
 constexpr int kEventsAtOnce = 256;
+constexpr int kNoEnd = -1;
+// Above the numbers of links, and low enough for the system to keep select's sets on its stack.
+constexpr int kEpollNumber = 300;
 
-int epollDescriptor = -1;
-fd_set behindEpoll;  // connections that epoll waits for
+int epollDescriptor = -1;  // -1: select does it all
+fd_set behindEpoll;        // descriptors to be read that epoll waits for
+bool withoutEpollNext;     // the next wait
 
 std::uint64_t& Word(fd_set& set, int index) {
   return reinterpret_cast<std::uint64_t*>(set.fds_bits)[index];
@@ -25,21 +31,9 @@ std::uint64_t& Word(fd_set& set, int index) {
 
 int WordsInUse() { return (g_DbcI.SocketSets.MaxSocket + kWordBits - 1) / kWordBits; }
 
-// Connections that are only read from.
-std::uint64_t QuietClients(int word) {
-  return Word(g_DbcI.ClientSockets, word) & Word(g_DbcI.SocketSets.ReadSet, word) &
-         ~Word(g_DbcI.SocketSets.WriteSet, word);
-}
-
-// An epoll descriptor that stands in select's set; false: there is none, select does it all.
-bool OpenEpoll() {
-  if (epollDescriptor >= 0) return true;
-  epollDescriptor = epoll_create1(EPOLL_CLOEXEC);
-  if (epollDescriptor >= FD_SETSIZE) {
-    close(epollDescriptor);
-    epollDescriptor = -1;
-  }
-  return epollDescriptor >= 0;
+// Client connections whose requests are read.
+std::uint64_t Clients(int word) {
+  return Word(g_DbcI.ClientSockets, word) & Word(g_DbcI.SocketSets.ReadSet, word);
 }
 
 void Change(int operation, int fd) {
@@ -55,15 +49,16 @@ void Change(int operation, int fd) {
 
 bool ManyClients(int words) {
   int count = 0;
-  for (int i = 0; i < words; ++i) count += std::popcount(QuietClients(i));
+  for (int i = 0; i < words; ++i) count += std::popcount(Clients(i));
   return count > kFewClients;
 }
 
-// Brings the connections behind epoll up to date with the sets.
-void MoveClients(int words) {
-  const bool wanted = ManyClients(words) && OpenEpoll();
+// Brings the descriptors behind epoll up to date with the sets: all that are to be read, or, where
+// there are many clients, those of the clients.
+void MoveDescriptors(int words) {
+  const bool many = ManyClients(words);
   for (int i = 0; i < words; ++i) {
-    const std::uint64_t target = wanted ? QuietClients(i) : 0;
+    const std::uint64_t target = many ? Clients(i) : Word(g_DbcI.SocketSets.ReadSet, i);
     std::uint64_t change = target ^ Word(behindEpoll, i);
     for (; change != 0; change &= change - 1) {
       const int bit = std::countr_zero(change);
@@ -73,58 +68,74 @@ void MoveClients(int words) {
   }
 }
 
-bool AnyBehindEpoll(int words) {
-  for (int i = 0; i < words; ++i) {
-    if (Word(behindEpoll, i) != 0) return true;
-  }
-  return false;
-}
-
 // The flags are looked at as late as can be: what a handler has set since the loop's own look must
 // not lie until the next event. A signal that comes between this look and the system's own wait, a
 // few instructions later, lies until the next tick. A wait with an end would cost a timer each
 // time.
+bool OnlyLooks(bool atOnce) { return atOnce || g_DbcI.AlarmFlag || Stopping(); }
+
 int Select(int highest, fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
   timeval now = {0, 0};
-  const bool signalled = g_DbcI.AlarmFlag || Stopping();
-  return select(highest, readyForRead, readyForWrite, nullptr,
-                atOnce || signalled ? &now : nullptr);
+  return select(highest, readyForRead, readyForWrite, nullptr, OnlyLooks(atOnce) ? &now : nullptr);
 }
 
-// Puts the connections that epoll found readable in the place of its descriptor. Returns how many.
-int TakeEpollEvents(fd_set* readyForRead) {
+// Adds what epoll finds readable. Returns how many, or -1 with errno; but for a signal the agent
+// then goes on without.
+int WaitInEpoll(fd_set* readyForRead, bool atOnce) {
   epoll_event events[kEventsAtOnce];
-  const int count = epoll_wait(epollDescriptor, events, kEventsAtOnce, 0);
+  const int count =
+      epoll_wait(epollDescriptor, events, kEventsAtOnce, OnlyLooks(atOnce) ? 0 : kNoEnd);
   for (int i = 0; i < count; ++i) FD_SET(events[i].data.fd, readyForRead);
-  return count > 0 ? count : 0;
+  if (count < 0 && errno != EINTR) EndWait();
+  return count;
 }
 
 }  // namespace
 
+void PrepareWait() {
+  EndWait();
+  const int lowest = epoll_create1(EPOLL_CLOEXEC);
+  if (lowest < 0) return;
+  epollDescriptor = fcntl(lowest, F_DUPFD_CLOEXEC, kEpollNumber);
+  close(lowest);
+  if (epollDescriptor >= FD_SETSIZE) EndWait();
+}
+
+void EndWait() {
+  if (epollDescriptor >= 0) close(epollDescriptor);
+  epollDescriptor = -1;
+  FD_ZERO(&behindEpoll);
+}
+
 int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
   const int words = WordsInUse();
   const int savedErrno = errno;
-  MoveClients(words);
+  const bool useEpoll = epollDescriptor >= 0 && !withoutEpollNext;
+  withoutEpollNext = false;
+  if (useEpoll) MoveDescriptors(words);
   errno = savedErrno;
-  std::uint64_t writes = 0;
+  std::uint64_t reads = 0, writes = 0, behind = 0;
   for (int i = 0; i < words; ++i) {
-    Word(*readyForRead, i) = Word(g_DbcI.SocketSets.ReadSet, i) & ~Word(behindEpoll, i);
-    Word(*readyForWrite, i) = Word(g_DbcI.SocketSets.WriteSet, i);
-    writes |= Word(*readyForWrite, i);
+    const std::uint64_t left = useEpoll ? Word(behindEpoll, i) : 0;
+    reads |= Word(*readyForRead, i) = Word(g_DbcI.SocketSets.ReadSet, i) & ~left;
+    writes |= Word(*readyForWrite, i) = Word(g_DbcI.SocketSets.WriteSet, i);
+    behind |= left;
   }
+  if (behind != 0 && (reads | writes) == 0) return WaitInEpoll(readyForRead, atOnce);
   int highest = g_DbcI.SocketSets.MaxSocket;
-  const bool useEpoll = epollDescriptor >= 0 && AnyBehindEpoll(words);
-  if (useEpoll) {
+  if (behind != 0) {
     FD_SET(epollDescriptor, readyForRead);
     if (highest <= epollDescriptor) highest = epollDescriptor + 1;
   }
   fd_set* const write = writes != 0 ? readyForWrite : nullptr;
   const int events = Select(highest, readyForRead, write, atOnce);
-  if (events <= 0 || !useEpoll || !FD_ISSET(epollDescriptor, readyForRead)) return events;
+  if (events <= 0 || behind == 0 || !FD_ISSET(epollDescriptor, readyForRead)) return events;
   FD_CLR(epollDescriptor, readyForRead);
   if (alone >= 0 && FD_ISSET(alone, readyForRead)) return events - 1;
-  return events - 1 + TakeEpollEvents(readyForRead);
+  return events - 1 + std::max(WaitInEpoll(readyForRead, true), 0);
 }
+
+void LookAtAllNext() { withoutEpollNext = true; }
 
 void StopWaitingFor(int fd) {
   if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &behindEpoll)) return;

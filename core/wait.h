@@ -2,15 +2,27 @@
 #pragma once
 #include <sys/select.h>
 
+// Opens the epoll descriptor that spares the agent much of select. It gets a number that no link
+// could have; where the system has none such, select does it all.
+void PrepareWait();
+
+// Closes it; select does it all from now on.
+void EndWait();
+
 // Waits with select for what g_DbcI's sets ask for, until an event or a signal; `atOnce`: only
 // looks. Fills the result sets and returns the number of events in them, 0, or -1 with errno. A
 // signal whose flag is set before the wait begins ends it at once, too.
 //
-// What select costs grows with the descriptors it is handed. Therefore many client connections
-// stand behind one epoll descriptor in their place; the results are the same. Only when `alone`, a
-// descriptor that the caller serves alone, is readable, they are left for the next call (-1: none).
+// What select costs grows with the descriptors it is handed. Therefore what is only to be read
+// stands behind one epoll descriptor in its place, and when nothing else is left, epoll itself does
+// the waiting; the results are the same. Of many clients nothing but the clients stands there: when
+// `alone`, a descriptor that the caller serves alone, is readable, they are left for the next call
+// (-1: none).
 int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int alone);
 
+// The next wait is select's alone: it notices a descriptor that is no longer open, epoll does not.
+void LookAtAllNext();
+
 // To be called before a descriptor is closed that may have been waited for: a copy of it in another
-// process would go on reporting events.
+// process would go on reporting events, and the next one with its number would not be waited for.
 void StopWaitingFor(int fd);

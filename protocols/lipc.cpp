@@ -25,6 +25,7 @@
 #include "core/socket_options.h"
 #include "core/status.h"
 #include "core/trace.h"
+#include "core/wait.h"
 #include "link/link.h"
 #include "protocols/address_text.h"
 #include "protocols/lipc_board.h"
@@ -570,6 +571,7 @@ int LIpcDisconnectLink(const char* file, int line, Link* link) {
   SettleAnswered(link, data);
   if (data->ChildPid > 0) kill(data->ChildPid, SIGTERM);
   // kept: PipeRead and ChildPid keep their numbers; whether they are valid is told by State alone.
+  StopWaitingFor(data->PipeRead);
   close(data->PipeRead);
   UNREGISTER_SOCKET_FOR_THE_LINK(HERE, data->PipeRead);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, data->PipeRead);

@@ -14,6 +14,7 @@
 #include "core/socket_options.h"
 #include "core/status.h"
 #include "core/trace.h"
+#include "core/wait.h"
 #include "link/link.h"
 #include "protocols/address_text.h"
 
@@ -239,6 +240,7 @@ int LSockDisconnectLink(const char* file, int line, Link* link) {
   // kept: Socket keeps its number; whether that is valid is told by State alone.
   const int socket = DataOf(link)->Socket;
   ForgetDescriptor(socket);
+  StopWaitingFor(socket);
   close(socket);
   UNREGISTER_SOCKET_FOR_THE_LINK(HERE, socket);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, socket);

@@ -211,7 +211,7 @@ void BadDescriptor(Run& run) {
   run.Database().Pause();
   const lumo::Message request = run.Send(app, "T1", "under way");
   run.Barrier();
-  run.Provoke(Call::select, "Select", EBADF);
+  run.Provoke(Call::epoll_wait, "WaitInEpoll", EBADF);
   run.Barrier();
   run.Database().Resume();
   run.Expect(app, request, "under way", "T1 under way");

@@ -337,6 +337,7 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_start(arguments, command);
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
+  if (state.Active && fd == kEpoll) return fd;  // a copy with a higher number
   if (!Simulated(fd)) return __real_fcntl(fd, command, argument);
   if (Fails(Call::Fcntl)) return -1;
   return IsOpen(fd) ? 0 : Fail(EBADF);
@@ -405,6 +406,8 @@ int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
 int __real_epoll_wait(int epoll, epoll_event* events, int room, int wait);
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait) {
   if (!state.Active) return __real_epoll_wait(epoll, events, room, wait);
+  if (wait < 0 && state.OnWait && !state.OnWait()) return Fail(EINTR);
+  if (wait < 0 && Fails(Call::Select)) return -1;
   int count = 0;
   for (int fd = 0; fd <= state.Highest && count < room; ++fd) {
     if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;

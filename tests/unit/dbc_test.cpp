@@ -291,6 +291,11 @@ class FailingDescriptors : public testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
+  // Without the trace epoll waits for most descriptors.
+  void StartWithoutTrace(const std::string& nodetab) {
+    logLevel_ = "5";
+    Start(nodetab);
+  }
   void Start(const std::string& nodetab) {
     std::ofstream(folder_ / "nodetab") << nodetab;
     pid_ = fork();
@@ -317,6 +322,18 @@ class FailingDescriptors : public testing::Test {
     sigqueue(pid_, SIGUSR1, value);
     // The first answer may be one of a pass that had begun before.
     ASSERT_TRUE(lumo::AnswerOne(*control_) && lumo::AnswerOne(*control_)) << Log();
+  }
+
+  void Tick() const { kill(pid_, SIGALRM); }
+  // Of the agent's, below those that it keeps for itself.
+  int HighestDescriptor() const {
+    int highest = -1;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd")) {
+      const int fd = std::stoi(entry.path().filename());
+      if (fd < kMaxDescriptors) highest = std::max(highest, fd);
+    }
+    return highest;
   }
 
   lumo::Connection Connect() {
@@ -377,7 +394,7 @@ class FailingDescriptors : public testing::Test {
   static void CloseDescriptor(int, siginfo_t* info, void*) { close(info->si_value.sival_int); }
 
   [[noreturn]] void RunAgent() const {
-    setenv("DBC_LOG", "15", 1);
+    setenv("DBC_LOG", logLevel_, 1);
     setenv("TAVRIN_TMP", folder_.c_str(), 1);
     const std::string log = folder_ / "log", nodetab = folder_ / "nodetab";
     if (!std::freopen(log.c_str(), "a", stderr) || !std::freopen("/dev/null", "w", stdout))
@@ -395,9 +412,27 @@ class FailingDescriptors : public testing::Test {
   std::string SocketPath() const { return folder_ / "tavrin.7"; }
 
   std::filesystem::path folder_;
+  const char* logLevel_ = "15";
   pid_t pid_ = -1;
   std::optional<lumo::Connection> control_;
 };
+
+TEST_F(FailingDescriptors, WithoutTheTraceALinksIsNoticedAtTheNextTick) {
+  Server a;
+  StartWithoutTrace(a.Line("A"));
+  lumo::Connection client = Connect();
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  ASSERT_FALSE(a.Request().empty());
+  CloseInAgent(HighestDescriptor());
+  Tick();
+  EXPECT_EQ(Answer(client), "1: 4005, 9");
+  Ask(client, "A", 2);
+  ASSERT_TRUE(a.Accept());
+  a.Send(a.Request());
+  EXPECT_EQ(Answer(client), "2: 0, 0");
+  EXPECT_EQ(Stop(), 0);
+}
 
 TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
   Server a, b;
