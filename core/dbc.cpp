@@ -32,6 +32,8 @@ constexpr int kPacketsInARow = 256;  // of one link, before everybody else gets 
 constexpr int kFloodInARow = 8;  // of those that answer nothing, while a link sends many of them
 constexpr int kRequestsAtOnce = 64;  // so many requests at most are sent to a link in one piece
 constexpr int kManyInFlight = 2;     // so many unanswered requests make a look at the link pay
+constexpr int kLooksInVain = 8;      // for an answer, in a row: then most looks are omitted,
+constexpr int kLooksOmitted = 64;    // all but one of so many
 
 // What the last wait reported and what is not served yet.
 fd_set readyForRead;
@@ -45,6 +47,13 @@ struct LinkTurn {
 LinkTurn turn;
 int unaskedAllowed = kPacketsInARow;  // in one turn
 bool flooded;                         // in a turn since the last full pass
+
+// The looks for an answer right after its request.
+struct Looks {
+  int InVain;   // in a row
+  int Omitted;  // since the last
+};
+Looks looks;
 
 int startPipe[2] = {-1, -1};  // releases the command that started the agent
 
@@ -353,6 +362,21 @@ void BetweenRequests() {
   EndTurn();
 }
 
+// The only request of a pass has been sent. A node on the same processor has often answered by now,
+// and a wait is saved; elsewhere it hardly ever has, and looking is soon left to one time in many.
+void LookForAnswer() {
+  const int fd = g_DbcI.LastLinkSocket;
+  Link* const link = LinkOfSocket(fd);
+  if (!link || !IsReadAhead(fd) || RequestsInFlight() == 0 || Tracing()) return;
+  if (looks.InVain >= kLooksInVain && ++looks.Omitted < kLooksOmitted) return;
+  const int inFlight = RequestsInFlight();
+  EndTurn();
+  DrainLink(fd, link);
+  EndTurn();
+  looks.InVain = RequestsInFlight() < inFlight ? 0 : looks.InVain + 1;
+  looks.Omitted = 0;
+}
+
 bool HasRequest(int fd) {
   return FD_ISSET(fd, &g_DbcI.ClientSockets) && FD_ISSET(fd, &readyForRead);
 }
@@ -443,7 +467,7 @@ void ServeEvents(int events) {
   if (ServeLastLink()) return;
   HoldOutput(events > 1 && !Tracing());
   events = ServeLastClient(events);
-  if (events == 0) return;
+  if (events == 0) return LookForAnswer();
   events = ReadPass(events);
   unaskedAllowed = flooded ? kFloodInARow : kPacketsInARow;
   flooded = false;

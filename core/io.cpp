@@ -172,7 +172,7 @@ void DropInput(int fd) {
   if (keptInput[fd]) waitingFrames -= keptInput[fd]->HasFrame;
   std::free(keptInput[fd]);
   keptInput[fd] = nullptr;
-  if (!IsLink(fd) || !aheadInput[fd]) return;
+  if (!IsReadAhead(fd)) return;
   waitingFrames -= aheadInput[fd]->FirstFrame > 0;
   std::free(aheadInput[fd]);
   aheadInput[fd] = nullptr;
@@ -338,12 +338,12 @@ FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format) {
 bool FrameWaits(int fd) {
   if (!Keeps(fd)) return false;
   if (keptInput[fd] && keptInput[fd]->HasFrame) return true;
-  return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->FirstFrame > 0;
+  return IsReadAhead(fd) && aheadInput[fd]->FirstFrame > 0;
 }
 
-bool MoreHasCome(int fd) {
-  return IsLink(fd) && aheadInput[fd] && aheadInput[fd]->LastTaken >= kMuchTaken;
-}
+bool IsReadAhead(int fd) { return IsLink(fd) && aheadInput[fd]; }
+
+bool MoreHasCome(int fd) { return IsReadAhead(fd) && aheadInput[fd]->LastTaken >= kMuchTaken; }
 
 int WaitingFrames() { return waitingFrames; }
 

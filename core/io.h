@@ -29,6 +29,10 @@ enum class FrameRead {
 // while a whole frame is there). Leaves errno alone unless Failed or NoMemory.
 FrameRead ReadFrame(int fd, unsigned char* area, const FrameFormat& format);
 
+// What comes in on the descriptor is taken as it comes, beyond the frame that is read: it belongs
+// to a link, of which a frame has been read.
+bool IsReadAhead(int fd);
+
 // The last look at the descriptor took so much that more has probably come.
 bool MoreHasCome(int fd);
 
