@@ -19,6 +19,7 @@
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/log_texts.h"
+#include "tests/unit/system_faults.h"
 #include "tools/client/connection.h"
 #include "tools/client/management.h"
 
@@ -416,6 +417,29 @@ class FailingDescriptors : public testing::Test {
   pid_t pid_ = -1;
   std::optional<lumo::Connection> control_;
 };
+
+class WaitsOfTheAgent : public FailingDescriptors {};
+
+TEST_F(WaitsOfTheAgent, AnAnswerThatIsThereAtOnceNeedsNone) {
+  const AnswersAtOnce system;
+  Server a;
+  StartWithoutTrace(a.Line("A"));
+  lumo::Connection client = Connect();
+  const auto Serve = [&](std::uint16_t tag) {
+    a.Send(a.Request());
+    EXPECT_EQ(Answer(client), std::to_string(tag) + ": 0, 0");
+  };
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  Serve(1);
+  const int before = system.Waits();
+  for (std::uint16_t tag = 2; tag < 42; ++tag) {
+    Ask(client, "A", tag);
+    Serve(tag);
+  }
+  EXPECT_LE(system.Waits() - before, 45) << "one for each request";
+  EXPECT_EQ(Stop(), 0);
+}
 
 TEST_F(FailingDescriptors, WithoutTheTraceALinksIsNoticedAtTheNextTick) {
   Server a;

@@ -33,3 +33,14 @@ class OnlyHost {
   OnlyHost(const OnlyHost&) = delete;
   OnlyHost& operator=(const OnlyHost&) = delete;
 };
+
+// In processes that are started while it lives, a send over TCP returns only when something has
+// come back, after a second at most, and waits in epoll are counted.
+class AnswersAtOnce {
+ public:
+  AnswersAtOnce();
+  ~AnswersAtOnce();
+  AnswersAtOnce(const AnswersAtOnce&) = delete;
+  AnswersAtOnce& operator=(const AnswersAtOnce&) = delete;
+  int Waits() const;
+};
