@@ -265,8 +265,7 @@ void SettleAnswered(const Link* link, LIpcLinkData* data) {
     poll(nullptr, 0, 1);
   }
   BoardRequest request;
-  std::uint32_t index = 0;
-  while (BoardNextDelivered(data->Board, &index, &request)) {
+  while (BoardTakeDelivered(data->Board, &request)) {
     PreferAnswered(link, request);
     MsgInfo* const info = FindMsgInfo(link, request.TaskName, request.AstInd);
     if (info) ReleaseMsgInfo(info);
@@ -342,8 +341,8 @@ void PutHanded(HandedAnswer* answer) {
   FreeHanded(answer);
 }
 
-// The child has gone before it could tell of these. The list is detached first: what follows may
-// take the link down.
+// No record will tell of these any more. The list is detached first: what follows may take the link
+// down.
 void PutAllHanded(LIpcLinkData* data) {
   HandedAnswer* answer = data->Handed;
   data->Handed = nullptr;
@@ -414,6 +413,7 @@ int ServePipe(Link* link) {
     return 0;
   }
   const int error = errno;
+  SettleAnswered(link, data);  // or an answer could go to one who has his and used the same name
   PutAllHanded(data);
   DisconnectLink(HERE, link, status, error);
   return status;

@@ -105,12 +105,12 @@ bool BoardReserve(ReaderBoard* board, int socket) {
   return board->SendingTo != socket;
 }
 
-bool BoardNextDelivered(const ReaderBoard* board, std::uint32_t* index, BoardRequest* request) {
-  for (; *index < board->SlotsUsed; ++*index) {
-    const BoardSlot& slot = board->Slots[*index];
+bool BoardTakeDelivered(ReaderBoard* board, BoardRequest* request) {
+  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
+    BoardSlot& slot = board->Slots[i];
     if (StatusOf(slot.State) != kDelivered) continue;
     *request = RequestOf(slot);
-    ++*index;
+    Release(slot);
     return true;
   }
   return false;

@@ -55,8 +55,8 @@ void BoardRemoveTask(ReaderBoard* board, std::int32_t taskName);
 // Makes the child leave a connection to the agent; false while the child is writing to it.
 bool BoardReserve(ReaderBoard* board, int socket);
 
-// The delivered requests: the next one from *index on (which moves); false: none left.
-bool BoardNextDelivered(const ReaderBoard* board, std::uint32_t* index, BoardRequest* request);
+// Takes a delivered request from the board; false: there is none.
+bool BoardTakeDelivered(ReaderBoard* board, BoardRequest* request);
 
 // The child's side. The only request with this name that has not been answered, or null when
 // there is none or more than one; *state is for BoardMarkDelivered.

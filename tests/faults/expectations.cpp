@@ -178,7 +178,7 @@ const std::vector<Expectation>& Expectations() {
        "LIPC msgsnd failed. errno 11"},
       {Call::recv, "TakeHandedAnswers", "ECONNRESET ENOMEM", "unnoticed|4008/%e",
        "LIPC.Receive message from child fail."},  // the answer came another way
-      {Call::recv, "TakeHandedAnswers", "ECONNRESET ENOMEM", "4008/%e|served after ticks 1",
+      {Call::recv, "TakeHandedAnswers", "ECONNRESET ENOMEM", "4008/%e|unnoticed",
        "LIPC.Receive message from child fail.", kAnswersBeforeHanded},
       // The next request may be on its way before the agent knows of the failure.
       {Call::read, "ReadRecord", "EIO", "unnoticed|4008/%e",

@@ -171,6 +171,10 @@ bool Run::WaitForPath(Call call, const std::string& function) {
       test::Milliseconds(3000));
 }
 
+void Run::ExpectNoMore(App& app) {
+  if (app.IsOpen() && app.Receive(test::Milliseconds(0))) Find("an answer that nobody asked for");
+}
+
 void Run::Provoke(Call call, const std::string& function, int error) {
   int slot = 0;
   while (slot < kTested && control_->Faults[slot].Armed) ++slot;

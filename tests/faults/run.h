@@ -104,6 +104,8 @@ class Run {
   void Tick();
   void Barrier();
   bool WaitForPath(Call call, const std::string& function);
+  // A client that has all its answers must get no other.
+  void ExpectNoMore(App& app);
   // Lets the next such call fail, so that what follows a failure is passed.
   void Provoke(Call call, const std::string& function, int error);
   bool WaitForProvoked();

@@ -67,6 +67,8 @@ void Serve(Run& run) {
   App late = run.NewApp();
   AskAll(run, late, "again");
   run.Tick();
+  run.ExpectNoMore(early);
+  run.ExpectNoMore(late);
   run.Ask(late, "NOBODY", "x", "unknown node");
 }
 

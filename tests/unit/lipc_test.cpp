@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -139,6 +140,13 @@ class LocalIpc : public AgentTest {
   int Send(ClientMessage& msg) { return LIpcSendToNetwork("test", 1, link_, &msg); }
   int Read() { return LIpcReadyForRead("test", 1, link_); }
   bool RecordComes() { return Readable(Data().PipeRead); }
+  bool RecordsCome(int count) {
+    return test::WaitFor([&] {
+      int bytes = 0;
+      return ioctl(Data().PipeRead, FIONREAD, &bytes) == 0 &&
+             bytes == count * static_cast<int>(sizeof(PipeRecord));
+    });
+  }
 
   // A request that is noted as sent and lies in the kernel's queue.
   ClientMessage Ask(int socket, std::uint16_t astInd) {
@@ -554,6 +562,29 @@ TEST_F(LocalIpc, HandedAnswerWithoutMemoryBreaksTheLink) {
   EXPECT_EQ(Get(bytes, WireField<int>{44}), ENOMEM);
 }
 
+// The record of the first answer is lost with the failure.
+TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTakingAnswersFails) {
+  Kernel kernel;
+  const Client first = ConnectClient();
+  ConnectTo(kernel);
+  const Client second = ConnectClient(), third = ConnectClient();
+  Ask(first.Accepted, 5);
+  AnswerNext(kernel, "first");
+  EXPECT_TRUE(HasText(Receive(first), "first"));
+  Ask(second.Accepted, 5);
+  AnswerNext(kernel, "second");
+  Ask(third.Accepted, 6);
+  AnswerNext(kernel, "no room for it");
+  ASSERT_TRUE(RecordsCome(3));
+  {
+    const FailingAllocations failing(1);
+    EXPECT_EQ(Read(), kStatusReceive);
+  }
+  EXPECT_TRUE(HasText(Receive(second), "second"));
+  EXPECT_EQ(Receive(third).size(), 108U);
+  for (const Client& client : {first, second, third}) EXPECT_FALSE(Readable(client.Fd, 0));
+}
+
 TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
   Kernel kernel;
   const Client client = ConnectClient();
@@ -835,8 +866,7 @@ TEST_F(Board, DeliveredRequestMakesRoomForItsNameAtOnce) {
   ASSERT_NE(Find(1, 1), nullptr);
   EXPECT_EQ(request_.Socket, 11);
   BoardRemove(board_, 1, 1, true);
-  std::uint32_t index = 0;
-  EXPECT_FALSE(BoardNextDelivered(board_, &index, &request_));
+  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
   EXPECT_NE(Find(1, 1), nullptr);
 }
 
@@ -857,8 +887,7 @@ TEST_F(Board, MarkOfASlotThatWasUsedAgainIsLost) {
   BoardRemove(board_, 1, 1, false);
   Add(1, 2);
   BoardMarkDelivered(slot, state_);
-  std::uint32_t index = 0;
-  EXPECT_FALSE(BoardNextDelivered(board_, &index, &request_));
+  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
   EXPECT_NE(Find(1, 2), nullptr);
 }
 
@@ -878,21 +907,19 @@ TEST_F(Board, DeliveredRequestIsNotForgottenWhenAFullBoardTakesItsNameAgain) {
   MarkDelivered(1, 7);
   Add(1, 7, 11);
   EXPECT_EQ(Find(1, 7), nullptr);
-  std::uint32_t index = 0;
-  ASSERT_TRUE(BoardNextDelivered(board_, &index, &request_));
+  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
   EXPECT_EQ(request_.AstInd, 7);
 }
 
-TEST_F(Board, DeliveredRequestsAreListed) {
+TEST_F(Board, DeliveredRequestsAreTakenOneByOne) {
   for (std::uint16_t i = 0; i < 5; ++i) Add(1, i);
   MarkDelivered(1, 1);
   MarkDelivered(1, 4);
-  std::uint32_t index = 0;
-  ASSERT_TRUE(BoardNextDelivered(board_, &index, &request_));
+  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
   EXPECT_EQ(request_.AstInd, 1);
-  ASSERT_TRUE(BoardNextDelivered(board_, &index, &request_));
+  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
   EXPECT_EQ(request_.AstInd, 4);
-  EXPECT_FALSE(BoardNextDelivered(board_, &index, &request_));
+  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
 }
 
 TEST_F(Board, FullBoardForgetsOlderRequestsOfTheSameName) {
