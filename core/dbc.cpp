@@ -506,6 +506,7 @@ void RunLoop() {
   FD_ZERO(&readyForRead);
   FD_ZERO(&readyForWrite);
   while (true) {
+    ForgetWakeUp();
     FreeRetiredLinks();
     if (Stopping()) return;
     if (g_DbcI.AlarmFlag) HandleTimerEvent(HERE);
@@ -591,7 +592,7 @@ int AgentMain(int, char** argv) {
   } else if (!OpenForClients(&status)) {
     return status;
   }
-  if (!Tracing()) PrepareWait();  // the trace shows select as it is
+  PrepareWait(!Tracing());  // the trace shows select as it is
   ReleaseStarter();
   ReleaseStartPages();
   RunLoop();

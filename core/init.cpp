@@ -14,6 +14,7 @@
 #include "client/clntxch.h"
 #include "client/primitiv.h"
 #include "core/trace.h"
+#include "core/wait.h"
 
 static constexpr char Module[] = "init";
 
@@ -178,6 +179,7 @@ void AlarmHandler(int) {
   const int savedErrno = errno;
   LogFromHandler(HERE, "AlarmHandler!");
   g_DbcI.AlarmFlag = 1;
+  WakeUp();
   alarm(kTickSeconds);
   errno = savedErrno;
 }
@@ -199,6 +201,7 @@ void ChildHandler(int signal) {
 void TermHandler(int signal) {
   LogFromHandler(HERE, "Receive SIGTERM ", &signal);
   g_DbcI.ExitStatus = -1;
+  WakeUp();
 }
 
 void Unblock(int signal) {

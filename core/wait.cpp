@@ -1,12 +1,14 @@
 #include "core/wait.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 
@@ -18,12 +20,14 @@ constexpr int kWordBits = 8 * sizeof(fd_mask);
 constexpr int kFewClients = 8;  // of more, epoll waits for nothing else
 constexpr int kEventsAtOnce = 256;
 constexpr int kNoEnd = -1;
-// Above the numbers of links, and low enough for the system to keep select's sets on its stack.
-constexpr int kEpollNumber = 300;
+constexpr rlim_t kFewDescriptors = 64;  // with fewer all are left to clients and links
 
 int epollDescriptor = -1;  // -1: select does it all
 fd_set behindEpoll;        // descriptors to be read that epoll waits for
 bool withoutEpollNext;     // the next wait
+
+volatile int wakeDescriptor = -1;  // readable once somebody has called WakeUp; -1: none
+volatile std::sig_atomic_t wokenUp;
 
 std::uint64_t& Word(fd_set& set, int index) {
   return reinterpret_cast<std::uint64_t*>(set.fds_bits)[index];
@@ -34,6 +38,12 @@ int WordsInUse() { return (g_DbcI.SocketSets.MaxSocket + kWordBits - 1) / kWordB
 // Client connections whose requests are read.
 std::uint64_t Clients(int word) {
   return Word(g_DbcI.ClientSockets, word) & Word(g_DbcI.SocketSets.ReadSet, word);
+}
+
+void EndEpoll() {
+  if (epollDescriptor >= 0) close(epollDescriptor);
+  epollDescriptor = -1;
+  FD_ZERO(&behindEpoll);
 }
 
 void Change(int operation, int fd) {
@@ -68,48 +78,95 @@ void MoveDescriptors(int words) {
   }
 }
 
-// The flags are looked at as late as can be: what a handler has set since the loop's own look must
-// not lie until the next event. A signal that comes between this look and the system's own wait, a
-// few instructions later, lies until the next tick. A wait with an end would cost a timer each
-// time.
-bool OnlyLooks(bool atOnce) { return atOnce || g_DbcI.AlarmFlag || Stopping(); }
+// A call of WakeUp is no event: with no other the wait counts as interrupted.
+int WithoutWakeUp(int events) {
+  if (events > 1) return events - 1;
+  errno = EINTR;
+  return -1;
+}
 
+// No wait has an end of its own, which would cost a timer each time.
 int Select(int highest, fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
   timeval now = {0, 0};
-  return select(highest, readyForRead, readyForWrite, nullptr, OnlyLooks(atOnce) ? &now : nullptr);
+  return select(highest, readyForRead, readyForWrite, nullptr, atOnce ? &now : nullptr);
+}
+
+// All that is registered, and the descriptor of WakeUp.
+int SelectAll(fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
+  int highest = g_DbcI.SocketSets.MaxSocket;
+  if (wakeDescriptor >= 0) {
+    FD_SET(wakeDescriptor, readyForRead);
+    highest = std::max(highest, wakeDescriptor + 1);
+  }
+  const int events = Select(highest, readyForRead, readyForWrite, atOnce);
+  if (events <= 0 || wakeDescriptor < 0 || !FD_ISSET(wakeDescriptor, readyForRead)) return events;
+  FD_CLR(wakeDescriptor, readyForRead);
+  return WithoutWakeUp(events);
 }
 
 // Adds what epoll finds readable. Returns how many, or -1 with errno; but for a signal the agent
 // then goes on without.
 int WaitInEpoll(fd_set* readyForRead, bool atOnce) {
   epoll_event events[kEventsAtOnce];
-  const int count =
-      epoll_wait(epollDescriptor, events, kEventsAtOnce, OnlyLooks(atOnce) ? 0 : kNoEnd);
-  for (int i = 0; i < count; ++i) FD_SET(events[i].data.fd, readyForRead);
-  if (count < 0 && errno != EINTR) EndWait();
-  return count;
+  const int count = epoll_wait(epollDescriptor, events, kEventsAtOnce, atOnce ? 0 : kNoEnd);
+  if (count < 0 && errno != EINTR) EndEpoll();
+  bool woken = false;
+  for (int i = 0; i < count; ++i) {
+    if (events[i].data.fd == wakeDescriptor)
+      woken = true;
+    else
+      FD_SET(events[i].data.fd, readyForRead);
+  }
+  return woken ? WithoutWakeUp(count) : count;
+}
+
+bool AreFew() {
+  rlimit limit;
+  return getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kFewDescriptors;
 }
 
 }  // namespace
 
-void PrepareWait() {
+void PrepareWait(bool withEpoll) {
   EndWait();
-  const int lowest = epoll_create1(EPOLL_CLOEXEC);
-  if (lowest < 0) return;
-  epollDescriptor = fcntl(lowest, F_DUPFD_CLOEXEC, kEpollNumber);
-  close(lowest);
-  if (epollDescriptor >= FD_SETSIZE) EndWait();
+  if (AreFew()) return;
+  wakeDescriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (!withEpoll) return;
+  epollDescriptor = epoll_create1(EPOLL_CLOEXEC);
+  if (epollDescriptor < 0 || wakeDescriptor < 0) return;
+  epoll_event event = {};
+  event.events = EPOLLIN;
+  event.data.fd = wakeDescriptor;
+  if (epoll_ctl(epollDescriptor, EPOLL_CTL_ADD, wakeDescriptor, &event) != 0) EndEpoll();
 }
 
 void EndWait() {
-  if (epollDescriptor >= 0) close(epollDescriptor);
-  epollDescriptor = -1;
-  FD_ZERO(&behindEpoll);
+  EndEpoll();
+  if (wakeDescriptor >= 0) close(wakeDescriptor);
+  wakeDescriptor = -1;
+  wokenUp = 0;
+}
+
+void WakeUp() {
+  const int savedErrno = errno;
+  wokenUp = 1;
+  if (wakeDescriptor >= 0) eventfd_write(wakeDescriptor, 1);
+  errno = savedErrno;
+}
+
+void ForgetWakeUp() {
+  if (!wokenUp) return;
+  const int savedErrno = errno;
+  wokenUp = 0;
+  eventfd_t calls;
+  if (wakeDescriptor >= 0) eventfd_read(wakeDescriptor, &calls);
+  errno = savedErrno;
 }
 
 int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
   const int words = WordsInUse();
   const int savedErrno = errno;
+  atOnce = atOnce || wokenUp;
   const bool useEpoll = epollDescriptor >= 0 && !withoutEpollNext;
   withoutEpollNext = false;
   if (useEpoll) MoveDescriptors(words);
@@ -121,15 +178,13 @@ int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int 
     writes |= Word(*readyForWrite, i) = Word(g_DbcI.SocketSets.WriteSet, i);
     behind |= left;
   }
-  if (behind != 0 && (reads | writes) == 0) return WaitInEpoll(readyForRead, atOnce);
-  int highest = g_DbcI.SocketSets.MaxSocket;
-  if (behind != 0) {
-    FD_SET(epollDescriptor, readyForRead);
-    if (highest <= epollDescriptor) highest = epollDescriptor + 1;
-  }
   fd_set* const write = writes != 0 ? readyForWrite : nullptr;
+  if (behind == 0) return SelectAll(readyForRead, write, atOnce);
+  if ((reads | writes) == 0) return WaitInEpoll(readyForRead, atOnce);
+  FD_SET(epollDescriptor, readyForRead);
+  const int highest = std::max(g_DbcI.SocketSets.MaxSocket, epollDescriptor + 1);
   const int events = Select(highest, readyForRead, write, atOnce);
-  if (events <= 0 || behind == 0 || !FD_ISSET(epollDescriptor, readyForRead)) return events;
+  if (events <= 0 || !FD_ISSET(epollDescriptor, readyForRead)) return events;
   FD_CLR(epollDescriptor, readyForRead);
   if (alone >= 0 && FD_ISSET(alone, readyForRead)) return events - 1;
   return events - 1 + std::max(WaitInEpoll(readyForRead, true), 0);
@@ -138,6 +193,7 @@ int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int 
 void LookAtAllNext() { withoutEpollNext = true; }
 
 void StopWaitingFor(int fd) {
+  if (fd >= 0 && (fd == epollDescriptor || fd == wakeDescriptor)) EndWait();
   if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &behindEpoll)) return;
   const int savedErrno = errno;
   Change(EPOLL_CTL_DEL, fd);

@@ -2,16 +2,23 @@
 #pragma once
 #include <sys/select.h>
 
-// Opens the epoll descriptor that spares the agent much of select. It gets a number that no link
-// could have; where the system has none such, select does it all.
-void PrepareWait();
+// Opens the descriptors of the wait's own: one by which a signal handler ends it, and with epoll
+// one that spares the agent much of select. Where the process may have few, or the system has none
+// left, it goes without.
+void PrepareWait(bool withEpoll);
 
-// Closes it; select does it all from now on.
+// Closes them.
 void EndWait();
 
+// Ends the wait that is under way, or the next one before it has begun; for signal handlers.
+void WakeUp();
+
+// To be called before what the handlers have left is looked at: only what comes later ends the next
+// wait.
+void ForgetWakeUp();
+
 // Waits with select for what g_DbcI's sets ask for, until an event or a signal; `atOnce`: only
-// looks. Fills the result sets and returns the number of events in them, 0, or -1 with errno. A
-// signal whose flag is set before the wait begins ends it at once, too.
+// looks. Fills the result sets and returns the number of events in them, 0, or -1 with errno.
 //
 // What select costs grows with the descriptors it is handed. Therefore what is only to be read
 // stands behind one epoll descriptor in its place, and when nothing else is left, epoll itself does
@@ -25,4 +32,5 @@ void LookAtAllNext();
 
 // To be called before a descriptor is closed that may have been waited for: a copy of it in another
 // process would go on reporting events, and the next one with its number would not be waited for.
+// One of the wait's own is given up with the other.
 void StopWaitingFor(int fd);

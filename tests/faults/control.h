@@ -11,9 +11,9 @@ namespace faults {
 #define FAULT_CALLS(X)                                                                     \
   X(socket) X(bind) X(listen) X(accept) X(connect) X(fcntl) X(setsockopt) X(getsockopt)    \
   X(send) X(recv) X(read) X(write) X(select) X(poll) X(pipe) X(pipe2) X(socketpair)        \
-  X(epoll_create1) X(epoll_ctl) X(epoll_wait) X(fork) X(waitpid) X(open) X(fopen)          \
-  X(malloc) X(calloc) X(realloc) X(mmap) X(shmget) X(shmat) X(shmctl) X(msgget) X(msgsnd)  \
-  X(msgrcv) X(semget) X(semop) X(kill) X(gethostbyname)
+  X(eventfd) X(epoll_create1) X(epoll_ctl) X(epoll_wait) X(fork) X(waitpid) X(open)        \
+  X(fopen) X(malloc) X(calloc) X(realloc) X(mmap) X(shmget) X(shmat) X(shmctl) X(msgget)   \
+  X(msgsnd) X(msgrcv) X(semget) X(semop) X(kill) X(gethostbyname)
 // clang-format on
 
 enum class Call : std::uint32_t {

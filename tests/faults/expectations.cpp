@@ -22,9 +22,10 @@ const std::vector<Expectation>& Expectations() {
       {Call::open, "InitialiseClientQueue", "", "-1 descriptor", ""},  // the reserve
       {Call::open, "RefuseConnection", "", "-1 descriptor", ""},
       {Call::open, "OpenStandardStreams", "", "-1 descriptor", ""},
-      // The wait is then select's alone: one descriptor fewer.
+      // The wait then goes without: one descriptor fewer.
+      {Call::eventfd, "PrepareWait", "", "-1 descriptor", ""},
       {Call::epoll_create1, "PrepareWait", "", "-1 descriptor", ""},
-      {Call::fcntl, "PrepareWait", "", "-1 descriptor", ""},
+      {Call::epoll_ctl, "PrepareWait", "", "-1 descriptor", ""},
       {Call::epoll_wait, "WaitInEpoll", "EBADF", "-1 descriptor", ""},
       {Call::fork, "Detach", "", "no agent", ""},
       {Call::fopen, "WritePidFile", "", "unnoticed", "File open failed: pid. Status: %e."},

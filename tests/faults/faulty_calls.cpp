@@ -171,6 +171,7 @@ FAULTY(int, -1, pipe, (int* ends), (ends))
 FAULTY(int, -1, pipe2, (int* ends, int flags), (ends, flags))
 FAULTY(int, -1, socketpair, (int domain, int type, int protocol, int* ends),
        (domain, type, protocol, ends))
+FAULTY(int, -1, eventfd, (unsigned int count, int flags), (count, flags))
 FAULTY(int, -1, epoll_create1, (int flags), (flags))
 FAULTY(int, -1, epoll_ctl, (int epoll, int operation, int fd, epoll_event* event),
        (epoll, operation, fd, event))

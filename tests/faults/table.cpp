@@ -79,6 +79,7 @@ const std::vector<ErrorsOfCall> kErrors = {
     {Call::pipe, {EINTR, EMFILE, ENFILE}},
     {Call::pipe2, {EINTR, EMFILE, ENFILE}},
     {Call::socketpair, {EINTR, EMFILE, ENFILE, ENOMEM}},
+    {Call::eventfd, {EINTR, EMFILE, ENFILE, ENOMEM}},
     {Call::epoll_create1, {EINTR, EMFILE, ENFILE, ENOMEM}},
     {Call::epoll_ctl, {EINTR, ENOMEM, ENOSPC}},
     {Call::epoll_wait, {kShort, EINTR, EBADF}},

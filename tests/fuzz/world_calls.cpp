@@ -337,7 +337,6 @@ int __wrap_fcntl(int fd, int command, ...) {
   va_start(arguments, command);
   void* const argument = va_arg(arguments, void*);
   va_end(arguments);
-  if (state.Active && fd == kEpoll) return fd;  // a copy with a higher number
   if (!Simulated(fd)) return __real_fcntl(fd, command, argument);
   if (Fails(Call::Fcntl)) return -1;
   return IsOpen(fd) ? 0 : Fail(EBADF);
@@ -389,6 +388,12 @@ int __wrap_epoll_create1(int flags) {
   if (!state.Active) return __real_epoll_create1(flags);
   FD_ZERO(&behindEpoll);
   return Fails(Call::EpollCreate) ? -1 : kEpoll;
+}
+
+// Signals come while the agent waits, never before.
+int __real_eventfd(unsigned int count, int flags);
+int __wrap_eventfd(unsigned int count, int flags) {
+  return state.Active ? Fail(EMFILE) : __real_eventfd(count, flags);
 }
 
 int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);

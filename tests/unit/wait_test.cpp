@@ -1,6 +1,7 @@
 // The loop's wait and the signals whose flags the loop looks at before it.
 #include "core/wait.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -60,7 +61,7 @@ TEST_F(Waiting, OnlyLooksWhenItIsToldTo) {
 }
 
 TEST_F(Waiting, FindsInputBehindEpollToo) {
-  PrepareWait();
+  PrepareWait(true);
   EXPECT_EQ(Wait(true), 0);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 1);
@@ -68,15 +69,13 @@ TEST_F(Waiting, FindsInputBehindEpollToo) {
 }
 
 TEST_F(Waiting, BehindEpollHasNoEndButAnEventOrASignal) {
-  PrepareWait();
+  PrepareWait(true);
   EXPECT_EQ(Wait(false), kInterrupted);
   EXPECT_EQ(errno, EINTR);
-  g_DbcI.AlarmFlag = 1;
-  EXPECT_EQ(Wait(false), 0);
 }
 
 TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
-  PrepareWait();
+  PrepareWait(true);
   REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, ends_[1]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(FD_ISSET(ends_[1], &readyForWrite_));
@@ -86,7 +85,7 @@ TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
 }
 
 TEST_F(Waiting, EndOfTheStreamCountsAsInput) {
-  PrepareWait();
+  PrepareWait(true);
   close(ends_[1]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(Found());
@@ -94,7 +93,7 @@ TEST_F(Waiting, EndOfTheStreamCountsAsInput) {
 
 // Another process may have a copy of what is closed here, as the readers of local queues have.
 TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
-  PrepareWait();
+  PrepareWait(true);
   EXPECT_EQ(Wait(true), 0);
   const int copy = dup(ends_[0]);
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
@@ -105,7 +104,7 @@ TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
 }
 
 TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
-  PrepareWait();
+  PrepareWait(true);
   EXPECT_EQ(Wait(true), 0);
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
   const int number = ends_[0];
@@ -120,14 +119,14 @@ TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
 
 // As select does; the loop then looks for the bad one.
 TEST_F(Waiting, FailsWhenWhatIsRegisteredIsNotOpen) {
-  PrepareWait();
+  PrepareWait(true);
   close(ends_[0]);
   EXPECT_EQ(Wait(true), -1);
   EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(Waiting, AWaitForAllNoticesADescriptorThatWasClosedMeanwhile) {
-  PrepareWait();
+  PrepareWait(true);
   EXPECT_EQ(Wait(true), 0);
   close(ends_[0]);
   EXPECT_EQ(Wait(true), 0) << "epoll does not notice";
@@ -136,22 +135,13 @@ TEST_F(Waiting, AWaitForAllNoticesADescriptorThatWasClosedMeanwhile) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(Waiting, TakesNoNumberThatALinkCouldHave) {
-  const int before = dup(ends_[0]);
-  close(before);
-  PrepareWait();
-  const int after = dup(ends_[0]);
-  close(after);
-  EXPECT_EQ(after, before);
-}
-
-TEST_F(Waiting, DoesWithoutEpollWhereThereAreTooFewDescriptors) {
+TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
   rlimit former;
   getrlimit(RLIMIT_NOFILE, &former);
-  const rlimit few = {.rlim_cur = 300, .rlim_max = former.rlim_max};
+  const rlimit few = {.rlim_cur = 63, .rlim_max = former.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
   const int before = OpenDescriptors();
-  PrepareWait();
+  PrepareWait(true);
   setrlimit(RLIMIT_NOFILE, &former);
   EXPECT_EQ(OpenDescriptors(), before);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
@@ -159,14 +149,69 @@ TEST_F(Waiting, DoesWithoutEpollWhereThereAreTooFewDescriptors) {
   EXPECT_TRUE(Found());
 }
 
-TEST_F(Waiting, EndsAtOnceForATickThatCameSinceTheFlagsWereLookedAt) {
-  g_DbcI.AlarmFlag = 1;
+// Else a signal would write to whatever gets its number.
+TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
+  const int before = OpenDescriptors(), own = dup(ends_[0]);
+  close(own);
+  PrepareWait(true);
+  EXPECT_EQ(OpenDescriptors(), before + 2);
+  StopWaitingFor(own);
+  EXPECT_EQ(OpenDescriptors(), before);
+  WakeUp();
   EXPECT_EQ(Wait(false), 0);
+  ForgetWakeUp();
+  EXPECT_EQ(Wait(false), kInterrupted);
 }
 
-TEST_F(Waiting, EndsAtOnceForAStopThatCameSinceTheFlagsWereLookedAt) {
-  g_DbcI.ExitStatus = -1;
-  EXPECT_EQ(Wait(false), 0);
+// With epoll, and with select alone.
+class WakingUp : public Waiting, public testing::WithParamInterface<bool> {};
+
+TEST_P(WakingUp, EndsTheNextWaitOnce) {
+  PrepareWait(GetParam());
+  WakeUp();
+  EXPECT_EQ(Wait(false), -1);
+  EXPECT_EQ(errno, EINTR);
+  ForgetWakeUp();
+  EXPECT_EQ(Wait(true), 0);
 }
+
+TEST_P(WakingUp, IsNoEventBesideOthers) {
+  PrepareWait(GetParam());
+  WakeUp();
+  ASSERT_EQ(write(ends_[1], "x", 1), 1);
+  EXPECT_EQ(Wait(false), 1);
+  EXPECT_TRUE(Found());
+  for (int fd = 0; fd < FD_SETSIZE; ++fd) EXPECT_EQ(FD_ISSET(fd, &readyForRead_), fd == ends_[0]);
+}
+
+TEST_P(WakingUp, EndsAWaitForRoomToo) {
+  PrepareWait(GetParam());
+  int full[2];
+  ASSERT_EQ(pipe2(full, O_NONBLOCK), 0);
+  while (write(full[1], "0123456789", 10) > 0) continue;
+  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, full[1]);
+  WakeUp();
+  EXPECT_LE(Wait(false), 0);
+  close(full[0]);
+  close(full[1]);
+}
+
+TEST_F(Waiting, OnlyLooksAfterAWakeUpThatHasNoDescriptor) {
+  EndWait();
+  WakeUp();
+  EXPECT_EQ(Wait(false), 0);
+  ForgetWakeUp();
+}
+
+TEST_P(WakingUp, KeepsErrno) {
+  PrepareWait(GetParam());
+  errno = 77;
+  WakeUp();
+  ForgetWakeUp();
+  EXPECT_EQ(errno, 77);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, WakingUp, testing::Bool(),
+                         [](const auto& with) { return with.param ? "epoll" : "select"; });
 
 }  // namespace
