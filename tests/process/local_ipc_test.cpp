@@ -212,6 +212,7 @@ lumo::Message RichMessage(const Client& client) {
 TEST(LocalIpc, ARequestCarriesTheReaderAndInItsTrailerTheClient) {
   Setting setting;
   const pid_t reader = setting.Connect();
+  setting.Subject.Barrier();  // by now the agent has woken the kernel for the first request
   const int before = setting.Kernel.SemaphoreValue();
   lumo::Message request = RichMessage(*setting.Application);
   setting.Application->SendMessage(request);
