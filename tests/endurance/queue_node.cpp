@@ -131,6 +131,11 @@ void QueueNode::Break(Time now) {
   }
 }
 
+void QueueNode::EndSpares() {
+  if (Connected() && Put(reader_, std::string(kLargestBody + 4, 'x')))
+    EndReader("body too long for the reader");
+}
+
 void QueueNode::EndReader(const std::string& fault) {
   MarkBroken(fault);
   gone_ = reader_;

@@ -19,6 +19,9 @@ class QueueNode : public Node {
   bool Idle() const override;
   int AgentDescriptors() const override { return Connected() ? 2 : 0; }  // a pipe and a pair
   int AgentChildren() const override { return Connected() ? 1 : 0; }
+  // At rest: takes down the link, for which the agent keeps records of answers that it has handed
+  // on, as many as it once needed at a time.
+  void EndSpares();
 
  private:
   struct Unsent {

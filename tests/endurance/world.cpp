@@ -228,6 +228,10 @@ void World::Rest() {
     Barrier();
     AwaitAnswers();
   } while (Activity() != before);
+  if (queueNode_ && options_.MemoryPercent > 0) {
+    queueNode_->EndSpares();
+    AwaitAnswers();
+  }
   AskEachNode();
   EditNodes();
   Barrier();
