@@ -6,8 +6,9 @@
 # What a target learns is kept under build/fuzz/learned and used by the next run. An input that
 # finds something goes to build/fuzz/findings/TARGET; once understood it belongs to
 # regressions/TARGET in the tree. Ends with a table: processor time, executions, coverage of the
-# lines that the target is about, findings. The status is 1 when there are findings. Needs clang 14 with its
-# runtime library and llvm-cov, and no network. LUMO_FUZZ_BUILD names another build directory.
+# lines that the target is about, findings. The status is 1 when there are findings. Needs clang 14
+# with its runtime library and llvm-cov, and no network. LUMO_FUZZ_BUILD names another build
+# directory.
 set -euo pipefail
 [ $# -ge 1 ] || { echo "usage: $0 SECONDS [TARGET...]" >&2; exit 2; }
 seconds=$1

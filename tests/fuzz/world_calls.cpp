@@ -186,7 +186,7 @@ hostent* NumericHost(const char* name) {
   return &entry;
 }
 
-constexpr int kEpoll = FD_SETSIZE - 1;  // one for all runs: the agent keeps it for ever
+constexpr int kEpoll = FD_SETSIZE - 1;  // stands for itself: no connection gets so far
 fd_set behindEpoll;
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "core/init.h"
 #include "tests/unit/agent_test.h"
 
 namespace {
@@ -161,6 +162,24 @@ TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
   EXPECT_EQ(Wait(false), 0);
   ForgetWakeUp();
   EXPECT_EQ(Wait(false), kInterrupted);
+}
+
+// One that comes between the look at its flag and the wait would else lie until the next event.
+TEST_F(Waiting, IsEndedByASignalThatCameBefore) {
+  InitialiseSignalHandlers("wait", __LINE__);
+  InitialiseTimer("wait", __LINE__);
+  PrepareWait(true);
+  for (const int signal : {SIGALRM, SIGTERM, SIGINT}) {
+    EXPECT_EQ(Wait(true), 0);
+    raise(signal);
+    EXPECT_EQ(Wait(true), -1) << signal;
+    EXPECT_EQ(errno, EINTR);
+    ForgetWakeUp();
+  }
+  EXPECT_EQ(g_DbcI.AlarmFlag, 1);
+  EXPECT_TRUE(Stopping());
+  alarm(0);
+  for (const int signal : {SIGIO, SIGCHLD, SIGTERM, SIGINT}) std::signal(signal, SIG_DFL);
 }
 
 // With epoll, and with select alone.
