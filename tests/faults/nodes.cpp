@@ -188,6 +188,7 @@ bool Nodes::AnswerFromQueue(int queue) {
   answer.Type = request->TaskName;
   std::memcpy(answer.Body, body.data(), body.size());
   while (msgsnd(queue, &answer, body.size(), 0) != 0 && errno == EINTR) continue;
+  ++served_;
   return true;
 }
 

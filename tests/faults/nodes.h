@@ -37,7 +37,7 @@ class Nodes {
   void Pause() { paused_ = true; }
   void Resume();
   test::IpcKernel& Kernel() { return kernel_; }
-  int Served() const { return served_; }  // requests answered over streams
+  int Served() const { return served_; }  // requests answered
 
  private:
   void ServeStreams();

@@ -140,16 +140,24 @@ void Crowd(Run& run) {
   run.Ask(apps[0], "T2", "fewer");
 }
 
-// More answers than the connection of a client takes.
+// Requests with more answers than the connection of a client takes. All answers have reached the
+// agent when this returns.
+std::vector<lumo::Message> AskForTooMuch(Run& run, App& app, App& other, const std::string& node) {
+  constexpr int kCount = 40;
+  const int before = run.Database().Served();
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < kCount; ++i) requests.push_back(run.Send(app, node, "large"));
+  test::WaitFor([&] { return run.Database().Served() >= before + kCount || !run.Alive(); });
+  run.Ask(other, node, "behind them");
+  return requests;
+}
+
 void SlowClient(Run& run) {
-  App app = run.NewApp();
-  for (const char* const node : {"T1", "K"}) {
-    run.Ask(app, node, "first", node + std::string(" first"));
-    std::vector<lumo::Message> requests;
-    for (int i = 0; i < 40; ++i) requests.push_back(run.Send(app, node, "large"));
-    run.Barrier();
-    for (const lumo::Message& request : requests)
-      run.Expect(app, request, "large", node + std::string(" large"));
+  App app = run.NewApp(), other = run.NewApp();
+  for (const std::string& node : std::vector<std::string>{"T1", "K"}) {
+    run.Ask(app, node, "first", node + " first");
+    for (const lumo::Message& request : AskForTooMuch(run, app, other, node))
+      run.Expect(app, request, "large", node + " large");
   }
 }
 
@@ -270,15 +278,10 @@ void BusyReader(Run& run) {
 
 // Answers that a client has not taken yet when the agent is told to stop.
 void StopWithUnsent(Run& run) {
-  App app = run.NewApp();
+  App app = run.NewApp(), other = run.NewApp();
   run.Ask(app, "T2", "first");
   if (!run.Alive()) return;
-  const int before = run.Database().Served();
-  std::vector<lumo::Message> requests;
-  for (int i = 0; i < 40; ++i) requests.push_back(run.Send(app, "T2", "large"));
-  test::WaitFor([&] { return run.Database().Served() == before + 40 || !run.Alive(); });
-  App other = run.NewApp();
-  run.Ask(other, "T2", "behind them");  // when this is answered the agent has read all of those
+  const std::vector<lumo::Message> requests = AskForTooMuch(run, app, other, "T2");
   if (!run.Alive()) return;
   kill(run.Subject().Pid(), SIGTERM);
   run.WaitForPath(Call::select, "FlushClientsAtExit");
