@@ -465,6 +465,7 @@ TEST(RandomManagement, TheAgentServesOnAndAnswersEveryRequestOnce) {
       NumberOf("LUMO_RANDOM_SEED", static_cast<int>(std::random_device()() & 0x7FFFFFFF)));
   const int commands = NumberOf("LUMO_RANDOM_COMMANDS", kUsualCommands);
   std::printf("LUMO_RANDOM_SEED=%u LUMO_RANDOM_COMMANDS=%d\n", seed, commands);
+  std::fflush(stdout);  // for a run that is ended from outside
   const testing::ScopedTrace trace(__FILE__, __LINE__, "seed " + std::to_string(seed));
   RandomRun(seed).Run(commands);
 }
