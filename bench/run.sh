@@ -2,7 +2,7 @@
 # Compares the agent with a minimal relay, with direct connections and with other relays that are
 # installed, and judges what the agent must reach. Prints tables, writes comparison.csv and plots
 # into build/bench/results (--out), and ends with 0 only when every figure was reached.
-#   bench/run.sh              the whole, about an hour
+#   bench/run.sh              the whole, half an hour
 #   bench/run.sh --quick      a few minutes
 #   bench/run.sh --install    installs the other relays and what the build needs first
 #   bench/run.sh --only held,idle     single scenes
