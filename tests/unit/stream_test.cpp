@@ -1,5 +1,5 @@
 // Frames in and bytes out, per descriptor, over real sockets.
-#include "core/io.h"
+#include "core/stream.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,29 +18,23 @@ namespace {
 
 constexpr char kHere[] = "test";
 
-std::vector<int> receives, lengths, sends;
+std::vector<int> receives, lengths, sends, failures;
 void NoteReceive(int result) { receives.push_back(result); }
 void NoteLength(int rest) { lengths.push_back(rest); }
 void NoteSend(int result) { sends.push_back(result); }
+void NoteFailure(int error) { failures.push_back(error); }
 
 constexpr FrameFormat kCounting = {.LengthCounts = 4,  // the length word counts itself
                                    .SmallestLength = 5,
                                    .LargestLength = 8188,
                                    .TraceReceive = NoteReceive,
-                                   .TraceLength = NoteLength,
-                                   .Ahead = false};
+                                   .TraceLength = NoteLength};
 constexpr FrameFormat kPlain = {.LengthCounts = 0,
                                 .SmallestLength = 0,
                                 .LargestLength = 8188,
                                 .TraceReceive = nullptr,
-                                .TraceLength = nullptr,
-                                .Ahead = false};
-constexpr FrameFormat kAhead = {.LengthCounts = 0,
-                                .SmallestLength = 0,
-                                .LargestLength = 8188,
-                                .TraceReceive = nullptr,
-                                .TraceLength = nullptr,
-                                .Ahead = true};
+                                .TraceLength = nullptr};
+constexpr OutputTrace kTraced = {.Sent = NoteSend, .Failed = NoteFailure};
 
 std::string Frame(std::uint32_t length, const std::string& body) {
   return std::string(reinterpret_cast<const char*>(&length), sizeof length) + body;
@@ -53,6 +47,7 @@ class Streams : public AgentTest {
     receives.clear();
     lengths.clear();
     sends.clear();
+    failures.clear();
   }
   ~Streams() override {
     ForgetDescriptor(pair_[0]);
@@ -73,7 +68,7 @@ class Streams : public AgentTest {
   std::string Area(std::size_t size) const {
     return std::string(reinterpret_cast<const char*>(area_), size);
   }
-  int Send(const std::string& bytes, void (*trace)(int) = nullptr) const {
+  int Send(const std::string& bytes, const OutputTrace* trace = nullptr) const {
     return SendBytes(kHere, 7, Ours(), bytes.data(), bytes.size(), trace);
   }
   int Flush() const { return FlushBytes(kHere, 8, Ours()); }
@@ -102,9 +97,16 @@ class Streams : public AgentTest {
   unsigned char area_[8192];
 };
 
-class FramesIn : public Streams {};
+// What is traced is noted here, so nothing is written.
+class FramesIn : public Streams {
+ protected:
+  void SetUp() override {
+    Streams::SetUp();
+    g_DbcI.LogLevel = kLogTrace;
+  }
+};
 
-TEST_F(FramesIn, AWholeFrameIsReadInTwoSteps) {
+TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
   Come(Frame(10, "abcdef"));
   EXPECT_EQ(Read(), FrameRead::Whole);
   EXPECT_EQ(Area(10), Frame(10, "abcdef"));
@@ -116,9 +118,6 @@ TEST_F(FramesIn, TheLengthWordMayNotCountItself) {
   Come(Frame(6, "abcdef") + "rest");
   EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_EQ(Area(10), Frame(6, "abcdef"));
-  EXPECT_EQ(Take(), "");
-  char rest[8];
-  EXPECT_EQ(recv(Ours(), rest, sizeof rest, MSG_DONTWAIT), 4) << "not a byte too much is read";
 }
 
 TEST_F(FramesIn, TheSizeCountsTheLengthWord) {
@@ -225,7 +224,7 @@ TEST_F(FramesIn, ErrnoStaysUnlessTheReceiveFailed) {
 
 TEST_F(FramesIn, WithoutMemoryHalfAFrameFails) {
   Come(Frame(9, "12"));
-  const FailingAllocations failing;
+  const NoMemory none;
   EXPECT_EQ(Read(), FrameRead::NoMemory);
   EXPECT_EQ(errno, ENOMEM);
 }
@@ -245,135 +244,142 @@ TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
   EXPECT_EQ(Area(6), Frame(6, "xy"));
 }
 
-// Frames of a link, of which all that has come is taken with one call.
-// Of a link: taken into a buffer of its own. Of a client: read straight into the caller's record.
-class FramesAhead : public Streams, public testing::WithParamInterface<bool> {
+// What has come is taken with one call, whatever the stream is.
+class FramesAhead : public Streams {
  protected:
-  void SetUp() override {
-    Streams::SetUp();
-    if (OfLink()) REGISTER_SOCKET_FOR_THE_LINK("test", 1, Ours(), &link_);
-  }
-  void TearDown() override {
-    UNREGISTER_SOCKET_FOR_THE_LINK("test", 1, Ours());
-    Streams::TearDown();
-  }
-  bool OfLink() const { return GetParam(); }
   bool Waits() const { return FrameWaits(Ours()); }
-
- private:
-  Link link_ = {};
 };
-INSTANTIATE_TEST_SUITE_P(LinksAndClients, FramesAhead, testing::Bool(),
-                         [](const auto& kind) { return kind.param ? "Link" : "Client"; });
 
-TEST_P(FramesAhead, AreHandedOutOneByOneInOrder) {
+TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
   Come(Frame(1, "a") + Frame(2, "bb") + Frame(3, "ccc"));
   EXPECT_FALSE(Waits());
   for (const char* body : {"a", "bb", "ccc"}) {
     const std::string text = body;
-    EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+    EXPECT_EQ(Read(kPlain), FrameRead::Whole);
     EXPECT_EQ(Area(4 + text.size()), Frame(static_cast<std::uint32_t>(text.size()), text));
     EXPECT_EQ(Waits(), text != "ccc");
   }
-  EXPECT_EQ(Read(kAhead), FrameRead::Later);
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
 }
 
-TEST_P(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
+TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
   Come(Frame(1, "a") + Frame(6, "half"));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_FALSE(Waits());
-  EXPECT_EQ(Read(kAhead), FrameRead::Later);
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
   Come("xx");
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_EQ(Area(10), Frame(6, "halfxx"));
 }
 
-TEST_P(FramesAhead, MayComeByteByByte) {
+TEST_F(FramesAhead, MayComeByteByByte) {
   const std::string frame = Frame(5, "12345");
   for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
     Come(frame.substr(i, 1));
-    EXPECT_EQ(Read(kAhead), FrameRead::Later) << i;
+    EXPECT_EQ(Read(kPlain), FrameRead::Later) << i;
     EXPECT_FALSE(Waits());
   }
   Come(frame.substr(frame.size() - 1));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_EQ(Area(9), frame);
 }
 
-TEST_P(FramesAhead, ManyLargeOnesAllComeThrough) {
+TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
   for (int round = 0; round < 5; ++round) {
     for (char c = 'a'; c < 'f'; ++c) Come(Frame(8188, std::string(8188, c)));
     for (char c = 'a'; c < 'f'; ++c) {
-      ASSERT_EQ(Read(kAhead), FrameRead::Whole);
+      ASSERT_EQ(Read(kPlain), FrameRead::Whole);
       ASSERT_EQ(Area(8192), Frame(8188, std::string(8188, c)));
     }
   }
   EXPECT_FALSE(Waits());
 }
 
-TEST_P(FramesAhead, MoreIsExpectedAfterMuchUntilALookFindsNothing) {
+TEST_F(FramesAhead, MoreIsExpectedAfterMuchUntilALookFindsNothing) {
   EXPECT_FALSE(MoreHasCome(Ours()));
   Come(Frame(8188, std::string(8188, 'a')));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
-  EXPECT_EQ(MoreHasCome(Ours()), OfLink());
-  EXPECT_EQ(Read(kAhead), FrameRead::Later);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(MoreHasCome(Ours()));
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
   EXPECT_FALSE(MoreHasCome(Ours())) << "the descriptor would be read again and again";
 }
 
-TEST_P(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
+TEST_F(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
   Come(Frame(1, "a") + Frame(8189, ""));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_TRUE(Waits());
-  EXPECT_EQ(Read(kAhead), FrameRead::BadLength);
+  EXPECT_EQ(Read(kPlain), FrameRead::BadLength);
   EXPECT_EQ(Area(4), Frame(8189, ""));
 }
 
-TEST_P(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
+TEST_F(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
   Come(Frame(1, "a") + Frame(0, ""));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_TRUE(Waits());
-  EXPECT_EQ(Read(kAhead), FrameRead::Closed);
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
 }
 
-TEST_P(FramesAhead, WholeOnesComeBeforeTheEnd) {
+TEST_F(FramesAhead, WholeOnesComeBeforeTheEnd) {
   Come(Frame(1, "a") + Frame(1, "b") + Frame(9, "half"));
   CloseFar();
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
-  EXPECT_EQ(Read(kAhead), FrameRead::Closed);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
 }
 
-TEST_P(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
+TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
   Come(Frame(1, "a") + Frame(1, "b"));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   ForgetDescriptor(Ours());
   EXPECT_FALSE(Waits());
   Come(Frame(1, "c"));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
   EXPECT_EQ(Area(5), Frame(1, "c"));
 }
 
-TEST_P(FramesAhead, WithoutMemoryTheReadFails) {
-  Come(Frame(1, "a") + Frame(1, "b"));
-  const FailingAllocations failing;
-  EXPECT_EQ(Read(kAhead), FrameRead::NoMemory);
-  EXPECT_EQ(errno, ENOMEM);
+TEST_F(FramesAhead, ALookTakesThemAndTellsOfTheEnd) {
+  EXPECT_FALSE(LookAhead(Ours())) << "it has not been read before";
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  errno = 77;
+  EXPECT_FALSE(LookAhead(Ours()));
+  EXPECT_EQ(errno, 77);
+  Come(Frame(1, "a"));
+  EXPECT_TRUE(LookAhead(Ours()));
+  EXPECT_TRUE(Waits());
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_FALSE(Waits());
+  EXPECT_TRUE(LookAhead(Ours())) << "the end counts";
+  EXPECT_TRUE(Waits());
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+  EXPECT_FALSE(Waits());
 }
 
-TEST_P(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
-  errno = 77;
-  EXPECT_EQ(Read(kAhead), FrameRead::Later);
+TEST_F(FramesAhead, AreReadAfterAFailureThatALookHasMet) {
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
   Come(Frame(1, "a"));
-  EXPECT_EQ(Read(kAhead), FrameRead::Whole);
+  ASSERT_EQ(send(Ours(), "unread", 6, 0), 6);
   CloseFar();
-  EXPECT_EQ(Read(kAhead), FrameRead::Closed);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(LookAhead(Ours()));
+  EXPECT_EQ(Read(kPlain), FrameRead::Failed);
+  EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
+  errno = 77;
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  Come(Frame(1, "a"));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
   EXPECT_EQ(errno, 77);
 }
 
 class BytesOut : public Streams {};
 
 TEST_F(BytesOut, GoOutAtOnceWhenThePeerTakesThem) {
-  EXPECT_EQ(Send("hello", NoteSend), 0);
+  EXPECT_EQ(Send("hello", &kTraced), 0);
   EXPECT_EQ(Take(), "hello");
   EXPECT_EQ(sends, std::vector<int>{5});
   EXPECT_EQ(UnsentBytes(Ours()), 0U);
@@ -405,7 +411,7 @@ TEST_F(BytesOut, KeepTheirOrder) {
   EXPECT_EQ(Send("behind"), 0);
   all += "behind";
   std::string came = Take();
-  EXPECT_EQ(Send("last", NoteSend), 0) << "the peer takes again, but what is kept goes first";
+  EXPECT_EQ(Send("last", &kTraced), 0) << "the peer takes again, but what is kept goes first";
   EXPECT_TRUE(sends.empty());
   all += "last";
   while (UnsentBytes(Ours()) > 0) {
@@ -452,9 +458,10 @@ TEST_F(BytesOut, FlushingNothingIsNoFailure) {
 
 TEST_F(BytesOut, ASendToAClosedPeerFailsWithoutASignal) {
   CloseFar();
-  EXPECT_EQ(Send("x", NoteSend), -1);
+  EXPECT_EQ(Send("x", &kTraced), -1);
   EXPECT_EQ(errno, EPIPE);
   EXPECT_EQ(sends, std::vector<int>{-1});
+  EXPECT_EQ(failures, std::vector<int>{EPIPE});
   EXPECT_EQ(UnsentBytes(Ours()), 0U);
 }
 
@@ -478,7 +485,7 @@ TEST_F(BytesOut, AClosedDescriptorAndNumbersOutOfBoundsFail) {
 TEST_F(BytesOut, WithoutMemoryWhatThePeerDoesNotTakeFails) {
   Send(std::string(3000000, 'm'));
   ForgetDescriptor(Ours());
-  const FailingAllocations failing;
+  const NoMemory none;
   EXPECT_EQ(Send("x"), -1);
   EXPECT_EQ(errno, ENOMEM);
   EXPECT_EQ(UnsentBytes(Ours()), 0U);
@@ -506,95 +513,119 @@ TEST_F(BytesOut, ErrnoStaysWhenNothingFails) {
   EXPECT_EQ(errno, 77);
 }
 
-// Frames for a link that are collected and go out together.
-class HeldBytes : public BytesOut {
+// Bytes for links that are kept and go out together.
+class BytesTogether : public BytesOut {
  protected:
   void SetUp() override {
     BytesOut::SetUp();
     REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, Ours(), AddLink("A"));
-    HoldOutput(true);
+    JoinOutput(true);
   }
   void TearDown() override {
-    HoldOutput(false);
+    JoinOutput(false);
     ForgetDescriptor(Ours());
     BytesOut::TearDown();
   }
-  static int Release() {
-    HoldOutput(false);
-    return SendHeld(kHere, 1);
+  int Release() {
+    JoinOutput(false);
+    return NextJoined() < 0 ? 0 : SendJoined(kHere, 1, NextJoined(), &taken_);
   }
+
+  std::size_t taken_ = 0;
 };
 
-TEST_F(HeldBytes, GoOutTogetherInOrder) {
-  EXPECT_EQ(Send("one "), 0);
-  EXPECT_EQ(Send("two "), 0);
+TEST_F(BytesTogether, GoOutTogetherInOrder) {
+  EXPECT_EQ(Send("one ", &kTraced), 0);
+  EXPECT_EQ(Send("two ", &kTraced), 0);
   EXPECT_EQ(Take(), "");
-  EXPECT_EQ(HeldFrames(), 2);
-  EXPECT_EQ(Release(), -1);
-  EXPECT_EQ(HeldFrames(), 0);
+  EXPECT_EQ(NextJoined(), Ours());
+  EXPECT_EQ(JoinedBytes(Ours()), 8U);
+  EXPECT_FALSE(AwaitsWriting());
+  EXPECT_EQ(Release(), 0);
+  EXPECT_EQ(taken_, 8U);
+  EXPECT_EQ(NextJoined(), -1);
+  EXPECT_EQ(sends, std::vector<int>{8});
   EXPECT_EQ(Send("three"), 0);
   EXPECT_EQ(Take(), "one two three");
 }
 
-TEST_F(HeldBytes, AreSentWhenThereIsNoRoomForMore) {
+TEST_F(BytesTogether, MayBeMoreThanABlock) {
   std::string all;
-  for (int i = 0; i < 9; ++i) {
+  for (int i = 0; i < 20; ++i) {
     const std::string frame(8192, static_cast<char>('a' + i));
     EXPECT_EQ(Send(frame), 0);
     all += frame;
   }
-  EXPECT_EQ(Release(), -1);
-  EXPECT_TRUE(Take() == all);
+  EXPECT_EQ(Release(), 0);
+  std::string came = Take();
+  while (UnsentBytes(Ours()) > 0) {
+    ASSERT_EQ(Flush(), 0);
+    came += Take();
+  }
+  EXPECT_TRUE(came == all);
 }
 
-TEST_F(HeldBytes, AreOnlyThoseOfOneLink) {
+TEST_F(BytesTogether, AreKeptForEachLink) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
   REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, pair[0], AddLink("B"));
   EXPECT_EQ(Send("mine"), 0);
   EXPECT_EQ(SendBytes(kHere, 1, pair[0], "other", 5), 0);
   char other[8];
-  EXPECT_EQ(recv(pair[1], other, sizeof other, MSG_DONTWAIT), 5) << "sent at once";
-  EXPECT_EQ(Release(), -1);
+  EXPECT_EQ(recv(pair[1], other, sizeof other, MSG_DONTWAIT), -1);
+  EXPECT_EQ(Release(), 0);
   EXPECT_EQ(Take(), "mine");
+  EXPECT_EQ(Release(), 0);
+  EXPECT_EQ(recv(pair[1], other, sizeof other, MSG_DONTWAIT), 5);
+  ForgetDescriptor(pair[0]);
   close(pair[0]);
   close(pair[1]);
 }
 
-TEST_F(HeldBytes, OfAClientThereAreNone) {
+TEST_F(BytesTogether, OfAClientThereAreNone) {
   UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, Ours());
   EXPECT_EQ(Send("answer"), 0);
   EXPECT_EQ(Take(), "answer");
 }
 
-TEST_F(HeldBytes, ThatCannotBeSentNameTheirDescriptor) {
-  EXPECT_EQ(Send("lost"), 0);
+TEST_F(BytesTogether, ThatCannotBeSentTellWhatWasTaken) {
+  EXPECT_EQ(Send("lost", &kTraced), 0);
   CloseFar();
-  EXPECT_EQ(Release(), Ours());
+  EXPECT_EQ(Release(), -1);
   EXPECT_EQ(errno, EPIPE);
-  EXPECT_EQ(HeldFrames(), 0);
+  EXPECT_EQ(taken_, 0U);
+  EXPECT_EQ(failures, std::vector<int>{EPIPE});
+  EXPECT_EQ(NextJoined(), -1);
 }
 
-TEST_F(HeldBytes, OfAForgottenDescriptorAreDropped) {
+TEST_F(BytesTogether, OfAForgottenDescriptorAreDropped) {
   EXPECT_EQ(Send("gone"), 0);
   ForgetDescriptor(Ours());
-  EXPECT_EQ(HeldFrames(), 0);
-  EXPECT_EQ(Release(), -1);
+  EXPECT_EQ(NextJoined(), -1);
   EXPECT_EQ(Take(), "");
 }
 
-TEST_F(HeldBytes, StayBehindWhatIsKept) {
-  HoldOutput(false);
+TEST_F(BytesTogether, DoNotOvertakeWhatIsKeptForThePeer) {
+  JoinOutput(false);
   std::string all = FillUp();
-  HoldOutput(true);
+  JoinOutput(true);
   EXPECT_EQ(Send("behind"), 0);
+  EXPECT_EQ(NextJoined(), -1);
   std::string came = Take();
-  EXPECT_EQ(Release(), -1);
   while (UnsentBytes(Ours()) > 0) {
     ASSERT_EQ(Flush(), 0);
     came += Take();
   }
   EXPECT_TRUE(came == all + "behind");
+}
+
+TEST_F(BytesTogether, ThatThePeerDoesNotTakeAwaitWriting) {
+  const std::string much(3000000, 'm');
+  EXPECT_EQ(Send(much), 0);
+  EXPECT_EQ(Release(), 0);
+  EXPECT_GT(UnsentBytes(Ours()), 0U);
+  EXPECT_EQ(taken_ + UnsentBytes(Ours()), much.size());
+  EXPECT_TRUE(AwaitsWriting());
 }
 
 TEST_F(BytesOut, AForgottenDescriptorKeepsNothing) {
