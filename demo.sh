@@ -4,6 +4,7 @@
 # it made, and exits with 0 only when everything was as expected. Needs no terminal.
 set -euo pipefail
 cd "$(dirname "$0")"
+exec </dev/null
 source tools/setup.sh
 unset NET_MBX DBC_LOG
 
@@ -56,7 +57,7 @@ StartNode() {
   shift
   lumo_node "$@" --log "$folder/$name.log" >"$folder/$name.out" 2>"$folder/$name.err" &
   nodePid[$name]=$!
-  WaitFor grep -q '^listening on' "$folder/$name.out"
+  WaitFor grep -qs '^listening on' "$folder/$name.out"
   nodePort[$name]=$(sed -n 's/^listening on tcp .*://p' "$folder/$name.out")
   Say "node $name: $(head -n 1 "$folder/$name.out")"
 }

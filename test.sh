@@ -1,32 +1,46 @@
 #!/usr/bin/env bash
-# Installs what the build needs, builds with AddressSanitizer and UndefinedBehaviorSanitizer, runs
-# all tests, then runs the process tests against the release build as well.
+# Installs what the tests need, builds with AddressSanitizer and UndefinedBehaviorSanitizer and runs
+# all tests, the static checks among them; then the process tests with the agent of the release
+# build, and those of the Debian package. Says at the end what took how long. Needs no terminal, and
+# the tree need not be a checkout.
+#
+#   ./test.sh            everything
+#   ./test.sh --quick    the release build with its unit and process tests
 set -euo pipefail
 cd "$(dirname "$0")"
+exec </dev/null
 source tools/setup.sh
 
-install_packages "${build_packages[@]}"
-install_packages groff-base mandoc python3 # the check of the manual pages
+Build() { # PRESET TARGET...
+  local preset=$1
+  shift
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" ${@:+--target "$@"}
+}
+Test() { # PRESET OPTION...
+  local preset=$1
+  shift
+  ctest --test-dir "build/$preset" --output-on-failure --parallel "$(test_jobs)" "$@"
+}
 
-step "Sanitizer build"
-cmake --preset sanitize >/dev/null
-cmake --build --preset sanitize
+# The process tests of the sanitizer build, with another agent.
+TestReleaseAgent() {
+  LUMO_TCP=$PWD/build/release/lumo_tcp \
+    LUMO_TCP_COUNTED=$PWD/build/release/tests/process/lumo_tcp_counted Test sanitize -L process
+  Test release -R '^hardening$'
+}
 
-step "All tests, sanitizer build"
-ctest --test-dir build/sanitize --output-on-failure --parallel "$(test_jobs)"
-
-step "Release build"
-cmake --preset release >/dev/null
-cmake --build --preset release --target lumo_tcp process_tests lumo_endurance
-
-step "Process tests, release build"
-ctest --test-dir build/release --output-on-failure --parallel "$(test_jobs)" -L process
-
-tests/packaging/run.sh build/release
-tests/dissector/run.sh build/release
-
-install_packages "${check_packages[@]}"
-check_format
-check_tidy build/release
-check_cppcheck
-step "All tests passed"
+if [ "${1:-}" = --quick ]; then
+  timed 'packages' install_packages "${build_packages[@]}"
+  timed 'release build' Build release lumo_tcp process_tests unit_tests
+  timed 'tests' Test release -L 'unit|process' -E '^Endurance'
+else
+  timed 'packages' install_packages "${test_packages[@]}"
+  timed 'sanitizer build' Build sanitize
+  timed 'release build' Build release lumo_tcp lumo_tcp_counted lumo_node lumoctl
+  timed 'all tests, sanitizer build' Test sanitize
+  timed 'process tests, release agent' TestReleaseAgent
+  timed 'Debian package' tests/packaging/run.sh build/release
+  timed 'dissector' tests/dissector/run.sh build/release
+fi
+say_times

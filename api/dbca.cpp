@@ -12,6 +12,7 @@
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
+#include "core/stats.h"
 #include "core/status.h"
 #include "core/trace.h"
 #include "link/link.h"
@@ -117,31 +118,14 @@ bool Redefine(Link* link, char* text) {
   link->Protocol->UninitLink(HERE, link);
   fresh->Next = link->Next;
   fresh->WasEntry = link->WasEntry;
+  fresh->Books = link->Books;
   *link = *fresh;
   std::free(fresh);
+  RenewLinkStats(link->Books.StatsRow, link->Protocol->Name, link->Place);
   return true;
 }
 
 // Deletion
-
-// A deleted link stays in the circle while another default is looked for: this protocol makes it
-// one that cannot be connected.
-int DoNothing(const char*, int, Link*) { return 0; }
-int RefuseLink(const char*, int, Link*) { return kStatusUnknownNode; }
-int RefuseAddress(const char*, int, Link*, char*) { return kStatusUnknownNode; }
-int RefuseMessage(const char*, int, Link*, ClientMessage*) { return kStatusUnknownNode; }
-int IgnoreDeadClient(const char*, int, Link*, int) { return 0; }
-Protocol deletedProtocol = {.Name = "",
-                            .InitLink = RefuseAddress,
-                            .UninitLink = DoNothing,
-                            .ConnectLink = RefuseLink,
-                            .ReadyForWrite = RefuseLink,
-                            .ReadyForRead = RefuseLink,
-                            .DisconnectLink = DoNothing,
-                            .TimerEvent = DoNothing,
-                            .SendToNetwork = RefuseMessage,
-                            .ClientDeadEvent = IgnoreDeadClient,
-                            .Next = nullptr};
 
 // The requests that wait for the default go on to the next one; those that named this link are
 // told that there is no such node.
@@ -196,7 +180,7 @@ int DelNode(const char* file, int line, Link* link) {
   }
   link->DeletePending = 0;
   link->Protocol->UninitLink(HERE, link);
-  link->Protocol = &deletedProtocol;
+  link->Deleted = 1;  // it stays in the circle while another default is looked for
   if (link == g_DbcI.DefaultLink) LeaveDefault(link);
   if (link == g_DbcI.CircleStartLink) LeaveCircleStart(link);
   Unlink(link);
@@ -326,9 +310,15 @@ int AnswerName(Request* request, ClientMessage* answer) {
   return 1;
 }
 
+// The requests that wait for the default have nothing to wait for when the new one is up.
 int MakeDefault(Request* request, ClientMessage*) {
-  if (!request->Node) return 0;
-  g_DbcI.DefaultLink = request->Node;
+  Link* const link = request->Node;
+  if (!link) return 0;
+  const Link* const old = g_DbcI.DefaultLink;
+  g_DbcI.DefaultLink = link;
+  if (link == old || link->State != kLinkConnected) return 1;
+  MoveDefaultRequests(old, link);
+  SendAllSavedMsgToTheLink(HERE, link);
   return 1;
 }
 
@@ -365,10 +355,11 @@ int SetNode(Request* request) {
   return ApiSetNode(HERE, request->Node, request->TextSize > 0 ? request->Text : nullptr);
 }
 
-// The definition stands two bytes behind the name that selects the node.
+// The definition stands two bytes behind the end of the name that selects the node, which may be
+// padded with blanks.
 int SetNamedNode(Request* request) {
   if (!request->Node) return kNoSuchNode;
-  const std::size_t at = request->NameLength + 2;
+  const std::size_t at = std::strlen(request->Text) + 2;
   char* const text = at < request->TextSize ? request->Text + at : nullptr;
   return ApiSetNode(HERE, request->Node, text);
 }

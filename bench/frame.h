@@ -18,6 +18,7 @@ constexpr std::size_t kLargestFrame = 8192;  // a node's, length word included
 constexpr std::uint32_t kControlLength = 8;  // in the length word of a control packet
 
 // In the trailer
+constexpr std::size_t kReturnedAt = 4;  // 4 bytes of the relay's own that the node sends back
 constexpr std::size_t kAstIndAt = 12;
 constexpr std::size_t kSequenceAt = 14;    // 8 bytes that everybody passes on: ours
 constexpr std::size_t kConnectionAt = 22;  // 4 bytes, as well

@@ -1,39 +1,43 @@
 """Runs the measuring programs against each other and judges the figures. See run.sh."""
 
 import argparse
-import csv
+import collections
+import contextlib
 import json
 import os
 import platform
 import random
 import resource
 import shutil
+import signal
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
-import plot
+import comparison
+import goals
+import growth
+import places
 import targets
 
 LOAD_GRACE_SECONDS = 30
 ALL_SIZES = [108, 300, 500, 1000, 4000]
-FIELDS = ["per_second", "p50_us", "p99_us", "longest_us", "cpu_us", "all_cpu_us", "errors"]
-LONGEST_US = 500_000  # no round trip may take longer
-
-# The least throughput of the agent over the yardstick's at 108 bytes, by clients.
-OVER_YARDSTICK = {1: 1.0, 16: 1.05, 64: 1.4, 240: 2.5}
+MANY = [16, 64, 240]
+DISTANCES_MS = [0.2, 1, 10]
+Cpus = collections.namedtuple("Cpus", "first last")
 
 
 class Bench:
     def __init__(self, options, folder):
         self.options = options
         self.run = targets.Run(os.path.abspath(options.build), folder)
+        self.run.before = options.before
         self.verdicts = []
-        self.rows = []
+        self.rows = comparison.Rows()
         cpus = sorted(os.sched_getaffinity(0))
-        self.first, self.last = cpus[0], cpus[-1]
+        self.cpus = Cpus(cpus[0], cpus[-1])
 
     def say(self, text=""):
         print(text, flush=True)
@@ -54,7 +58,7 @@ class Bench:
 
     def load(self, target, **wanted):
         """One run of the load generator; what it measured, or None when it broke off."""
-        command = [self.run.program("bench_load"), *target.load]
+        command = list(target.load)
         if target.pids:
             command += ["--agent-pid", ",".join(map(str, target.pids))]
         for name, value in wanted.items():
@@ -63,7 +67,7 @@ class Bench:
             done = subprocess.run(
                 command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False,
                 timeout=wanted.get("seconds", 1) + LOAD_GRACE_SECONDS,
-                preexec_fn=targets.on_cpu(self.first))
+                preexec_fn=targets.on_cpu(self.cpus.first))
         except subprocess.TimeoutExpired:
             return None
         if done.returncode not in (0, 1, 2, 3):
@@ -72,155 +76,195 @@ class Bench:
             return None
         return json.loads(done.stdout)
 
-    def measure(self, kind, alone=False, singly=False, link_first=False, **wanted):
+    def measure(self, kind, place=places.Loopback(), alone=False, singly=False, link_first=False,
+                **wanted):
         """A fresh node and a fresh target for one run of the load. link_first: one client asks
-        before the others come, since the agent makes no link when 248 are there already."""
-        node = targets.EchoNode(self.run, self.first, singly)
+        before the others come, since the agent makes no link when 248 are there already.
+        alone: the relay has a processor without the load."""
+        node = place.node(self.run, self.cpus, singly=singly)
         try:
-            target = kind(self.run, node, self.last if alone else self.first)
+            target = kind(self.run, node, self.cpus.last if alone else self.cpus.first)
             try:
-                if link_first:
-                    self.load(target, clients=1, seconds=0.1)
+                if link_first and target.pids:
+                    self.load(target, clients=1, seconds=0.02, warmup=0)
+                    target.settle()
                 return self.load(target, other_pid=node.pid, **wanted)
             finally:
                 target.stop()
         finally:
             node.stop()
 
-    # Throughput and latency against clients
+    # Throughput and latency of many targets
 
-    def compare(self):
-        kinds = [kind for kind in targets.ALL if kind.installed()]
-        missing = [kind.name for kind in targets.ALL if not kind.installed()]
+    def compare(self, number, place, size, clients, kinds):
+        """One round of a case: all targets in random order."""
+        for kind in random.sample(kinds, len(kinds)):
+            result = self.measure(kind, place, alone=self.options.alone, link_first=True,
+                                  clients=clients, size=size, seconds=self.options.seconds,
+                                  warmup=self.options.warmup, stall_ms=self.options.stall_ms)
+            self.rows.add(number, kind.name, (place.name, size, clients), result)
+
+    def cases(self, sizes, clients):
+        """What of these was asked for."""
+        return [(size, count) for size in self.options.sizes or sizes
+                for count in self.options.clients or clients]
+
+    def rounds(self, what, count=None):
+        count = count or self.options.rounds
+        for number in range(count):
+            yield number
+            self.say(f"{what}: round {number + 1} of {count} done")
+
+    def loopback(self):
+        kinds = [targets.Agent, targets.FreeHand, targets.Yardstick, *self.peers()]
+        if not self.options.quick:
+            kinds.append(targets.Direct)
+        place = places.Loopback()
+        for number in self.rounds("loopback"):
+            for size, clients in self.cases([108, 1000, 4000, 8000], [1, *MANY]):
+                self.compare(number, place, size, clients, kinds)
+        self.show([place.name])
+        goals.judge_loopback(self, self.rows)
+
+    def distance(self):
+        why = places.why_no_distance()
+        if why:
+            self.say(f"distance is not measured: {why}")
+            return
+        with contextlib.ExitStack() as stack:
+            wires = [stack.enter_context(contextlib.closing(places.Distance(self.run, rtt,
+                                                                            self.cpus)))
+                     for rtt in DISTANCES_MS]
+            kinds = [targets.Agent, targets.FreeHand, *self.peers()]
+            for number in self.rounds("distance"):
+                for wire in wires:
+                    for size, clients in self.cases([108, 1000, 4000], MANY):
+                        self.compare(number, wire, size, clients, kinds)
+            self.show([wire.name for wire in wires])
+            goals.judge_distance(self, self.rows, wires)
+            self.never_late_far(wires)
+
+    def local(self):
+        """Kernels on the same machine, with the TCP link beside them."""
+        tcp, queue = places.Loopback(), places.LocalQueue()
+        kernels = [places.LocalSocket(), queue]
+        for number in self.rounds("local"):
+            for size, clients in self.cases([108, 1000, 4000, 8000], [1, *MANY]):
+                for place in kernels:
+                    self.compare(number, place, size, clients,
+                                 [targets.Agent, targets.Yardstick, targets.Direct])
+                over_tcp = self.measure(targets.Agent, tcp, link_first=True, clients=clients,
+                                        size=size, seconds=self.options.seconds,
+                                        warmup=self.options.warmup)
+                for place in kernels:
+                    self.rows.add(number, "agent over TCP", (place.name, size, clients), over_tcp)
+        self.show([place.name for place in kernels])
+        goals.judge_local(self, self.rows, kernels)
+        self.crowded_queue(queue)
+
+    def crowded_queue(self, queue):
+        """8 clients whose requests do not fit the queue together, connected before the reader of
+        the answers was made and after it."""
+        self.say("\n8 clients with 7500 bytes on a queue of 16 KiB")
+        found = {"before the reader": [], "after the reader": [], "direct": []}
+        wanted = {"clients": 8, "size": 7500, "seconds": self.options.seconds}
+        for _ in range(self.options.rounds):
+            for name, kind, first in (("before the reader", targets.Agent, False),
+                                      ("after the reader", targets.Agent, True),
+                                      ("direct", targets.Direct, False)):
+                result = self.measure(kind, queue, link_first=first, **wanted)
+                found[name].append(result["per_second"] if result else 0)
+        goals.judge_crowded_queue(self, found)
+        self.beside_full_queue(queue)
+
+    def beside_full_queue(self, queue):
+        """A TCP node's clients while the kernel takes nothing from its queue, which is full."""
+        tcp = places.Loopback().node(self.run, self.cpus)
+        kernel = queue.node(self.run, self.cpus)
+        try:
+            agent = targets.Agent(self.run, tcp, self.cpus.first, more_nodes=kernel.table)
+            try:
+                ratios = [self.p99_beside_full_queue(agent, kernel)
+                          for _ in range(self.options.rounds)]
+            finally:
+                agent.stop()
+        finally:
+            os.kill(kernel.pid, signal.SIGCONT)
+            kernel.stop()
+            tcp.stop()
+        self.judge_most("16 clients of a TCP node beside a full queue: p99 over that without",
+                        statistics.median(ratios), 1.2)
+
+    def p99_beside_full_queue(self, agent, kernel):
+        wanted = {"clients": 16, "seconds": self.options.seconds}
+        self.load(agent, node="QUEUE", clients=1, count=1, warmup=0)  # its link is up
+        without = self.load(agent, **wanted)["p99_us"]
+        os.kill(kernel.pid, signal.SIGSTOP)
+        command = [*agent.load, "--node", "QUEUE", "--clients", "8", "--size", "7500",
+                   "--warmup", "0", "--stall-ms", "60000"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL) as crowd:
+            time.sleep(0.1)  # all have asked
+            beside = self.load(agent, **wanted)
+            os.kill(kernel.pid, signal.SIGCONT)
+            crowd.kill()
+        answered = beside and not beside["stood_still"]
+        return beside["p99_us"] / without if answered else float("inf")
+
+    def against(self):
+        if not self.run.before:
+            return
+        place = places.Loopback()
+        place.name = "loopback beside the one before"
+        for number in self.rounds("against", self.options.against_rounds):
+            for size, clients in self.cases([108, 1000], [1, *MANY]):
+                self.compare(number, place, size, clients, [targets.Agent, targets.Before])
+        self.show([place.name])
+        goals.judge_against(self, self.rows, place)
+
+    def peers(self):
+        kinds = [kind for kind in targets.PEERS if kind.installed()]
+        missing = [kind.name for kind in targets.PEERS if not kind.installed()]
         if missing:
             self.say(f"not installed: {', '.join(missing)}")
-        for number in range(self.options.rounds):
-            for size in self.options.sizes:
-                for clients in self.options.clients:
-                    random.shuffle(kinds)
-                    for kind in kinds:
-                        self.compare_one(number, kind, clients, size)
-            self.say(f"round {number + 1} of {self.options.rounds} done")
+        # It has a process for each connection, and is never the best.
+        return [kind for kind in kinds if not (self.options.quick and kind is targets.Socat)]
 
-    def compare_one(self, number, kind, clients, size):
-        result = self.measure(kind, alone=self.options.alone, link_first=True, clients=clients,
-                              size=size, seconds=self.options.seconds)
-        row = {"round": number, "target": kind.name, "clients": clients, "size": size}
-        for name in FIELDS:
-            row[name] = result[name] if result else 0
-        if kind is targets.Socat:
-            row["cpu_us"] = row["all_cpu_us"] = 0  # not measured
-        row["stood_still"] = not result or result["stood_still"]
-        self.rows.append(row)
-
-    def values(self, target, clients, size, field):
-        """The figures of all rounds, by round; runs that measured nothing are left out."""
-        return {row["round"]: row[field] for row in self.rows
-                if row["target"] == target and row["clients"] == clients
-                and row["size"] == size and row["per_second"] > 0}
-
-    def median(self, target, clients, size, field):
-        values = self.values(target, clients, size, field)
-        return statistics.median(values.values()) if values else None
-
-    def ratio(self, target, other, clients, size, field="per_second"):
-        """The median over the rounds of the ratio within a round."""
-        mine = self.values(target, clients, size, field)
-        theirs = self.values(other, clients, size, field)
-        ratios = [mine.get(number, 0) / value for number, value in theirs.items()]
-        return statistics.median(ratios) if ratios else None
-
-    def still(self, target, clients, size):
-        return sum(row["stood_still"] for row in self.rows if row["target"] == target
-                   and row["clients"] == clients and row["size"] == size)
-
-    def measured_targets(self):
-        seen = {row["target"] for row in self.rows}
-        return [kind.name for kind in targets.ALL if kind.name in seen]
-
-    def best_peer(self, clients, size, field, best):
-        found = [(self.median(peer, clients, size, field), peer)
-                 for peer in targets.PEERS if self.median(peer, clients, size, field)]
-        return best(found)[1] if found else None
-
-    def show_comparison(self):
-        for size in self.options.sizes:
-            self.show_table(size, "round trips per second", "per_second", ratios=True)
-            self.show_table(size, "latency, median, in microseconds", "p50_us")
-            self.show_table(size, "latency, 99 %, in microseconds", "p99_us")
-            self.show_table(size, "processor time of the relay per round trip, in microseconds",
-                            "cpu_us")
-            self.show_table(size, "processor time of load, relay and node per round trip, in "
-                            "microseconds", "all_cpu_us")
-
-    def show_table(self, size, title, field, ratios=False):
-        names = self.measured_targets()
-        self.say(f"\n{title}, {size}-byte messages (medians of {self.options.rounds} rounds"
-                 + ("; in brackets: over the yardstick)" if ratios else ")"))
-        self.say("  clients" + "".join(f"{name:>18}" for name in names))
-        for clients in self.options.clients:
-            cells = (self.cell(name, clients, size, field, ratios) for name in names)
-            self.say(f"  {clients:7}" + "".join(f"{cell:>18}" for cell in cells))
-
-    def cell(self, name, clients, size, field, ratios):
-        value = self.median(name, clients, size, field)
-        text = "-" if not value else f"{value:.1f}" if value < 100 else f"{value:.0f}"
-        if ratios and value is not None:
-            over = self.ratio(name, "yardstick", clients, size)
-            text += f" ({over:.2f})" if over else ""
-        still = self.still(name, clients, size)
-        return text + (f" !{still}" if still else "")
-
-    def judge_comparison(self):
-        self.say("\nA '!n' in the tables: stood still in n of the rounds; measured until then.")
-        for clients in self.options.clients:
-            for size in self.options.sizes:
-                self.judge_throughput(clients, size)
-        if 108 in self.options.sizes:
-            for clients in {64, 240}.intersection(self.options.clients):
-                self.judge_latency(clients)
-        errors = sum(row["errors"] for row in self.rows if row["target"] == "agent")
-        self.judge_most("agent: answers that were wrong or did not come", errors, 0)
-
-    def judge_throughput(self, clients, size):
-        what = f"{clients} clients, {size} bytes: throughput over "
-        least = OVER_YARDSTICK.get(clients) if size == 108 else 1.0
-        over = self.ratio("agent", "yardstick", clients, size)
-        if least and over is not None:
-            self.judge_least(what + "the yardstick", over, least)
-        peer = self.best_peer(clients, size, "per_second", max)
-        if peer and clients >= 16:
-            self.judge_least(what + f"the best peer ({peer})",
-                             self.ratio("agent", peer, clients, size),
-                             1.0 if size == 108 else 0.5)
-
-    def judge_latency(self, clients):
-        peer = self.best_peer(clients, 108, "p99_us", min)
-        if peer:
-            if not self.values("agent", clients, 108, "p99_us"):
-                raise RuntimeError("the agent was not measured")
-            self.judge_most(f"{clients} clients, 108 bytes: p99 over the best peer's ({peer})",
-                            self.ratio("agent", peer, clients, 108, "p99_us"), 1.0)
+    def show(self, names):
+        self.say("\nIn brackets: the agent's over this one, median of the ratios within a round. "
+                 "!n: stood still in n of the rounds; measured until then.")
+        for place in names:
+            for field, title in comparison.TABLES:
+                self.say(f"\n{title}, {place}, medians of the rounds")
+                for line in self.rows.table(place, field):
+                    self.say(line)
 
     # Special scenes
 
     def never_still(self):
-        self.say("\nNo round trip may take longer than 500 ms")
+        self.say(f"\nNo round trip may take longer than {goals.LONGEST_MS} ms")
         for alone in (True, False):
             for singly in (True, False):
-                for clients in (16, 64, 240):
-                    for size in ALL_SIZES:
-                        self.never_still_case(alone, singly, clients, size)
+                for clients in self.options.still_clients:
+                    for size in self.options.still_sizes:
+                        self.never_late(places.Loopback(), alone, singly, clients, size)
 
-    def never_still_case(self, alone, singly, clients, size):
-        result = self.measure(targets.Agent, alone, singly, clients=clients, size=size,
-                              seconds=self.options.scene_seconds)
+    def never_late_far(self, wires):
+        """In the rounds relay and load shared a processor; here each has its own."""
+        for wire in wires:
+            for clients in self.options.still_clients:
+                for size in (108, 1000, 4000):
+                    self.never_late(wire, True, False, clients, size)
+
+    def never_late(self, place, alone, singly, clients, size):
+        result = self.measure(targets.Agent, place, alone, singly, clients=clients, size=size,
+                              seconds=self.options.scene_seconds, warmup=self.options.warmup)
         good = result and not result["stood_still"] and not result["errors"]
-        self.judge_most(("agent alone on one CPU" if alone else "all on one CPU")
+        self.judge_most(place.name
+                        + (", agent without the load" if alone else ", all on one CPU")
                         + (", answers sent singly" if singly else ", answers sent together")
-                        + f", {clients} clients, {size} bytes: longest",
-                        result["longest_us"] / 1000 if good else float("inf"),
-                        LONGEST_US / 1000, " ms")
+                        + f", {clients} clients, {size} bytes: longest beyond the distance",
+                        result["longest_us"] / 1000 - place.rtt_ms if good else float("inf"),
+                        goals.LONGEST_MS, " ms")
 
     def cpu_ratio(self, what, cases, limit):
         """Processor time of a round trip in each case over that in the first."""
@@ -249,8 +293,8 @@ class Bench:
                        {f"{held} in flight": {"held": held} for held in (0, 1000, 16000)}, 1.5)
 
     def with_agent(self, use, **env):
-        node = targets.EchoNode(self.run, self.first)
-        agent = targets.Agent(self.run, node, self.first, **env)
+        node = places.Loopback().node(self.run, self.cpus)
+        agent = targets.Agent(self.run, node, self.cpus.first, **env)
         try:
             return use(agent)
         finally:
@@ -259,16 +303,18 @@ class Bench:
 
     def memory(self):
         self.say("\nResident memory with 240 clients that are all at work")
-        warm = self.with_agent(lambda agent: self.memory_of(agent, warm=True))
-        self.judge_below("resident memory, the link up before", warm / 1024, 2.0, " MB")
-        cold = self.with_agent(lambda agent: self.memory_of(agent, warm=False))
+        for size in (108, 4000):
+            warm = self.with_agent(lambda agent, size=size: self.memory_of(agent, size, warm=True))
+            self.judge_below(f"resident memory, {size} bytes, the link up before", warm / 1024,
+                             2.0, " MB")
+        cold = self.with_agent(lambda agent: self.memory_of(agent, 108, warm=False))
         self.say(f"  for comparison, all requests waiting for the link at first: "
                  f"{cold / 1024:.2f} MB")
 
-    def memory_of(self, agent, warm):
+    def memory_of(self, agent, size, warm):
         if warm:
             self.load(agent, clients=1, seconds=0.1)
-        command = [self.run.program("bench_load"), *agent.load, "--clients", "240",
+        command = [*agent.load, "--clients", "240", "--size", str(size),
                    "--seconds", str(self.options.scene_seconds)]
         with subprocess.Popen(command, stdout=subprocess.PIPE) as load:
             time.sleep(self.options.scene_seconds * 0.7)
@@ -280,7 +326,7 @@ class Bench:
 
     def start(self):
         self.say("\nStart: from the call to its return, which is when the agent is ready")
-        node = targets.EchoNode(self.run, self.first)
+        node = places.Loopback().node(self.run, self.cpus)
         try:
             times = [self.start_once(node) for _ in range(self.options.starts)]
         finally:
@@ -290,7 +336,8 @@ class Bench:
 
     def start_once(self, node):
         pid_file = self.run.path("pid")
-        command = targets.agent_command(self.run, node.port) + ["-PIDFILE", pid_file]
+        command = targets.agent_command(self.run, node, targets.agent_program(self.run)) + [
+            "-PIDFILE", pid_file]
         begin = time.monotonic()
         subprocess.run(command, env=targets.agent_env(self.run), stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL, check=True)
@@ -326,7 +373,7 @@ class Bench:
 
     def count_allocations(self, agent, counter):
         """All connections stay; the same load runs while the count is read twice."""
-        command = [self.run.program("bench_load"), *agent.load, "--clients", "16",
+        command = [*agent.load, "--clients", "16",
                    "--warmup", "1", "--seconds", str(self.options.scene_seconds + 2)]
         with subprocess.Popen(command, stdout=subprocess.PIPE) as load:
             time.sleep(1)
@@ -337,24 +384,6 @@ class Bench:
         return before, after - before, result["round_trips"]
 
     # All
-
-    def write_files(self):
-        os.makedirs(self.options.out, exist_ok=True)
-        path = os.path.join(self.options.out, "comparison.csv")
-        with open(path, "w", newline="") as file:
-            writer = csv.DictWriter(file, fieldnames=list(self.rows[0]))
-            writer.writeheader()
-            writer.writerows(self.rows)
-        for size in self.options.sizes:
-            for field, title in (("per_second", "Round trips per second"),
-                                 ("p99_us", "Latency, 99 %, microseconds")):
-                curves = {name: [(clients, self.median(name, clients, size, field))
-                                 for clients in self.options.clients
-                                 if self.median(name, clients, size, field)]
-                          for name in self.measured_targets()}
-                name = "throughput" if field == "per_second" else "latency"
-                plot.write(os.path.join(self.options.out, f"{name}-{size}.svg"),
-                           f"{title}, {size}-byte messages", "clients", curves)
 
     def summary(self):
         failed = [verdict for verdict in self.verdicts if verdict[0] == "FAIL"]
@@ -396,9 +425,11 @@ def end_process(pid):
     raise RuntimeError(f"process {pid} does not end")
 
 
-SCENES = {"still": Bench.never_still, "idle": Bench.idle_clients, "held": Bench.held_requests,
-          "memory": Bench.memory, "start": Bench.start, "wake": Bench.wake_ups,
-          "alloc": Bench.allocations}
+SECTIONS = {"loopback": Bench.loopback, "distance": Bench.distance, "local": Bench.local,
+            "against": Bench.against, "still": Bench.never_still, "idle": Bench.idle_clients,
+            "held": Bench.held_requests, "memory": Bench.memory, "start": Bench.start,
+            "wake": Bench.wake_ups, "alloc": Bench.allocations,
+            "growth": growth.agent_with_many, "storm": growth.storm}
 
 
 def numbers(text):
@@ -409,25 +440,63 @@ def parse_options():
     parser = argparse.ArgumentParser(prog="run.sh", description="Compares and judges.")
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="short runs, few rounds")
-    parser.add_argument("--only", default="compare," + ",".join(SCENES),
-                        help="of: compare, " + ", ".join(SCENES))
+    parser.add_argument("--only", default=",".join(SECTIONS), help="of: " + ", ".join(SECTIONS))
+    parser.add_argument("--against", metavar="COMMIT_OR_BINARY",
+                        help="another agent to be measured beside this one")
     parser.add_argument("--clients", type=numbers, help="numbers of clients to compare with")
-    parser.add_argument("--sizes", type=numbers, default=[108, 4000], help="bytes of a message")
+    parser.add_argument("--sizes", type=numbers, help="bytes of a message to compare with")
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--seconds", type=float, help="of one run")
     parser.add_argument("--alone", action="store_true",
-                        help="compare with the relay alone on one CPU, all else on another")
+                        help="compare with the relay on a processor of its own")
     parser.add_argument("--out", help="folder of the table and the plots")
     options = parser.parse_args()
+    unknown = set(options.only.split(",")) - set(SECTIONS)
+    if unknown:
+        parser.error(f"--only: there is no {', '.join(sorted(unknown))}")
     options.out = options.out or os.path.join(options.build, "results")
+    set_lengths(options)
+    return options
+
+
+def set_lengths(options):
     quick = options.quick
-    options.clients = options.clients or ([1, 16, 64, 240] if quick else [1, 4, 16, 64, 240, 500])
-    options.rounds = options.rounds or (3 if quick else 7)
-    options.seconds = options.seconds or (0.7 if quick else 2)
-    options.scene_seconds = 1 if quick else 3
+    options.against_rounds = options.rounds or (5 if quick else 15)
+    options.rounds = options.rounds or (2 if quick else 5)
+    options.seconds = options.seconds or (0.3 if quick else 1)
+    options.warmup = 0.1 if quick else 0.2
+    options.stall_ms = 1000 if quick else 3000
+    options.scene_seconds = 0.7 if quick else 3
+    options.still_clients = [240] if quick else MANY
+    options.still_sizes = [108, 4000] if quick else ALL_SIZES
     options.idle_seconds = 10 if quick else 20
     options.starts = 10 if quick else 30
-    return options
+
+
+def other_agent(wanted, build):
+    """The program of another agent: a file, or a commit that is built beside ours."""
+    if not wanted or os.path.isfile(wanted):
+        return wanted
+    root = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    commit = output(["git", "-C", root, "rev-parse", "--verify", wanted + "^{commit}"])
+    folder = os.path.join(os.path.abspath(build), "against", commit)
+    program = os.path.join(folder, "build", "lumo_tcp")
+    if not os.path.exists(program):
+        source = os.path.join(folder, "source")
+        os.makedirs(source, exist_ok=True)
+        with subprocess.Popen(["git", "-C", root, "archive", commit],
+                              stdout=subprocess.PIPE) as archive:
+            subprocess.run(["tar", "-x", "-C", source], stdin=archive.stdout, check=True)
+        # As run.sh builds ours.
+        output(["cmake", "-S", source, "-B", os.path.dirname(program), "-G", "Ninja",
+                "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O2", "-DLUMO_HARDEN=ON",
+                "-DLUMO_TESTS=OFF", "-DLUMO_TOOLS=OFF"])
+        output(["cmake", "--build", os.path.dirname(program), "--target", "lumo_tcp"])
+    return program
+
+
+def output(command):
+    return subprocess.run(command, stdout=subprocess.PIPE, check=True).stdout.decode().strip()
 
 
 def describe_machine():
@@ -440,23 +509,25 @@ def describe_machine():
     return f"{model}, {os.cpu_count()} CPUs, {platform.system()} {platform.release()}"
 
 
+def end(_number, _frame):
+    sys.exit("ended by a signal")  # on the way out all is removed
+
+
 def main():
     options = parse_options()
-    wanted = options.only.split(",")
+    signal.signal(signal.SIGTERM, end)
     _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(most, 8192), most))
+    options.before = other_agent(options.against, options.build)
     folder = tempfile.mkdtemp(prefix="bench")
     try:
         bench = Bench(options, folder)
         bench.say(f"machine: {describe_machine()}\ncommand: run.sh {' '.join(sys.argv[3:])}")
-        if "compare" in wanted:
-            bench.compare()
-            bench.show_comparison()
-            bench.judge_comparison()
-            bench.write_files()
-        for name, scene in SCENES.items():
-            if name in wanted:
-                scene(bench)
+        for name, section in SECTIONS.items():
+            if name in options.only.split(","):
+                section(bench)
+        if bench.rows.rows:
+            bench.rows.write(options.out)
         return bench.summary()
     finally:
         shutil.rmtree(folder)

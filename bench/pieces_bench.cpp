@@ -1,10 +1,13 @@
 // What single pieces of a round trip cost inside the agent.
 #include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
 #include "client/message.h"
 #include "client/primitiv.h"
+#include "core/stats.h"
 #include "core/trace.h"
 #include "link/link.h"
 
@@ -84,5 +87,46 @@ void CallTracedTraceOff(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(Traced(HERE, 1));
 }
 BENCHMARK(CallTracedTraceOff);
+
+// The page as the environment asks for: LUMO_STATS=1, or none.
+class Statistics : public benchmark::Fixture {
+ public:
+  void SetUp(benchmark::State&) override {
+    InitialiseStats();
+    socketpair(AF_UNIX, SOCK_STREAM, 0, Pair);
+    StatsClientOpened(Pair[0], 1);
+    Row = NewLinkStats("SRV1", "TCPIP", "");
+  }
+  void TearDown(benchmark::State&) override {
+    UninitStats();
+    close(Pair[0]);
+    close(Pair[1]);
+  }
+  int Pair[2] = {-1, -1}, Row = kNoStatsRow;
+};
+
+// The calls that a request and its answer make.
+BENCHMARK_F(Statistics, RoundTrip)(benchmark::State& state) {
+  for (auto _ : state) {
+    StatsRequest(Pair[0], kTaskName, 108, false);
+    StatsLinkCounts(Row, {1, 0}, {1, 0});
+    StatsClientCounts(Pair[0], {1, 0});
+    StatsSent(Row, 108);
+    StatsLinkCounts(Row, {0, 0}, {0, 0});
+    StatsClientCounts(Pair[0], {0, 0});
+    StatsNodeAnswer(Row, 108, StatsClock() - 100);
+    StatsAnswer(Pair[0], 0, 108);
+    StatsClientUnsent(Pair[0], 0);
+  }
+}
+
+BENCHMARK_F(Statistics, Pass)(benchmark::State& state) {
+  for (auto _ : state) {
+    StatsDefaultLink(Row);
+    StatsLogLevel(0);
+    StatsEndPass();
+    StatsPass();
+  }
+}
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -14,16 +15,28 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bench/frame.h"
+
 namespace bench {
 namespace {
 
 constexpr int kBacklog = 1024;
 
-sockaddr_in Loopback(int port) {
+sockaddr_in AddressOf(const std::string& host, int port) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  errno = EINVAL;
+  if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1) Fail(host);
+  return address;
+}
+
+sockaddr_un AddressOf(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  errno = ENAMETOOLONG;
+  if (path.size() >= sizeof address.sun_path) Fail(path);
+  path.copy(address.sun_path, path.size());
   return address;
 }
 
@@ -41,33 +54,20 @@ int NewSocket(int family) {
 }
 
 int ConnectUnix(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
-    Fail(path);
-  }
-  path.copy(address.sun_path, path.size());
+  const sockaddr_un address = AddressOf(path);
   const int socket = NewSocket(AF_UNIX);
   if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Fail(path);
   return socket;
 }
 
-void ConnectTcp(int socket, int port) {
-  const sockaddr_in address = Loopback(port);
+void ConnectTcp(int socket, const std::string& host, int port) {
+  const sockaddr_in address = AddressOf(host, port);
   if (connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-    Fail("connect to port " + std::to_string(port));
+    Fail("connect to " + host + ", port " + std::to_string(port));
 }
 
-int ConnectTcp(int port) {
-  const int socket = NewSocket(AF_INET);
-  ConnectTcp(socket, port);
-  SetNoDelay(socket);
-  return socket;
-}
-
-int ListenTcp(int* port) {
-  sockaddr_in address = Loopback(*port);
+int ListenTcp(const std::string& host, int* port) {
+  sockaddr_in address = AddressOf(host, *port);
   socklen_t size = sizeof address;
   sockaddr* const generic = reinterpret_cast<sockaddr*>(&address);
   const int on = 1, listener = NewSocket(AF_INET);
@@ -77,6 +77,23 @@ int ListenTcp(int* port) {
     Fail("listen");
   *port = ntohs(address.sin_port);
   return listener;
+}
+
+int ListenUnix(const std::string& path) {
+  const sockaddr_un address = AddressOf(path);
+  const int listener = NewSocket(AF_UNIX);
+  unlink(path.c_str());
+  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener, kBacklog) != 0)
+    Fail(path);
+  return listener;
+}
+
+std::string Greeting() {
+  std::string greeting(kGreetingSize, '\0');
+  Store(greeting.data(), kGreetingWord);
+  Store(greeting.data() + kTaskNameAt, static_cast<std::int32_t>(getpid()));
+  return greeting;
 }
 
 void SetNoDelay(int socket) {

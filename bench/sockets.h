@@ -10,12 +10,16 @@ namespace bench {
 [[noreturn]] void Fail(const std::string& what);
 
 int ConnectUnix(const std::string& path);
-int ConnectTcp(int port);  // on the loopback interface, without delay
-void ConnectTcp(int socket, int port);
+void ConnectTcp(int socket, const std::string& host, int port);  // host: a dotted address
 int NewSocket(int family);
 
-// Listens on the loopback interface; *port 0: any free one, then its number.
-int ListenTcp(int* port);
+// Listens on this address; *port 0: any free one, then its number.
+int ListenTcp(const std::string& host, int* port);
+// What stands at the path is removed first.
+int ListenUnix(const std::string& path);
+
+// What the agent sends to a new client.
+std::string Greeting();
 
 void SetNoDelay(int socket);
 void SetNonBlocking(int socket);

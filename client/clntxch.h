@@ -1,9 +1,10 @@
-// The client exchange: the listening socket, client connections, dispatch of requests.
+// The client exchange: the listening socket, client connections, reading and answering.
 #pragma once
 #include <cstdint>
 
 #include "client/message.h"
 #include "core/dbc.h"
+#include "core/stats.h"
 
 struct MsgInfo;
 
@@ -14,12 +15,16 @@ struct ClientPid {
   std::int32_t Socket;
 };
 inline bool InUse(const ClientPid& client) { return client.Pid != 0; }
+inline bool operator==(const ClientPid& a, const ClientPid& b) {
+  return a.Link == b.Link && a.Pid == b.Pid && a.Socket == b.Socket;
+}
 
 // Listener. 0; -1 failed; 4002 a buffer size could not be set. Ends the process in a run that
 // unloads a running agent.
 int InitialiseClientQueue(const char* file, int line);
 int AcceptNewClientConnection(const char* file, int line);  // 0 or -1
 void UninitClientQueue(const char* file, int line);         // removes the socket file
+void WakeListener();  // at each tick: one that rests for want of descriptors listens again
 
 // Reads a request: its in-memory Length; 0 when it has not come whole yet; -1 when it failed or
 // the client hung up (its connection is then closed).
@@ -34,6 +39,10 @@ int PutMsgToClient(const char* file, int line, ClientMessage* msg);
 int MakeAnswerFromMsgInfo(const char* file, int line, ClientMessage* answer, const MsgInfo* info,
                           int codErr, int sysErr);
 
+// Answers a request that its connection may not make; -1. The process that the request names is not
+// the client's, and may not even live.
+int RefuseRequest(ClientMessage* msg);
+
 // 0 when the process is alive, or nothing was found dead (pid 0: all listed clients); 1 dead.
 int TestAliveClient(const char* file, int line, int pid);
 
@@ -41,27 +50,17 @@ int TestAliveClient(const char* file, int line, int pid);
 // memory ran out.
 int AddClientPidIntoList(const char* file, int line, Link* link, int pid, int socket);
 
-// Serves one request of a readable connection; 0, or -1 when it could not be handled.
-int HandleMessageFromClientQueue(const char* file, int line, int socket);
-
 // The temporary record from which a request is answered without having been sent.
 MsgInfo InfoOfRequest(const ClientMessage* msg);
 
 // Closes a connection; what it still waits for will reach nobody.
-void CloseClient(int socket);
+void CloseClient(int socket, lumo_stats_reason reason = LUMO_STATS_OTHER);
 
 // Sends what is kept for a connection; a failure closes it.
 void FlushClient(int socket);
 
-// Connections whose requests are not read while their link or their queue is full are read again
-// once the cause is gone. Called at the top of each pass; cheap while none is parked.
-void ReleaseParkedClients();
-
-// A link has been deleted: no connection and no client record keeps a pointer to it.
+// A link has been deleted: no client record keeps a pointer to it.
 void ForgetLinkOfClients(const Link* link);
-
-// Counts connections as they are accepted: tells one from a later one with the same number.
-std::uint32_t ConnectionSerial(int socket);
 
 // Gives clients the answers that are still kept for them, for one second at most.
 void FlushClientsAtExit();

@@ -9,11 +9,13 @@
 #include <cstdlib>
 
 #include "client/clntxch.h"
-#include "core/init.h"
-#include "core/io.h"
+#include "client/connection.h"
+#include "client/permission.h"
 #include "core/mailbox.h"
 #include "core/socket_options.h"
+#include "core/stats.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "core/trace.h"
 
 static constexpr char Module[] = "clntxch";
@@ -35,9 +37,10 @@ struct Greeting {
 static_assert(sizeof(Greeting) == 60);
 constexpr std::uint32_t kGreetingLength = 56;
 
-std::uint32_t serials[FD_SETSIZE];  // of the connections, 0: none yet
-std::uint32_t lastSerial;
+constexpr int kProbeTicks = 3;  // an agent that does not accept within these is a busy one
+
 int reserveDescriptor = -1;  // given up for a moment when descriptors run out
+bool listenerRests;          // until the next tick
 
 int ConnectOrBind(int (*call)(int, const sockaddr*, socklen_t), int socket,
                   const MailboxAddress& address) {
@@ -77,12 +80,25 @@ bool ReadGreeting(int socket, Greeting* greeting) {
   std::exit(0);
 }
 
-// Whether somebody serves the path: 1 yes, 0 no, -1 no socket could be made.
+// Connects to the path; 0, or errno. An agent that is busy lets the call wait: each tick ends it.
+int Probe(int socket, const MailboxAddress& address) {
+  for (int ticks = 0;; ++ticks) {
+    if (ConnectOrBind(connect, socket, address) == 0) return 0;
+    if (errno != EINTR || ticks == kProbeTicks - 1) return errno;
+  }
+}
+
+bool NobodyListens(int error) { return error == ECONNREFUSED || error == ENOENT; }
+
+// Whether somebody serves the path: 1 yes, 0 no, -1 no socket could be made. A socket file that
+// nobody listens on is removed.
 int PathIsServed(const MailboxAddress& address) {
   const int probe = CreateSocket();
   if (probe < 0) return -1;
-  if (ConnectOrBind(connect, probe, address) != 0) {
+  const int error = Probe(probe, address);
+  if (error != 0 && error != EINTR) {
     close(probe);
+    if (NobodyListens(error)) unlink(address.Path);
     return 0;
   }
   if (g_DbcI.Unload) UnloadRunningAgent(probe);
@@ -116,14 +132,26 @@ int Listen(const MailboxAddress& address, int* listener) {
   return 0;
 }
 
+void OpenReserve() {
+  if (reserveDescriptor < 0) reserveDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+}
+
 // Descriptors have run out: without this the connection would stay in the queue and wake the loop
-// for ever.
+// for ever. Where not even the reserve is left, the listener rests until the next tick.
 void RefuseConnection() {
-  if (reserveDescriptor < 0) return;
+  if (reserveDescriptor < 0) {
+    listenerRests = true;
+    UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, g_DbcI.ClientListenSocket);
+    return;
+  }
   close(reserveDescriptor);
+  reserveDescriptor = -1;
   const int refused = accept(g_DbcI.ClientListenSocket, nullptr, nullptr);
-  if (refused >= 0) close(refused);
-  reserveDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (refused >= 0) {
+    close(refused);
+    StatsClientRefused();
+  }
+  OpenReserve();
 }
 
 bool OutOfDescriptors(int error) { return error == EMFILE || error == ENFILE; }
@@ -140,14 +168,13 @@ int InitialiseClientQueue(const char* file, int line) {
   const int served = PathIsServed(address);
   if (served < 0) return LEAVE(-1, "FAILED create socket");
   if (served > 0) return LEAVE(-1, "FAILED client already running");
-  unlink(address.Path);
   if (g_DbcI.Unload) return LEAVE(-1, "INFO unload the driver");
   int listener;
   const int status = Listen(address, &listener);
   if (status != 0) return LEAVE(status, "FAILED listen");
   g_DbcI.ClientListenSocket = listener;
   REGISTER_SOCKET_FOR_READ_EVENT(HERE, listener);
-  reserveDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+  OpenReserve();
   PrintText("The agent has used communication identifier (NET_MBX) %d\n", g_DbcI.NetMbx);
   FD_ZERO(&g_DbcI.ClientSockets);
   return 0;
@@ -156,8 +183,9 @@ int InitialiseClientQueue(const char* file, int line) {
 int AcceptNewClientConnection(const char* file, int line) {
   ENTER();
   const int socket = accept(g_DbcI.ClientListenSocket, nullptr, nullptr);
+  const int error = errno;
+  OpenReserve();
   if (socket < 0) {
-    const int error = errno;
     LOG(kLogError, "Call accept has failed. Errno %d", error);
     if (OutOfDescriptors(error)) RefuseConnection();
     return LEAVE(-1, "FAILED accept");
@@ -165,6 +193,7 @@ int AcceptNewClientConnection(const char* file, int line) {
   if (socket >= FD_SETSIZE) {
     LOG(kLogError, "Call accept has failed. Errno %d", EMFILE);
     close(socket);
+    StatsClientRefused();
     return LEAVE(-1, "FAILED accept");
   }
   const Greeting greeting = {
@@ -174,12 +203,14 @@ int AcceptNewClientConnection(const char* file, int line) {
     LOG(kLogError, "Send to client fail. Call:send. errno %d", errno);
     ForgetDescriptor(socket);
     close(socket);
+    StatsClientRefused();
     return LEAVE(-1, "FAILED send");
   }
   REGISTER_SOCKET_FOR_READ_EVENT(HERE, socket);
   FD_SET(socket, &g_DbcI.ClientSockets);
-  if (++lastSerial == 0) ++lastSerial;
-  serials[socket] = lastSerial;
+  NumberConnection(socket);
+  ForgetPermissions(socket);
+  StatsClientOpened(socket, ConnectionSerial(socket));
   return 0;
 }
 
@@ -190,6 +221,9 @@ void UninitClientQueue(const char* file, int line) {
   unlink(address.Path);
 }
 
-std::uint32_t ConnectionSerial(int socket) {
-  return socket >= 0 && socket < FD_SETSIZE ? serials[socket] : 0;
+void WakeListener() {
+  if (!listenerRests) return;
+  listenerRests = false;
+  OpenReserve();
+  REGISTER_SOCKET_FOR_READ_EVENT(HERE, g_DbcI.ClientListenSocket);
 }

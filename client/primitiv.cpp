@@ -4,45 +4,42 @@
 #include <bit>
 #include <cctype>
 #include <cstdlib>
-#include <iterator>
-#include <utility>
 
+#include "client/parking.h"
+#include "client/slots.h"
+#include "core/stats.h"
 #include "core/trace.h"
-#include "link/link.h"
 
 static constexpr char Module[] = "primitiv";
 
 namespace {
 
+// Of the requests of closed connections a link keeps so many: that wait, that are in flight.
+constexpr std::int32_t kGoneMax[2] = {1024, 262144};
+
+Slots savedSlots, msgInfoSlots;
+
 int Upper(char c) { return std::toupper(static_cast<unsigned char>(c)); }
 
-// Beside the array of requests in flight stands an index, so that neither the free record to take
-// nor the record of an answer is searched for among thousands: for each record whether it is in
-// use, and chains of the records whose pair has the same hash, in array order: of requests with the
-// same pair, however many a client sends, the first is found at once. It is as large as the array.
-struct MsgInfoIndex {
-  std::uint64_t* Used;     // a bit for each record
+// Beside the array of requests in flight stands an index, so that the record of an answer is not
+// searched for among thousands: chains of the records whose pair has the same hash, in array order:
+// of requests with the same pair, however many a client sends, the first is found at once.
+struct NameIndex {
   std::int32_t* Heads;     // for each hash the first record of its chain, -1: none
   std::int32_t* Next;      // for each record the next of its chain, -1: none
   std::int32_t* Previous;  // the one before; for the first of a chain the last
-  std::int32_t Capacity;   // a power of two
-  std::int32_t InFlight;   // records in use
-  std::int32_t FirstWord;  // in the words of Used before it no bit is clear
+  std::int32_t Capacity;   // of the array: a power of two
 };
-MsgInfoIndex msgInfoIndex;
-std::int32_t inFlightOf[FD_SETSIZE];  // records in use of each connection
-
-constexpr std::int32_t kWordBits = 64;
-
-std::int32_t WordsFor(std::int32_t records) { return (records + kWordBits - 1) / kWordBits; }
+NameIndex names;
+RequestId lastSaved;
 
 // Nobody who does not know this number can make pairs that meet in one chain. It comes from where
 // the system has put the program and its stack.
 std::uint64_t HashFactor() {
   static std::uint64_t factor;
   if (factor == 0) {
-    const auto program = reinterpret_cast<std::uintptr_t>(&factor);
-    const auto stack = reinterpret_cast<std::uintptr_t>(&program);
+    const std::uint64_t program = reinterpret_cast<std::uintptr_t>(&factor);
+    const std::uint64_t stack = reinterpret_cast<std::uintptr_t>(&program);
     factor = ((stack << 17 ^ program) * 0x9E3779B97F4A7C15U) | 1;
   }
   return factor;
@@ -50,55 +47,46 @@ std::uint64_t HashFactor() {
 
 std::int32_t* ChainOf(std::int32_t taskName, std::uint16_t astInd) {
   const std::uint64_t pair = std::uint64_t{static_cast<std::uint32_t>(taskName)} << 16 | astInd;
-  const int bits = std::countr_zero(static_cast<std::uint32_t>(msgInfoIndex.Capacity));
-  return msgInfoIndex.Heads + (pair * HashFactor() >> (64 - bits));
+  const int bits = std::countr_zero(static_cast<std::uint32_t>(names.Capacity));
+  return names.Heads + (pair * HashFactor() >> (64 - bits));
 }
 
 // The record of the chain before which this one belongs; -1: at its end. That is where most belong:
 // free records are taken from the front of the array on.
 std::int32_t Successor(std::int32_t head, std::int32_t slot) {
-  if (head < 0 || msgInfoIndex.Previous[head] < slot) return -1;
-  while (head < slot) head = msgInfoIndex.Next[head];
+  if (head < 0 || names.Previous[head] < slot) return -1;
+  while (head < slot) head = names.Next[head];
   return head;
 }
 
-void Enter(std::int32_t slot, const MsgInfo& info) {
-  MsgInfoIndex& index = msgInfoIndex;
-  index.Used[slot / kWordBits] |= std::uint64_t{1} << (slot % kWordBits);
+void EnterName(std::int32_t slot, const MsgInfo& info) {
   std::int32_t& head = *ChainOf(info.TaskName, info.AstInd);
   const std::int32_t next = Successor(head, slot);
   const std::int32_t following = next >= 0 ? next : head;  // in the ring of Previous
-  const std::int32_t previous = following >= 0 ? index.Previous[following] : slot;
-  index.Next[slot] = next;
-  index.Previous[slot] = previous;
-  if (following >= 0) index.Previous[following] = slot;
+  const std::int32_t previous = following >= 0 ? names.Previous[following] : slot;
+  names.Next[slot] = next;
+  names.Previous[slot] = previous;
+  if (following >= 0) names.Previous[following] = slot;
   if (head < 0 || next == head)
     head = slot;
   else
-    index.Next[previous] = slot;
-  ++index.InFlight;
+    names.Next[previous] = slot;
 }
 
-void Leave(std::int32_t slot, const MsgInfo& info) {
-  MsgInfoIndex& index = msgInfoIndex;
-  const std::int32_t word = slot / kWordBits;
-  index.Used[word] &= ~(std::uint64_t{1} << (slot % kWordBits));
-  index.FirstWord = std::min(index.FirstWord, word);
+void LeaveName(std::int32_t slot, const MsgInfo& info) {
   std::int32_t& head = *ChainOf(info.TaskName, info.AstInd);
-  const std::int32_t next = index.Next[slot], previous = index.Previous[slot];
+  const std::int32_t next = names.Next[slot], previous = names.Previous[slot];
   if (head == slot)
     head = next;
   else
-    index.Next[previous] = next;
+    names.Next[previous] = next;
   if (next >= 0)
-    index.Previous[next] = previous;
+    names.Previous[next] = previous;
   else if (head >= 0)
-    index.Previous[head] = previous;
-  --index.InFlight;
+    names.Previous[head] = previous;
 }
 
-void FreeIndex(MsgInfoIndex& index) {
-  std::free(index.Used);
+void FreeNames(NameIndex& index) {
   std::free(index.Heads);
   std::free(index.Next);
   std::free(index.Previous);
@@ -106,95 +94,176 @@ void FreeIndex(MsgInfoIndex& index) {
 }
 
 // An empty index for an array of that size; false: memory ran out.
-bool MakeIndex(MsgInfoIndex& index, std::int32_t capacity) {
-  const std::size_t count = static_cast<std::size_t>(capacity);
-  index = {};
-  index.Used = static_cast<std::uint64_t*>(
-      std::calloc(static_cast<std::size_t>(WordsFor(capacity)), sizeof *index.Used));
-  index.Heads = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Heads));
-  index.Next = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Next));
-  index.Previous = static_cast<std::int32_t*>(std::malloc(count * sizeof *index.Previous));
-  index.Capacity = capacity;
-  if (index.Used && index.Heads && index.Next && index.Previous) {
+bool MakeNames(NameIndex& index, std::int32_t capacity) {
+  const std::size_t size = static_cast<std::size_t>(capacity) * sizeof(std::int32_t);
+  index = {.Heads = static_cast<std::int32_t*>(std::malloc(size)),
+           .Next = static_cast<std::int32_t*>(std::malloc(size)),
+           .Previous = static_cast<std::int32_t*>(std::malloc(size)),
+           .Capacity = capacity};
+  if (index.Heads && index.Next && index.Previous) {
     std::fill_n(index.Heads, capacity, -1);
     return true;
   }
-  FreeIndex(index);
+  FreeNames(index);
   return false;
 }
 
-// Doubles the array of requests in flight together with its index; false: both are as they were.
+// Doubles the array of requests in flight with all that stands beside it; false: nothing changed.
 bool GrowMsgInfos() {
-  MsgInfoIndex grown;
-  const std::int32_t old = g_DbcI.MsgInfoArray.Capacity;
-  if (!MakeIndex(grown, old ? 2 * old : 2)) return false;
-  if (!Grow(g_DbcI.MsgInfoArray)) {
-    FreeIndex(grown);
+  GrowArray<MsgInfo>& array = g_DbcI.MsgInfoArray;
+  const std::int32_t old = array.Capacity;
+  NameIndex grown;
+  if (!MakeNames(grown, old ? 2 * old : 2)) return false;
+  if (!ReserveSlots(msgInfoSlots, grown.Capacity) || !Grow(array)) {
+    FreeNames(grown);
     return false;
   }
-  FreeIndex(msgInfoIndex);
-  msgInfoIndex = grown;
+  msgInfoSlots.Capacity = array.Capacity;
+  FreeNames(names);
+  names = grown;
   for (std::int32_t slot = 0; slot < old; ++slot) {
-    if (InUse(g_DbcI.MsgInfoArray.Items[slot])) Enter(slot, g_DbcI.MsgInfoArray.Items[slot]);
+    if (InUse(array.Items[slot])) EnterName(slot, array.Items[slot]);
   }
   return true;
 }
 
-// The first record that is not in use, or -1.
-std::int32_t FirstFreeSlot() {
-  const std::int32_t words = WordsFor(g_DbcI.MsgInfoArray.Capacity);
-  std::int32_t& word = msgInfoIndex.FirstWord;
-  while (word < words && ~msgInfoIndex.Used[word] == 0) ++word;
-  if (word == words) return -1;
-  const std::int32_t slot = word * kWordBits + std::countr_one(msgInfoIndex.Used[word]);
-  return slot < g_DbcI.MsgInfoArray.Capacity ? slot : -1;
-}
-
-bool IsConnection(int socket) { return socket >= 0 && socket < FD_SETSIZE; }
-
-void CountInFlight(const MsgInfo& info, std::int32_t change) {
-  if (IsConnection(info.Socket)) inFlightOf[info.Socket] += change;
+bool GrowSaved() {
+  GrowArray<SavedMessage>& array = g_DbcI.SavedArray;
+  if (!ReserveSlots(savedSlots, array.Capacity ? 2 * array.Capacity : 2) || !Grow(array))
+    return false;
+  savedSlots.Capacity = array.Capacity;
+  return true;
 }
 
 std::int32_t SlotOf(const MsgInfo* info) {
   return static_cast<std::int32_t>(info - g_DbcI.MsgInfoArray.Items);
 }
 
+std::int32_t SlotOf(const SavedMessage* saved) {
+  return static_cast<std::int32_t>(saved - g_DbcI.SavedArray.Items);
+}
+
+// A request belongs to its connection, after that has been closed to its link.
+SlotList& OwnerOf(int socket, Link* link, int kind) {
+  return IsConnectionNumber(socket) ? g_Connections[socket].Requests[kind] : link->Books.Gone[kind];
+}
+
+// Shows what is counted.
+void TellCounts(int socket, const Link* link) {
+  if (!KeepsStats()) return;
+  StatsLinkCounts(link->Books.StatsRow, {link->Books.InFlight, link->Books.Waiting},
+                  {msgInfoSlots.InUse, savedSlots.InUse});
+  if (!IsConnectionNumber(socket)) return;
+  const SlotList(&own)[2] = g_Connections[socket].Requests;
+  StatsClientCounts(socket, {own[kInFlight].Count, own[kWaiting].Count});
+}
+
+void FewerOf(int socket, Link* link, int kind) {
+  TellCounts(socket, link);
+  if (IsConnectionNumber(socket)) return ReleaseIfRoom(socket);
+  if (link->Books.Gone[kind].Count < kGoneMax[kind]) link->Books.ToldOfGone[kind] = 0;
+}
+
+void TellOfGone(Link* link, int kind) {
+  if (link->Books.ToldOfGone[kind] != 0) return;
+  link->Books.ToldOfGone[kind] = 1;
+  LOG(kLogError,
+      "Link %.8s: more than %d requests of closed connections %s. The oldest are dropped",
+      link->NodeName, static_cast<int>(kGoneMax[kind]),
+      kind == kWaiting ? "wait" : "are not answered");
+}
+
+// The oldest of what closed connections have left with the link is let go of.
+void LimitGone(Link* link, int kind) {
+  const SlotList& gone = link->Books.Gone[kind];
+  while (gone.Count > kGoneMax[kind]) {
+    TellOfGone(link, kind);
+    if (kind == kWaiting)
+      ReleaseSaved(&g_DbcI.SavedArray.Items[gone.First - 1]);
+    else
+      ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[gone.First - 1]);
+  }
+}
+
+void HandToLink(int socket, int kind) {
+  Slots& slots = kind == kWaiting ? savedSlots : msgInfoSlots;
+  SlotList& own = g_Connections[socket].Requests[kind];
+  while (own.First != 0) {
+    const std::int32_t slot = own.First - 1;
+    Link* link;
+    if (kind == kWaiting) {
+      g_DbcI.SavedArray.Items[slot].Message.ClientSocket = -1;
+      link = g_DbcI.SavedArray.Items[slot].Link;
+    } else {
+      g_DbcI.MsgInfoArray.Items[slot].Socket = -1;
+      link = g_DbcI.MsgInfoArray.Items[slot].Link;
+    }
+    MoveSlot(slots, own, link->Books.Gone[kind], slot);
+    LimitGone(link, kind);
+  }
+}
+
+// The first record of a chain, from `slot` on, with this pair and link (null: any).
+MsgInfo* FirstOfName(std::int32_t slot, const Link* link, std::int32_t taskName,
+                     std::uint16_t astInd) {
+  for (; slot >= 0; slot = names.Next[slot]) {
+    MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
+    if (info.TaskName == taskName && info.AstInd == astInd && (!link || info.Link == link))
+      return &info;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 int SaveUnsendMsg(const char* file, int line, const ClientMessage* msg, Link* link) {
   ENTER();
-  SavedMessage* const free = FirstFree(g_DbcI.SavedArray);
-  SavedMessage* const saved = free ? free : Grow(g_DbcI.SavedArray);
-  if (!saved) return LEAVE(-1, "FAILED allocation memory");
-  CopyMessage(&saved->Message, msg);
-  saved->Link = link;
-  if (free) return LEAVE(0, "SUCCESS save in exist element of SavedArray");
+  std::int32_t slot = FirstFreeSlot(savedSlots);
+  const bool existed = slot >= 0;
+  if (!existed) {
+    slot = g_DbcI.SavedArray.Capacity;
+    if (!GrowSaved()) return LEAVE(-1, "FAILED allocation memory");
+  }
+  SavedMessage& saved = g_DbcI.SavedArray.Items[slot];
+  CopyMessage(&saved.Message, msg);
+  saved.Link = link;
+  EnterSlot(savedSlots, OwnerOf(msg->ClientSocket, link, kWaiting), slot);
+  ++link->Books.Waiting;
+  TellCounts(msg->ClientSocket, link);
+  if (!IsConnectionNumber(msg->ClientSocket)) LimitGone(link, kWaiting);
+  if (existed) return LEAVE(0, "SUCCESS save in exist element of SavedArray");
   return 0;
 }
 
-SavedMessage* GetNextUnsendMsg(SavedMessage* prev) { return NextInUse(g_DbcI.SavedArray, prev); }
+SavedMessage* GetNextUnsendMsg(SavedMessage* prev) {
+  const std::int32_t slot = NextUsedSlot(savedSlots, prev ? SlotOf(prev) + 1 : 0);
+  return slot < 0 ? nullptr : &g_DbcI.SavedArray.Items[slot];
+}
 
 int SaveMsgInfo(const char* file, int line, const MsgInfo* info) {
   ENTER();
-  std::int32_t slot = FirstFreeSlot();
+  std::int32_t slot = FirstFreeSlot(msgInfoSlots);
   const bool existed = slot >= 0;
   if (!existed) {
     slot = g_DbcI.MsgInfoArray.Capacity;
     if (!GrowMsgInfos()) return LEAVE(-1, "FAILED allocat memory");
   }
   g_DbcI.MsgInfoArray.Items[slot] = *info;
-  Enter(slot, *info);
-  CountInFlight(*info, 1);
+  EnterName(slot, *info);
+  EnterSlot(msgInfoSlots, OwnerOf(info->Socket, info->Link, kInFlight), slot);
+  ++info->Link->Books.InFlight;
+  TellCounts(info->Socket, info->Link);
+  lastSaved = {slot, msgInfoSlots.Notes[slot].Serial};
+  if (!IsConnectionNumber(info->Socket)) LimitGone(info->Link, kInFlight);
   if (existed) return LEAVE(0, "SUCCESS save in exist array element");
   return 0;
 }
 
 MsgInfo* GetNextMsgInfo(const char* file, int line, MsgInfo* prev) {
   ENTER();
-  MsgInfo* const next = NextInUse(g_DbcI.MsgInfoArray, prev);
-  if (!next) return LEAVE(next, "FAILED not found");
-  return next;
+  const std::int32_t slot = NextUsedSlot(msgInfoSlots, prev ? SlotOf(prev) + 1 : 0);
+  if (slot < 0) return LEAVE(static_cast<MsgInfo*>(nullptr), "FAILED not found");
+  return &g_DbcI.MsgInfoArray.Items[slot];
 }
 
 Link* GetNextActiveLink(const char* file, int line, Link* prev) {
@@ -219,31 +288,36 @@ int CompareNodeName(const char* a, const char* b) {
   return 0;
 }
 
-MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astInd) {
-  if (msgInfoIndex.InFlight == 0) return nullptr;
-  for (std::int32_t slot = *ChainOf(taskName, astInd); slot >= 0; slot = msgInfoIndex.Next[slot]) {
-    MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
-    if (info.TaskName == taskName && info.AstInd == astInd && (!link || info.Link == link))
-      return &info;
-  }
-  return nullptr;
+RequestId IdOf(const MsgInfo* info) {
+  const std::int32_t slot = SlotOf(info);
+  return {slot, msgInfoSlots.Notes[slot].Serial};
 }
 
-// The records differ in nothing else: their connections are exchanged.
-void PutConnectionFirst(const Link* link, std::int32_t taskName, std::uint16_t astInd, int socket) {
-  MsgInfo* const first = FindMsgInfo(link, taskName, astInd);
-  if (!first || first->Socket == socket) return;
-  for (std::int32_t slot = *ChainOf(taskName, astInd); slot >= 0; slot = msgInfoIndex.Next[slot]) {
-    MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
-    if (info.TaskName != taskName || info.AstInd != astInd || info.Link != link) continue;
-    if (info.Socket == socket) return std::swap(info.Socket, first->Socket);
-  }
+RequestId LastSavedRequest() { return lastSaved; }
+
+MsgInfo* FindRequest(RequestId id) {
+  if (id.Slot < 0 || id.Slot >= msgInfoSlots.Capacity) return nullptr;
+  MsgInfo* const info = &g_DbcI.MsgInfoArray.Items[id.Slot];
+  return InUse(*info) && msgInfoSlots.Notes[id.Slot].Serial == id.Serial ? info : nullptr;
+}
+
+MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astInd) {
+  if (msgInfoSlots.InUse == 0) return nullptr;
+  return FirstOfName(*ChainOf(taskName, astInd), link, taskName, astInd);
+}
+
+MsgInfo* NextOfName(const MsgInfo* info) {
+  return FirstOfName(names.Next[SlotOf(info)], info->Link, info->TaskName, info->AstInd);
 }
 
 void ReleaseMsgInfo(MsgInfo* info) {
-  Leave(SlotOf(info), *info);
-  CountInFlight(*info, -1);
+  const std::int32_t slot = SlotOf(info);
+  Link* const link = info->Link;
+  LeaveName(slot, *info);
+  LeaveSlot(msgInfoSlots, OwnerOf(info->Socket, link, kInFlight), slot);
+  --link->Books.InFlight;
   info->Link = nullptr;
+  FewerOf(info->Socket, link, kInFlight);
 }
 
 void ClearMsgInfo(MsgInfo* info) {
@@ -251,19 +325,11 @@ void ClearMsgInfo(MsgInfo* info) {
   *info = {};
 }
 
-std::int32_t RequestsInFlight() { return msgInfoIndex.InFlight; }
-
-std::int32_t RequestsInFlight(int socket) { return IsConnection(socket) ? inFlightOf[socket] : 0; }
-
-void ForgetRequests() {
-  Free(g_DbcI.SavedArray);
-  Free(g_DbcI.MsgInfoArray);
-  FreeIndex(msgInfoIndex);
-  std::fill(std::begin(inFlightOf), std::end(inFlightOf), 0);
-}
+std::int32_t RequestsInFlight() { return msgInfoSlots.InUse; }
 
 bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken) {
-  for (; *index < g_DbcI.MsgInfoArray.Capacity; ++*index) {
+  if (link->Books.InFlight == 0) return false;
+  for (; (*index = NextUsedSlot(msgInfoSlots, *index)) >= 0; ++*index) {
     MsgInfo& info = g_DbcI.MsgInfoArray.Items[*index];
     if (info.Link != link) continue;
     *taken = info;
@@ -273,21 +339,53 @@ bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken) {
   return false;
 }
 
-void ForgetConnection(int socket) {
-  for (MsgInfo& info : g_DbcI.MsgInfoArray) {
-    if (!InUse(info) || info.Socket != socket) continue;
-    CountInFlight(info, -1);
-    info.Socket = -1;
+SavedMessage* NextSavedOf(const Link* link, std::int32_t* index) {
+  if (link->Books.Waiting == 0) return nullptr;
+  for (; (*index = NextUsedSlot(savedSlots, *index)) >= 0; ++*index) {
+    SavedMessage& saved = g_DbcI.SavedArray.Items[*index];
+    if (saved.Link != link) continue;
+    ++*index;
+    return &saved;
   }
-  for (SavedMessage& saved : g_DbcI.SavedArray) {
-    if (InUse(saved) && saved.Message.ClientSocket == socket) saved.Message.ClientSocket = -1;
-  }
+  return nullptr;
 }
 
-int SavedRequests(int socket) {
-  int count = 0;
-  for (const SavedMessage& saved : g_DbcI.SavedArray) {
-    count += InUse(saved) && saved.Message.ClientSocket == socket;
+void ReleaseSaved(SavedMessage* saved) {
+  Link* const link = saved->Link;
+  const int socket = saved->Message.ClientSocket;
+  LeaveSlot(savedSlots, OwnerOf(socket, link, kWaiting), SlotOf(saved));
+  --link->Books.Waiting;
+  saved->Link = nullptr;
+  FewerOf(socket, link, kWaiting);
+}
+
+void MoveSaved(SavedMessage* saved, Link* to) {
+  Link* const from = saved->Link;
+  --from->Books.Waiting;
+  ++to->Books.Waiting;
+  saved->Link = to;
+  TellCounts(-1, from);
+  TellCounts(-1, to);
+  if (IsConnectionNumber(saved->Message.ClientSocket)) return;
+  MoveSlot(savedSlots, from->Books.Gone[kWaiting], to->Books.Gone[kWaiting], SlotOf(saved));
+  FewerOf(-1, from, kWaiting);
+  LimitGone(to, kWaiting);
+}
+
+void ForgetConnection(int socket) {
+  if (!IsConnectionNumber(socket)) return;
+  HandToLink(socket, kWaiting);
+  HandToLink(socket, kInFlight);
+}
+
+void ForgetRequests() {
+  Free(g_DbcI.SavedArray);
+  Free(g_DbcI.MsgInfoArray);
+  FreeNames(names);
+  FreeSlots(savedSlots);
+  FreeSlots(msgInfoSlots);
+  for (Connection& connection : g_Connections) {
+    connection.Requests[kWaiting] = {};
+    connection.Requests[kInFlight] = {};
   }
-  return count;
 }

@@ -1,4 +1,4 @@
-// The agent's state, the registration of descriptors, start-up, the loop and the shutdown.
+// The agent's state and the registration of descriptors.
 #pragma once
 #include <sys/select.h>
 #include <sys/types.h>
@@ -96,6 +96,8 @@ struct AgentState {
   // Our own additions
   std::uint8_t Unload;  // -U; decides alone whether this run unloads a running agent
   Link* ServedLink;     // whose input is being read: only its answers count meanwhile; or null
+  std::int32_t FirstFreeClient;  // before it no entry of ClientPidList is free
+  std::int32_t LinkBuffer;       // LUMO_LINK_BUFFER: bytes, 0: as the system has it from the start
 };
 
 extern AgentState g_DbcI;
@@ -122,10 +124,3 @@ inline bool Stopping() { return g_DbcI.ExitStatus != 0; }
 
 // Fills SocketSets for a new process. Returns 0.
 int DbcInitGlobal(const char* file, int line);
-
-// Makes a link that has just connected the default one, with the requests that wait for the
-// default; 0, or -1 when the default is connected, is this link, or the link is not connected.
-int UseTheLinkAsDefault(int line, Link* link);
-
-// The whole program; returns the exit status.
-int AgentMain(int argc, char** argv);

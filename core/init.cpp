@@ -5,14 +5,14 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "client/clntxch.h"
-#include "client/primitiv.h"
+#include "core/environment.h"
 #include "core/trace.h"
 #include "core/wait.h"
 
@@ -23,6 +23,7 @@ namespace {
 constexpr int kDefaultNetMbx = 20562;
 constexpr unsigned kTickSeconds = 2;
 constexpr long kBannerVersion[] = {6, 0};
+constexpr long kLinkBuffer = 262144, kLinkBufferMax = 4194304;  // bytes
 
 struct VersionRecord {
   const char* BuildStamp;
@@ -101,14 +102,19 @@ void ClearState(char** argv) {
   g_DbcI.ClientListenSocket = -1;
   g_DbcI.LinkList = g_DbcI.DefaultLink = g_DbcI.FirstLink = g_DbcI.CircleStartLink = nullptr;
   g_DbcI.ProtocolList = nullptr;
-  ForgetRequests();
   FD_ZERO(&g_DbcI.ClientSockets);
+}
+
+// What does not fit the field counts as no number, 0, not as its lower bits.
+int NumberOf(const char* text, int base) {
+  const long number = std::strtol(text, nullptr, base);
+  return number >= INT_MIN && number <= INT_MAX ? static_cast<int>(number) : 0;
 }
 
 int ReadNetMbx() {
   const char* text = GetArgument(__LINE__, g_DbcI.Argv, "M");
   if (!text) text = std::getenv("NET_MBX");
-  const int value = text ? static_cast<int>(std::strtol(text, nullptr, 10)) : 0;
+  const int value = text ? NumberOf(text, 10) : 0;
   return value != 0 ? value : kDefaultNetMbx;
 }
 
@@ -149,8 +155,8 @@ void ReadReconnectionOptions() {
 }
 
 int SignalNumber(const char* text) {
-  const long number = std::strtol(text, nullptr, 0);
-  return number > 0 ? static_cast<int>(number) : SIGTERM;
+  const int number = NumberOf(text, 0);
+  return number > 0 ? number : SIGTERM;
 }
 
 void ReadProcessOptions() {
@@ -204,6 +210,13 @@ void TermHandler(int signal) {
   WakeUp();
 }
 
+// The level is the signal's distance from the first that is free. What is called here is safe in a
+// handler.
+void LogLevelHandler(int signal) {
+  g_DbcI.LogLevel = static_cast<std::uint8_t>(signal - SIGRTMIN);
+  WakeUp();
+}
+
 void Unblock(int signal) {
   sigset_t set;
   sigemptyset(&set);
@@ -218,6 +231,16 @@ void Install(int signal, void (*handler)(int)) {
   sigemptyset(&action.sa_mask);
   sigaddset(&action.sa_mask, signal);
   sigaction(signal, &action, nullptr);
+}
+
+void InstallLogLevels() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int level = kLogResult; level <= kLogTrace; ++level) {
+    Install(SIGRTMIN + level, LogLevelHandler);
+    sigaddset(&set, SIGRTMIN + level);
+  }
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 }  // namespace
@@ -253,12 +276,12 @@ int DbcInitGlobalInternal(const char* file, int line, char** argv) {
   ReadNodeOptions();
   ReadReconnectionOptions();
   ReadProcessOptions();
-  g_DbcI.GetMsg = GetMsgFromClient;
-  g_DbcI.PutMsg = PutMsgToClient;
   g_DbcI.AlarmFlag = 0;
   g_DbcI.LastClientSocket = kNoDescriptorYet;
   g_DbcI.LastLinkSocket = kNoDescriptorYet;
   g_DbcI.SigIoFlag = 0;
+  g_DbcI.LinkBuffer = static_cast<std::int32_t>(
+      NumberFromEnvironment("LUMO_LINK_BUFFER", 0, kLinkBufferMax, kLinkBuffer));
   return 0;
 }
 
@@ -300,6 +323,7 @@ int InitialiseSignalHandlers(const char* file, int line) {
   Unblock(SIGTERM);
   Install(SIGINT, TermHandler);
   Unblock(SIGINT);
+  InstallLogLevels();
   return 0;
 }
 
@@ -312,13 +336,3 @@ int InitialiseTimer(const char* file, int line) {
 }
 
 void UninitTimer(const char* file, int line) { ENTER(); }
-
-void PrintText(const char* format, ...) {
-  const int savedErrno = errno;
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vprintf(format, arguments);
-  va_end(arguments);
-  std::fflush(stdout);
-  errno = savedErrno;
-}

@@ -15,6 +15,3 @@ const char* GetVersionString(int selector);
 int InitialiseSignalHandlers(const char* file, int line);  // 0
 int InitialiseTimer(const char* file, int line);           // 0; the first tick comes in 2 seconds
 void UninitTimer(const char* file, int line);              // the alarm goes on until the exit
-
-// Prints to standard output and flushes it: a caller that reads a pipe sees the text at once.
-[[gnu::format(printf, 1, 2)]] void PrintText(const char* format, ...);

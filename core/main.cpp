@@ -1,3 +1,3 @@
-#include "core/dbc.h"
+#include "core/loop.h"
 
 int main(int argc, char** argv) { return AgentMain(argc, argv); }

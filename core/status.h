@@ -18,4 +18,5 @@ enum : int {
   kStatusUnsupported = 4066,     // the protocol is not supported
   kStatusSecureRefused = 4156,   // the peer refused the secure connection
   kStatusNotRecorded = 4200,     // the request could not be recorded
+  kStatusNotPermitted = 4201,    // the client may not ask for this
 };

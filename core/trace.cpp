@@ -1,25 +1,117 @@
 #include "core/trace.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
-constexpr std::size_t kLineSize = 2048;  // longer lines go out in pieces
+constexpr std::size_t kLineSize = 4096;
+constexpr int kPatience = 1000;  // milliseconds
 
-void WriteAll(const char* bytes, std::size_t count) {
+std::int64_t MillisecondsNow() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1000000;
+}
+
+// A stream whose reader may be slow, or gone.
+struct Sink {
+  const int Fd;
+  volatile std::sig_atomic_t Stuck;  // it takes nothing; what comes is dropped
+  volatile std::sig_atomic_t Lost;   // lines dropped since
+};
+volatile std::sig_atomic_t linesLost;  // of the log, all together
+Sink logSink = {STDERR_FILENO, 0, 0};
+Sink textSink = {STDOUT_FILENO, 0, 0};
+
+// Whether the stream takes something now, or within so many milliseconds. A stop request ends the
+// wait; other signals do not.
+bool Takes(const Sink& sink, int milliseconds) {
+  pollfd stream = {.fd = sink.Fd, .events = POLLOUT, .revents = 0};
+  const std::int64_t end = MillisecondsNow() + milliseconds;
+  for (;;) {
+    const int ready = poll(&stream, 1, milliseconds);
+    if (ready >= 0 || errno != EINTR) return ready != 0;  // a failure shows when writing
+    if (Stopping()) return false;
+    milliseconds = static_cast<int>(std::max<std::int64_t>(end - MillisecondsNow(), 0));
+  }
+}
+
+// Writes in pieces that a pipe with room takes at once. False: the stream takes no more.
+bool WriteAll(Sink& sink, const char* bytes, std::size_t count, int patience) {
   while (count > 0) {
-    const ssize_t written = write(STDERR_FILENO, bytes, count);
+    if (!Takes(sink, patience)) return false;
+    const ssize_t written = write(sink.Fd, bytes, std::min(count, std::size_t{PIPE_BUF}));
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;  // nobody reads the log: go on without it
+    if (written < 0 && errno == EAGAIN) return false;
+    if (written <= 0) return true;  // there is no reader: go on without
     bytes += written;
     count -= static_cast<std::size_t>(written);
   }
+  return true;
+}
+
+// Takes note of a line that is lost.
+void Lose(Sink& sink) {
+  sink.Stuck = 1;
+  sink.Lost = sink.Lost + 1;
+  if (&sink == &logSink) linesLost = linesLost + 1;
+}
+
+// Puts what tells of the lost lines in front of the line, as far as there is room: one call, since
+// a small pipe takes only one.
+std::size_t TellLost(Sink& sink, char* text, const char* line, std::size_t count) {
+  const int head = std::snprintf(text, kLineSize, "lumo_tcp:%d lines were lost: nobody read them\n",
+                                 static_cast<int>(sink.Lost));
+  sink.Stuck = 0;
+  sink.Lost = 0;
+  const std::size_t length = static_cast<std::size_t>(head);
+  const std::size_t fits = std::min(count, kLineSize - length);
+  std::memcpy(text + length, line, fits);
+  return length + fits;
+}
+
+// The agent waits once for a stream that takes nothing; from then on, until it takes something
+// again, lines are dropped.
+void WriteLine(Sink& sink, const char* line, std::size_t count) {
+  char text[kLineSize];
+  if (sink.Stuck) {
+    if (!Takes(sink, 0)) return Lose(sink);
+    count = TellLost(sink, text, line, count);
+    line = text;
+  }
+  if (!WriteAll(sink, line, count, Stopping() ? 0 : kPatience)) Lose(sink);
+}
+
+// Formats behind what is in `line` already (kLineSize bytes) and writes it; a text that is longer
+// needs memory for once, and is cut without.
+void FormatAndWrite(Sink& sink, char* line, int header, const char* format, std::va_list arguments,
+                    const char* end) {
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(line + header, kLineSize - static_cast<std::size_t>(header),
+                                    format, arguments);
+  const std::size_t size = static_cast<std::size_t>(header + std::max(length, 0));
+  char* const longer = size + 1 < kLineSize ? nullptr : static_cast<char*>(std::malloc(size + 2));
+  char* const text = longer ? longer : line;
+  if (longer) {
+    std::memcpy(longer, line, static_cast<std::size_t>(header));
+    std::vsnprintf(longer + header, size + 1 - static_cast<std::size_t>(header), format, again);
+  }
+  va_end(again);
+  std::size_t count = std::min(size, longer ? size : kLineSize - 2);
+  if (*end != '\0') text[count++] = *end;
+  WriteLine(sink, text, count);
+  std::free(longer);
 }
 
 int FormatHeader(char* line, const char* file, int lineNumber, int level) {
@@ -55,23 +147,22 @@ int log(const char* file, int line, int level, const char* format, ...) {
   const int savedErrno = errno;
   char text[kLineSize];
   const int header = FormatHeader(text, file, line, level);
-  const std::size_t room = kLineSize - static_cast<std::size_t>(header);
   std::va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(text + header, room, format, arguments);
+  FormatAndWrite(logSink, text, header, format, arguments, "\n");
   va_end(arguments);
-  if (length >= 0 && static_cast<std::size_t>(length) < room) {
-    text[header + length] = '\n';
-    WriteAll(text, static_cast<std::size_t>(header) + static_cast<std::size_t>(length) + 1);
-  } else {
-    WriteAll(text, static_cast<std::size_t>(header));
-    va_start(arguments, format);
-    vdprintf(STDERR_FILENO, format, arguments);
-    va_end(arguments);
-    WriteAll("\n", 1);
-  }
   errno = savedErrno;
   return 0;
+}
+
+void PrintText(const char* format, ...) {
+  const int savedErrno = errno;
+  char text[kLineSize];
+  std::va_list arguments;
+  va_start(arguments, format);
+  FormatAndWrite(textSink, text, 0, format, arguments, "");
+  va_end(arguments);
+  errno = savedErrno;
 }
 
 void LogFromHandler(const char* file, int line, const char* text, const int* number) {
@@ -89,9 +180,13 @@ void LogFromHandler(const char* file, int line, const char* text, const int* num
   at = AppendText(at, text);
   if (number) at = AppendNumber(at, *number, 0);
   *at++ = '\n';
-  WriteAll(out, static_cast<std::size_t>(at - out));
+  // It may have come in the middle of another line: here nothing is waited for.
+  if (logSink.Stuck || !WriteAll(logSink, out, static_cast<std::size_t>(at - out), 0))
+    Lose(logSink);
   errno = savedErrno;
 }
+
+std::uint64_t LinesLost() { return static_cast<std::uint64_t>(linesLost); }
 
 int ReadDbcLogLevel() {
   g_DbcI.LogLevel = 0;

@@ -22,6 +22,16 @@ enum : int {
 // the C library and writes once.
 void LogFromHandler(const char* file, int line, const char* text, const int* number = nullptr);
 
+// Prints to standard output at once: a caller that reads a pipe sees the text.
+[[gnu::format(printf, 1, 2)]] void PrintText(const char* format, ...);
+
+// Neither stream holds the agent up: one that takes nothing is waited for once, for a second at
+// most; then its lines are dropped, without waiting, until it takes some again, and a line says how
+// many were lost.
+
+// Lines of the log that nobody took.
+std::uint64_t LinesLost();
+
 // Reads DBC_LOG into LogLevel; returns 0.
 int ReadDbcLogLevel();
 

@@ -10,72 +10,67 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstring>
 
 #include "core/dbc.h"
+#include "core/fd_bits.h"
+#include "core/stream.h"
 
 namespace {
 
-constexpr int kWordBits = 8 * sizeof(fd_mask);
-constexpr int kFewClients = 8;  // of more, epoll waits for nothing else
-constexpr int kEventsAtOnce = 256;
 constexpr int kNoEnd = -1;
 constexpr rlim_t kFewDescriptors = 64;  // with fewer all are left to clients and links
 
 int epollDescriptor = -1;  // -1: select does it all
-fd_set behindEpoll;        // descriptors to be read that epoll waits for
+fd_set inEpoll[2];         // what epoll waits for: input, room for output
 bool withoutEpollNext;     // the next wait
 
 volatile int wakeDescriptor = -1;  // readable once somebody has called WakeUp; -1: none
 volatile std::sig_atomic_t wokenUp;
 
-std::uint64_t& Word(fd_set& set, int index) {
-  return reinterpret_cast<std::uint64_t*>(set.fds_bits)[index];
-}
-
-int WordsInUse() { return (g_DbcI.SocketSets.MaxSocket + kWordBits - 1) / kWordBits; }
-
-// Client connections whose requests are read.
-std::uint64_t Clients(int word) {
-  return Word(g_DbcI.ClientSockets, word) & Word(g_DbcI.SocketSets.ReadSet, word);
-}
-
 void EndEpoll() {
   if (epollDescriptor >= 0) close(epollDescriptor);
   epollDescriptor = -1;
-  FD_ZERO(&behindEpoll);
+  for (fd_set& set : inEpoll) FD_ZERO(&set);
+  g_SetsChanged = true;
 }
 
-void Change(int operation, int fd) {
-  epoll_event event = {};
-  event.events = EPOLLIN;
-  event.data.fd = fd;
-  const bool done = epoll_ctl(epollDescriptor, operation, fd, &event) == 0;
-  if (operation == EPOLL_CTL_ADD && done)
-    FD_SET(fd, &behindEpoll);
+void Put(fd_set& set, int fd, bool in) {
+  if (in)
+    FD_SET(fd, &set);
   else
-    FD_CLR(fd, &behindEpoll);
+    FD_CLR(fd, &set);
 }
 
-bool ManyClients(int words) {
-  int count = 0;
-  for (int i = 0; i < words; ++i) count += std::popcount(Clients(i));
-  return count > kFewClients;
+// Makes epoll wait for just these events of the descriptor; false: it refuses.
+bool Change(int fd, bool read, bool write) {
+  const bool before = FD_ISSET(fd, &inEpoll[0]) || FD_ISSET(fd, &inEpoll[1]);
+  epoll_event event = {};
+  event.events = (read ? EPOLLIN : 0U) | (write ? EPOLLOUT : 0U);
+  event.data.fd = fd;
+  const int operation = !read && !write ? EPOLL_CTL_DEL : before ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+  const bool done = epoll_ctl(epollDescriptor, operation, fd, &event) == 0;
+  Put(inEpoll[0], fd, done && read);
+  Put(inEpoll[1], fd, done && write);
+  return done;
 }
 
-// Brings the descriptors behind epoll up to date with the sets: all that are to be read, or, where
-// there are many clients, those of the clients.
-void MoveDescriptors(int words) {
-  const bool many = ManyClients(words);
+// Brings epoll up to date with the sets; false: there is something that it does not wait for.
+bool MoveDescriptors() {
+  if (!g_SetsChanged) return true;
+  const fd_set& read = g_DbcI.SocketSets.ReadSet;
+  const fd_set& write = g_DbcI.SocketSets.WriteSet;
+  const int words = FdWordsFor(g_DbcI.SocketSets.MaxSocket);
+  bool all = true;
   for (int i = 0; i < words; ++i) {
-    const std::uint64_t target = many ? Clients(i) : Word(g_DbcI.SocketSets.ReadSet, i);
-    std::uint64_t change = target ^ Word(behindEpoll, i);
+    FdWord change =
+        (WordOf(read, i) ^ WordOf(inEpoll[0], i)) | (WordOf(write, i) ^ WordOf(inEpoll[1], i));
     for (; change != 0; change &= change - 1) {
-      const int bit = std::countr_zero(change);
-      const bool add = (target >> bit & 1) != 0;
-      Change(add ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, i * kWordBits + bit);
+      const int fd = i * kFdWordBits + std::countr_zero(change);
+      all = Change(fd, FD_ISSET(fd, &read), FD_ISSET(fd, &write)) && all;
     }
   }
+  g_SetsChanged = !all;
+  return all;
 }
 
 // A call of WakeUp is no event: with no other the wait counts as interrupted.
@@ -85,39 +80,78 @@ int WithoutWakeUp(int events) {
   return -1;
 }
 
-// No wait has an end of its own, which would cost a timer each time.
-int Select(int highest, fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
-  timeval now = {0, 0};
-  return select(highest, readyForRead, readyForWrite, nullptr, atOnce ? &now : nullptr);
-}
-
 // All that is registered, and the descriptor of WakeUp.
-int SelectAll(fd_set* readyForRead, fd_set* readyForWrite, bool atOnce) {
+int SelectAll(int milliseconds) {
   int highest = g_DbcI.SocketSets.MaxSocket;
+  g_Ready = {g_DbcI.SocketSets.ReadSet, g_DbcI.SocketSets.WriteSet};
   if (wakeDescriptor >= 0) {
-    FD_SET(wakeDescriptor, readyForRead);
+    FD_SET(wakeDescriptor, &g_Ready.Read);
     highest = std::max(highest, wakeDescriptor + 1);
   }
-  const int events = Select(highest, readyForRead, readyForWrite, atOnce);
-  if (events <= 0 || wakeDescriptor < 0 || !FD_ISSET(wakeDescriptor, readyForRead)) return events;
-  FD_CLR(wakeDescriptor, readyForRead);
+  timeval end = {milliseconds / 1000, milliseconds % 1000 * 1000L};
+  const int events =
+      select(highest, &g_Ready.Read, &g_Ready.Write, nullptr, milliseconds < 0 ? nullptr : &end);
+  if (events <= 0 || wakeDescriptor < 0 || !FD_ISSET(wakeDescriptor, &g_Ready.Read)) return events;
+  FD_CLR(wakeDescriptor, &g_Ready.Read);
   return WithoutWakeUp(events);
 }
 
-// Adds what epoll finds readable. Returns how many, or -1 with errno; but for a signal the agent
-// then goes on without.
-int WaitInEpoll(fd_set* readyForRead, bool atOnce) {
-  epoll_event events[kEventsAtOnce];
-  const int count = epoll_wait(epollDescriptor, events, kEventsAtOnce, atOnce ? 0 : kNoEnd);
-  if (count < 0 && errno != EINTR) EndEpoll();
+// As select reports it: what is neither input nor room for output, an error or the peer's end, is
+// both, as far as it was asked for.
+int AddReady(const epoll_event& event) {
+  const int fd = event.data.fd;
+  const bool all = (event.events & (EPOLLERR | EPOLLHUP)) != 0;
+  const bool read = FD_ISSET(fd, &inEpoll[0]) && (all || (event.events & EPOLLIN) != 0);
+  const bool write = FD_ISSET(fd, &inEpoll[1]) && (all || (event.events & EPOLLOUT) != 0);
+  if (read) FD_SET(fd, &g_Ready.Read);
+  if (write) FD_SET(fd, &g_Ready.Write);
+  return read + write;
+}
+
+// But for a signal the agent goes on without epoll when it fails.
+int WaitInEpoll(int milliseconds) {
+  static epoll_event events[FD_SETSIZE];
+  g_Ready = {};
+  const int count = epoll_wait(epollDescriptor, events, FD_SETSIZE, milliseconds);
+  if (count < 0 && errno != EINTR) {
+    EndEpoll();
+    errno = EINTR;
+  }
+  int found = 0;
   bool woken = false;
   for (int i = 0; i < count; ++i) {
     if (events[i].data.fd == wakeDescriptor)
       woken = true;
     else
-      FD_SET(events[i].data.fd, readyForRead);
+      found += AddReady(events[i]);
   }
-  return woken ? WithoutWakeUp(count) : count;
+  if (count <= 0) return count;
+  return woken ? WithoutWakeUp(found + 1) : found;
+}
+
+// Frames that have been taken already are events that the system does not know of. Adds their
+// descriptors, as far as they are to be read; returns how many were not there.
+int AddWaitingFrames() {
+  if (g_WaitingCount == 0) return 0;
+  int added = 0;
+  const int words = FdWordsFor(g_DbcI.SocketSets.MaxSocket);
+  for (int i = 0; i < words; ++i) {
+    const FdWord wanted = WordOf(g_WaitingFrames, i) & WordOf(g_DbcI.SocketSets.ReadSet, i);
+    if (wanted == 0) continue;
+    const FdWord ready = WordOf(g_Ready.Read, i);
+    added += std::popcount(wanted & ~ready);
+    SetWord(g_Ready.Read, i, ready | wanted);
+  }
+  return added;
+}
+
+bool AnyFrameWaits() {
+  if (g_WaitingCount == 0) return false;
+  const int words = FdWordsFor(g_DbcI.SocketSets.MaxSocket);
+  for (int i = 0; i < words; ++i) {
+    if ((WordOf(g_WaitingFrames, i) & WordOf(g_DbcI.SocketSets.ReadSet, i)) != 0) return true;
+  }
+  return false;
 }
 
 bool AreFew() {
@@ -127,13 +161,17 @@ bool AreFew() {
 
 }  // namespace
 
-void PrepareWait(bool withEpoll) {
+ReadySets g_Ready;
+bool g_SetsChanged = true;
+int (*RetryOutput)();
+
+void PrepareWait() {
   EndWait();
   if (AreFew()) return;
   wakeDescriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (!withEpoll) return;
+  if (wakeDescriptor < 0) return;
   epollDescriptor = epoll_create1(EPOLL_CLOEXEC);
-  if (epollDescriptor < 0 || wakeDescriptor < 0) return;
+  if (epollDescriptor < 0) return;
   epoll_event event = {};
   event.events = EPOLLIN;
   event.data.fd = wakeDescriptor;
@@ -163,39 +201,36 @@ void ForgetWakeUp() {
   errno = savedErrno;
 }
 
-int WaitForEvents(bool atOnce, fd_set* readyForRead, fd_set* readyForWrite, int alone) {
-  const int words = WordsInUse();
+// No wait has an end of its own, which would cost a timer each time, unless output is to be
+// retried.
+int WaitForEvents() {
   const int savedErrno = errno;
-  atOnce = atOnce || wokenUp;
-  const bool useEpoll = epollDescriptor >= 0 && !withoutEpollNext;
+  const int retry = RetryOutput ? RetryOutput() : kNoEnd;
+  const int end = AnyFrameWaits() || wokenUp ? 0 : retry;
+  const bool useEpoll = epollDescriptor >= 0 && !withoutEpollNext && MoveDescriptors();
   withoutEpollNext = false;
-  if (useEpoll) MoveDescriptors(words);
   errno = savedErrno;
-  std::uint64_t reads = 0, writes = 0, behind = 0;
-  for (int i = 0; i < words; ++i) {
-    const std::uint64_t left = useEpoll ? Word(behindEpoll, i) : 0;
-    reads |= Word(*readyForRead, i) = Word(g_DbcI.SocketSets.ReadSet, i) & ~left;
-    writes |= Word(*readyForWrite, i) = Word(g_DbcI.SocketSets.WriteSet, i);
-    behind |= left;
-  }
-  fd_set* const write = writes != 0 ? readyForWrite : nullptr;
-  if (behind == 0) return SelectAll(readyForRead, write, atOnce);
-  if ((reads | writes) == 0) return WaitInEpoll(readyForRead, atOnce);
-  FD_SET(epollDescriptor, readyForRead);
-  const int highest = std::max(g_DbcI.SocketSets.MaxSocket, epollDescriptor + 1);
-  const int events = Select(highest, readyForRead, write, atOnce);
-  if (events <= 0 || !FD_ISSET(epollDescriptor, readyForRead)) return events;
-  FD_CLR(epollDescriptor, readyForRead);
-  if (alone >= 0 && FD_ISSET(alone, readyForRead)) return events - 1;
-  return events - 1 + std::max(WaitInEpoll(readyForRead, true), 0);
+  const int events = useEpoll ? WaitInEpoll(end) : SelectAll(end);
+  if (events < 0 && errno != EINTR) return events;
+  if (events <= 0) g_Ready = {};
+  const int added = AddWaitingFrames();
+  return events < 0 && added == 0 ? events : std::max(events, 0) + added;
+}
+
+int ServeAlone(int fd) {
+  g_Ready = {};
+  FD_SET(fd, &g_Ready.Read);
+  return 1;
 }
 
 void LookAtAllNext() { withoutEpollNext = true; }
 
 void StopWaitingFor(int fd) {
   if (fd >= 0 && (fd == epollDescriptor || fd == wakeDescriptor)) EndWait();
-  if (fd < 0 || fd >= FD_SETSIZE || !FD_ISSET(fd, &behindEpoll)) return;
+  if (fd < 0 || fd >= FD_SETSIZE || epollDescriptor < 0) return;
+  if (!FD_ISSET(fd, &inEpoll[0]) && !FD_ISSET(fd, &inEpoll[1])) return;
   const int savedErrno = errno;
-  Change(EPOLL_CTL_DEL, fd);
+  Change(fd, false, false);
+  g_SetsChanged = true;
   errno = savedErrno;
 }

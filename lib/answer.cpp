@@ -1,5 +1,6 @@
 #include "lib/answer.h"
 
+#include <algorithm>
 #include <system_error>
 
 namespace lumo::detail {
@@ -15,12 +16,31 @@ std::string ErrorWords(std::int32_t code, std::int32_t sysError) {
   return words + ")";
 }
 
+// A node's words on one line: they may be shown on a terminal.
+std::string OneLine(const std::string& text) {
+  std::string line = text.substr(0, text.find('\0'));
+  const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+  std::ranges::replace_if(line, isControl, ' ');
+  return line;
+}
+
+std::string RefusalWords(const Message& message) {
+  const std::string words = OneLine(message.Strings[LUMO_ROWS]);
+  return "the node refused" + (words.empty() ? "" : ": " + words) + " (code " +
+         std::to_string(message.CodErr) + ")";
+}
+
 std::string Words(const lumo_answer& answer) {
-  const Message& message = answer.Message;
-  if (answer.Status == LUMO_ERROR) return ErrorWords(message.CodErr, message.SysErr);
-  if (answer.Status == LUMO_UNSURE) return {};
-  if (answer.FromAgent) return "the agent answered";
-  return "the node answered with code " + std::to_string(message.CodErr);
+  switch (answer.Status) {
+    case LUMO_ERROR:
+      return ErrorWords(answer.Message.CodErr, answer.Message.SysErr);
+    case LUMO_REFUSED:
+      return RefusalWords(answer.Message);
+    case LUMO_UNSURE:
+      return {};  // those of the reason
+    default:
+      return answer.FromAgent ? "the agent answered" : "the node answered";
+  }
 }
 
 }  // namespace
@@ -36,8 +56,8 @@ void FillAnswer(Message message, Kind kind, lumo_answer* answer) {
   // A node returns the trailer of the request; the agent leaves the process id in it zero.
   answer->FromAgent = kind == Kind::Management || message.TrailerTaskName() == 0;
   answer->Status = LUMO_OK;
-  if (answer->FromAgent && message.CodErr != 0) {
-    answer->Status = LUMO_ERROR;
+  if (message.CodErr != 0) {
+    answer->Status = answer->FromAgent ? LUMO_ERROR : LUMO_REFUSED;
   } else if (answer->FromAgent && kind == Kind::Request) {
     answer->Status = LUMO_UNSURE;
     answer->Reason = LUMO_REASON_AGENT_STOPPED;
@@ -78,8 +98,8 @@ const char* lumo_answer_words(const lumo_answer* answer) {
 }
 
 lumo_advice lumo_answer_advice(const lumo_answer* answer) {
-  if (!answer || answer->Status == LUMO_OK) return LUMO_ADVICE_NONE;
-  if (answer->Status == LUMO_UNSURE) return LUMO_ADVICE_UNSURE;
+  if (answer && answer->Status == LUMO_UNSURE) return LUMO_ADVICE_UNSURE;
+  if (!answer || answer->Status != LUMO_ERROR) return LUMO_ADVICE_NONE;
   return lumo_code_advice(answer->Message.CodErr, answer->Message.SysErr);
 }
 

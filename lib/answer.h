@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lib/include/lumo.h"
-#include "tools/client/message_codec.h"
+#include "lib/message_codec.h"
 
 struct lumo_answer {
   lumo_status Status = LUMO_UNSURE;

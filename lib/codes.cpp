@@ -4,8 +4,8 @@
 #include <cstddef>
 
 #include "lib/include/lumo.h"
-#include "tools/client/management.h"
-#include "tools/client/status_text.h"
+#include "lib/node_description.h"
+#include "lib/status_text.h"
 
 namespace {
 
@@ -40,6 +40,7 @@ constexpr std::array kCodes{
     LUMO_ENTRY(LUMO_CODE_UNSUPPORTED, LUMO_ADVICE_FIX_TABLE),
     LUMO_ENTRY(LUMO_CODE_SECURE_REFUSED, LUMO_ADVICE_FIX_TABLE),
     LUMO_ENTRY(LUMO_CODE_NOT_RECORDED, LUMO_ADVICE_RETRY),
+    LUMO_ENTRY(LUMO_CODE_NOT_PERMITTED, LUMO_ADVICE_ASK_PERMISSION),
 };
 static_assert(std::ranges::is_sorted(kCodes, {}, &Code::Number));
 
@@ -59,6 +60,7 @@ constexpr std::array kStatuses{
     LUMO_STATUS(LUMO_OK, "done"),
     LUMO_STATUS(LUMO_ERROR, "the agent answered with an error"),
     LUMO_STATUS(LUMO_UNSURE, "it is not known whether the request was carried out"),
+    LUMO_STATUS(LUMO_REFUSED, "refused: a request by the node, a command by the agent"),
     LUMO_STATUS(LUMO_TIMEOUT, "the time is over"),
     LUMO_STATUS(LUMO_NO_AGENT, "no agent answers at the socket"),
     LUMO_STATUS(LUMO_BAD_GREETING, "what answers at the socket is no agent"),
@@ -70,7 +72,6 @@ constexpr std::array kStatuses{
     LUMO_STATUS(LUMO_FORKED, "the request was sent by the parent process"),
     LUMO_STATUS(LUMO_NO_MEMORY, "there is no memory left"),
     LUMO_STATUS(LUMO_SYSTEM, "a system call failed"),
-    LUMO_STATUS(LUMO_REFUSED, "the agent refused the command"),
     LUMO_STATUS(LUMO_BAD_ANSWER, "the answer does not have the form that its command has"),
 };
 static_assert(kStatuses.size() == LUMO_BAD_ANSWER + 1);
@@ -138,6 +139,8 @@ const char* lumo_advice_text(int advice) {
       return "the node has not got the request: send it again, later or to another node";
     case LUMO_ADVICE_FIX_TABLE:
       return "the node has not got the request: correct the node table";
+    case LUMO_ADVICE_ASK_PERMISSION:
+      return "nothing was carried out: the administrator of the agent has to permit it";
     case LUMO_ADVICE_UNSURE:
       return "the node may have carried the request out: look before sending it again";
   }

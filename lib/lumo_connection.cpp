@@ -8,7 +8,8 @@
 
 #include "lib/entry.h"
 #include "lib/exchange.h"
-#include "tools/client/connection.h"
+#include "lib/socket_path.h"
+#include "lib/socket_places.h"
 
 using namespace lumo::detail;
 
@@ -80,6 +81,16 @@ Outcome ToMessage(const lumo_request* from, lumo::Message* to) {
   return {};
 }
 
+std::vector<std::string> PlacesOf(int exchangeId) {
+  return SocketPlaces(exchangeId ? exchangeId : lumo::ExchangeId());
+}
+
+Outcome CopyOut(const std::string& text, char* path, std::size_t size) {
+  if (text.size() >= size) return {LUMO_TOO_LONG};
+  std::memcpy(path, text.c_str(), text.size() + 1);
+  return {};
+}
+
 Kind KindOf(const lumo::Message& message) {
   return message.Command == kManagement ? Kind::Management : Kind::Request;
 }
@@ -106,11 +117,16 @@ Outcome AskAgent(lumo_connection* connection, std::uint16_t command, std::int32_
 lumo_status lumo_socket_path(int exchange_id, char* path, size_t size) {
   if (!path || size == 0) return LUMO_BAD_ARGUMENT;
   path[0] = '\0';
+  return Entry([&] { return CopyOut(ChoosePlace(PlacesOf(exchange_id)), path, size); });
+}
+
+lumo_status lumo_socket_place(int exchange_id, size_t index, char* path, size_t size) {
+  if (!path || size == 0) return LUMO_BAD_ARGUMENT;
+  path[0] = '\0';
   return Entry([&]() -> Outcome {
-    const std::string text = lumo::SocketPath(exchange_id ? exchange_id : lumo::ExchangeId());
-    if (text.size() >= size) return {LUMO_TOO_LONG};
-    std::memcpy(path, text.c_str(), text.size() + 1);
-    return {};
+    const std::vector<std::string> places = PlacesOf(exchange_id);
+    if (index >= places.size()) return {LUMO_BAD_ARGUMENT};
+    return CopyOut(places[index], path, size);
   });
 }
 
@@ -119,7 +135,7 @@ lumo_status lumo_open(const char* path, int deadline_ms, lumo_connection** conne
   *connection = nullptr;
   return Entry([&]() -> Outcome {
     const Deadline deadline(deadline_ms);
-    const std::string text = path && *path ? path : lumo::SocketPath(lumo::ExchangeId());
+    const std::string text = path && *path ? path : ChoosePlace(PlacesOf(0));
     auto side = std::make_unique<Exchange>(text, nullptr);
     const Outcome connected = side->Connect(deadline);
     if (!connected.Good()) return connected;
@@ -238,6 +254,6 @@ lumo_status lumo_ask_text(lumo_connection* connection, const char* node, const c
   if (!text) return LUMO_BAD_ARGUMENT;
   lumo_request request = lumo_request_make();
   request.node = node;
-  request.strings[0] = {text, std::strlen(text)};
+  request.strings[LUMO_TEXT] = {text, std::strlen(text)};
   return lumo_ask(connection, &request, deadline_ms, answer);
 }

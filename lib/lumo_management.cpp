@@ -3,7 +3,7 @@
 #include <string>
 
 #include "lib/entry.h"
-#include "tools/client/management.h"
+#include "lib/node_description.h"
 
 using namespace lumo::detail;
 
@@ -12,14 +12,11 @@ namespace {
 // Numbers of the commands.
 enum : std::uint16_t {
   kProbe = 100,
-  kNothing = 101,
   kCountNodes = 102,
   kDefaultName = 103,
   kDefaultIndex = 104,
   kNodeName = 105,
   kSetDefault = 106,
-  kFirstReserved = 107,
-  kLastReserved = 115,
   kNodetabPath = 116,
   kLock = 117,
   kUnlock = 118,
@@ -56,9 +53,10 @@ Reply Ask(lumo_connection* connection, const Command& command, int deadlineMs) {
   Reply reply;
   reply.Result =
       AskAgent(connection, command.Number, command.Argument, command.Text, deadlineMs, &answer);
+  if (reply.Result.Status == LUMO_ERROR) reply.Result.Error = answer->Message.SysErr;
   if (!reply.Result.Good()) return reply;
   reply.Value = answer->Message.RowId;
-  reply.Item = std::move(answer->Message.Strings[3]);
+  reply.Item = std::move(answer->Message.Strings[LUMO_ROWS]);
   return reply;
 }
 
@@ -192,14 +190,6 @@ lumo_status lumo_manage(lumo_connection* connection, uint16_t command, int32_t a
 
 lumo_status lumo_probe(lumo_connection* connection, int deadline_ms, int32_t* result) {
   return Simple(connection, kProbe, 0, deadline_ms, result, Any);
-}
-
-lumo_status lumo_reserved(lumo_connection* connection, uint16_t command, int deadline_ms,
-                          int32_t* result) {
-  if (result) *result = 0;
-  const bool reserved =
-      command == kNothing || (command >= kFirstReserved && command <= kLastReserved);
-  return reserved ? Simple(connection, command, 0, deadline_ms, result, Any) : LUMO_BAD_ARGUMENT;
 }
 
 lumo_status lumo_count_nodes(lumo_connection* connection, int deadline_ms, int32_t* result) {

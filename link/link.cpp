@@ -7,11 +7,14 @@
 
 #include "api/dbca.h"
 #include "client/clntxch.h"
+#include "client/parking.h"
 #include "client/primitiv.h"
+#include "core/stats.h"
 #include "core/status.h"
 #include "core/trace.h"
+#include "link/joint.h"
+#include "link/protocol.h"
 #include "ping/ping.h"
-#include "protocols/protload.h"
 
 static constexpr char Module[] = "link";
 
@@ -28,16 +31,11 @@ void AnswerSentRequests(const Link* link, int tavrinErr, int sysErr) {
   ClientMessage answer;
   MsgInfo info;
   for (std::int32_t index = 0; TakeMsgInfo(link, &index, &info);) {
+    StatsFailedRequest(link->Books.StatsRow);
+    StatsAgentAnswer(tavrinErr);
     MakeAnswerFromMsgInfo(HERE, &answer, &info, tavrinErr, sysErr);
     PutMsgToClient(HERE, &answer);
   }
-}
-
-bool IsWaitedFor(const Link* link) {
-  for (const SavedMessage& saved : g_DbcI.SavedArray) {
-    if (saved.Link == link) return true;
-  }
-  return false;
 }
 
 int CircleFailure() { return g_DbcI.Err1001 ? kStatusCircleFailed : kStatusConnect; }
@@ -101,9 +99,13 @@ int UseConnectedLink(const Link* failedLink, int tavrinErr) {
 
 void TakeDown(Link* link) {
   if (link->State == kLinkConnected) LOG(kLogDefault, "Disconnect link  %.8s", link->NodeName);
+  ForgetJoined(link);
   link->Protocol->DisconnectLink(HERE, link);
   link->State = kLinkDisconnected;
+  StatsLinkState(link->Books.StatsRow, kLinkDisconnected);
+  StatsLinkUnsent(link->Books.StatsRow, 0);
   link->Broken = 0;
+  ReleaseParkedBehind(link);
 }
 
 // The timer connects only a link that is down: one that has failed is taken down, but the requests
@@ -135,8 +137,7 @@ int EndCircle(const Link* failedLink, int tavrinErr) {
 }
 
 // Shows the records that an answer is compared with, up to the one that it belongs to.
-void TraceRequestsInFlight(int taskName, std::uint16_t astInd) {
-  const MsgInfo* const found = FindMsgInfo(g_DbcI.ServedLink, taskName, astInd);
+void TraceRequestsInFlight(int taskName, std::uint16_t astInd, const MsgInfo* found) {
   for (MsgInfo* info = GetNextMsgInfo(HERE, nullptr); info; info = GetNextMsgInfo(HERE, info)) {
     LOG(kLogTrace, "MsgInfo->TaskName = %d , MsgInfo->AstInd = %d TaskName = %d AstInd = %d",
         info->TaskName, info->AstInd, taskName, astInd);
@@ -149,13 +150,15 @@ std::size_t UnitsOf(std::uint16_t count) { return (count + 1U) / 2 + 1; }
 }  // namespace
 
 void AnswerSavedRequests(const Link* link, int tavrinErr, int sysErr) {
-  for (std::int32_t i = 0; i < g_DbcI.SavedArray.Capacity; ++i) {
-    SavedMessage& saved = g_DbcI.SavedArray.Items[i];
-    if (saved.Link != link) continue;
-    saved.Link = nullptr;
-    const MsgInfo info = InfoOfRequest(&saved.Message);
-    MakeAnswerFromMsgInfo(HERE, &saved.Message, &info, tavrinErr, sysErr);
-    PutMsgToClient(HERE, &saved.Message);
+  ClientMessage answer;
+  std::int32_t index = 0;
+  while (SavedMessage* const saved = NextSavedOf(link, &index)) {
+    const MsgInfo info = InfoOfRequest(&saved->Message);
+    ReleaseSaved(saved);
+    StatsFailedRequest(link->Books.StatsRow);
+    StatsAgentAnswer(tavrinErr);
+    MakeAnswerFromMsgInfo(HERE, &answer, &info, tavrinErr, sysErr);
+    PutMsgToClient(HERE, &answer);
   }
 }
 
@@ -164,9 +167,13 @@ int ConnectTheLink(const char* file, int line, Link* link) {
     errno = ECANCELED;
     return kStatusConnect;
   }
+  StatsConnectTried(link->Books.StatsRow);
   errno = 0;
+  if (link->Deleted) return kStatusUnknownNode;
   const int status = link->Protocol->ConnectLink(file, line, link);
-  if (status != 0 || link->State != kLinkConnected || !IsWaitedFor(link)) return status;
+  if (status != 0) StatsConnectFailed(link->Books.StatsRow, status, errno);
+  StatsLinkState(link->Books.StatsRow, link->State);
+  if (status != 0 || link->State != kLinkConnected || link->Books.Waiting == 0) return status;
   return SendAllSavedMsgToTheLink(HERE, link);
 }
 
@@ -221,10 +228,17 @@ int SendMsgToLink(const char* file, int line, Link* link, ClientMessage* msg) {
   if (SaveMsgInfo(HERE, &info) != 0) {
     LOG(kLogTrace, "SaveMsgInfo return bad status. Send Error to client");
     MakeAnswerFromMsgInfo(HERE, msg, &info, kStatusNotRecorded, 0);
-    PutMsgToClient(HERE, msg);
+    StatsAgentAnswer(kStatusNotRecorded);
+    g_DbcI.PutMsg(HERE, msg);
     return LEAVE(-1, "FAILED Save message");
   }
-  if (link->Protocol->SendToNetwork(HERE, link, msg) == 0) return 0;
+  unsigned char trailer[kTrailerSize];
+  std::memcpy(trailer, Trailer(msg), sizeof trailer);
+  if (link->Protocol->SendToNetwork(HERE, link, msg) == 0) {
+    StatsSent(link->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize);
+    NoteJoined(link, msg, trailer);
+    return 0;
+  }
   LOG(kLogTrace, "Send to network failed");
   DisconnectLink(HERE, link, kStatusSend, errno);
   return LEAVE(-1, "FAILED send(protocol function)");
@@ -232,9 +246,9 @@ int SendMsgToLink(const char* file, int line, Link* link, ClientMessage* msg) {
 
 int SendAllSavedMsgToTheLink(const char* file, int line, Link* link) {
   ENTER();
-  for (SavedMessage* saved = GetNextUnsendMsg(nullptr); saved; saved = GetNextUnsendMsg(saved)) {
-    if (saved->Link != link) continue;
-    saved->Link = nullptr;  // from here on its MsgInfo stands for it
+  std::int32_t index = 0;
+  while (SavedMessage* const saved = NextSavedOf(link, &index)) {
+    ReleaseSaved(saved);  // from here on its MsgInfo stands for it
     if (SendMsgToLink(HERE, link, &saved->Message) == 0) continue;
     const int error = errno;
     DisconnectLink(HERE, link, kStatusSend, error);
@@ -262,11 +276,17 @@ int HandleNetworkMsg(const char* file, int line, ClientMessage* msg) {
 }
 
 MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd) {
+  return MarkTheMsgAsReceived(file, line, taskName, astInd,
+                              FindMsgInfo(g_DbcI.ServedLink, taskName, astInd));
+}
+
+MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd,
+                              MsgInfo* info) {
   ENTER();
-  if (Tracing()) TraceRequestsInFlight(taskName, astInd);
-  MsgInfo* const info = FindMsgInfo(g_DbcI.ServedLink, taskName, astInd);
+  if (Tracing()) TraceRequestsInFlight(taskName, astInd, info);
   if (!info) {
     LOG(kLogError, "The message were not send by the agent. Skip the message");
+    StatsUnasked(g_DbcI.ServedLink ? g_DbcI.ServedLink->Books.StatsRow : kNoStatsRow);
     return LEAVE(info, "FAILED argument is not in list sended");
   }
   ReleaseMsgInfo(info);
@@ -279,20 +299,25 @@ int ReturnAnswerFromNetworkToClient(const char* file, int line, ClientMessage* m
   const MsgInfo* const info =
       MarkTheMsgAsReceived(HERE, msg->TaskName, Get(Trailer(msg), kTrailerAstInd));
   if (!info) return LEAVE(0, "FAILED MarkTheMsgAsReceived");
+  if (g_DbcI.ServedLink)
+    StatsNodeAnswer(g_DbcI.ServedLink->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize,
+                    info->SentAt);
   msg->ClientSocket = info->Socket;
   return g_DbcI.PutMsg(HERE, msg);
 }
 
 void MoveDefaultRequests(const Link* from, Link* to) {
-  for (SavedMessage& saved : g_DbcI.SavedArray) {
-    if (InUse(saved) && saved.Link == from && NamesDefault(saved.Message.CBL.Node)) saved.Link = to;
+  if (!from || from == to) return;
+  std::int32_t index = 0;
+  while (SavedMessage* const saved = NextSavedOf(from, &index)) {
+    if (NamesDefault(saved->Message.CBL.Node)) MoveSaved(saved, to);
   }
 }
 
 void AnswerStrandedRequests() {
-  for (std::int32_t i = 0; i < g_DbcI.SavedArray.Capacity; ++i) {
-    const Link* const link = g_DbcI.SavedArray.Items[i].Link;
-    if (!link || link->State != kLinkDisconnected) continue;
+  for (SavedMessage* saved = nullptr; (saved = GetNextUnsendMsg(saved)) != nullptr;) {
+    const Link* const link = saved->Link;
+    if (link->State != kLinkDisconnected) continue;
     const bool circleWaits = g_DbcI.AutoConnect && TimerWillTryAgain() && link == CircleEntry();
     if (!circleWaits) AnswerSavedRequests(link, CircleFailure(), 0);
   }
@@ -300,10 +325,12 @@ void AnswerStrandedRequests() {
 
 void RetireLink(Link* link) {
   if (g_DbcI.ServedLink == link) g_DbcI.ServedLink = nullptr;
+  FreeLinkStats(link->Books.StatsRow);
+  link->Books.StatsRow = kNoStatsRow;
   ForgetLinkOfClients(link);
-  for (MsgInfo& info : g_DbcI.MsgInfoArray) {
-    if (info.Link == link) ClearMsgInfo(&info);
-  }
+  ForgetParkedBehind(link);
+  MsgInfo info;
+  for (std::int32_t index = 0; TakeMsgInfo(link, &index, &info);) continue;
   link->DriverData = retiredLinks;
   retiredLinks = link;
   AnswerSavedRequests(link, kStatusUnknownNode, 0);

@@ -5,33 +5,18 @@
 #include <cstdio>
 
 #include "core/dbc.h"
+#include "link/record.h"
 
 struct Protocol;
 
-enum : std::uint8_t { kLinkDisconnected = 0, kLinkConnected = 1, kLinkConnecting = 2 };
-
-constexpr std::size_t kPendingLineSize = 300;
 constexpr std::size_t kNodetabPathSize = 260;  // the buffer that SearchForNodetab may fill
 constexpr int kNodetabLineSize = 1024;         // longer lines are read as several
-constexpr std::size_t kNodeNameMax = 8;
-
-// One node of the table. Allocated zero-filled, with calloc, by ParseNodetabString; deleted links
-// are handed to RetireLink.
-struct Link {
-  struct Protocol* Protocol;
-  std::uint8_t State;
-  char NodeName[kNodeNameMax + 1];            // upper case
-  void* DriverData;                           // the driver's own record
-  Link* Next;                                 // the list is a circle
-  char PendingNodetabLine[kPendingLineSize];  // to be applied at the next disconnect; or empty
-  std::uint8_t DeletePending;                 // to be deleted at the next disconnect
-  int Broken;             // the code with which the last tick found it broken, 0: it did not
-  std::uint8_t WasEntry;  // of a deleted link: it was LinkList; walks start anew from there
-};
 
 // Node table
 std::FILE* SearchForNodetab(const char* file, int line, char* foundPath);  // see link.cpp
 std::FILE* OpenNodetabFile(const char* file, int line);
+// As fgets, but a signal does not end it; false: there is no line.
+bool ReadNodetabLine(char (&line)[kNodetabLineSize], std::FILE* stream);
 Link* ParseNodetabString(const char* file, int line, char* text, int addToList);
 int InitLinkQueueFromNodetab(const char* file, int line);
 
@@ -56,6 +41,9 @@ int SendMsgToLink(const char* file, int line, Link* link, ClientMessage* msg);
 int SendAllSavedMsgToTheLink(const char* file, int line, Link* link);
 int HandleNetworkMsg(const char* file, int line, ClientMessage* msg);
 MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd);
+// The same where the request is known already; null: there is none.
+MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uint16_t astInd,
+                              MsgInfo* info);
 int ReturnAnswerFromNetworkToClient(const char* file, int line, ClientMessage* msg);
 
 // Moves the requests that wait for `from` and name no node to `to`.

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "client/primitiv.h"
-#include "core/init.h"
+#include "core/stats.h"
 #include "core/trace.h"
 #include "link/link.h"
 #include "protocols/address_text.h"
@@ -27,12 +27,21 @@ struct NodetabFile {
   char Path[PATH_MAX];
 };
 
+// Opening what is no ordinary file may take until somebody writes to it.
+std::FILE* OpenRepeatedly(const char* path) {
+  std::FILE* stream;
+  do {
+    stream = std::fopen(path, "re");
+  } while (!stream && errno == EINTR && !Stopping());
+  return stream;
+}
+
 // Opens directory (of `length` characters) followed by `name`; a path too long does not open.
 bool TryPath(NodetabFile* found, const char* directory, std::size_t length, const char* name) {
   const int size = std::snprintf(found->Path, sizeof found->Path, "%.*s%s",
                                  static_cast<int>(length), directory, name);
   if (size >= 0 && static_cast<std::size_t>(size) < sizeof found->Path)
-    found->Stream = std::fopen(found->Path, "re");
+    found->Stream = OpenRepeatedly(found->Path);
   if (!found->Stream) LOG(kLogTrace, "Open nodetab file \"%s\" failed", found->Path);
   return found->Stream != nullptr;
 }
@@ -109,6 +118,14 @@ void AppendLink(Link* link) {
   link->Next = g_DbcI.LinkList;
 }
 
+// What is shown of an address; what follows in the line may be anything.
+void CopyPlace(char (&place)[kPlaceSize], const char* address) {
+  int end = 0;
+  std::sscanf(address, "%*s%n%*s%n", &end, &end);
+  while (IsBlank(*address) && end > 0) ++address, --end;
+  std::snprintf(place, sizeof place, "%.*s", end, address);
+}
+
 // A link of the protocol with its address parsed, not in the circle; null: refused.
 Link* CreateLink(const char* node, Protocol* protocol, const char* protocolWord, char* address) {
   Link* const link = static_cast<Link*>(std::calloc(1, sizeof(Link)));
@@ -119,6 +136,8 @@ Link* CreateLink(const char* node, Protocol* protocol, const char* protocolWord,
   std::snprintf(link->NodeName, sizeof link->NodeName, "%s", node);
   UpperCase(link->NodeName);
   link->Protocol = protocol;
+  link->Books.StatsRow = kNoStatsRow;
+  CopyPlace(link->Place, address);
   // kept: only an odd result refuses the line.
   if ((protocol->InitLink(HERE, link, address) & 1) == 0) return link;
   LOG(kLogResult, "Initialization of link '%.8s' for protocol '%s' failed", link->NodeName,
@@ -131,7 +150,7 @@ Link* CreateLink(const char* node, Protocol* protocol, const char* protocolWord,
 int ReadNodetab(std::FILE* stream) {
   char line[kNodetabLineSize];
   int count = 0;
-  while (std::fgets(line, sizeof line, stream)) {
+  while (ReadNodetabLine(line, stream)) {
     char* const node = NodeOfNodetabLine(line);
     if (node && ParseNodetabString(HERE, node, 1)) ++count;
   }
@@ -181,6 +200,22 @@ std::FILE* SearchForNodetab(const char* file, int line, char* foundPath) {
   return found.Stream;
 }
 
+bool ReadNodetabLine(char (&line)[kNodetabLineSize], std::FILE* stream) {
+  int length = 0;
+  while (length < kNodetabLineSize - 1 && !Stopping()) {
+    const int c = std::fgetc(stream);
+    if (c == EOF && std::ferror(stream) && errno == EINTR) {
+      std::clearerr(stream);
+      continue;
+    }
+    if (c == EOF) break;
+    line[length++] = static_cast<char>(c);
+    if (c == '\n') break;
+  }
+  line[length] = '\0';
+  return length > 0;
+}
+
 std::FILE* OpenNodetabFile(const char* file, int line) {
   ENTER();
   return SearchForNodetab(HERE, nullptr);
@@ -213,7 +248,9 @@ Link* ParseNodetabString(const char* file, int line, char* text, int addToList) 
   }
   Link* const link = CreateLink(node, protocol, word, text);
   if (!link) return LEAVE(link, "FAILED create link");
-  if (addToList) AppendLink(link);
+  if (!addToList) return link;
+  AppendLink(link);
+  link->Books.StatsRow = NewLinkStats(link->NodeName, protocol->Name, link->Place);
   return link;
 }
 

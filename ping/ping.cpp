@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "client/clntxch.h"
 #include "client/message.h"
 #include "client/primitiv.h"
 #include "core/status.h"
@@ -58,6 +59,9 @@ void LogVerdict(int status, int sysErr) {
 // The verdict is given once; a stop by signal gives none.
 bool VerdictIsDue() { return g_DbcI.PingMode == 1 && !Stopping(); }
 
+// The dispatch answers nobody when it cannot list the client.
+bool ClientCanBeListed() { return FirstFree(g_DbcI.ClientPidList) || Grow(g_DbcI.ClientPidList); }
+
 // The line's first word, cut to a node name, is the node to test.
 bool IsNodeToTest(const char* line) {
   if (!g_DbcI.DefaultNode || g_DbcI.DefaultNode[0] == '\0') return true;
@@ -100,10 +104,8 @@ bool OpenPipe() {
     DeinitPing(HERE);
     return false;
   }
-  const int readEnd = g_DbcI.PingPipe[0];
-  LOG(kLogTrace, "REGISTER_SOCKET_FOR_READ_EVENT %d", readEnd);
-  REGISTER_SOCKET_FOR_READ_EVENT(HERE, readEnd);
-  FD_SET(readEnd, &g_DbcI.ClientSockets);
+  REGISTER_SOCKET_FOR_READ_EVENT(HERE, g_DbcI.PingPipe[0]);
+  FD_SET(g_DbcI.PingPipe[0], &g_DbcI.ClientSockets);
   return true;
 }
 
@@ -151,6 +153,10 @@ int PingPseudoReadMsg(const char* file, int line, ClientMessage* msg, int) {
   ENTER();
   char request;
   [[maybe_unused]] const ssize_t got = read(g_DbcI.PingPipe[0], &request, sizeof request);
+  if (!ClientCanBeListed()) {
+    PingAnaliseRetcode(HERE, g_DbcI.DefaultLink, kStatusNotRecorded, 0);
+    return 0;
+  }
   std::memset(static_cast<void*>(msg), 0, sizeof *msg);
   msg->Length = kEmptyLength;
   msg->TaskName = g_DbcI.SocketSets.AgentPid;
@@ -164,6 +170,9 @@ int PingPseudoReadMsg(const char* file, int line, ClientMessage* msg, int) {
 int PingPseudoPutMsgToClient(const char* file, int line, ClientMessage* msg) {
   ENTER();
   if (!VerdictIsDue()) return 0;
+  const bool isNodes = g_DbcI.ServedLink || msg->CBL.CodErr == 0;
+  if (!isNodes)  // the agent's own: nobody has been asked
+    return PingAnaliseRetcode(HERE, g_DbcI.DefaultLink, msg->CBL.CodErr, msg->CBL.SysErr);
   LOG(kLogResult, "Node \"%.8s\" is alive", msg->CBL.Node);
   g_DbcI.ExitStatus = -1;
   g_DbcI.PingMode = 2;

@@ -40,7 +40,8 @@ int DUMMYInitProtocol(const char* file, int line, Protocol* protocol, const char
                .TimerEvent = Nothing,
                .SendToNetwork = NothingToSend,
                .ClientDeadEvent = NobodyToTell,
-               .Next = nullptr};
+               .Next = nullptr,
+               .Joins = false};
   return 0;
 }
 

@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -18,53 +17,78 @@
 #include <cstring>
 
 #include "client/clntxch.h"
+#include "client/connection.h"
 #include "client/message.h"
-#include "client/primitiv.h"
-#include "core/io.h"
 #include "core/process.h"
 #include "core/socket_options.h"
+#include "core/stats.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "core/trace.h"
 #include "core/wait.h"
 #include "link/link.h"
 #include "protocols/address_text.h"
 #include "protocols/lipc_board.h"
+#include "protocols/lipc_queue.h"
 #include "protocols/lipc_reader.h"
 
 static constexpr char Module[] = "lipc";
 
-// An answer that the child handed over.
-struct HandedAnswer {
-  ClientMessage Message;
-  HandedAnswer* Next;
-};
-
 namespace {
 
-constexpr int kPipeSize = 1024 * 1024;   // of records: the child never has to wait for the agent
-constexpr int kQueueWait = 5;            // milliseconds between two looks at a full queue
+constexpr int kPipeSize = 1024 * 1024;   // of records: the child hardly ever waits for the agent
 constexpr int kFormerReaderWait = 1000;  // milliseconds for a reader that was told to end
-constexpr int kLastSendWait = 100;       // milliseconds for the child to finish a write
-constexpr int kMostSpares = 64;          // half a MiB
+constexpr int kLastWriteWait = 100;      // milliseconds for the child to finish a write
 
-LIpcLinkData* connected;  // the records of all connected links
-LIpcLinkData* refused;    // the records of refused addresses
-HandedAnswer* spares;     // used records, so that an answer needs no memory; none without a link
-int spareCount;
+// A reader that was told to end.
+struct EndingReader {
+  pid_t Pid;
+};
+bool InUse(const EndingReader& reader) { return reader.Pid != 0; }
 
-LIpcLinkData* DataOf(const Link* link) { return static_cast<LIpcLinkData*>(link->DriverData); }
+GrowArray<EndingReader> ending;
+LIpcLinkData* refused;  // the records of refused addresses
+
+// The reader
+
+// Only its parent can say of a child that it has not ended; another process may have its number.
+bool Runs(pid_t child) { return child > 0 && waitpid(child, nullptr, WNOHANG) == 0; }
+
+// Nothing collects the child between the look and the signal.
+void TellToEnd(pid_t child) {
+  sigset_t ofChildren, ordinary;
+  sigemptyset(&ofChildren);
+  sigaddset(&ofChildren, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &ofChildren, &ordinary);
+  if (Runs(child)) {
+    kill(child, SIGTERM);
+    EndingReader* const spare = FirstFree(ending);
+    EndingReader* const reader = spare ? spare : Grow(ending);
+    if (reader) reader->Pid = child;
+  }
+  sigprocmask(SIG_SETMASK, &ordinary, nullptr);
+}
+
+bool AllHaveEnded() {
+  bool all = true;
+  for (EndingReader& reader : ending) {
+    if (InUse(reader) && !Runs(reader.Pid)) reader.Pid = 0;
+    all = all && !InUse(reader);
+  }
+  return all;
+}
+
+// A reader that has been told to end must be gone before the next one starts: its end would be
+// noticed with the next one alive, and the agent would wait for that one too.
+void AwaitFormerReaders() {
+  for (int i = 0; i < kFormerReaderWait && !AllHaveEnded() && !Stopping(); ++i) poll(nullptr, 0, 1);
+}
 
 // Connecting
 
 void DetachSegment(LIpcLinkData* data) {
   if (data->Shm) shmdt(data->Shm);
   data->Shm = nullptr;
-}
-
-pid_t KernelPid(const LIpcLinkData* data) {
-  pid_t pid;
-  std::memcpy(&pid, data->Shm, sizeof pid);
-  return pid;
 }
 
 // A segment too small to hold a process id belongs to no kernel.
@@ -123,11 +147,7 @@ void CloseChannels(const ReaderChannels& channels) {
   CloseBoth(channels.Pair);
 }
 
-int HighestOf(const ReaderChannels& channels) {
-  const int pipe = std::max(channels.Pipe[0], channels.Pipe[1]);
-  return std::max(pipe, std::max(channels.Pair[0], channels.Pair[1]));
-}
-
+// Of the four ends only the one that the agent reads from is a link's descriptor.
 Outcome OpenChannels(ReaderChannels* channels) {
   if (pipe(channels->Pipe) != 0) {
     LOG(kLogDriver, "LIPC pipe failed. errno %d", errno);
@@ -138,8 +158,8 @@ Outcome OpenChannels(ReaderChannels* channels) {
     CloseBoth(channels->Pipe);
     return {kStatusConnect, "FAILED socketpair"};
   }
-  if (HighestOf(*channels) >= kMaxDescriptors) {
-    LOG(kLogDriver, "LIPC pipe return too big value = %d", HighestOf(*channels));
+  if (channels->Pipe[0] >= kMaxDescriptors) {
+    LOG(kLogDriver, "LIPC pipe return too big value = %d", channels->Pipe[0]);
     CloseChannels(*channels);
     errno = 0;
     return {kStatusDescriptor, "FAILED too many connections"};
@@ -149,43 +169,16 @@ Outcome OpenChannels(ReaderChannels* channels) {
   return {};
 }
 
-bool OpenBoard(LIpcLinkData* data) {
+// Connections for which something is kept are the agent's from the start.
+Outcome OpenBoard(LIpcLinkData* data) {
   data->Board = CreateBoard();
   if (!data->Board) {
     LOG(kLogDriver, "LIPC mmap failed. errno %d", errno);
-    return false;
+    return {kStatusConnect, "FAILED mmap"};
   }
   for (int fd = kFirstDescriptor; fd < FD_SETSIZE; ++fd)
-    data->Board->Kept[fd] = UnsentBytes(fd) > 0;
-  return true;
-}
-
-// A reader that has been told to end must be gone before the next one starts: its end would be
-// noticed with the next one alive, and the agent would wait for that one too.
-void AwaitFormerReaders() {
-  for (int i = 0; i < kFormerReaderWait && !connected && !Stopping(); ++i) {
-    if (waitpid(0, nullptr, WNOHANG) < 0) return;
-    poll(nullptr, 0, 1);
-  }
-}
-
-// The signals are blocked meanwhile: the child still has the agent's handlers, which would swallow
-// a SIGTERM that is meant for the child.
-bool StartReader(LIpcLinkData* data, const ReaderChannels& channels) {
-  sigset_t all, ordinary;
-  sigfillset(&all);
-  std::fflush(stdout);
-  const pid_t agent = getpid();
-  AwaitFormerReaders();
-  sigprocmask(SIG_BLOCK, &all, &ordinary);
-  data->ChildPid = fork();
-  if (data->ChildPid == 0) RunReader(data, channels, ordinary, agent);
-  const int error = errno;
-  sigprocmask(SIG_SETMASK, &ordinary, nullptr);
-  errno = error;
-  if (data->ChildPid > 0) return true;
-  LOG(kLogDriver, "LIPC fork failed. errno %d", errno);
-  return false;
+    if (UnsentBytes(fd) > 0) BoardTakeConnection(data->Board, fd);
+  return {};
 }
 
 void DropBoard(LIpcLinkData* data) {
@@ -193,17 +186,40 @@ void DropBoard(LIpcLinkData* data) {
   data->Board = nullptr;
 }
 
-Outcome StartReading(LIpcLinkData* data) {
+// The signals are blocked meanwhile: the child still has the agent's handlers, which would swallow
+// a SIGTERM that is meant for the child.
+Outcome Fork(LIpcLinkData* data, const ReaderChannels& channels) {
+  sigset_t all, ordinary;
+  sigfillset(&all);
+  std::fflush(stdout);
+  const pid_t agent = getpid();
+  AwaitFormerReaders();
+  sigprocmask(SIG_BLOCK, &all, &ordinary);
+  data->ChildPid = fork();
+  if (data->ChildPid == 0) {
+    ForgetStats();
+    RunReader(data, channels, ordinary, agent);
+  }
+  const int error = errno;
+  sigprocmask(SIG_SETMASK, &ordinary, nullptr);
+  errno = error;
+  if (data->ChildPid > 0) return {};
+  LOG(kLogDriver, "LIPC fork failed. errno %d", errno);
+  return {kStatusConnect, "FAILED fork"};
+}
+
+Outcome StartReader(LIpcLinkData* data) {
   ReaderChannels channels;
-  const Outcome step = OpenChannels(&channels);
+  Outcome step = OpenChannels(&channels);
   if (step.Status != 0) return step;
-  const bool hasBoard = OpenBoard(data);
-  if (!hasBoard || !StartReader(data, channels)) {
+  step = OpenBoard(data);
+  if (step.Status == 0) step = Fork(data, channels);
+  if (step.Status != 0) {
     const int error = errno;
     CloseChannels(channels);
     DropBoard(data);
     errno = error;
-    return {kStatusConnect, hasBoard ? "FAILED fork" : "FAILED mmap"};
+    return step;
   }
   close(channels.Pipe[1]);
   close(channels.Pair[1]);
@@ -213,159 +229,75 @@ Outcome StartReading(LIpcLinkData* data) {
   return {};
 }
 
-// Sharing connections with the children
-
 // No child may write to the connection from now on, as a flush may end within a message.
-bool ReserveConnection(int fd) {
-  bool reserved = true;
-  for (LIpcLinkData* data = connected; data; data = data->Next)
-    reserved = BoardReserve(data->Board, fd) && reserved;
-  return reserved;
+bool TakeConnection(int fd) {
+  bool taken = true;
+  for (const LIpcLinkData* data = g_ConnectedQueues; data; data = data->Next)
+    taken = BoardTakeConnection(data->Board, fd) && taken;
+  return taken;
 }
 
-void AddToConnected(LIpcLinkData* data) {
-  data->Next = connected;
-  connected = data;
-  MayFlush = ReserveConnection;
+void AddToConnected(LIpcLinkData* data, Link* link) {
+  data->Owner = link;
+  data->Next = g_ConnectedQueues;
+  g_ConnectedQueues = data;
+  MayFlush = TakeConnection;
+  RetryOutput = RetryQueues;
 }
 
 void RemoveFromConnected(const LIpcLinkData* data) {
-  LIpcLinkData** place = &connected;
+  LIpcLinkData** place = &g_ConnectedQueues;
   while (*place && *place != data) place = &(*place)->Next;
   if (*place) *place = data->Next;
 }
 
-// Notes the request, so that the child can write its answer to the connection. Nothing is kept
-// here for the connection: then a flush is not within a message, and the child may write again.
-void NoteRequest(ReaderBoard* board, const ClientMessage* msg) {
-  const int socket = msg->ClientSocket;
-  if (!board || socket < kFirstDescriptor || socket >= FD_SETSIZE) return;
-  board->Kept[socket] = UnsentBytes(socket) > 0;
-  BoardAdd(board, {.TaskName = msg->TaskName,
-                   .AstInd = Get(Trailer(msg), kTrailerAstInd),
-                   .Socket = socket,
-                   .Serial = ConnectionSerial(socket)});
+// Answers
+
+void Answer(const MsgInfo& info, ClientMessage* msg) {
+  msg->ClientSocket = info.Socket;
+  g_DbcI.PutMsg(HERE, msg);
 }
 
-// A client that has its answer may use the name again, on another connection too, before the agent
-// knows of the answer: what is released then is the request of the connection that got it.
-void PreferAnswered(const Link* link, const BoardRequest& request) {
-  const int socket = request.Socket;
-  const bool open =
-      FD_ISSET(socket, &g_DbcI.ClientSockets) && ConnectionSerial(socket) == request.Serial;
-  PutConnectionFirst(link, request.TaskName, request.AstInd, open ? socket : -1);
+// Takes the next answer that the child has handed over, with the identity of its request: 1; 0 none
+// is there; -1 with errno.
+int TakeHandedAnswer(int pair, ClientMessage* msg, RequestId* id) {
+  ssize_t got;
+  do {
+    got = recv(pair, Packet(msg), sizeof msg->Reserved + kMessageArea, MSG_DONTWAIT);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0 && errno != EAGAIN) return -1;
+  if (got < static_cast<ssize_t>(sizeof msg->Reserved)) return 0;
+  std::memcpy(id, Packet(msg), sizeof *id);
+  const std::size_t size = static_cast<std::size_t>(got) - sizeof msg->Reserved;
+  return LocateTrailer(msg, size, kMessageArea) == 0 ? 1 : 0;
 }
 
-// Stops the child's writing to clients and releases the requests that it has answered: they must
-// not be answered again with the link's failure.
-void SettleAnswered(const Link* link, LIpcLinkData* data) {
-  data->Board->Closed = 1;
-  for (int i = 0; i < kLastSendWait && data->Board->SendingTo != 0; ++i) {
-    if (!ProcessIsAlive(data->ChildPid)) break;
-    poll(nullptr, 0, 1);
+// The child has left it to us whose answer it is: the first one's of that name to which it has not
+// an answer itself.
+MsgInfo* FindByName(const Link* link, const PipeRecord& record) {
+  ReaderBoard* const board = LIpcDataOf(link)->Board;
+  MsgInfo* first = nullptr;
+  for (MsgInfo* info = FindMsgInfo(link, record.TaskName, record.AstInd); info;
+       info = NextOfName(info)) {
+    if (BoardIsClaimed(board, IdOf(info))) continue;
+    if (!first || IsEarlier(IdOf(info), IdOf(first))) first = info;
   }
-  BoardRequest request;
-  while (BoardTakeDelivered(data->Board, &request)) {
-    PreferAnswered(link, request);
-    MsgInfo* const info = FindMsgInfo(link, request.TaskName, request.AstInd);
-    if (info) ReleaseMsgInfo(info);
-  }
+  if (!first || BoardWithdraw(board, IdOf(first))) return first;
+  return FindByName(link, record);  // the child has taken it meanwhile
 }
 
-// Answers handed over
-
-HandedAnswer* NewHanded() {
-  HandedAnswer* const answer = spares;
-  if (!answer) return static_cast<HandedAnswer*>(std::malloc(sizeof(HandedAnswer)));
-  spares = answer->Next;
-  --spareCount;
-  return answer;
-}
-
-void FreeHanded(HandedAnswer* answer) {
-  if (!connected || spareCount == kMostSpares) return std::free(answer);
-  answer->Next = spares;
-  spares = answer;
-  ++spareCount;
-}
-
-void FreeSpares() {
-  while (spares) std::free(NewHanded());
-}
-
-void AppendHanded(LIpcLinkData* data, HandedAnswer* answer) {
-  HandedAnswer** place = &data->Handed;
-  while (*place) place = &(*place)->Next;
-  *place = answer;
-}
-
-// Takes all that has come over the pair into memory; false: memory ran out or the pair failed.
-// Keeps errno otherwise.
-bool TakeHandedAnswers(LIpcLinkData* data) {
-  const int savedErrno = errno;
-  ClientMessage msg;
-  for (;;) {
-    const ssize_t got = recv(data->Pair, Wire(&msg), kMessageArea, MSG_DONTWAIT);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0 && errno != EAGAIN) return false;
-    if (got <= 0) break;
-    if (LocateTrailer(&msg, static_cast<std::size_t>(got), kMessageArea) != 0) continue;
-    HandedAnswer* const answer = NewHanded();
-    if (!answer) {
-      errno = ENOMEM;
-      return false;
-    }
-    answer->Message = msg;
-    answer->Next = nullptr;
-    AppendHanded(data, answer);
-  }
-  errno = savedErrno;
-  return true;
-}
-
-// Takes out the first answer with this name, or null.
-HandedAnswer* UnlinkHanded(LIpcLinkData* data, const PipeRecord& record) {
-  for (HandedAnswer** place = &data->Handed; *place; place = &(*place)->Next) {
-    HandedAnswer* const answer = *place;
-    if (answer->Message.TaskName != record.TaskName ||
-        Get(Trailer(&answer->Message), kTrailerAstInd) != record.AstInd)
-      continue;
-    *place = answer->Next;
-    return answer;
-  }
-  return nullptr;
-}
-
-void PutHanded(HandedAnswer* answer) {
-  ReturnAnswerFromNetworkToClient(HERE, &answer->Message);
-  FreeHanded(answer);
-}
-
-// No record will tell of these any more. The list is detached first: what follows may take the link
-// down.
-void PutAllHanded(LIpcLinkData* data) {
-  HandedAnswer* answer = data->Handed;
-  data->Handed = nullptr;
-  while (answer) {
-    HandedAnswer* const next = answer->Next;
-    PutHanded(answer);
-    answer = next;
-  }
-}
-
-void DropHanded(LIpcLinkData* data) {
-  while (HandedAnswer* const answer = data->Handed) {
-    data->Handed = answer->Next;
-    FreeHanded(answer);
-  }
+MsgInfo* RequestOf(const Link* link, const PipeRecord& record) {
+  const std::uint16_t entry = record.Entry & kNoEntry;
+  if (entry >= kBoardSlots) return FindByName(link, record);
+  return FindRequest(BoardRemove(LIpcDataOf(link)->Board, entry));
 }
 
 // Reads one record: 0; -1 not all of it has come; 4009, 4008 with errno.
-int ReadRecord(const Link* link, LIpcLinkData* data, PipeRecord* record) {
+int ReadRecord(const Link* link, LIpcLinkData* data) {
   unsigned char* const bytes = reinterpret_cast<unsigned char*>(&data->Record);
-  while (data->RecordBytes < sizeof *record) {
+  while (data->RecordBytes < sizeof data->Record) {
     const ssize_t got =
-        read(data->PipeRead, bytes + data->RecordBytes, sizeof *record - data->RecordBytes);
+        read(data->PipeRead, bytes + data->RecordBytes, sizeof data->Record - data->RecordBytes);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 && errno == EAGAIN) return -1;
     if (got == 0) {
@@ -376,74 +308,90 @@ int ReadRecord(const Link* link, LIpcLinkData* data, PipeRecord* record) {
     data->RecordBytes += static_cast<std::uint32_t>(got);
   }
   data->RecordBytes = 0;
-  *record = data->Record;
   return 0;
 }
 
-// The child writes the answer before the record, so with the record its answer is here too.
-int ReadAnswered(const Link* link, LIpcLinkData* data, PipeRecord* record) {
-  errno = 0;
-  int status = ReadRecord(link, data, record);
-  if (status == -1) return -1;
-  if (!TakeHandedAnswers(data)) status = kStatusReceive;
-  if (status == kStatusReceive)
-    LOG(kLogDriver, "LIPC.Receive message from child fail. Link \"%s\". Call:read. Errno %d",
-        link->NodeName, errno);
-  return status;
-}
-
-void ServeRecord(const Link* link, LIpcLinkData* data, const PipeRecord& record) {
-  HandedAnswer* const answer = record.HandedOver ? UnlinkHanded(data, record) : nullptr;
-  BoardRequest request;
-  const bool known =
-      BoardRemove(data->Board, record.TaskName, record.AstInd, answer == nullptr, &request);
-  if (answer) return PutHanded(answer);
-  if (known) PreferAnswered(link, request);
-  MarkTheMsgAsReceived(HERE, record.TaskName, record.AstInd);
-}
-
-int ServePipe(Link* link) {
-  LIpcLinkData* const data = DataOf(link);
-  PipeRecord record;
-  const int status = ReadAnswered(link, data, &record);
+// Serves one record. The child hands an answer over before it writes the record, so it is here.
+int ServeRecord(const Link* link, LIpcLinkData* data) {
+  const int status = ReadRecord(link, data);
   if (status == -1) return 0;
-  if (status == 0) {
-    LOG(kLogTrace, "LIPC read TaskName = %d", record.TaskName);
-    ServeRecord(link, data, record);
-    return 0;
+  if (status != 0) return status;
+  const PipeRecord record = data->Record;
+  LOG(kLogTrace, "LIPC read TaskName = %d", record.TaskName);
+  ClientMessage msg;
+  RequestId id;
+  const int taken = (record.Entry & kHandedOver) != 0 ? TakeHandedAnswer(data->Pair, &msg, &id) : 0;
+  if (taken < 0) return kStatusReceive;
+  RetryNow(data);
+  const MsgInfo* const info =
+      MarkTheMsgAsReceived(HERE, record.TaskName, record.AstInd, RequestOf(link, record));
+  const std::size_t size = taken > 0 ? kCblAt + msg.TrailerOffset + kTrailerSize : 0;
+  if (info) StatsNodeAnswer(link->Books.StatsRow, size, info->SentAt);
+  if (info && taken > 0) Answer(*info, &msg);
+  return 0;
+}
+
+// Parting
+
+// The child has ended, or is about to, between writing an answer and saying so: its client has the
+// answer or has it not.
+void CloseUncertain(const BoardRequest& request) {
+  if (ConnectionSerial(request.Socket) != request.Connection) return;
+  LOG(kLogError, "The reader has ended while it wrote to a client. The connection is closed");
+  CloseClient(request.Socket);
+}
+
+// Takes one entry of the board back; the request may have its answer.
+void SettleEntry(const LIpcLinkData* data, std::int32_t slot) {
+  BoardRequest request;
+  BoardState state = BoardClose(data->Board, slot, &request);
+  for (int i = 0; state == BoardState::Writing && i < kLastWriteWait; ++i) {
+    const bool runs = Runs(data->ChildPid);
+    state = BoardClose(data->Board, slot, &request);
+    if (!runs) break;
+    if (state == BoardState::Writing) poll(nullptr, 0, 1);
   }
-  const int error = errno;
-  SettleAnswered(link, data);  // or an answer could go to one who has his and used the same name
-  PutAllHanded(data);
-  DisconnectLink(HERE, link, status, error);
-  return status;
+  if (state == BoardState::Writing) CloseUncertain(request);
+  if (state != BoardState::Writing && state != BoardState::Written) return;
+  if (MsgInfo* const info = FindRequest(request.Id)) ReleaseMsgInfo(info);
+}
+
+// Ends the child's writing to clients. Requests that it has answered are released: they must not be
+// answered again with the link's failure.
+void SettleBoard(const LIpcLinkData* data) {
+  data->Board->AgentDecides = true;
+  for (std::int32_t slot = 0; slot < data->Board->Used; ++slot) SettleEntry(data, slot);
+}
+
+void PutHandedAnswers(int pair) {
+  ClientMessage msg;
+  RequestId id;
+  while (TakeHandedAnswer(pair, &msg, &id) > 0) {
+    MsgInfo* const info = FindRequest(id);
+    if (!info) continue;
+    ReleaseMsgInfo(info);
+    Answer(*info, &msg);
+  }
 }
 
 // Sending
 
-// The ordinary case is one call. A full queue is waited for only while a kernel is there to empty
-// it; meanwhile the child, which has to empty it too, must not wait for us.
-bool SendToQueue(LIpcLinkData* data, const QueueMessage& msg, std::size_t size) {
-  for (;;) {
-    if (msgsnd(data->MsgQueueId, &msg, size, IPC_NOWAIT) == 0) return true;
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN) return false;
-    if (Stopping() || !ProcessIsAlive(KernelPid(data)) || !TakeHandedAnswers(data)) {
-      errno = EAGAIN;  // the queue is full, whatever the looks at the kernel said
-      return false;
-    }
-    pollfd pair = {.fd = data->Pair, .events = POLLIN, .revents = 0};
-    poll(&pair, 1, kQueueWait);
-  }
-}
-
-bool WakeKernel(int semaphore) {
-  sembuf up = {.sem_num = 0, .sem_op = 1, .sem_flg = 0};
-  int result;
-  do {
-    result = semop(semaphore, &up, 1);
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
+// Notes the request, so that the child can write its answer to the connection. Nothing is kept for
+// the connection: then a flush is not within a message, and the child may write again. The news of
+// a client's death and the link test's request come from no connection (0).
+void PublishRequest(const Link* link, const ClientMessage* msg) {
+  ReaderBoard* const board = LIpcDataOf(link)->Board;
+  const RequestId id = LastSavedRequest();
+  const int socket = msg->ClientSocket;
+  if (!board || socket == 0 || !FindRequest(id)) return;
+  if (socket > 0 && socket < FD_SETSIZE && UnsentBytes(socket) == 0)
+    BoardGiveConnection(board, socket);
+  if (link->Books.InFlight <= 1) board->AgentDecides = false;
+  BoardAdd(board, {.Id = id,
+                   .TaskName = msg->TaskName,
+                   .AstInd = Get(Trailer(msg), kTrailerAstInd),
+                   .Socket = socket,
+                   .Connection = ConnectionSerial(socket)});
 }
 
 }  // namespace
@@ -462,7 +410,8 @@ int LOCALIInitProtocol(const char* file, int line, Protocol* protocol, const cha
                .TimerEvent = LIpcTimerEvent,
                .SendToNetwork = LIpcSendToNetwork,
                .ClientDeadEvent = LIpcClientDeadEvent,
-               .Next = nullptr};
+               .Next = nullptr,
+               .Joins = false};
   return 0;
 }
 
@@ -485,7 +434,7 @@ int LIpcInitLink(const char* file, int line, Link* link, char* address) {
 int LIpcUninitLink(const char* file, int line, Link* link) {
   ENTER();
   if (link->State == kLinkConnected) DisconnectLink(HERE, link, 0, 0);
-  if (LIpcLinkData* const data = DataOf(link)) DetachSegment(data);
+  if (LIpcLinkData* const data = LIpcDataOf(link)) DetachSegment(data);
   std::free(link->DriverData);
   link->DriverData = nullptr;
   return 0;
@@ -493,14 +442,15 @@ int LIpcUninitLink(const char* file, int line, Link* link) {
 
 int LIpcConnectLink(const char* file, int line, Link* link) {
   ENTER();
-  LIpcLinkData* const data = DataOf(link);
+  LIpcLinkData* const data = LIpcDataOf(link);
   const char* word = AttachSegment(data);
   if (!word) word = OpenQueue(data);
   if (word) return LEAVE(kStatusConnect, word);
-  const Outcome step = StartReading(data);
+  const Outcome step = StartReader(data);
   if (step.Status != 0) return LEAVE(step.Status, step.Word);
+  TakeFormerAnswers(data);
   link->State = kLinkConnected;
-  AddToConnected(data);
+  AddToConnected(data, link);
   REGISTER_SOCKET_FOR_READ_EVENT(HERE, data->PipeRead);
   REGISTER_SOCKET_FOR_THE_LINK(HERE, data->PipeRead, link);
   return 0;
@@ -513,41 +463,35 @@ int LIpcReadyForWrite(const char* file, int line, Link*) {
 
 int LIpcSendToNetwork(const char* file, int line, Link* link, ClientMessage* msg) {
   ENTER();
-  LIpcLinkData* const data = DataOf(link);
   const std::int32_t taskName = msg->TaskName;
   const std::size_t size = msg->Length;
-  NoteRequest(data->Board, msg);
+  PublishRequest(link, msg);
   Put(Trailer(msg), kTrailerTaskName, taskName);
   msg->Length = 1;  // kept: in the record the word is the message's type from now on
-  msg->TaskName = data->ChildPid;
+  msg->TaskName = LIpcDataOf(link)->ChildPid;
   QueueMessage queued;
   queued.Type = 1;
   std::memcpy(queued.Body, Wire(msg) + sizeof msg->Length, size);
-  if (!SendToQueue(data, queued, size)) {
-    LOG(kLogDriver, "LIPC msgsnd failed. errno %d", errno);
-    return LEAVE(kStatusSend, "FAILED msgsnd");
-  }
-  msg->TaskName = taskName;
-  if (!WakeKernel(data->SemId)) {
-    LOG(kLogDriver, "LIPC semop failed. errno %d", errno);
-    return LEAVE(kStatusSend, "FAILED semop");
-  }
-  return 0;
+  const Outcome sent = SendToQueue(link, queued, size);
+  if (sent.Word != kNotQueued) msg->TaskName = taskName;
+  return sent.Status == 0 ? 0 : LEAVE(sent.Status, sent.Word);
 }
 
 int LIpcReadyForRead(const char* file, int line, Link* link) {
   ENTER();
-  Link* const served = g_DbcI.ServedLink;
-  g_DbcI.ServedLink = link;
-  const int status = ServePipe(link);
-  g_DbcI.ServedLink = served;
-  if (status != 0) return LEAVE(status, "FAILED receive");
-  return 0;
+  errno = 0;
+  const int status = ServeRecord(link, LIpcDataOf(link));
+  if (status == 0) return 0;
+  const int error = errno;
+  if (status == kStatusReceive)
+    LOG(kLogDriver, "LIPC.Receive message from child fail. Link \"%s\". Call:read. Errno %d",
+        link->NodeName, error);
+  DisconnectLink(HERE, link, status, error);
+  return LEAVE(status, "FAILED receive");
 }
 
 int LIpcClientDeadEvent(const char* file, int line, Link* link, int pid) {
   ENTER();
-  if (ReaderBoard* const board = DataOf(link)->Board) BoardRemoveTask(board, pid);
   ClientMessage msg;
   MakeClientDeathMessage(&msg, pid);
   const int result = LIpcSendToNetwork(HERE, link, &msg);
@@ -556,33 +500,37 @@ int LIpcClientDeadEvent(const char* file, int line, Link* link, int pid) {
 
 int LIpcTimerEvent(const char* file, int line, Link* link) {
   ENTER();
-  if (kill(DataOf(link)->ChildPid, 0) != 0) {
+  LIpcLinkData* const data = LIpcDataOf(link);
+  if (!Runs(data->ChildPid)) {
     LOG(kLogDriver, "LIPC child proccess deaded");
     return LEAVE(kStatusReaderGone, "FAILED child dead");
   }
+  TakeFormerAnswers(data);  // they could keep the kernel from answering
+  RetryNow(data);
   return 0;
 }
 
 int LIpcDisconnectLink(const char* file, int line, Link* link) {
   ENTER();
   if (link->State == kLinkDisconnected) return LEAVE(0, "SUCCESS already disconnected");
-  LIpcLinkData* const data = DataOf(link);
+  LIpcLinkData* const data = LIpcDataOf(link);
   RemoveFromConnected(data);
-  SettleAnswered(link, data);
-  if (data->ChildPid > 0) kill(data->ChildPid, SIGTERM);
+  SettleBoard(data);
+  TellToEnd(data->ChildPid);
+  RememberFormerReader(data);
   // kept: PipeRead and ChildPid keep their numbers; whether they are valid is told by State alone.
   StopWaitingFor(data->PipeRead);
   close(data->PipeRead);
   UNREGISTER_SOCKET_FOR_THE_LINK(HERE, data->PipeRead);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, data->PipeRead);
   UNREGISTER_SOCKET_FOR_WRITE_EVENT(HERE, data->PipeRead);
-  close(data->Pair);
-  data->Pair = -1;
-  DropHanded(data);
-  if (!connected) FreeSpares();
+  DropPending(link);
   DropBoard(data);
   DetachSegment(data);
   data->ShmId = data->SemId = data->MsgQueueId = -1;
   link->State = kLinkDisconnected;
+  PutHandedAnswers(data->Pair);
+  close(data->Pair);
+  data->Pair = -1;
   return 0;
 }

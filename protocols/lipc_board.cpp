@@ -6,47 +6,49 @@
 
 namespace {
 
-enum : std::uint32_t {
-  kFree = 0,
-  kWaiting = 1,
-  kDelivered = 2,   // by the child
-  kHandedOver = 3,  // to the agent, which has not put it yet
-  kStatusMask = 3,
-  kNextUse = 4
-};
+enum : std::uint8_t { kNobody = 0, kChild = 1, kAgent = 2 };  // writers
 
-std::uint32_t StatusOf(std::uint32_t state) { return state & kStatusMask; }
-
-bool HasName(const BoardSlot& slot, std::int32_t taskName, std::uint16_t astInd) {
-  return slot.TaskName == taskName && slot.AstInd == astInd;
+std::uint64_t WordOf(std::int32_t taskName, std::uint16_t astInd, BoardState state) {
+  return std::uint64_t{static_cast<std::uint32_t>(taskName)} << 32 | std::uint64_t{astInd} << 16 |
+         static_cast<std::uint64_t>(state);
 }
 
-BoardRequest RequestOf(const BoardSlot& slot) {
-  return {.TaskName = slot.TaskName,
-          .AstInd = slot.AstInd,
-          .Socket = slot.Socket,
-          .Serial = slot.Serial};
+BoardState StateOf(std::uint64_t word) { return static_cast<BoardState>(word & 0xFFFF); }
+
+std::uint64_t WordOf(const BoardRequest& request, BoardState state) {
+  return WordOf(request.TaskName, request.AstInd, state);
 }
 
-// The next use of the slot has another count: a reader that looked before sees the difference.
-void Release(BoardSlot& slot) { slot.State = (slot.State & ~kStatusMask) + kNextUse; }
+BoardRequest RequestAt(const ReaderBoard* board, std::int32_t slot, std::uint64_t word) {
+  const BoardEntry& entry = board->Entries[slot];
+  return {.Id = {slot, entry.Serial},
+          .TaskName = static_cast<std::int32_t>(word >> 32),
+          .AstInd = static_cast<std::uint16_t>(word >> 16),
+          .Socket = entry.Socket,
+          .Connection = entry.Connection};
+}
 
-BoardSlot* FreeSlot(ReaderBoard* board) {
-  const std::uint32_t used = board->SlotsUsed;
-  for (std::uint32_t i = 0; i < used; ++i) {
-    if (StatusOf(board->Slots[i].State) == kFree) return &board->Slots[i];
+// The entry is the agent's: free, or a request that the child has not claimed.
+bool TakeEntry(std::atomic<std::uint64_t>& word) {
+  std::uint64_t seen = word;
+  if (StateOf(seen) == BoardState::Waiting) return word.compare_exchange_strong(seen, 0);
+  return StateOf(seen) == BoardState::Free;
+}
+
+bool StandsHere(const ReaderBoard* board, RequestId id) {
+  return id.Slot >= 0 && id.Slot < kBoardSlots && board->Entries[id.Slot].Serial == id.Serial;
+}
+
+// The waiting request with this name that was asked first; Slot -1: there is none.
+RequestId FirstAsked(const ReaderBoard* board, std::uint64_t word) {
+  const std::int32_t used = board->Used;
+  RequestId first = {-1, 0};
+  for (std::int32_t slot = 0; slot < used; ++slot) {
+    if (board->Words[slot] != word) continue;
+    const RequestId other = {slot, board->Entries[slot].Serial};
+    if (first.Slot < 0 || IsEarlier(other, first)) first = other;
   }
-  return used < kBoardSlots ? &board->Slots[used] : nullptr;
-}
-
-// A delivered one stays: the child looks at it no more, and its record has not come yet.
-void RemoveAllOf(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd) {
-  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
-    BoardSlot& slot = board->Slots[i];
-    const std::uint32_t status = StatusOf(slot.State);
-    if ((status == kWaiting || status == kHandedOver) && HasName(slot, taskName, astInd))
-      Release(slot);
-  }
+  return first;
 }
 
 }  // namespace
@@ -62,90 +64,80 @@ void RemoveBoard(ReaderBoard* board) {
 }
 
 void BoardAdd(ReaderBoard* board, const BoardRequest& request) {
-  BoardSlot* const slot = FreeSlot(board);
-  if (!slot) {
-    RemoveAllOf(board, request.TaskName, request.AstInd);
+  const std::int32_t slot = request.Id.Slot;
+  if (slot < 0 || slot >= kBoardSlots || !TakeEntry(board->Words[slot])) {
+    board->AgentDecides = true;
     return;
   }
-  slot->TaskName = request.TaskName;
-  slot->AstInd = request.AstInd;
-  slot->Socket = request.Socket;
-  slot->Serial = request.Serial;
-  slot->State = slot->State + kWaiting;
-  const std::uint32_t index = static_cast<std::uint32_t>(slot - board->Slots);
-  if (index >= board->SlotsUsed) board->SlotsUsed = index + 1;
+  BoardEntry& entry = board->Entries[slot];
+  entry.Serial = request.Id.Serial;
+  entry.Socket = request.Socket;
+  entry.Connection = request.Connection;
+  board->Words[slot] = WordOf(request, BoardState::Waiting);
+  if (slot >= board->Used) board->Used = slot + 1;
 }
 
-bool BoardRemove(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd, bool delivered,
-                 BoardRequest* removed) {
-  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
-    BoardSlot& slot = board->Slots[i];
-    const std::uint32_t status = StatusOf(slot.State);
-    if (status == kFree || (status == kDelivered) != delivered) continue;
-    if (!HasName(slot, taskName, astInd)) continue;
-    if (removed) *removed = RequestOf(slot);
-    Release(slot);
+RequestId BoardRemove(ReaderBoard* board, std::int32_t slot) {
+  const RequestId id = {slot, board->Entries[slot].Serial};
+  board->Words[slot] = 0;
+  return id;
+}
+
+bool BoardIsClaimed(const ReaderBoard* board, RequestId id) {
+  return StandsHere(board, id) && StateOf(board->Words[id.Slot]) > BoardState::Waiting;
+}
+
+bool BoardWithdraw(ReaderBoard* board, RequestId id) {
+  return !StandsHere(board, id) || TakeEntry(board->Words[id.Slot]);
+}
+
+BoardState BoardClose(ReaderBoard* board, std::int32_t slot, BoardRequest* request) {
+  std::atomic<std::uint64_t>& word = board->Words[slot];
+  std::uint64_t seen = word;
+  while (StateOf(seen) != BoardState::Free && StateOf(seen) != BoardState::Writing) {
+    if (word.compare_exchange_strong(seen, 0)) break;
+  }
+  *request = RequestAt(board, slot, seen);
+  return StateOf(seen);
+}
+
+bool BoardTakeConnection(ReaderBoard* board, int socket) {
+  std::uint8_t nobody = kNobody;
+  return board->Writer[socket].compare_exchange_strong(nobody, kAgent) || nobody == kAgent;
+}
+
+void BoardGiveConnection(ReaderBoard* board, int socket) {
+  std::uint8_t agent = kAgent;
+  board->Writer[socket].compare_exchange_strong(agent, kNobody);
+}
+
+bool BoardClaim(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd,
+                BoardRequest* request) {
+  const std::uint64_t waiting = WordOf(taskName, astInd, BoardState::Waiting);
+  const std::uint64_t claimed = WordOf(taskName, astInd, BoardState::Claimed);
+  for (;;) {
+    const std::int32_t slot = FirstAsked(board, waiting).Slot;
+    if (slot < 0 || board->AgentDecides) return false;
+    std::uint64_t seen = waiting;
+    if (!board->Words[slot].compare_exchange_strong(seen, claimed)) continue;
+    *request = RequestAt(board, slot, claimed);
     return true;
   }
-  return false;
 }
 
-void BoardRemoveTask(ReaderBoard* board, std::int32_t taskName) {
-  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
-    BoardSlot& slot = board->Slots[i];
-    const std::uint32_t status = StatusOf(slot.State);
-    if ((status == kWaiting || status == kHandedOver) && slot.TaskName == taskName) Release(slot);
-  }
-}
-
-// The child first says where it writes and then looks at Kept and Closed; the agent first sets
-// them and then looks where the child writes. So at least one of the two sees the other.
-bool BoardReserve(ReaderBoard* board, int socket) {
-  board->Kept[socket] = 1;
-  return board->SendingTo != socket;
-}
-
-bool BoardTakeDelivered(ReaderBoard* board, BoardRequest* request) {
-  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
-    BoardSlot& slot = board->Slots[i];
-    if (StatusOf(slot.State) != kDelivered) continue;
-    *request = RequestOf(slot);
-    Release(slot);
+bool BoardBeginWrite(ReaderBoard* board, const BoardRequest& request) {
+  std::uint8_t nobody = kNobody;
+  if (!board->Writer[request.Socket].compare_exchange_strong(nobody, kChild)) return false;
+  std::uint64_t claimed = WordOf(request, BoardState::Claimed);
+  if (board->Words[request.Id.Slot].compare_exchange_strong(claimed,
+                                                            WordOf(request, BoardState::Writing)))
     return true;
-  }
+  board->Writer[request.Socket] = kNobody;
   return false;
 }
 
-BoardSlot* BoardFind(ReaderBoard* board, std::int32_t taskName, std::uint16_t astInd,
-                     BoardRequest* request, std::uint32_t* state) {
-  BoardSlot* found = nullptr;
-  for (std::uint32_t i = 0; i < board->SlotsUsed; ++i) {
-    BoardSlot& slot = board->Slots[i];
-    const std::uint32_t before = slot.State;
-    if (StatusOf(before) != kWaiting || !HasName(slot, taskName, astInd)) continue;
-    const BoardRequest seen = RequestOf(slot);
-    if (slot.State != before) continue;
-    if (found) return nullptr;
-    found = &slot;
-    *request = seen;
-    *state = before;
-  }
-  return found;
+void BoardEndWrite(ReaderBoard* board, const BoardRequest& request, bool written) {
+  board->Words[request.Id.Slot] =
+      WordOf(request, written ? BoardState::Written : BoardState::Claimed);
+  board->Writer[request.Socket] = kNobody;
 }
-
-void BoardMarkDelivered(BoardSlot* slot, std::uint32_t state) {
-  slot->State.compare_exchange_strong(state, (state & ~kStatusMask) + kDelivered);
-}
-
-void BoardMarkHandedOver(BoardSlot* slot, std::uint32_t state) {
-  slot->State.compare_exchange_strong(state, (state & ~kStatusMask) + kHandedOver);
-}
-
-bool BoardBeginSend(ReaderBoard* board, int socket) {
-  board->SendingTo = socket;
-  if (board->Kept[socket] == 0 && board->Closed == 0) return true;
-  board->SendingTo = 0;
-  return false;
-}
-
-void BoardEndSend(ReaderBoard* board) { board->SendingTo = 0; }

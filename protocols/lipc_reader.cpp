@@ -5,12 +5,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "client/clntxch.h"
+#include "client/connection.h"
 #include "client/message.h"
-#include "core/io.h"
+#include "core/stream.h"
 #include "core/trace.h"
 #include "protocols/lipc_board.h"
 
@@ -18,19 +20,26 @@ static constexpr char Module[] = "lipc";
 
 namespace {
 
+static_assert(kBoardSlots <= kNoEntry);
 static_assert(sizeof QueueMessage::Body == kMessageArea - sizeof ClientMessage::Length);
 
 fd_set directConnections;  // that the child may write to
 
 bool IsKept(int fd, const ReaderChannels& channels) {
-  return fd == channels.Pipe[1] || fd == channels.Pair[1] || FD_ISSET(fd, &g_DbcI.ClientSockets);
+  return fd == channels.Pipe[1] || fd == channels.Pair[1] ||
+         (fd < FD_SETSIZE && FD_ISSET(fd, &g_DbcI.ClientSockets));
 }
 
 void CloseForeignDescriptors(const ReaderChannels& channels) {
-  for (int fd = kFirstDescriptor; fd < FD_SETSIZE; ++fd) {
-    if (!IsKept(fd, channels)) close(fd);
+  const int end = 1 + std::max({FD_SETSIZE, channels.Pipe[1], channels.Pair[1]});
+  unsigned from = kFirstDescriptor;
+  for (int fd = kFirstDescriptor; fd < end; ++fd) {
+    if (!IsKept(fd, channels)) continue;
+    const unsigned kept = static_cast<unsigned>(fd);
+    if (from < kept) close_range(from, kept - 1, 0);
+    from = kept + 1;
   }
-  close_range(FD_SETSIZE, ~0U, 0);
+  close_range(from, ~0U, 0);
 }
 
 // The system puts a message of up to half of the send buffer, less some bytes of its own, into the
@@ -91,8 +100,8 @@ bool MakeAnswer(const QueueMessage& received, std::size_t size, ClientMessage* m
 
 bool IsDirect(const BoardRequest& request) {
   return request.Socket >= kFirstDescriptor && request.Socket < FD_SETSIZE &&
-         FD_ISSET(request.Socket, &directConnections) && request.Serial != 0 &&
-         request.Serial == ConnectionSerial(request.Socket);
+         FD_ISSET(request.Socket, &directConnections) &&
+         request.Connection == ConnectionSerial(request.Socket);
 }
 
 // Writes to the client; false: it did not take the answer now, which is as it was.
@@ -108,48 +117,49 @@ bool PutDirectly(ClientMessage* msg, int socket) {
   return false;
 }
 
-bool DeliverDirectly(ReaderBoard* board, ClientMessage* msg) {
-  BoardRequest request;
-  std::uint32_t state;
-  BoardSlot* const slot =
-      BoardFind(board, msg->TaskName, Get(Trailer(msg), kTrailerAstInd), &request, &state);
-  if (!slot) return false;
-  if (IsDirect(request) && BoardBeginSend(board, request.Socket)) {
-    const bool delivered = PutDirectly(msg, request.Socket);
-    if (delivered) BoardMarkDelivered(slot, state);
-    BoardEndSend(board);
-    if (delivered) return true;
-  }
-  BoardMarkHandedOver(slot, state);
-  return false;
+bool DeliverDirectly(ReaderBoard* board, const BoardRequest& request, ClientMessage* msg) {
+  if (!IsDirect(request) || !BoardBeginWrite(board, request)) return false;
+  const bool written = PutDirectly(msg, request.Socket);
+  BoardEndWrite(board, request, written);
+  return written;
 }
 
-// The agent finds the connection. It takes from the pair whenever it reads the pipe or waits for
-// room in the queue.
-void HandOver(int pair, const ClientMessage* msg) {
+// The agent finds the connection.
+bool HandOver(int pair, RequestId request, ClientMessage* msg) {
+  std::memcpy(Packet(msg), &request, sizeof request);
   ssize_t sent;
   do {
-    sent = send(pair, Wire(msg), msg->Length + 4, MSG_NOSIGNAL);
+    sent = send(pair, Packet(msg), sizeof msg->Reserved + msg->Length + 4, MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
-  if (sent < 0) LOG(kLogDriver, "LIPC PutMsgToClient failed.");
+  return sent >= 0;
 }
 
-bool WriteRecord(int pipe, const ClientMessage* msg, bool handedOver) {
-  const PipeRecord record = {.TaskName = msg->TaskName,
-                             .AstInd = Get(Trailer(msg), kTrailerAstInd),
-                             .HandedOver = handedOver};
+bool WriteRecord(int pipe, const PipeRecord& record) {
   const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(&record);
   std::size_t written = 0;
   while (written < sizeof record) {
     const ssize_t wrote = write(pipe, bytes + written, sizeof record - written);
     if (wrote < 0 && errno == EINTR) continue;
-    if (wrote < 0) {
-      LOG(kLogDriver, "LIPC write failed. errno = %d", errno);
-      return false;
-    }
+    if (wrote < 0) return false;
     written += static_cast<std::size_t>(wrote);
   }
   return true;
+}
+
+// Gives the answer to the client, or to the agent, and tells of it; false: the agent does not learn
+// of it.
+bool Deliver(const LIpcLinkData* data, int pipe, ClientMessage* msg) {
+  BoardRequest request = {};
+  request.Id.Slot = -1;
+  const std::uint16_t astInd = Get(Trailer(msg), kTrailerAstInd);
+  const bool known = BoardClaim(data->Board, msg->TaskName, astInd, &request);
+  const bool delivered = known && DeliverDirectly(data->Board, request, msg);
+  if (!delivered && !HandOver(data->Pair, request.Id, msg)) return false;
+  LOG(kLogTrace, "LIPC CHLD. TaskName = %d", msg->TaskName);
+  const std::int32_t entry = (known ? request.Id.Slot : kNoEntry) | (delivered ? 0 : kHandedOver);
+  return WriteRecord(
+      pipe,
+      {.TaskName = msg->TaskName, .AstInd = astInd, .Entry = static_cast<std::uint16_t>(entry)});
 }
 
 }  // namespace
@@ -166,10 +176,9 @@ int ReadMessageFromKernelAndSendToDbc(const char* file, int line, LIpcLinkData* 
       LOG(kLogDriver, "LIPC The strings of an answer are too long. Skip the message");
       continue;
     }
-    const bool handedOver = !DeliverDirectly(data->Board, &msg);
-    if (handedOver) HandOver(data->Pair, &msg);
-    LOG(kLogTrace, "LIPC CHLD. TaskName = %d", msg.TaskName);
-    if (!WriteRecord(pipeWrite, &msg, handedOver)) return LEAVE(-1, "FAILED write");
+    if (Deliver(data, pipeWrite, &msg)) continue;
+    LOG(kLogDriver, "LIPC write failed. errno = %d", errno);
+    return LEAVE(-1, "FAILED write");
   }
 }
 

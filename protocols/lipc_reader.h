@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include "protocols/lipc.h"
+#include "protocols/lipc_queue.h"
 
 // What connects the two processes. Pipe: read end, write end. Pair: the agent's end, the child's.
 struct ReaderChannels {
@@ -10,11 +11,9 @@ struct ReaderChannels {
   int Pair[2];
 };
 
-// A message of the queue: the type in front has the width of a long, the body begins with TaskName.
-struct QueueMessage {
-  long Type;
-  unsigned char Body[8188];
-};
+// A message in the pair: the identity of its request, then its wire form.
+inline unsigned char* Packet(ClientMessage* msg) { return reinterpret_cast<unsigned char*>(msg); }
+static_assert(sizeof(RequestId) == offsetof(ClientMessage, Length));
 
 // The child's whole life. It is entered with all signals blocked; `ordinary` is the mask to return
 // to, `agent` the process that it belongs to.

@@ -9,10 +9,10 @@
 #include <cstring>
 
 #include "client/message.h"
-#include "core/io.h"
 #include "core/mailbox.h"
 #include "core/socket_options.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "core/trace.h"
 #include "core/wait.h"
 #include "link/link.h"
@@ -109,8 +109,10 @@ constexpr FrameFormat kKernelFrame = {.LengthCounts = 4,
                                       .SmallestLength = 4,
                                       .LargestLength = kMessageArea,
                                       .TraceReceive = TraceReceive,
-                                      .TraceLength = TraceLength,
-                                      .Ahead = false};
+                                      .TraceLength = TraceLength};
+
+void SendFailed(int error) { LOG(kLogTrace, "Send to local tavrin. Call:send. errno %d", error); }
+constexpr OutputTrace kRequests = {.Sent = nullptr, .Failed = SendFailed};
 
 int Broken(Link* link, int error) {
   DisconnectLink(HERE, link, kStatusReceive, error);
@@ -144,7 +146,8 @@ int LOCALSInitProtocol(const char* file, int line, Protocol* protocol, const cha
                .TimerEvent = LSockTimerEvent,
                .SendToNetwork = LSockSendToNetwork,
                .ClientDeadEvent = LSockClientDeadEvent,
-               .Next = nullptr};
+               .Next = nullptr,
+               .Joins = true};
   return 0;
 }
 
@@ -196,10 +199,8 @@ int LSockSendToNetwork(const char* file, int line, Link* link, ClientMessage* ms
   ENTER();
   msg->Length += 4;  // kept: the caller's copy is changed
   LOG(kLogTrace, "Before Send %d byte to local tavrin", static_cast<int>(msg->Length));
-  if (SendBytes(HERE, DataOf(link)->Socket, Wire(msg), msg->Length) != 0) {
-    LOG(kLogTrace, "Send to local tavrin. Call:send. errno %d", errno);
+  if (SendBytes(HERE, DataOf(link)->Socket, Wire(msg), msg->Length, &kRequests) != 0)
     return LEAVE(kStatusSend, "FAILED send");
-  }
   return 0;
 }
 

@@ -13,9 +13,9 @@
 #include <cstring>
 
 #include "client/message.h"
-#include "core/io.h"
 #include "core/socket_options.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "core/trace.h"
 #include "link/link.h"
 #include "protocols/address_text.h"
@@ -27,7 +27,6 @@ namespace {
 constexpr int kDefaultPort = 1060;
 constexpr int kReceiveTimeoutUnit = 20;
 constexpr int kTickSeconds = 2;
-constexpr int kSegmentSize = kSocketBufferSize / 2;
 constexpr std::uint8_t kRequestMark = 3;
 constexpr std::uint32_t kControlLength = 8;  // a packet of this length is a control packet
 constexpr std::uint32_t kSendTimeoutMark = 0x5555;
@@ -46,8 +45,9 @@ constexpr FrameFormat kPacket = {.LengthCounts = 0,
                                  .SmallestLength = 0,
                                  .LargestLength = kMessageMax,
                                  .TraceReceive = nullptr,
-                                 .TraceLength = nullptr,
-                                 .Ahead = true};
+                                 .TraceLength = nullptr};
+
+constexpr int kLargestSegment = 65536;  // of any wire
 
 TcpLinkData* Data(const Link* link) { return static_cast<TcpLinkData*>(link->DriverData); }
 
@@ -108,12 +108,27 @@ int SetNoDelay(int socket) {
   return kStatusOption;
 }
 
-// On loopback a segment would be larger than the window of the small buffers: the peer would then
-// send a piece each time its persist timer fires. Only a wish: a refusal changes nothing.
-void LimitSegments(int socket) {
+// Only wishes, to be made before the connection is, as that settles how large the window can
+// become: a refusal changes nothing.
+void SetOption(int socket, int level, int option, int value) {
   const int savedErrno = errno;
-  setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &kSegmentSize, sizeof kSegmentSize);
+  setsockopt(socket, level, option, &value, sizeof value);
   errno = savedErrno;
+}
+
+// With the described buffers a link carries one small window in each round-trip time, for all
+// clients together.
+void EnlargeBuffers(int socket) {
+  if (g_DbcI.LinkBuffer <= kSocketBufferSize) return;
+  SetOption(socket, SOL_SOCKET, SO_SNDBUF, g_DbcI.LinkBuffer);
+  SetOption(socket, SOL_SOCKET, SO_RCVBUF, g_DbcI.LinkBuffer);
+}
+
+// A segment larger than the window of a small buffer, as loopback has them, would be sent in
+// pieces, one each time the peer's persist timer fires.
+void LimitSegments(int socket) {
+  const int segment = std::max(kSocketBufferSize, static_cast<int>(g_DbcI.LinkBuffer)) / 2;
+  if (segment < kLargestSegment) SetOption(socket, IPPROTO_TCP, TCP_MAXSEG, segment);
 }
 
 // Connecting
@@ -163,6 +178,7 @@ int CreateSocket(int* created) {
   }
   *created = socket;
   if (SetSendBuffer(HERE, socket) != 0 || SetReceiveBuffer(HERE, socket) != 0) return kStatusOption;
+  EnlargeBuffers(socket);
   LimitSegments(socket);
   return SetNoDelay(socket);
 }
@@ -283,6 +299,10 @@ Outcome TickConnecting(Link* link) {
 // Packets
 
 void TraceWrite(int result) { LOG(kLogTrace, "write return %d", result); }
+void WriteFailed(int error) {
+  LOG(kLogDriver, "TCPIP.Write into socket failed. Call:write. errno = %d", error);
+}
+constexpr OutputTrace kRequests = {.Sent = TraceWrite, .Failed = WriteFailed};
 
 int ReceiveFailed(Link* link, int status, int sysErr) {
   DisconnectLink(HERE, link, status, sysErr);
@@ -305,7 +325,8 @@ int TCPIPInitProtocol(const char* file, int line, Protocol* protocol, const char
                .TimerEvent = TcpTimerEvent,
                .SendToNetwork = TcpSendToNetwork,
                .ClientDeadEvent = TcpClientDeadEvent,
-               .Next = nullptr};
+               .Next = nullptr,
+               .Joins = true};
   return 0;
 }
 
@@ -411,10 +432,8 @@ int TcpSendToNetwork(const char* file, int line, Link* link, ClientMessage* msg)
   Put(Trailer(msg), kTrailerLinkSocket, static_cast<std::uint32_t>(data->Socket));
   const std::uint32_t size = msg->Length + 4;
   LOG(kLogTrace, "Need write %d bytes for link \"%.8s\"", static_cast<int>(size), link->NodeName);
-  if (SendBytes(HERE, data->Socket, Wire(msg), size, TraceWrite) != 0) {
-    LOG(kLogDriver, "TCPIP.Write into socket failed. Call:write. errno = %d", errno);
+  if (SendBytes(HERE, data->Socket, Wire(msg), size, &kRequests) != 0)
     return LEAVE(static_cast<int>(kStatusSend), "FAILED write");
-  }
   data->AliveCount = data->ReceiveTimeout / kTickSeconds;
   return 0;
 }

@@ -1,8 +1,18 @@
-# Shared by the scripts: packages and progress. To be sourced, from the root of the tree.
+# Shared by the scripts: packages, progress, times. To be sourced, from the root of the tree.
 
 # What every build needs; its configuration looks for the test libraries too.
-build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libsqlite3-dev
-  nlohmann-json3-dev pkgconf python3)
+build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libcpp-httplib-dev
+  libncurses-dev libsqlite3-dev nlohmann-json3-dev pkgconf python3 tmux)
+check_packages=(clang-format clang-tidy cppcheck)         # tests/check_code.sh
+manual_packages=(groff-base mandoc python3)               # tests/man
+dissector_packages=(python3 tshark)                       # tests/dissector
+model_packages=(spin)                                      # tests/model
+monitoring_packages=(prometheus tmux)                      # tools/rehearsal/monitoring.py
+debian_packages=(abigail-tools apparmor build-essential debhelper dh-python dpkg-dev lintian pkg-config
+  systemd) # tests/packaging
+# All that test.sh runs with, installed at once: what is missing shows in the first minute.
+test_packages=("${build_packages[@]}" "${check_packages[@]}" "${manual_packages[@]}"
+  "${dissector_packages[@]}" "${model_packages[@]}" "${debian_packages[@]}")
 
 step() { printf '\n== %s\n' "$*"; }
 
@@ -19,34 +29,27 @@ install_packages() {
   done
   [ "${#missing[@]}" -eq 0 ] && return 0
   step "Installing ${missing[*]}"
-  as_root apt-get update -qq
-  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+  # Patient with a mirror that stumbles and with another installation that is going on.
+  local apt=(apt-get -qq -o Acquire::Retries=3 -o DPkg::Lock::Timeout=300)
+  as_root "${apt[@]}" update
+  as_root env DEBIAN_FRONTEND=noninteractive "${apt[@]}" install -y --no-install-recommends \
     "${missing[@]}" >/dev/null
 }
 
 # The tests mostly wait for one another's processes: somewhat more of them than cores.
 test_jobs() { echo $((2 * $(nproc))); }
 
-# What the checks below are made with; about a minute to install.
-check_packages=(clang-format clang-tidy cppcheck)
-
-check_format() {
-  step "Format"
-  git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+# Timed NAME COMMAND... ; say_times says at the end what took how long.
+times=()
+timed() {
+  local name=$1 from=$SECONDS
+  shift
+  step "${name^}"
+  "$@"
+  times+=("$name $(minutes $((SECONDS - from)))")
 }
-
-# The agent's code, by the rules of .clang-tidy; $1: a configured build directory.
-check_tidy() {
-  step "clang-tidy"
-  git ls-files {core,client,link,protocols,api,ping}/'*.cpp' |
-    xargs -P "$(nproc)" -n 4 clang-tidy -p "$1" --quiet 2>/dev/null
-}
-
-# All code but the tests. cppcheck does not know __VA_OPT__ and so must not look into ENTER.
-check_cppcheck() {
-  step "cppcheck"
-  git ls-files {core,client,link,protocols,api,ping,tools,bench,lib}/'*.cpp' |
-    xargs cppcheck --std=c++20 --language=c++ --library=posix,googletest -I . -UENTER \
-      --enable=warning,style,performance,portability --suppressions-list=tools/cppcheck.txt \
-      --inline-suppr --quiet --error-exitcode=1 -j "$(nproc)"
+minutes() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
+say_times() {
+  local IFS=,
+  step "Minutes: ${times[*]/#/ }; in all $(minutes "$SECONDS")"
 }

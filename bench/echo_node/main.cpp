@@ -2,6 +2,7 @@
 // it. One thread over any number of connections; it stops reading from a connection while answers
 // for it cannot go out, as every server with bounded memory does. It sends what it has answers for
 // at once, or each of them with a call of its own, as a server does that works them out in turn.
+// It stands behind TCP, or as a local kernel, with its greeting and frames, behind a UNIX socket.
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -33,10 +34,17 @@ struct Connection {
   std::size_t SentOfPacket = 0;
 };
 
+struct Options {
+  std::string Host = "127.0.0.1", Kernel;
+  int Port = 0;
+  bool Hold = false, Singly = false;
+  // What a frame has beyond the value of its length word.
+  std::size_t Beyond() const { return Kernel.empty() ? kLengthWord : 0; }
+};
+
 class EchoNode {
  public:
-  EchoNode(int listener, bool hold, bool singly)
-      : listener_(listener), hold_(hold), singly_(singly) {
+  EchoNode(int listener, const Options& options) : listener_(listener), options_(options) {
     if (epoll_ < 0) Fail("epoll_create1");
     Watch(EPOLL_CTL_ADD, listener_, EPOLLIN);
   }
@@ -71,7 +79,10 @@ class EchoNode {
   void Accept() {
     const int socket = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket < 0) Fail("accept");
-    SetNoDelay(socket);
+    if (options_.Kernel.empty())
+      SetNoDelay(socket);
+    else
+      SendAll(socket, Greeting());
     const std::size_t index = static_cast<std::size_t>(socket);
     if (connections_.size() <= index) connections_.resize(index + 1);
     connections_[index] = std::make_unique<Connection>(Connection{.Socket = socket});
@@ -91,8 +102,8 @@ class EchoNode {
     const std::string& input = connection.Input;
     std::size_t at = 0;
     while (input.size() - at >= kLengthWord) {
-      const std::size_t size = kLengthWord + Load<std::uint32_t>(input.data() + at);
-      if (size > kLargestFrame) return false;
+      const std::size_t size = options_.Beyond() + Load<std::uint32_t>(input.data() + at);
+      if (size < kLengthWord || size > kLargestFrame) return false;
       if (input.size() - at < size) break;
       if (IsAnswered(input.data() + at)) connection.Answers.append(input, at, size);
       at += size;
@@ -103,13 +114,14 @@ class EchoNode {
 
   bool IsAnswered(const char* packet) const {
     if (Load<std::uint32_t>(packet) == kControlLength) return false;
-    return !hold_ || std::memcmp(packet + kCommandAt, kHoldCommand, 4) != 0;
+    return !options_.Hold || std::memcmp(packet + kCommandAt, kHoldCommand, 4) != 0;
   }
 
   // Bytes of the first packet not sent whole; `at`: where the unsent answers begin.
-  static std::size_t RestOfPacket(Connection& connection, std::size_t at) {
+  std::size_t RestOfPacket(Connection& connection, std::size_t at) const {
     if (connection.SentOfPacket == 0)
-      connection.PacketSize = kLengthWord + Load<std::uint32_t>(connection.Answers.data() + at);
+      connection.PacketSize =
+          options_.Beyond() + Load<std::uint32_t>(connection.Answers.data() + at);
     return connection.PacketSize - connection.SentOfPacket;
   }
 
@@ -117,13 +129,13 @@ class EchoNode {
     std::string& answers = connection.Answers;
     std::size_t at = 0;
     while (at < answers.size()) {
-      const std::size_t size = singly_ ? RestOfPacket(connection, at) : answers.size() - at;
+      const std::size_t size = options_.Singly ? RestOfPacket(connection, at) : answers.size() - at;
       const ssize_t sent = send(connection.Socket, answers.data() + at, size, MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
       if (sent < 0 && errno != EAGAIN) return false;
       if (sent < 0) break;
       at += static_cast<std::size_t>(sent);
-      connection.SentOfPacket = singly_ && static_cast<std::size_t>(sent) < size
+      connection.SentOfPacket = options_.Singly && static_cast<std::size_t>(sent) < size
                                     ? connection.SentOfPacket + static_cast<std::size_t>(sent)
                                     : 0;
     }
@@ -140,7 +152,7 @@ class EchoNode {
   }
 
   const int listener_;
-  const bool hold_, singly_;
+  const Options& options_;
   const int epoll_ = epoll_create1(EPOLL_CLOEXEC);
   std::array<char, kReadAtOnce> buffer_;
   std::vector<std::unique_ptr<Connection>> connections_;  // by descriptor
@@ -150,16 +162,18 @@ class EchoNode {
 
 int main(int argc, char** argv) {
   CLI::App app("Sends every message back");
-  int port = 0;
-  bool hold = false, singly = false;
-  app.add_option("--port", port, "Port on the loopback interface; 0: any");
-  app.add_flag("--hold", hold, "Never answer requests with the command HOLD");
-  app.add_flag("--singly", singly, "Send each answer with a call of its own");
+  Options options;
+  app.add_option("--host", options.Host, "Address to listen on");
+  app.add_option("--port", options.Port, "Port; 0: any");
+  app.add_option("--kernel", options.Kernel, "Path of a local kernel's socket, in place of a port");
+  app.add_flag("--hold", options.Hold, "Never answer requests with the command HOLD");
+  app.add_flag("--singly", options.Singly, "Send each answer with a call of its own");
   CLI11_PARSE(app, argc, argv);
   RaiseDescriptorLimit();
-  const int listener = ListenTcp(&port);
-  std::printf("listening on %d\n", port);
+  const bool tcp = options.Kernel.empty();
+  const int listener = tcp ? ListenTcp(options.Host, &options.Port) : ListenUnix(options.Kernel);
+  std::printf("listening on %d\n", options.Port);
   std::fflush(stdout);
-  static EchoNode node(listener, hold, singly);
+  static EchoNode node(listener, options);
   node.Run();
 }

@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "bench/frame.h"
@@ -33,13 +35,17 @@ std::int64_t Now() {
       .count();
 }
 
-// The processor time that the processes have used, in seconds.
+// The processor time that all threads of the processes have used, in seconds.
 double CpuTime(const std::vector<int>& pids) {
   double sum = 0;
   for (const int pid : pids) {
-    double nanoseconds = 0;
-    std::ifstream("/proc/" + std::to_string(pid) + "/schedstat") >> nanoseconds;
-    sum += nanoseconds / kNanoseconds;
+    std::error_code gone;
+    const std::string threads = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& thread : std::filesystem::directory_iterator(threads, gone)) {
+      double nanoseconds = 0;
+      std::ifstream(thread.path() / "schedstat") >> nanoseconds;
+      sum += nanoseconds / kNanoseconds;
+    }
   }
   return sum;
 }

@@ -6,6 +6,7 @@
 #include "bench/frame.h"
 #include "bench/load/engine.h"
 #include "bench/sockets.h"
+#include "lib/include/lumo.h"
 
 namespace {
 
@@ -14,10 +15,12 @@ using bench::Options;
 
 void AddOptions(CLI::App* app, Options* options) {
   auto* const target = app->add_option_group("target", "What the clients connect to");
-  target->add_option("--agent", options->Agent, "Client socket of the agent");
+  target->add_option("--agent", options->Agent, "Client socket of the agent")
+      ->default_str("that of the environment");
   target->add_option("--unix", options->Unix, "UNIX socket of a byte relay to the node");
   target->add_option("--tcp", options->Tcp, "Port of the node or of a byte relay to it");
-  target->require_option(1);
+  target->require_option(0, 1);
+  app->add_option("--host", options->Host, "Address that the port is at");
   app->add_option("--node", options->Node, "Node to name in the requests");
   app->add_option("--clients", options->Clients, "Connections")->check(CLI::Range(1, 1000));
   app->add_option("--depth", options->Depth, "Requests of a connection under way at a time")
@@ -26,7 +29,7 @@ void AddOptions(CLI::App* app, Options* options) {
       ->check(CLI::Range(bench::kSmallestMessage, bench::kLargestMessage));
   app->add_option("--idle", options->Idle, "Connections that ask once and keep quiet")
       ->check(CLI::Range(0, 1000));
-  app->add_option("--held", options->Held, "Requests that the node never answers (its --hold)")
+  app->add_option("--held", options->Held, "Requests with the command HOLD, never answered")
       ->check(CLI::Range(0, 60000));
   app->add_option("--held-connections", options->HeldConnections, "Connections that send them")
       ->check(CLI::Range(1, 1000));
@@ -38,6 +41,12 @@ void AddOptions(CLI::App* app, Options* options) {
       ->delimiter(',');
   app->add_option("--other-pid", options->OtherPids, "More processes that share in the work")
       ->delimiter(',');
+}
+
+std::string UsualAgent() {
+  char path[256] = "";
+  lumo_socket_path(0, path, sizeof path);
+  return path;
 }
 
 double Microseconds(std::int64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e3; }
@@ -62,12 +71,16 @@ void Print(const Options& options, const Measurement& result) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Closed-loop load for the agent, a relay or a node");
+  CLI::App app(
+      "Closed-loop load for the agent, a relay or a node that answers with what it is asked",
+      "lumo_load");
   Options options;
   AddOptions(&app, &options);
   CLI11_PARSE(app, argc, argv);
+  if (options.Agent.empty() && options.Unix.empty() && options.Tcp == 0)
+    options.Agent = UsualAgent();
   if (options.Clients * options.Depth + options.Held > 0xFFFF) {
-    std::fprintf(stderr, "bench_load: more requests under way than tags (65535)\n");
+    std::fprintf(stderr, "lumo_load: more requests under way than tags (65535)\n");
     return 2;
   }
   bench::RaiseDescriptorLimit();

@@ -11,7 +11,8 @@ struct Options {
   std::string Agent;  // path of the agent's client socket: greeting, client messages
   std::string Unix;   // path of a byte relay: the node's packets
   int Tcp = 0;        // port of the node itself: its packets
-  std::string Node;   // named in the requests; empty: the default
+  std::string Host = "127.0.0.1";
+  std::string Node;  // named in the requests; empty: the default
 
   int Clients = 1;
   int Depth = 1;               // requests of one client at a time

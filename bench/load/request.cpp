@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "bench/frame.h"
-#include "tools/client/message_codec.h"
+#include "lib/message_codec.h"
 
 namespace bench {
 

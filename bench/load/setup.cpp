@@ -18,7 +18,7 @@ constexpr int kPatienceSeconds = 10;
 constexpr std::uint32_t kNoConnection = 0xFFFFFFFF;
 
 [[noreturn]] void GiveUp(const char* what) {
-  std::fprintf(stderr, "bench_load: %s\n", what);
+  std::fprintf(stderr, "lumo_load: %s\n", what);
   std::exit(2);
 }
 
@@ -44,7 +44,11 @@ void AskOnce(const Options& options, int socket, Request* request, std::uint16_t
 
 int Open(const Options& options) {
   const std::string& path = Greets(options) ? options.Agent : options.Unix;
-  const int socket = path.empty() ? ConnectTcp(options.Tcp) : ConnectUnix(path);
+  const int socket = path.empty() ? NewSocket(AF_INET) : ConnectUnix(path);
+  if (path.empty()) {
+    ConnectTcp(socket, options.Host, options.Tcp);
+    SetNoDelay(socket);
+  }
   const timeval patience = {kPatienceSeconds, 0};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);

@@ -3,10 +3,10 @@
 // rest) and written, an answer is received the same way, its client looked up in the list of
 // requests in flight, tested with a null signal and sent to. Every call waits, so with many
 // clients it can stand still for ever together with the node, each waiting for the other to read.
+// The node is one behind TCP, or a local kernel behind a UNIX socket.
 #include <fcntl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -26,8 +26,6 @@ using namespace bench;
 
 constexpr int kFirstDescriptor = 3;
 constexpr int kBufferSize = 8188;
-constexpr int kBacklog = 16;
-
 struct InFlight {
   std::int32_t TaskName;
   int Client;  // -1: free
@@ -36,6 +34,7 @@ struct InFlight {
 
 struct Relay {
   int Node, Listener;
+  std::uint32_t NodeCounts = 0;  // bytes of the length word that it includes, at the node
   fd_set Registered, Clients;
   int MaxSocket;
   int LastClient = -1;
@@ -55,20 +54,16 @@ int ConnectNode(int port) {
   const int node = NewSocket(AF_INET);
   SetBuffers(node);
   SetNoDelay(node);
-  ConnectTcp(node, port);
+  ConnectTcp(node, "127.0.0.1", port);
   return node;
 }
 
-int ListenUnix(const std::string& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int listener = NewSocket(AF_UNIX);
-  unlink(path.c_str());
-  if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Fail(path);
-  SetBuffers(listener);
-  if (listen(listener, kBacklog) != 0) Fail("listen");
-  return listener;
+int ConnectKernel(const std::string& path) {
+  const int kernel = ConnectUnix(path);
+  char greeting[kGreetingSize];
+  if (!ReceiveAll(kernel, greeting, sizeof greeting)) Fail("the kernel's greeting");
+  SetBuffers(kernel);
+  return kernel;
 }
 
 void Register(Relay& relay, int fd) {
@@ -124,7 +119,7 @@ void ServeClient(Relay& relay, int client) {
   Note(relay, {.TaskName = Load<std::int32_t>(message + kTaskNameAt),
                .Client = client,
                .AstInd = Load<std::uint16_t>(trailer + kAstIndAt)});
-  Store(message, static_cast<std::uint32_t>(size - kLengthWord));
+  Store(message, static_cast<std::uint32_t>(size - kLengthWord + relay.NodeCounts));
   Write(relay.Node, message, size);
 }
 
@@ -140,7 +135,7 @@ int Find(Relay& relay, std::int32_t taskName, std::uint16_t astInd) {
 }
 
 void ServeNode(Relay& relay) {
-  const std::size_t size = Receive(relay.Node, 0);
+  const std::size_t size = Receive(relay.Node, relay.NodeCounts);
   if (size == 0) std::exit(0);
   if (size == kLengthWord + kControlLength) return;
   const char* const trailer = message + TrailerAt();
@@ -154,10 +149,7 @@ void ServeNode(Relay& relay) {
 void Accept(Relay& relay) {
   const int client = accept(relay.Listener, nullptr, nullptr);
   if (client < 0 || client >= FD_SETSIZE) Fail("accept");
-  char greeting[kGreetingSize] = {};
-  Store(greeting, kGreetingWord);
-  Store(greeting + kTaskNameAt, static_cast<std::int32_t>(getpid()));
-  SendAll(client, {greeting, sizeof greeting});
+  SendAll(client, Greeting());
   Register(relay, client);
   FD_SET(client, &relay.Clients);
 }
@@ -204,16 +196,21 @@ void Serve(Relay& relay, int events, fd_set& ready) {
 
 int main(int argc, char** argv) {
   CLI::App app("The plain system calls of a relay");
-  std::string path;
+  std::string path, kernel;
   int port = 0;
   app.add_option("--listen", path, "Path of the clients' socket")->required();
-  app.add_option("--node", port, "Port of the node on the loopback interface")->required();
+  auto* const node = app.add_option_group("node", "What it connects to");
+  node->add_option("--node", port, "Port of a node on the loopback interface");
+  node->add_option("--kernel", kernel, "Path of a local kernel's socket");
+  node->require_option(1);
   CLI11_PARSE(app, argc, argv);
   RaiseDescriptorLimit();
   std::signal(SIGPIPE, SIG_IGN);
   static Relay relay;
-  relay.Node = ConnectNode(port);
+  relay.NodeCounts = kernel.empty() ? 0 : kLengthWord;
+  relay.Node = kernel.empty() ? ConnectNode(port) : ConnectKernel(kernel);
   relay.Listener = ListenUnix(path);
+  SetBuffers(relay.Listener);  // a connection inherits what stands here when it is accepted
   Register(relay, relay.Node);
   Register(relay, relay.Listener);
   std::printf("ready\n");

@@ -1,20 +1,33 @@
-// Sends the same text to several nodes at once: example TEXT NODE...
+// Sends texts to a node through the agent, all at once, and prints the rows.
 #include <iostream>
 #include <lumo.hpp>
-#include <map>
+#include <vector>
 
 int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::cerr << "usage: example NODE TEXT...\n";
+    return 2;
+  }
+  bool failed = false;
+  const auto fail = [&failed](std::string_view words) {
+    std::cerr << "example: " << words << '\n';
+    failed = true;
+  };
   liblumo::Connection agent;
-  if (argc < 3 || !agent) {
-    std::cerr << agent.Opened().Text() << '\n';
-    return 1;
-  }
-  std::map<lumo_ticket, std::string> nodes;
-  for (int i = 2; i < argc; ++i) {
+  if (!agent) fail(agent.Opened().Text());
+  std::vector<lumo_ticket> sent;
+  for (int i = 2; agent && i < argc; ++i) {
     lumo_ticket ticket = 0;
-    if (agent.Send(liblumo::Request(argv[i], argv[1]), &ticket)) nodes[ticket] = argv[i];
+    if (const auto status = agent.Send(liblumo::Request(argv[1], argv[i]), &ticket))
+      sent.push_back(ticket);
+    else
+      fail(status.Text());
   }
-  for (liblumo::Answer answer; answer = agent.ReceiveAny(), answer.Ended();)
-    std::cout << nodes[answer.Ticket()] << ": " << (answer ? answer.String(3) : answer.Words())
-              << '\n';
+  for (const lumo_ticket ticket : sent) {
+    if (const liblumo::Answer answer = agent.Receive(ticket))
+      std::cout << answer.Rows() << '\n';
+    else  // refused by the node, failed, or nobody knows
+      fail(answer.Words());
+  }
+  return failed ? 1 : 0;
 }

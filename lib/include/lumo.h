@@ -6,7 +6,7 @@
  *     lumo_answer *answer;
  *     if (lumo_open(NULL, 5000, &agent) == LUMO_OK) {
  *       lumo_status end = lumo_ask_text(agent, "SRV1", "SELECT 1", 5000, &answer);
- *       ...
+ *       if (end == LUMO_OK) puts(lumo_answer_string(answer, LUMO_ROWS, NULL));
  *       lumo_answer_free(answer);
  *       lumo_close(agent);
  *     }
@@ -42,10 +42,7 @@
 #include <stdint.h>
 #include <string.h>
 
-#define LUMO_VERSION_MAJOR 1
-#define LUMO_VERSION_MINOR 0
-#define LUMO_VERSION_PATCH 0
-#define LUMO_VERSION "1.0.0"
+#include "lumo_version.h"
 
 #if defined(__GNUC__)
 #define LUMO_API __attribute__((visibility("default")))
@@ -65,25 +62,25 @@ LUMO_API const char* lumo_version(void);
 
 /* What a call returns. Not to be mixed up with the agent's codes (lumo_code). */
 typedef enum lumo_status {
-  /* The three ends of a request. Each request that was sent comes to exactly one of them. */
-  LUMO_OK = 0,     /* done; of a request: answered by the node (whose own code may be non-zero), or
-                      by the agent when it is a management command */
-  LUMO_ERROR = 1,  /* the agent answered with an error: lumo_answer_code and what goes with it */
-  LUMO_UNSURE = 2, /* it is not known whether the node carried it out: lumo_answer_reason */
+  /* The four ends of a request. Each request that was sent comes to exactly one of them. */
+  LUMO_OK = 0,      /* done: the node answered with code 0, or the agent a management command */
+  LUMO_ERROR = 1,   /* the agent answered with an error: lumo_answer_code and what goes with it */
+  LUMO_UNSURE = 2,  /* it is not known whether the node carried it out: lumo_answer_reason */
+  LUMO_REFUSED = 3, /* the node answered with a code that is not 0 (lumo_answer_code is the node's
+                       own); of a management command's call: the agent said no (its `result`) */
 
   /* Nothing was sent, or nothing has changed. */
-  LUMO_TIMEOUT = 3,      /* the deadline passed; a request in flight is still in flight */
-  LUMO_NO_AGENT = 4,     /* no agent answers at the socket; errno says why */
-  LUMO_BAD_GREETING = 5, /* something answers there, but not as an agent does */
-  LUMO_BAD_ARGUMENT = 6, /* a required pointer is null, or a value is out of its range */
-  LUMO_TOO_LONG = 7,     /* a name is too long, or the request for one message (8188 bytes) */
-  LUMO_NO_TAG = 8,       /* all 65534 tags of the process are in use */
-  LUMO_NO_TICKET = 9,    /* no such request: never sent, ended, given up, or another connection's */
-  LUMO_NOTHING_SENT = 10, /* lumo_receive_any: no request is in flight that it could wait for */
-  LUMO_FORKED = 11,       /* the request was sent by the parent process */
-  LUMO_NO_MEMORY = 12,
-  LUMO_SYSTEM = 13,    /* a system call failed; errno says why */
-  LUMO_REFUSED = 14,   /* a management command had a negative result (its `result`) */
+  LUMO_TIMEOUT = 4,      /* the deadline passed; a request in flight is still in flight */
+  LUMO_NO_AGENT = 5,     /* no agent answers at the socket; errno says why */
+  LUMO_BAD_GREETING = 6, /* something answers there, but not as an agent does */
+  LUMO_BAD_ARGUMENT = 7, /* a required pointer is null, or a value is out of its range */
+  LUMO_TOO_LONG = 8,     /* a name is too long, or the request for one message (8188 bytes) */
+  LUMO_NO_TAG = 9,       /* all 65534 tags of the process are in use */
+  LUMO_NO_TICKET = 10,   /* no such request: never sent, ended, given up, or another connection's */
+  LUMO_NOTHING_SENT = 11, /* lumo_receive_any: no request is in flight that it could wait for */
+  LUMO_FORKED = 12,       /* the request was sent by the parent process */
+  LUMO_NO_MEMORY = 13,
+  LUMO_SYSTEM = 14,    /* a system call failed; errno says why */
   LUMO_BAD_ANSWER = 15 /* a management answer does not have the form that its command has */
 } lumo_status;
 
@@ -126,15 +123,17 @@ typedef enum lumo_code {
   LUMO_CODE_RECEIVE_TIMEOUT = 4065, /* the node sent nothing within the send time-out */
   LUMO_CODE_UNSUPPORTED = 4066,     /* the node's protocol is known but not carried */
   LUMO_CODE_SECURE_REFUSED = 4156,  /* the node refused the secure connection */
-  LUMO_CODE_NOT_RECORDED = 4200     /* the agent had no memory to record the request */
+  LUMO_CODE_NOT_RECORDED = 4200,    /* the agent had no memory to record the request */
+  LUMO_CODE_NOT_PERMITTED = 4201    /* the client may not change nodes, or not in this name */
 } lumo_code;
 
 typedef enum lumo_advice {
   LUMO_ADVICE_NONE = 0,  /* success, or no code of the agent */
   LUMO_ADVICE_RETRY = 1, /* the node has not got the request: send it again, later or elsewhere */
   LUMO_ADVICE_FIX_TABLE =
-      2,                 /* the node has not got it, nor will it before the node table changes */
-  LUMO_ADVICE_UNSURE = 3 /* the node may have carried it out: look before it is sent again */
+      2,                  /* the node has not got it, nor will it before the node table changes */
+  LUMO_ADVICE_UNSURE = 3, /* the node may have carried it out: look before it is sent again */
+  LUMO_ADVICE_ASK_PERMISSION = 4 /* nothing was carried out, nor will be before it is permitted */
 } lumo_advice;
 
 /* "LUMO_CODE_UNKNOWN_NODE" and the like; null when the agent has no such code. */
@@ -155,11 +154,16 @@ LUMO_API lumo_status lumo_code_at(size_t index, int32_t* code);
 
 typedef struct lumo_connection lumo_connection;
 
-/* The path of an agent's socket: the directory is TAVRIN_TMP when that is set and at most 227
- * characters long, else /tmp/tavrin; the file is "tavrin.N" with the exchange id N: `exchange_id`,
- * or when that is 0 the environment variable NET_MBX, or 20562 when that is no number or 0.
+/* The path of an agent's socket, "tavrin.N" with the exchange id N: `exchange_id`, or when that is
+ * 0 the environment variable NET_MBX, or 20562 when that is no number or 0. The directory is
+ * TAVRIN_TMP when that is set (/tmp/tavrin when it is longer than 227 characters). When it is not
+ * set, it is that of the packaged service, /run/lumo/agent, or /tmp/tavrin: the first in which such
+ * a file is; when there is none, the first that exists.
  * path: required, `size` bytes; LUMO_TOO_LONG (and an empty text) when it does not fit. */
 LUMO_API lumo_status lumo_socket_path(int exchange_id, char* path, size_t size);
+/* The places that lumo_socket_path looks at, to be told when no agent answers: the one at `index`
+ * (from 0), as above; LUMO_BAD_ARGUMENT (and an empty text) behind the last one. */
+LUMO_API lumo_status lumo_socket_place(int exchange_id, size_t index, char* path, size_t size);
 
 /* Connects to the agent whose socket is at `path`, or, when `path` is null or empty, at
  * lumo_socket_path(0), and checks its greeting. The path is kept for reconnecting.
@@ -191,6 +195,13 @@ LUMO_API int lumo_descriptor(const lumo_connection* connection);
 
 /* ------------------------------------------------------------------------------------ Requests */
 
+/* What the counted strings of a message hold by convention; the other two have none. */
+typedef enum lumo_string {
+  LUMO_TEXT = 0, /* of a request: the statement */
+  LUMO_ROWS = 3  /* of an answer: the rows, or the words of the node that refused; of a management
+                    answer: the item */
+} lumo_string;
+
 typedef struct lumo_bytes {
   const void* data; /* may be null when size is 0 */
   size_t size;      /* at most 8080 */
@@ -204,9 +215,8 @@ typedef struct lumo_request {
   size_t struct_size;    /* sizeof(lumo_request) of the caller */
   const char* node;      /* at most 8 characters, case does not matter; null or "": default node */
   const char* command;   /* at most 4 characters; null: none. "DBCA" is a management command */
-  lumo_bytes strings[4]; /* by convention the first holds the text of a statement. All four with
-                            their counts and pads have room for 8088 bytes: a string of n bytes
-                            takes n + 2, one more when n is odd */
+  lumo_bytes strings[4]; /* by lumo_string. All four with their counts and pads have room for 8088
+                            bytes: a string of n bytes takes n + 2, one more when n is odd */
   int32_t row_id, row_count;
   uint32_t prz_exe;
   uint16_t prior, num_chan, ln_buf_row;
@@ -237,8 +247,9 @@ typedef struct lumo_answer lumo_answer;
 LUMO_API lumo_status lumo_send(lumo_connection* connection, const lumo_request* request,
                                int deadline_ms, lumo_ticket* ticket);
 
-/* Waits for the end of one request. Ends it with LUMO_OK, LUMO_ERROR or LUMO_UNSURE, each with an
- * answer in *answer (required; to be freed with lumo_answer_free). Else *answer is null: after
+/* Waits for the end of one request. Ends it with LUMO_OK, LUMO_ERROR, LUMO_UNSURE or LUMO_REFUSED,
+ * each with an answer in *answer (required; to be freed with lumo_answer_free). Else *answer is
+ * null: after
  * LUMO_TIMEOUT and LUMO_NO_MEMORY the request is still in flight; LUMO_NO_TICKET also while another
  * thread waits for the same request; LUMO_FORKED, LUMO_BAD_ARGUMENT. */
 LUMO_API lumo_status lumo_receive(lumo_connection* connection, lumo_ticket ticket, int deadline_ms,
@@ -255,13 +266,13 @@ LUMO_API lumo_status lumo_receive_any(lumo_connection* connection, int deadline_
  * it), LUMO_FORKED, LUMO_BAD_ARGUMENT. */
 LUMO_API lumo_status lumo_abandon(lumo_connection* connection, lumo_ticket ticket);
 
-/* Sends and waits. LUMO_OK, LUMO_ERROR, LUMO_UNSURE: as lumo_receive, with an answer; when the
- * deadline passes after the request was sent, it is given up and ends as LUMO_UNSURE with
+/* Sends and waits. LUMO_OK, LUMO_ERROR, LUMO_UNSURE, LUMO_REFUSED: as lumo_receive, with an answer;
+ * when the deadline passes after the request was sent, it is given up and ends as LUMO_UNSURE with
  * LUMO_REASON_DEADLINE. Else *answer is null and nothing was sent, as lumo_send. */
 LUMO_API lumo_status lumo_ask(lumo_connection* connection, const lumo_request* request,
                               int deadline_ms, lumo_answer** answer);
 
-/* lumo_ask with only a node (null or "": the default) and the first string, `text` (required). */
+/* lumo_ask with only a node (null or "": the default) and LUMO_TEXT, `text` (required). */
 LUMO_API lumo_status lumo_ask_text(lumo_connection* connection, const char* node, const char* text,
                                    int deadline_ms, lumo_answer** answer);
 
@@ -271,29 +282,29 @@ LUMO_API lumo_status lumo_ask_text(lumo_connection* connection, const char* node
 
 LUMO_API void lumo_answer_free(lumo_answer* answer); /* null does nothing */
 
-/* How the request ended: LUMO_OK, LUMO_ERROR or LUMO_UNSURE. */
+/* How the request ended: LUMO_OK, LUMO_ERROR, LUMO_UNSURE or LUMO_REFUSED. */
 LUMO_API lumo_status lumo_answer_status(const lumo_answer* answer);
 /* With LUMO_UNSURE: why. */
 LUMO_API lumo_reason lumo_answer_reason(const lumo_answer* answer);
 /* 1 when the agent itself gave the answer, 0 when the node did or there is none. */
 LUMO_API int lumo_answer_from_agent(const lumo_answer* answer);
-/* 0 success, else a code of the agent (after LUMO_ERROR: lumo_code) or of the node (after LUMO_OK).
- */
+/* 0 success, else a code of the agent (after LUMO_ERROR: lumo_code) or of the node (after
+ * LUMO_REFUSED). */
 LUMO_API int32_t lumo_answer_code(const lumo_answer* answer);
 /* The system's error number (as errno) that goes with the code, or 0. */
 LUMO_API int32_t lumo_answer_sys_error(const lumo_answer* answer);
 /* lumo_code_name of an error of the agent; else null. */
 LUMO_API const char* lumo_answer_name(const lumo_answer* answer);
-/* How the request ended, in words: an error of the agent with the system's error, why it is unsure,
- * "the node answered with code N". Null only for a null answer. */
+/* How the request ended, in words of one line: an error of the agent with the system's error, why
+ * it is unsure, "the node refused: WORDS (code N)" with what the node has put into LUMO_ROWS, to
+ * its first NUL and with blanks for control characters. Null only for a null answer. */
 LUMO_API const char* lumo_answer_words(const lumo_answer* answer);
 /* lumo_code_advice of an error of the agent; LUMO_ADVICE_UNSURE after LUMO_UNSURE; else
  * LUMO_ADVICE_NONE. */
 LUMO_API lumo_advice lumo_answer_advice(const lumo_answer* answer);
 
-/* Counted string 0 to 3; its size into *size (may be null). A NUL that is not counted follows.
- * Null when there is no such string. The stand-in node puts rows into string 3, and the agent the
- * item of a management answer. */
+/* Counted string 0 to 3 (lumo_string); its size into *size (may be null). A NUL that is not counted
+ * follows. Null when there is no such string. */
 LUMO_API const char* lumo_answer_string(const lumo_answer* answer, int index, size_t* size);
 
 /* The fields of the control block as they came; lumo_answer_command has 4 bytes and
@@ -350,10 +361,6 @@ LUMO_API lumo_status lumo_manage(lumo_connection* connection, uint16_t command, 
 
 /* 100: does nothing; *result 1. Tells that the agent serves. */
 LUMO_API lumo_status lumo_probe(lumo_connection* connection, int deadline_ms, int32_t* result);
-
-/* 101, 107 to 115: reserved, do nothing; *result 0. Another number: LUMO_BAD_ARGUMENT. */
-LUMO_API lumo_status lumo_reserved(lumo_connection* connection, uint16_t command, int deadline_ms,
-                                   int32_t* result);
 
 /* 102: *result is the number of nodes. */
 LUMO_API lumo_status lumo_count_nodes(lumo_connection* connection, int deadline_ms,

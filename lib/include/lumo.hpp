@@ -2,9 +2,9 @@
 //
 //   liblumo::Connection agent;
 //   if (const auto answer = agent.Ask("SRV1", "SELECT 1"))
-//     std::cout << answer.String(3);
+//     std::cout << answer.Rows();
 //   else
-//     std::cerr << answer.Words();
+//     std::cerr << answer.Words();  // an error, unsure, or refused by the node: answer.Status()
 //
 // Nothing throws but what the standard library throws for want of memory. Calls that can fail give
 // back a Status, an Answer or a Result, which are true when the call was LUMO_OK.
@@ -52,7 +52,8 @@ struct NodeResult : Result {
   lumo_node Node{};
 };
 
-// How a request ended, or why it was not sent. True when the node answered, whatever its code.
+// How a request ended, or why it was not sent. True when the node (or the agent, a management
+// command) has done it; a node's code that is not 0 is LUMO_REFUSED.
 class Answer {
  public:
   Answer() = default;
@@ -63,6 +64,7 @@ class Answer {
   lumo_status Status() const { return status_.Code; }
   bool Ended() const { return answer_ != nullptr; }  // else it was not sent, or is still in flight
   bool Unsure() const { return status_.Code == LUMO_UNSURE; }
+  bool Refused() const { return status_.Code == LUMO_REFUSED; }
   lumo_ticket Ticket() const { return ticket_; }  // after ReceiveAny: which request it was
 
   std::string_view Words() const {
@@ -82,6 +84,7 @@ class Answer {
     const char* const text = lumo_answer_string(answer_.get(), index, &size);
     return text ? std::string_view(text, size) : std::string_view();
   }
+  std::string_view Rows() const { return String(LUMO_ROWS); }
   const lumo_answer* Get() const { return answer_.get(); }  // for what is not here
 
  private:
@@ -98,7 +101,7 @@ class Request {
  public:
   Request() = default;
   explicit Request(std::string node, std::string text = {}) : node_(std::move(node)) {
-    strings_[0] = std::move(text);
+    strings_[LUMO_TEXT] = std::move(text);
   }
   Request& Node(std::string node) { return Set(node_, std::move(node)); }
   Request& Command(std::string command) { return Set(command_, std::move(command)); }
@@ -177,9 +180,6 @@ class Connection {
     return {status, answer};
   }
   Result Probe(Time time = kUsual) { return Call(lumo_probe, Milliseconds(time)); }
-  Result Reserved(std::uint16_t command, Time time = kUsual) {
-    return Call(lumo_reserved, command, Milliseconds(time));
-  }
   Result CountNodes(Time time = kUsual) { return Call(lumo_count_nodes, Milliseconds(time)); }
   NameResult DefaultName(Time time = kUsual) {
     return CallForName(LUMO_NODE_NAME_SIZE, [&](char* name, std::int32_t* value) {

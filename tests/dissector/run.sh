@@ -8,6 +8,6 @@ cd "$(dirname "$0")/../.."
 source tools/setup.sh
 
 build=$(realpath "${1:-build/release}")
-install_packages python3 tshark
+install_packages "${dissector_packages[@]}"
 # Capturing is root's; but whoever has the right may run the Python program himself.
-PYTHONDONTWRITEBYTECODE=1 as_root python3 tests/dissector/dissector_test.py "$build"
+as_root python3 -B tests/dissector/dissector_test.py "$build"

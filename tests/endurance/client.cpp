@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/client/management.h"
+#include "tests/support/management.h"
 
 namespace endurance {
 namespace {

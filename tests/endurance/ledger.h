@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "lib/message_codec.h"
 #include "tests/endurance/chance.h"
 #include "tests/endurance/loop.h"
-#include "tools/client/message_codec.h"
 
 namespace endurance {
 

@@ -42,7 +42,7 @@ void AddOptions(CLI::App* app, endurance::Options* options) {
       ->capture_default_str();
   app->add_flag("--table", options->Table, "samples the agent's use of the system");
   app->add_option("--lie-at", options->LieAt,
-                  "at this request a node answers under another request's name: the run must fail");
+                  "from this request on a node answers under others' names: the run must fail");
 }
 
 int Run(const endurance::Options& options) {

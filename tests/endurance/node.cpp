@@ -124,20 +124,22 @@ void Node::Send(Answer answer) {
   Request* const request = account().Find(answer.Number);
   if (!request) throw Failure("a node's answer is older than the round");
   Touch();
-  if (std::exchange(lying_, false)) {
-    // The name of another request that this node has not answered yet.
-    for (std::uint64_t number = answer.Number; Request* other = account().Find(--number);) {
-      if (other->Ended != End::Open || other->Incarnation != current_ || other->Answers > 0 ||
-          other->Node != setting_.Index || other->Connection == request->Connection)
-        continue;
-      answer.Message.SetTrailerTaskName(other->TaskName);
-      answer.Message.SetAstInd(other->Tag);
-      break;
-    }
-    lying_ = answer.Message.AstInd() == request->Tag;
-  }
+  if (lying_ && !request->Stray) TakeAnotherName(answer.Number, &answer.Message);
   account().AnswerGoesOut(*request);
   Transmit(answer.Message);
+}
+
+// The name of another connection's request that this node has not answered yet, if there is one.
+void Node::TakeAnotherName(std::uint64_t number, lumo::Message* answer) const {
+  const std::uint64_t connection = account().Find(number)->Connection;
+  while (const Request* const other = account().Find(--number)) {
+    if (other->Ended != End::Open || other->Incarnation != current_ || other->Answers > 0 ||
+        other->Node != setting_.Index || other->Connection == connection)
+      continue;
+    answer->SetTrailerTaskName(other->TaskName);
+    answer->SetAstInd(other->Tag);
+    return;
+  }
 }
 
 // One of the two halves of the name is that of a request under way.

@@ -37,7 +37,8 @@ class Node {
   void Settle(bool on) { settling_ = on; }
   // A request to another node is answered here: its answer must be dropped.
   void AnswerForAnother(Request& request, const lumo::Message& message);
-  // To see that the checks see: the next answer goes out under another request's name.
+  // To see that the checks see: from now on answers go out under other requests' names. One lie
+  // would not do: it is never heard when its link breaks or its client hangs up first.
   void Lie() { lying_ = true; }
 
   const std::string& Name() const { return setting_.Name; }
@@ -86,6 +87,7 @@ class Node {
   void Schedule(const Request& request, const lumo::Message& message, Time due, int copy);
   void SendDue(Time now);
   void Send(Answer answer);
+  void TakeAnotherName(std::uint64_t number, lumo::Message* answer) const;
   void SendToNobody(const lumo::Message& request);
   void CheckDeath(std::int32_t pid);
   Microseconds Delay();

@@ -147,10 +147,7 @@ void World::RunRound() {
   while (!Done() && !over()) {
     Pass(MayAsk());
     Tick(Clock::now());
-    if (options_.LieAt > 0 && !lied_ && ledger_.Total.Asked >= options_.LieAt) {
-      lied_ = true;
-      nodes_.front()->Lie();
-    }
+    if (options_.LieAt > 0 && ledger_.Total.Asked >= options_.LieAt) nodes_.front()->Lie();
   }
 }
 

@@ -29,7 +29,7 @@ struct Options {
   std::uint64_t Round = 40000;  // requests between two times of rest
   double RoundSeconds = 20;
   bool Table = false;
-  std::uint64_t LieAt = 0;  // the request at which a node gives an answer a wrong name
+  std::uint64_t LieAt = 0;  // from this request on a node gives answers wrong names
 };
 
 class World {
@@ -89,7 +89,6 @@ class World {
   std::deque<long> latestKb_;  // at rest
   long restKb_ = 0, restBaseKb_ = 0, restMostKb_ = 0;
   int idlersPerMille_ = 0;
-  bool lied_ = false;
 };
 
 }  // namespace endurance

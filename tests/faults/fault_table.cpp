@@ -89,9 +89,10 @@ class Table {
 // What other scenarios pass only when processes happen to run in a certain order.
 constexpr struct {
   const char *Path, *Scenario;
-} kHomes[] = {{"SettleAnswered", "busy reader"},
-              {"ProcessIsAlive < SendToQueue", "full queue"},
-              {"TakeHandedAnswers < SendToQueue", "full queue"},
+} kHomes[] = {{"SettleEntry", "busy reader"},
+              {"ProcessIsAlive < PutIntoQueue", "full queue"},
+              {"SendPending", "full queue"},
+              {"Keep <", "full queue"},
               {"FlushBytes < ServeWritableLink", "slow node"}};
 
 bool BelongsElsewhere(const CallPath& path) {
@@ -159,6 +160,9 @@ void Table::MakeRows() {
   results_.resize(rows_.size());
 }
 
+// Made only for a client of another user than the agent's, which only root could act as.
+bool IsOfOtherUsers(const Site& site) { return site.At.Function == "IsInGroups"; }
+
 bool WasPassed(const Site& site, const std::vector<CallPath>& paths) {
   return std::any_of(paths.begin(), paths.end(), [&](const CallPath& path) {
     if (path.Kind != site.Kind) return false;
@@ -175,6 +179,10 @@ bool Table::ReportSites() {
                               site.At.Line + " " + site.At.Function;
     if (std::find(places.begin(), places.end(), place) != places.end()) continue;
     places.push_back(place);
+    if (IsOfOtherUsers(site)) {
+      std::cout << "left out, since it takes a client of another user: " << place << "\n";
+      continue;
+    }
     if (!WasPassed(site, paths_)) missing.push_back(place);
   }
   const auto certain = std::count_if(paths_.begin(), paths_.end(),

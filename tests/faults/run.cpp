@@ -13,7 +13,7 @@
 #include <stdexcept>
 
 #include "tests/support/client.h"
-#include "tools/client/management.h"
+#include "tests/support/management.h"
 
 namespace faults {
 namespace {
@@ -100,6 +100,7 @@ Run::Run(const Scenario& scenario, Nodes& nodes, SharedControl& control,
       .LogLevel("3")
       .Options(scenario.Options)
       .Nodetab(scenario.Table(nodes));
+  for (const auto& [name, value] : scenario.Environment) agent_.Environment(name, value);
   if (scenario.ClosedStream >= 0) agent_.ClosedDescriptor(scenario.ClosedStream);
   if (!scenario.BesideAnother) return;
   other_.Program(program)

@@ -5,13 +5,14 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/faults/control.h"
 #include "tests/faults/nodes.h"
 #include "tests/faults/sites.h"
 #include "tests/support/agent.h"
-#include "tools/client/connection.h"
+#include "tests/support/connection.h"
 
 namespace faults {
 
@@ -139,6 +140,7 @@ struct Scenario {
   void (*Body)(Run& run);
   bool BesideAnother = false;  // an undisturbed agent serves the same exchange id
   int ClosedStream = -1;       // a standard stream that the caller had closed
+  std::vector<std::pair<std::string, std::string>> Environment = {};
 };
 
 const std::vector<Scenario>& Scenarios();

@@ -43,6 +43,16 @@ void AskOnce(Run& run) {
   run.Tick();
 }
 
+// Clients that ask in their own name and in that of another process of the same user.
+void Permitted(Run& run) {
+  const test::LivingProcess process;
+  App own = run.NewApp(), named = run.NewApp(process.Pid());
+  run.Ask(own, "T1", "own");
+  run.Ask(named, "T1", "named");
+  const std::string text = std::string("N1 REZ") + '\0';
+  run.Manage(own, 119, text, "add");
+}
+
 void ReportVerdict(Run& run) {
   const std::string log = run.Subject().Log();
   run.Tell("verdict", log.find("is alive") != std::string::npos       ? "alive"
@@ -200,6 +210,19 @@ void Stalled(Run& run) {
   run.Expect(app, request, "x", "stalled");
 }
 
+// The link that its requests wait for takes a while: a client that sends many is not read
+// meanwhile.
+void Parked(Run& run) {
+  App app = run.NewApp(), other = run.NewApp();
+  if (!run.Alive()) return;
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < 32; ++i) requests.push_back(run.Send(app, "S", "x"));  // as many as may wait
+  for (int i = 0; i < 40; ++i) run.Barrier();  // a pass of the loop serves one request of a client
+  for (int i = 0; i < 4; ++i) run.Tick();
+  for (const lumo::Message& request : requests) run.Expect(app, request, "x", "parked");
+  run.Ask(other, "T2", "meanwhile");
+}
+
 // The default goes on to the next node until one serves.
 void Circle(Run& run) {
   App app = run.NewApp();
@@ -221,11 +244,28 @@ void BadDescriptor(Run& run) {
   run.Database().Pause();
   const lumo::Message request = run.Send(app, "T1", "under way");
   run.Barrier();
-  run.Provoke(Call::epoll_wait, "WaitInEpoll", EBADF);
+  run.Provoke(Call::epoll_wait, "WaitInEpoll", EBADF);  // from here on all is select's
+  run.Barrier();
+  run.Provoke(Call::select, "SelectAll", EBADF);
   run.Barrier();
   run.Database().Resume();
   run.Expect(app, request, "under way", "T1 under way");
   AskAll(run, app, "after");
+}
+
+// Requests that go out together, of which the first fails: the others are served anew.
+void JointBreaks(Run& run) {
+  std::deque<App> apps;
+  for (int i = 0; i < 4; ++i) apps.push_back(run.NewApp());
+  run.Ask(apps[0], "T1", "first");
+  if (!run.Alive()) return;
+  std::vector<lumo::Message> requests;
+  test::Freeze(run.Subject().Pid());
+  for (App& app : apps) requests.push_back(run.Send(app, "T1", "together"));
+  run.Provoke(Call::send, "SendNow", ECONNRESET);
+  test::Thaw(run.Subject().Pid());
+  for (std::size_t i = 0; i < apps.size(); ++i)
+    run.Expect(apps[i], requests[i], "together", std::to_string(i));
 }
 
 void NoDescriptors(Run& run) {
@@ -243,7 +283,8 @@ void FullQueue(Run& run) {
   if (!run.Alive()) return;
   run.Database().Kernel().FillQueue();
   const lumo::Message request = run.Send(app, "K", "waits");
-  run.WaitForPath(Call::poll, "SendToQueue");
+  run.Barrier();
+  run.Tick();  // it is tried again, in vain
   run.Database().Kernel().DrainQueue();
   run.Expect(app, request, "waits", "K full");
 }
@@ -254,8 +295,8 @@ void FormerReader(Run& run) {
   run.Ask(app, "K", "hello");
   if (!run.Alive()) return;
   const pid_t reader = run.Reader();
-  run.Provoke(Call::msgsnd, "SendToQueue", EIDRM);
-  run.Provoke(Call::kill, "LIpcDisconnectLink", ESRCH);
+  run.Provoke(Call::msgsnd, "PutIntoQueue", EIDRM);
+  run.Provoke(Call::kill, "TellToEnd", ESRCH);
   run.Ask(app, "K", "breaks");
   const lumo::Message request = run.Send(app, "K", "again");
   run.WaitForPath(Call::poll, "AwaitFormerReaders");
@@ -271,7 +312,7 @@ void BusyReader(Run& run) {
   run.Provoke(Call::send, "SendNow", kDelay);
   const lumo::Message request = run.Send(app, "K", "slow");
   run.WaitForProvoked();
-  run.Provoke(Call::msgsnd, "SendToQueue", EIDRM);
+  run.Provoke(Call::msgsnd, "PutIntoQueue", EIDRM);
   run.Ask(other, "K", "breaks");
   run.Expect(app, request, "slow", "K slow");
 }
@@ -309,7 +350,15 @@ const std::vector<Scenario>& Scenarios() {
       {"management", {}, AllNodes, kForeground, kAllNodes, Manage},
       {"death", {}, AllNodes, kForeground, kAllNodes, Death},
       {"breaks", {}, AllNodes, kForeground, kAllNodes, Breaks},
-      {"slow node", {}, AllNodes, kForeground, kAllNodes, SlowNode},
+      {"slow node",
+       {},
+       AllNodes,
+       kForeground,
+       kAllNodes,
+       SlowNode,
+       false,
+       -1,
+       {{"LUMO_LINK_BUFFER", "0"}}},
       {"slow client", {}, AllNodes, kForeground, kAllNodes, SlowClient},
       {"stalled", {}, StalledAndTcp, kForeground, {"T2"}, Stalled},
       {"circle",
@@ -318,7 +367,29 @@ const std::vector<Scenario>& Scenarios() {
        kForeground,
        {"T2", "L", "K", ""},
        Circle},
+      {"parked", {}, StalledAndTcp, kForeground, {"T2"}, Parked},
       {"bad descriptor", {}, AllNodes, kForeground, kAllNodes, BadDescriptor},
+      {"joint breaks", {}, AllNodes, kForeground, kAllNodes, JointBreaks},
+      {"permissions",
+       {},
+       AllNodes,
+       kForeground,
+       kAllNodes,
+       Permitted,
+       false,
+       -1,
+       {{"LUMO_MANAGERS", "0"}, {"LUMO_STRICT_TASKS", "1"}}},
+      {"watched",
+       {},
+       AllNodes,
+       kForeground,
+       kAllNodes,
+       Manage,
+       false,
+       -1,
+       {{"LUMO_STATS", "1"},
+        {"NOTIFY_SOCKET", "@lumo-no-manager"},
+        {"LUMO_STRICT_TASKS", std::string(5000, 'x')}}},  // told in a long line
       {"no descriptors", {}, AllNodes, kForeground, kAllNodes, NoDescriptors},
       {"full queue", {}, AllNodes, kForeground, kAllNodes, FullQueue},
       {"busy reader", {}, AllNodes, kForeground, kAllNodes, BusyReader},

@@ -12,7 +12,6 @@ namespace faults {
 
 // Calls of the probe of descriptors before it comes to a client's connection, and to a link's.
 constexpr int kProbesBeforeClient = 13, kProbesBeforeLink = 16;
-constexpr int kAnswersBeforeHanded = 1;
 
 // One call of the source as reached from one caller.
 struct CallPath {

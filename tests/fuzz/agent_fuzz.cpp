@@ -12,7 +12,8 @@
 #include "client/clntxch.h"
 #include "client/primitiv.h"
 #include "core/init.h"
-#include "core/io.h"
+#include "core/loop.h"
+#include "core/stream.h"
 #include "link/link.h"
 #include "protocols/lipc.h"
 #include "protocols/lipc_board.h"
@@ -210,45 +211,49 @@ void EndReader(const LIpcLinkData& data) {
   world::state.Dead.insert(data.ChildPid);
 }
 
-void WriteRecord(const LIpcLinkData& data, const Tag& tag, bool handedOver) {
-  const PipeRecord record = {.TaskName = tag.first, .AstInd = tag.second, .HandedOver = handedOver};
+void WriteRecord(const LIpcLinkData& data, const Tag& tag, RequestId request, bool handedOver) {
+  const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
+  const PipeRecord record = {
+      .TaskName = tag.first, .AstInd = tag.second, .Entry = static_cast<std::uint16_t>(entry)};
   At(data.PipeRead).Input.append(reinterpret_cast<const char*>(&record), sizeof record);
+}
+
+void HandOver(const LIpcLinkData& data, const Tag& tag, RequestId request) {
+  const std::string identity(reinterpret_cast<const char*>(&request), sizeof request);
+  At(data.Pair).Packets.push_back(identity + AnswerFor(tag, 0));
+  WriteRecord(data, tag, request, true);
+}
+
+// The request of that name which the reader claims; Slot -1: none.
+BoardRequest Claim(const LIpcLinkData& data, const Tag& tag) {
+  BoardRequest request = {};
+  request.Id.Slot = -1;
+  BoardClaim(data.Board, tag.first, tag.second, &request);
+  return request;
 }
 
 void ReaderHandsOver() {
   LIpcLinkData* const data = SomeReader();
   const Tag tag = SomeTag();
-  if (!data) return;
-  At(data->Pair).Packets.push_back(AnswerFor(tag, 0));
-  WriteRecord(*data, tag, true);
+  if (data) HandOver(*data, tag, Claim(*data, tag).Id);
 }
 
-// An answer of this name is on its way to the client through the agent.
-bool HandedOverBefore(const LIpcLinkData& data, const Tag& tag) {
-  const std::string& records = At(data.PipeRead).Input;
-  for (std::size_t at = 0; at + sizeof(PipeRecord) <= records.size(); at += sizeof(PipeRecord)) {
-    PipeRecord record;
-    std::memcpy(&record, records.data() + at, sizeof record);
-    if (record.HandedOver != 0 && Tag{record.TaskName, record.AstInd} == tag) return true;
-  }
-  return false;
-}
-
-// The child writes to the client itself; then the record follows, or the child ends before.
+// The child writes to the client itself; then the record follows, or the child ends before: having
+// said that it has written, or not.
 void ReaderDelivers() {
   LIpcLinkData* const data = SomeReader();
   const Tag tag = SomeTag();
-  const bool tells = run.Script->Below(2) == 0;
-  if (!data) return;
-  BoardRequest request;
-  std::uint32_t state;
-  BoardSlot* const slot = BoardFind(data->Board, tag.first, tag.second, &request, &state);
-  if (!slot || request.Serial != ConnectionSerial(request.Socket)) return;
-  if (run.AnswersVanish || HandedOverBefore(*data, tag)) return;
-  BoardMarkDelivered(slot, state);
+  const unsigned end = run.Script->Below(4);
+  if (!data || run.AnswersVanish) return;
+  const BoardRequest request = Claim(*data, tag);
+  if (request.Id.Slot < 0) return;
+  if (request.Connection == 0 || request.Connection != ConnectionSerial(request.Socket) ||
+      !BoardBeginWrite(data->Board, request))
+    return HandOver(*data, tag, request.Id);
   peers::AnswerCame(request.Socket, tag);
-  if (tells)
-    WriteRecord(*data, tag, false);
+  if (end != 0) BoardEndWrite(data->Board, request, true);
+  if (end > 1)
+    WriteRecord(*data, tag, request.Id, false);
   else
     EndReader(*data);
 }

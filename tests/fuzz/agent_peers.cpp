@@ -5,7 +5,7 @@
 #include "client/message.h"
 #include "client/primitiv.h"
 #include "core/dbc.h"
-#include "core/io.h"
+#include "core/stream.h"
 #include "tests/fuzz/world.h"
 
 namespace {

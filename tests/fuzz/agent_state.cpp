@@ -7,7 +7,7 @@
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
-#include "core/io.h"
+#include "core/stream.h"
 #include "link/link.h"
 #include "protocols/protload.h"
 #include "tests/fuzz/world.h"

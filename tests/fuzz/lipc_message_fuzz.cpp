@@ -36,9 +36,11 @@ void AcceptClients(ReaderBoard* board) {
     const int client = world::state.Highest;
     world::At(client).Output.clear();
     run.Clients[tag] = client;
-    BoardAdd(
-        board,
-        {.TaskName = kTask, .AstInd = tag, .Socket = client, .Serial = ConnectionSerial(client)});
+    BoardAdd(board, {.Id = {tag, tag + 1U},
+                     .TaskName = kTask,
+                     .AstInd = tag,
+                     .Socket = client,
+                     .Connection = ConnectionSerial(client)});
   }
 }
 
@@ -74,7 +76,9 @@ void LookAtOutput() {
       world::Violated("client %d gets an answer that has been handed over before", i);
   }
   const std::string& handed = world::At(run.Pair).Output;
-  const int tag = CheckStream(handed.substr(run.HandedOver), 0);
+  const std::size_t begin =
+      run.HandedOver + (handed.size() > run.HandedOver ? sizeof(RequestId) : 0);
+  const int tag = CheckStream(handed.substr(begin), 0);
   run.HandedOver = handed.size();
   if (tag >= 0) run.HandedTags.insert(static_cast<std::uint16_t>(tag));
 }

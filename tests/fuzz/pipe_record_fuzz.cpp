@@ -23,9 +23,9 @@ int CheckedPut(const char*, int, ClientMessage* msg) {
   return 0;
 }
 
-std::string Record(std::int32_t task, std::uint16_t tag) {
-  const PipeRecord record = {.TaskName = task, .AstInd = tag, .HandedOver = 0};
-  return {reinterpret_cast<const char*>(&record), sizeof record};
+template <class T>
+std::string BytesOf(const T& value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
 class Child {
@@ -49,12 +49,29 @@ class Child {
     link_->Protocol->ReadyForRead(kFuzz, __LINE__, link_);
     g_DbcI.ServedLink = nullptr;
   }
-  // The child has written an answer to the client itself.
-  void Deliver(std::uint16_t tag) const {
-    BoardRequest request;
-    std::uint32_t state;
-    BoardSlot* const slot = BoardFind(data_->Board, kTask, tag, &request, &state);
-    if (slot) BoardMarkDelivered(slot, state);
+  // The child takes the request of that name; Slot -1: there is none.
+  RequestId Claim(std::uint16_t tag) const {
+    BoardRequest request = {};
+    request.Id.Slot = -1;
+    BoardClaim(data_->Board, kTask, tag, &request);
+    return request.Id;
+  }
+  // It has written the answer to the client itself, or is about to.
+  RequestId Write(std::uint16_t tag, bool whole) const {
+    BoardRequest request = {};
+    request.Id.Slot = -1;
+    if (!BoardClaim(data_->Board, kTask, tag, &request)) return request.Id;
+    if (BoardBeginWrite(data_->Board, request) && whole) BoardEndWrite(data_->Board, request, true);
+    return request.Id;
+  }
+  void Tell(std::uint16_t tag, RequestId request, bool handedOver) const {
+    const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
+    Pipe().Input += BytesOf(
+        PipeRecord{.TaskName = kTask, .AstInd = tag, .Entry = static_cast<std::uint16_t>(entry)});
+  }
+  void HandOver(std::uint16_t tag, RequestId request) const {
+    Pair().Packets.push_back(BytesOf(request) +
+                             MakeMessage({.TaskName = kTask, .AstInd = tag, .Text = "rows"}));
   }
   void AddClient() {
     client_ = world::Open(world::Kind::Client);
@@ -67,34 +84,32 @@ class Child {
   int client_ = -1;
 };
 
-void Tell(const Child& child, Input* input, bool handedOver) {
-  child.Pipe().Input += Record(input->Byte(), handedOver);
-}
-
-void HandOver(const Child& child, Input* input) {
-  const std::uint16_t tag = input->Byte();
-  child.Pair().Packets.push_back(MakeMessage({.TaskName = kTask, .AstInd = tag, .Text = "rows"}));
-}
-
 void Step(const Child& child, Input* input) {
   switch (input->Below(11)) {
     case 0:
       return child.Ask(input->Byte());
-    case 1:
-      return Tell(child, input, true);
-    case 2:
-      return HandOver(child, input);
+    case 1: {
+      const std::uint16_t tag = input->Byte();
+      return child.Tell(tag, {input->Byte() - 1, input->Byte()}, true);
+    }
+    case 2: {
+      const std::uint16_t tag = input->Byte();
+      const RequestId request = child.Claim(tag);
+      child.HandOver(tag, request);
+      return child.Tell(tag, request, true);
+    }
     case 3:
       child.Pipe().Input += input->Bytes(input->Below(24));
       return;
     case 4:
       child.Pair().Packets.push_back(input->Bytes(input->Byte()));
       return;
-    case 5:
-      child.Deliver(input->Byte());
-      return Tell(child, input, false);
+    case 5: {
+      const std::uint16_t tag = input->Byte();
+      return child.Tell(tag, child.Write(tag, true), false);
+    }
     case 6:
-      child.Deliver(input->Byte());
+      child.Write(input->Byte(), input->Below(2) == 0);
       return;
     case 7:
       child.Pipe().Piece = 1 + input->Below(9);

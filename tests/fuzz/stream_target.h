@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/io.h"
+#include "core/stream.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/world.h"
 

@@ -475,7 +475,8 @@ pid_t __wrap_fork() {
 
 pid_t __real_waitpid(pid_t pid, int* status, int options);
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
-  return state.Quiet ? Fail(ECHILD) : __real_waitpid(pid, status, options);
+  if (!state.Quiet) return __real_waitpid(pid, status, options);
+  return pid > 0 && world::IsAlive(pid) ? 0 : Fail(ECHILD);
 }
 
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* old);
@@ -553,6 +554,7 @@ int __wrap_msgsnd(int id, const void* message, std::size_t size, int flags) {
 ssize_t __real_msgrcv(int id, void* message, std::size_t size, long type, int flags);
 ssize_t __wrap_msgrcv(int id, void* message, std::size_t size, long type, int flags) {
   if (!state.Active) return __real_msgrcv(id, message, size, type, flags);
+  if ((flags & IPC_NOWAIT) != 0) return Fail(ENOMSG);  // nothing is for a former reader
   if (state.OnReceive) state.OnReceive();
   if (state.FromKernel.empty()) return Fail(EIDRM);
   const std::string body = state.FromKernel.front().substr(0, size);

@@ -90,11 +90,11 @@ TEST(Codes, OtherNumbersHaveWords) {
   for (int reason = LUMO_REASON_NONE; reason <= LUMO_REASON_NO_MEMORY; ++reason)
     texts.insert(lumo_reason_text(reason));
   EXPECT_EQ(texts.size(), 6u);
-  for (int advice = LUMO_ADVICE_NONE; advice <= LUMO_ADVICE_UNSURE; ++advice)
+  for (int advice = LUMO_ADVICE_NONE; advice <= LUMO_ADVICE_ASK_PERMISSION; ++advice)
     texts.insert(lumo_advice_text(advice));
-  EXPECT_EQ(texts.size(), 10u);
+  EXPECT_EQ(texts.size(), 11U);
   for (const int result : {0, 1, 3, 4, 5, 17, 33, 129}) texts.insert(lumo_result_text(result));
-  EXPECT_EQ(texts.size(), 18u);
+  EXPECT_EQ(texts.size(), 19U);
   EXPECT_STREQ(lumo_result_text(2), "unknown result");
 }
 

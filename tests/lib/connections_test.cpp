@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "lib/socket_places.h"
 #include "tests/lib/lib_setting.h"
 
 namespace {
@@ -61,6 +62,38 @@ TEST(SocketPaths, ATooLongDirectoryIsIgnored) {
   EXPECT_EQ(SocketPath(0), most + "/tavrin.20562");
   const Variable long_("TAVRIN_TMP", (most + "d").c_str());
   EXPECT_EQ(SocketPath(0), "/tmp/tavrin/tavrin.20562");
+}
+
+TEST(SocketPaths, ThePackagedServiceIsLookedForFirstWhenItsDirectoryIsThere) {
+  using lumo::detail::SocketDirectories;
+  const test::TemporaryDirectory packaged;
+  const std::string missing = packaged.Path() / "missing";
+  const Variable unset("TAVRIN_TMP", nullptr);
+  EXPECT_EQ(SocketDirectories(packaged.Path()),
+            (std::vector<std::string>{packaged.Path(), "/tmp/tavrin"}));
+  EXPECT_EQ(SocketDirectories(missing), std::vector<std::string>{"/tmp/tavrin"});
+  const Variable set("TAVRIN_TMP", "/some/where");
+  EXPECT_EQ(SocketDirectories(packaged.Path()), std::vector<std::string>{"/some/where"});
+}
+
+TEST(SocketPaths, TheFirstThatIsThereIsTaken) {
+  const test::TemporaryDirectory one, two;
+  const std::string first = one.Path() / "tavrin.1", second = two.Path() / "tavrin.1";
+  EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), first);
+  test::WriteFile(second, "");
+  EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), second);
+  test::WriteFile(first, "");
+  EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), first);
+}
+
+TEST(SocketPaths, PlacesAreToldOneByOne) {
+  const Variable directory("TAVRIN_TMP", "/some/where"), exchange("NET_MBX", nullptr);
+  char path[300];
+  EXPECT_EQ(lumo_socket_place(7, 0, path, sizeof path), LUMO_OK);
+  EXPECT_STREQ(path, "/some/where/tavrin.7");
+  EXPECT_EQ(lumo_socket_place(7, 1, path, sizeof path), LUMO_BAD_ARGUMENT);
+  EXPECT_STREQ(path, "");
+  EXPECT_EQ(lumo_socket_place(7, 0, path, 8), LUMO_TOO_LONG);
 }
 
 TEST(SocketPaths, RoomIsChecked) {

@@ -36,10 +36,12 @@ void Expect(const Result& result, lumo_status status, std::int32_t value) {
 
 TEST_F(Management, CommandsThatDoNothing) {
   Expect(Lumo().Probe(kTime), LUMO_OK, 1);
-  for (const int command : {101, 107, 108, 109, 110, 111, 112, 113, 114, 115})
-    Expect(Lumo().Reserved(static_cast<std::uint16_t>(command), kTime), LUMO_OK, 0);
-  Expect(Lumo().Reserved(116, kTime), LUMO_BAD_ARGUMENT, 0);
-  Expect(Lumo().Reserved(100, kTime), LUMO_BAD_ARGUMENT, 0);
+  for (const int command : {101, 107, 108, 109, 110, 111, 112, 113, 114, 115}) {
+    const auto number = static_cast<std::uint16_t>(command);
+    const liblumo::Answer answer = Lumo().Manage(number, 0, {}, kTime);
+    EXPECT_TRUE(answer) << command;
+    EXPECT_EQ(answer.RowId(), 0) << command;
+  }
 }
 
 TEST_F(Management, NamesAndNumbers) {

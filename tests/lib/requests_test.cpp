@@ -44,7 +44,7 @@ TEST_F(Requests, TheNodesAnswerComesBack) {
   EXPECT_EQ(answer.Code(), 0);
   EXPECT_FALSE(answer.FromAgent());
   EXPECT_EQ(answer.Advice(), LUMO_ADVICE_NONE);
-  EXPECT_EQ(answer.Words(), "the node answered with code 0");
+  EXPECT_EQ(answer.Words(), "the node answered");
   EXPECT_EQ(connection_->AgentPid(), agent_.Pid());
   EXPECT_EQ(connection_->InFlight(), 0u);
 }
@@ -99,17 +99,34 @@ TEST_F(Requests, EveryFieldGoesOutAndComesBack) {
   EXPECT_EQ(lumo_answer_tag(raw), received->AstInd());
 }
 
-TEST_F(Requests, TheNodesOwnCodeIsAnAnswer) {
+TEST_F(Requests, TheNodesOwnCodeIsARefusal) {
   Start(node_.Line("SRV"));
   lumo::Message request;
   const lumo_ticket ticket = SendToNode(&request);
-  node_.Answer(request, "no", 4050);
+  const std::string words("no\nthanks\0hidden", 16);
+  lumo::Message refusal = test::AnswerTo(request, "", 4050);
+  refusal.Strings[LUMO_ROWS] = words;
+  node_.SendMessage(refusal);
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
-  EXPECT_EQ(answer.Status(), LUMO_OK);
+  EXPECT_EQ(answer.Status(), LUMO_REFUSED);
+  EXPECT_EQ(lumo_answer_status(answer.Get()), LUMO_REFUSED);
+  EXPECT_FALSE(answer);
+  EXPECT_TRUE(answer.Refused());
+  EXPECT_TRUE(answer.Ended());
   EXPECT_EQ(answer.Code(), 4050);
   EXPECT_FALSE(answer.FromAgent());
   EXPECT_EQ(answer.CodeName(), nullptr);
-  EXPECT_EQ(answer.Words(), "the node answered with code 4050");
+  EXPECT_EQ(answer.Advice(), LUMO_ADVICE_NONE);
+  EXPECT_EQ(answer.Rows(), words);
+  EXPECT_EQ(answer.Words(), "the node refused: no thanks (code 4050)");
+}
+
+TEST_F(Requests, ARefusalWithoutWordsHasItsCode) {
+  Start(node_.Line("SRV"));
+  lumo::Message request;
+  const lumo_ticket ticket = SendToNode(&request);
+  node_.Answer(request, "", -7);
+  EXPECT_EQ(connection_->Receive(ticket, kAmple).Words(), "the node refused (code -7)");
 }
 
 TEST_F(Requests, AnUnknownNodeIsAnErrorWithNameWordsAndAdvice) {

@@ -18,7 +18,7 @@ class Change : public test::ControlTest {
   }
 };
 
-constexpr char kTable[] = "ONE TCPIP 127.0.0.1 1\nTWO TCPIP 127.0.0.1 2\nTHREE REZ\n";
+constexpr char kTable[] = "ONE TCPIP 127.0.0.1 1\nTWO TCPIP 127.0.0.1 2\nTHREE TCPIP 127.0.0.1 3\n";
 
 TEST_F(Change, ApplyOfTheAgentsOwnTableFindsNothing) {
   Start(kTable);
@@ -29,21 +29,86 @@ TEST_F(Change, ApplyOfTheAgentsOwnTableFindsNothing) {
 
 TEST_F(Change, ApplyShowsDifferencesThenSendsThem) {
   Start(kTable);
-  const std::string path =
-      Write("new", "# new\nfour TCPIP 127.0.0.1 4\nTHREE REZ\nONE TCPIP 127.0.0.1 11 5\n");
+  const std::string path = Write(
+      "new", "# new\nfour TCPIP 127.0.0.1 4\nTHREE TCPIP 127.0.0.1 3\nONE TCPIP 127.0.0.1 11 5\n");
   Expect({"apply", "-n", path}, 1,
          "+ FOUR: four TCPIP 127.0.0.1 4\n"
          "~ ONE: ONE TCPIP 127.0.0.1 1 1 0 0 -> ONE TCPIP 127.0.0.1 11 5\n"
-         "- TWO: TWO TCPIP 127.0.0.1 2 1 0 0\n3 different, 1 equal\n");
+         "- TWO: TWO TCPIP 127.0.0.1 2 1 0 0\n3 different, 1 equal\nnote: the nodes follow each "
+         "other as in the file, but are counted from ONE; only a restart makes FOUR the first\n");
   EXPECT_EQ(Names(), "ONE\nTWO\nTHREE\n");
   const Json value = Ask({"apply", path});
   EXPECT_EQ(Steps(value),
             "FOUR add in force\nONE change in force\nTHREE nothing\nTWO delete in force\n");
   EXPECT_EQ(value.at("differences"), 3);
   EXPECT_EQ(value.at("deferred"), 0);
-  EXPECT_EQ(Names(), "ONE\nTHREE\nFOUR\n");
+  EXPECT_EQ(Names(), "ONE\nFOUR\nTHREE\n");
   EXPECT_EQ(Ask({"show", "ONE"}).at("receive_timeout"), 5);
-  Expect({"apply", "-n", path}, 0, "0 different, 3 equal\n");
+  Expect({"apply", "-n", path}, 0,
+         "0 different, 3 equal\nnote: the nodes follow each other as in the file, but are counted "
+         "from ONE; only a restart makes FOUR the first\n");
+}
+
+TEST_F(Change, ApplyPutsAddedNodesWhereTheFileHasThem) {
+  Start(kTable);
+  const std::string path =
+      Write("new",
+            "ONE TCPIP 127.0.0.1 1\nNEW TCPIP 127.0.0.1 4\nNEXT TCPIP 127.0.0.1 5\n"
+            "TWO TCPIP 127.0.0.1 2\nTHREE TCPIP 127.0.0.1 3\nLAST TCPIP 127.0.0.1 6\n");
+  EXPECT_EQ(Ask({"apply", path}).at("notes"), Json::array());
+  EXPECT_EQ(Names(), "ONE\nNEW\nNEXT\nTWO\nTHREE\nLAST\n");
+  Expect({"apply", "-n", path}, 0, "0 different, 6 equal\n");
+}
+
+TEST_F(Change, ApplySaysWhichOrderOnlyARestartGives) {
+  Start(kTable);
+  const std::string path =
+      Write("new", "TWO TCPIP 127.0.0.1 2\nONE TCPIP 127.0.0.1 1\nTHREE TCPIP 127.0.0.1 3\n");
+  const std::string text =
+      "0 different, 3 equal\nnote: the agent goes through its nodes in the order ONE, TWO, THREE, "
+      "the file has TWO, ONE, THREE: only a restart changes it\n";
+  Expect({"apply", "-n", path}, 1, text);
+  Expect({"apply", path}, 0, text);
+}
+
+TEST_F(Change, ApplyTellsThatFailoverMayStayOff) {
+  agent_.Option("-AUTOCONNECT");
+  Start("ONE TCPIP 127.0.0.1 1\n");
+  const std::string path = Write("new", kTable);
+  EXPECT_EQ(Ask({"apply", path}).at("notes"),
+            (Json{"failover (-AUTOCONNECT) stays off until a restart when the agent was started "
+                  "with one node"}));
+  EXPECT_EQ(Ask({"apply", path}).at("notes"), Json::array());
+}
+
+TEST_F(Change, LinesWithWarningsAreTakenAndTold) {
+  Start("ONE TCPIP 127.0.0.1 1\n");
+  const std::string told = "port '99999' is outside 1 to 65535: 34463 is used [port-range]\n";
+  const std::string path = Write("new", "ONE TCPIP 127.0.0.1 99999\n");
+  const std::string place = path + ":1: ";
+  Expect({"add", "TWO TCPIP 127.0.0.1 99999"}, 0, "added\n", "lumoctl: warning: " + told);
+  Expect({"set", "TWO", "TWO", "TCPIP", "127.0.0.1", "99999"}, 0, "redefined\n",
+         "lumoctl: warning: " + told);
+  EXPECT_EQ(Run({"apply", "--keep", path}).Err, "lumoctl: warning: " + place + told);
+  EXPECT_EQ(Run({"refresh", "ONE", "--file", path}).Err, "lumoctl: warning: " + place + told);
+  EXPECT_EQ(Ask({"show", "ONE"}).at("port"), 34463);
+}
+
+TEST_F(Change, StrictRefusesLinesWithWarnings) {
+  Start("ONE TCPIP 127.0.0.1 1\n");
+  const std::string path = Write("new", "ONE TCPIP 127.0.0.1 99999\n");
+  const std::vector<std::vector<std::string>> commands{{"add", "TWO TCPIP 127.0.0.1 99999"},
+                                                       {"set", "ONE", "ONE TCPIP 127.0.0.1 99999"},
+                                                       {"apply", path},
+                                                       {"refresh", "ONE", "--file", path}};
+  for (std::vector<std::string> command : commands) {
+    command.push_back("--strict");
+    const test::CtlOutcome outcome = Run(command);
+    EXPECT_EQ(outcome.Status, 1) << command[0];
+    EXPECT_NE(outcome.Err.find("34463 is used [port-range]\n"), std::string::npos) << outcome.Err;
+  }
+  EXPECT_EQ(Names(), "ONE\n");
+  EXPECT_EQ(Ask({"show", "ONE"}).at("port"), 1);
 }
 
 TEST_F(Change, ApplyKeepsOtherNodesOnRequest) {

@@ -112,6 +112,7 @@ TEST_F(Lint, LooksHostsUpUnlessToldNotTo) {
 TEST_F(Lint, LooksAtTheAgentsOptions) {
   const std::string table = "X LOCALS 5\n";
   EXPECT_EQ(Faults(table, {"-NODETAB", "/etc/n", "--default=x", "-M", "7"}), "");
+  EXPECT_EQ(Faults(table, {"-NODETAB", "nodetab", "-PIDFILE=U"}), "");
   EXPECT_EQ(Faults(table, {"-DEFAULT", "U"}), "0 warning option-key\n0 warning default-unknown\n");
   EXPECT_EQ(Faults(table, {"-FOO", "-N"}), "0 warning unknown-option\n0 warning no-value\n");
   EXPECT_EQ(Faults(table, {"-M", "0x7", "-G"}), "0 warning bad-exchange\n0 warning one-node\n");

@@ -8,7 +8,14 @@ namespace {
 using test::NodeProgram;
 using test::Program;
 
-class Manage : public test::ControlTest {};
+class Manage : public test::ControlTest {
+ protected:
+  std::string NobodyAnswers(const std::string& reason = "No such file or directory") const {
+    return "lumoctl: no agent answers: " + agent_.SocketPath() + " (" + reason +
+           "); start it (systemctl start lumo_tcp), or say where it is with TAVRIN_TMP, -M or "
+           "--socket\n";
+  }
+};
 
 constexpr char kTwo[] = "ONE TCPIP 127.0.0.1 1 2 3 4\nTWO LOCALS 5\n";
 
@@ -92,7 +99,7 @@ TEST_F(Manage, LinesThatMakeNoNodeAreRefusedWithTheReason) {
   Expect({"add", "two LOCALS 5"}, 1, "", "lumoctl: there is a node TWO\n");
   Expect({"set", "ONE", "ONE UDP"}, 1, "", "lumoctl: the protocol 'UDP' is unknown\n");
   Expect({"set", "ONE", "TWO TCPIP 127.0.0.1"}, 1, "", "lumoctl: there is a node TWO\n");
-  Expect({"set", "NONE", "NONE REZ"}, 1, "", "lumoctl: there is no node NONE\n");
+  Expect({"set", "NONE", "NONE TCPIP 127.0.0.1"}, 1, "", "lumoctl: there is no node NONE\n");
   EXPECT_EQ(Names(), "ONE\nTWO\n");
 }
 
@@ -139,12 +146,12 @@ TEST_F(Manage, ChangesKeepToTheLock) {
   ASSERT_EQ(Run({"lock", "--owner", "7"}).Status, 0);
   const std::string held =
       "lumoctl: the node table's lock is held by another; --no-lock goes on without it\n";
-  Expect({"add", "NEW REZ", "--owner", "8"}, 1, "", held);
-  Expect({"set", "TWO", "TWO REZ", "--owner", "8"}, 1, "", held);
+  Expect({"add", "NEW TCPIP 127.0.0.1", "--owner", "8"}, 1, "", held);
+  Expect({"set", "TWO", "TWO TCPIP 127.0.0.1", "--owner", "8"}, 1, "", held);
   Expect({"del", "TWO", "--owner", "8"}, 1, "", held);
   Expect({"default", "TWO", "--owner", "8"}, 1, "", held);
   EXPECT_EQ(Names(), "ONE\nTWO\n");
-  Expect({"add", "NEW REZ", "--owner", "8", "--no-lock"}, 0, "added\n");
+  Expect({"add", "NEW TCPIP 127.0.0.1", "--owner", "8", "--no-lock"}, 0, "added\n");
   Expect({"del", "NEW", "--owner", "7"}, 0, "deleted\n");
   EXPECT_EQ(Ask({"status", "--owner", "7"}).at("lock"), "held by this owner");
   ASSERT_EQ(Run({"unlock", "--owner", "7"}).Status, 0);
@@ -184,7 +191,7 @@ TEST_F(Manage, QueryPrintsRowsAndWhoRefused) {
 TEST_F(Manage, QueryWithoutAnAnswerTellsTimeFromLoss) {
   NodeProgram node({"--listen", "0", "--silent"});
   Start(node.Line("SRV"));
-  EXPECT_EQ(Run({"query", "--timeout", "0.1", "select 1"}).Status, 4);
+  EXPECT_EQ(Run({"query", "--timeout", "0.1", "select 1"}).Status, 6);
   Program query(LUMOCTL_PATH, Full({"query", "select 22"}), Environment());
   ASSERT_TRUE(node.WaitForStderr("select 22"));
   agent_.Kill();
@@ -192,13 +199,62 @@ TEST_F(Manage, QueryWithoutAnAnswerTellsTimeFromLoss) {
 }
 
 TEST_F(Manage, WithoutAnAgentTheStatusIsThree) {
-  for (const std::vector<std::string>& arguments :
-       {std::vector<std::string>{"list"}, {"show", "A"}, {"add", "A REZ"}, {"query", "select 1"}}) {
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"list"},
+                                                    {"show", "A"},
+                                                    {"add", "SRV TCPIP 127.0.0.1"},
+                                                    {"query", "select 1"}}) {
     const test::CtlOutcome outcome = Run(arguments);
     EXPECT_EQ(outcome.Status, 3);
-    EXPECT_EQ(outcome.Err, "lumoctl: no agent answers on " + agent_.SocketPath() +
-                               ": No such file or directory\n");
+    EXPECT_EQ(outcome.Err, NobodyAnswers());
   }
+}
+
+TEST_F(Manage, QueryTellsTooLongNamesFromTooLongTexts) {
+  Start(kTwo);
+  Expect({"query", "-n", "NINECHARS", "x"}, 2, "",
+         "lumoctl: the node's name is too long: the most is 8 characters\n");
+  Expect({"query", std::string(9000, 'x')}, 2, "",
+         "lumoctl: the SQL is too long for one message\n");
+}
+
+TEST_F(Manage, AgentIsNotAskedForWhatTheSystemTells) {
+  Start(kTwo);
+  for (const char* const command : {"status", "path", "ping", "export", "report"})
+    EXPECT_NE(Run({command, "--timeout", "5"}).Out, "") << command;
+  EXPECT_EQ(Run({"path"}).Out, agent_.NodetabPath().string() + "\n");
+  // Once, when it read its table.
+  EXPECT_EQ(test::Count(agent_.Stdout(), "Nodetab found"), 1U);
+}
+
+TEST_F(Manage, TableOfAnAgentWithoutTheOptionIsTheOneInItsDirectory) {
+  agent_.WithoutNodetab().WorkingDirectory(agent_.Folder());
+  const std::string path = Write("nodetab", kTwo);
+  ASSERT_TRUE(agent_.Start());
+  EXPECT_EQ(Run({"path"}).Out, path + "\n");
+  EXPECT_EQ(test::Count(agent_.Stdout(), "Nodetab found"), 1U);
+}
+
+TEST_F(Manage, ClientThatHangsUpCostsOneLine) {
+  agent_.LogLevel("2");
+  Start(kTwo);
+  for (int i = 1; i <= 3; ++i) {
+    ASSERT_EQ(Run({"list"}).Status, 0);
+    agent_.Barrier();
+    EXPECT_EQ(test::Count(agent_.Log(), "\n"), static_cast<std::size_t>(i)) << agent_.Log();
+  }
+}
+
+TEST_F(Manage, AgentWithoutFreeDescriptorsIsFull) {
+  agent_.Limit(RLIMIT_NOFILE, 16);
+  Start(kTwo);
+  std::vector<lumo::Connection> connections;
+  while (auto connection = lumo::Connection::Open(agent_.SocketPath())) {
+    connections.push_back(std::move(*connection));
+    ASSERT_LT(connections.size(), 16U);
+  }
+  Expect({"list"}, 3, "",
+         "lumoctl: the agent on " + agent_.SocketPath() +
+             " is full, or stopping: it closes new connections\n");
 }
 
 TEST_F(Manage, AgentThatDoesNotAnswerIsStatusFour) {
@@ -210,8 +266,7 @@ TEST_F(Manage, AgentThatDoesNotAnswerIsStatusFour) {
 
 TEST_F(Manage, WaitEndsWhenTheAgentAnswers) {
   agent_.Nodetab(kTwo);
-  Expect({"wait", "--timeout", "0.05"}, 4, "",
-         "lumoctl: no agent answers on " + agent_.SocketPath() + ": No such file or directory\n");
+  Expect({"wait", "--timeout", "0.05"}, 4, "", NobodyAnswers());
   Program wait(LUMOCTL_PATH, Full({"wait"}), Environment());
   ASSERT_TRUE(agent_.Start());
   EXPECT_EQ(wait.Wait(), 0);
@@ -226,6 +281,15 @@ TEST_F(Manage, SocketMayBeGivenByItsPath) {
   EXPECT_EQ(program.Stdout(), "ONE\n");
 }
 
+TEST_F(Manage, HelpIsInWordsWithAllOptionsOfACommand) {
+  const std::string help = Run({"set", "--help"}).Out;
+  EXPECT_NE(help.find("Usage: lumoctl set [OPTIONS] NODE LINE ...\n"), std::string::npos) << help;
+  for (const char* const option : {"--owner NUMBER", "--strict", "--no-lock", "General options:",
+                                   "-M,--exchange ID", "--timeout SECONDS", "--json"})
+    EXPECT_NE(help.find(option), std::string::npos) << option << '\n' << help;
+  EXPECT_EQ(help.find("x)"), std::string::npos) << help;
+}
+
 TEST_F(Manage, BadCommandLinesAreStatusTwo) {
   const std::vector<std::vector<std::string>> lines{{},
                                                     {"nonsense"},
@@ -234,9 +298,15 @@ TEST_F(Manage, BadCommandLinesAreStatusTwo) {
                                                     {"add"},
                                                     {"set", "A"},
                                                     {"list", "--timeout", "-1"},
+                                                    {"list", "--timeout", "nan"},
+                                                    {"list", "--timeout", "5s"},
                                                     {"lock", "--owner", "x"},
                                                     {"refresh"}};
-  for (const auto& line : lines) EXPECT_EQ(Run(line).Status, 2) << testing::PrintToString(line);
+  for (const auto& line : lines) {
+    const test::CtlOutcome outcome = Run(line);
+    EXPECT_EQ(outcome.Status, 2) << testing::PrintToString(line);
+    EXPECT_EQ(outcome.Err.rfind("lumoctl: ", 0), 0U) << outcome.Err;
+  }
   EXPECT_EQ(Run({"add", "A REZ\nB REZ"}).Status, 2);
 }
 

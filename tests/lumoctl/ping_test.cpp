@@ -50,6 +50,14 @@ TEST_F(Ping, RunningAgentKeepsItsSocket) {
     EXPECT_EQ(entry.path().filename().string().find("lumoctl-"), std::string::npos);
 }
 
+// A run that finds nothing to test ends with 0 as well.
+TEST_F(Ping, StatusZeroWithoutTheWordIsNotAlive) {
+  const std::string path = Write("table", "ONE TCPIP 127.0.0.1 1\n");
+  const Json nodes = Ask({"ping", "--file", path, "--program", "/bin/true"}, 1).at("nodes");
+  EXPECT_EQ(nodes.at(0).at("alive"), false);
+  EXPECT_EQ(nodes.at(0).at("verdict"), "the test gave no verdict (status 0)");
+}
+
 TEST_F(Ping, FileIsTestedWithoutAnAgent) {
   const NodeProgram node({"--listen", "0"});
   const std::string path = Write("table", node.Line("ONE") + "TWO REZ\n");
@@ -108,7 +116,23 @@ class Export : public test::ControlTest {
     }
     return samples;
   }
+  std::string Of(const std::string& name, const std::string& node = {}) const {
+    return "lumo_" + name + "{exchange=\"" + std::to_string(agent_.ExchangeId()) + '"' +
+           (node.empty() ? "" : ",node=\"" + node + '"') + '}';
+  }
+  // What an agent without a statistics page answers, beside its nodes.
+  std::string Answered(int nodes) const {
+    return Of("answer_seconds") + '\n' + Of("nodes") + ' ' + std::to_string(nodes) + '\n';
+  }
 };
+
+TEST_F(Export, NodeThatCannotBeTestedIsNotSaidToBeDead) {
+  Start("HERE LOCALS 7\n");
+  test::WriteFile(agent_.NodetabPath(), "");  // nothing tells the address of a local node now
+  const std::string text = Run({"export"}).Out;
+  EXPECT_NE(text.find(Of("node_tested", "HERE") + " 0\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("lumo_node_alive"), std::string::npos) << text;
+}
 
 TEST_F(Export, WritesOneFileThatACollectorReads) {
   const NodeProgram node({"--listen", "0"});
@@ -116,27 +140,13 @@ TEST_F(Export, WritesOneFileThatACollectorReads) {
   const std::string path = Write("metrics.prom", "old\n");
   ASSERT_EQ(Run({"export", "--output", path}).Status, 0);
   const std::string text = test::ReadFile(path);
-  EXPECT_EQ(
-      text.rfind("# HELP lumo_up Whether the agent answers.\n# TYPE lumo_up gauge\nlumo_up 1\n", 0),
-      0U)
-      << text;
-  EXPECT_EQ(
-      Samples(text),
-      "lumo_up 1\nlumo_answer_seconds\nlumo_nodes 2\n"
-      "lumo_node_info{node=\"DUMB\",index=\"0\",protocol=\"other\"} 1\n"
-      "lumo_node_info{node=\"ALIVE\",index=\"1\",protocol=\"TCPIP\",address=\"127.0.0.1:" +
-          std::to_string(node.Port()) +
-          "\"} 1\n"
-          "lumo_node_default{node=\"DUMB\",index=\"0\"} 1\n"
-          "lumo_node_default{node=\"ALIVE\",index=\"1\"} 0\n"
-          "lumo_node_alive{node=\"DUMB\",index=\"0\"} 0\n"
-          "lumo_node_alive{node=\"ALIVE\",index=\"1\"} 1\n"
-          "lumo_node_ping_seconds{node=\"DUMB\",index=\"0\"}\n"
-          "lumo_node_ping_seconds{node=\"ALIVE\",index=\"1\"}\n"
-          "lumo_node_ping_code{node=\"DUMB\",index=\"0\"} 4066\n"
-          "lumo_node_ping_code{node=\"ALIVE\",index=\"1\"} 0\n"
-          "lumo_node_ping_verdict{node=\"DUMB\",index=\"0\",verdict=\"Protocol disabled\"} 1\n"
-          "lumo_node_ping_verdict{node=\"ALIVE\",index=\"1\",verdict=\"alive\"} 1\n");
+  EXPECT_EQ(Samples(text),
+            Answered(2) + Of("node_default", "DUMB") + " 1\n" + Of("node_default", "ALIVE") +
+                " 0\n" + Of("node_tested", "DUMB") + " 1\n" + Of("node_tested", "ALIVE") + " 1\n" +
+                Of("node_alive", "DUMB") + " 0\n" + Of("node_alive", "ALIVE") + " 1\n" +
+                Of("node_ping_seconds", "DUMB") + '\n' + Of("node_ping_seconds", "ALIVE") + '\n' +
+                Of("node_ping_code", "DUMB") + " 4066\n" + Of("node_ping_code", "ALIVE") + " 0\n" +
+                Of("up") + " 1\n");
   // Renamed into its place, with nothing left beside it.
   for (const auto& entry : std::filesystem::directory_iterator(agent_.Folder()))
     EXPECT_EQ(entry.path().string().rfind(path + ".", 0), std::string::npos) << entry.path();
@@ -148,16 +158,14 @@ TEST_F(Export, PrintsAndLeavesTheTestsOut) {
   const test::CtlOutcome outcome = Run({"export", "--no-ping"});
   EXPECT_EQ(outcome.Status, 0);
   EXPECT_EQ(Samples(outcome.Out),
-            "lumo_up 1\nlumo_answer_seconds\nlumo_nodes 1\n"
-            "lumo_node_info{node=\"ONE\",index=\"0\",protocol=\"other\"} 1\n"
-            "lumo_node_default{node=\"ONE\",index=\"0\"} 1\n");
+            Answered(1) + Of("node_default", "ONE") + " 1\n" + Of("up") + " 1\n");
   EXPECT_EQ(Ask({"export", "--no-ping"}).at("lumo_nodes").at(0).at("value"), 1.0);
 }
 
 TEST_F(Export, AgentThatIsDownIsAMetric) {
   const std::string path = agent_.Folder() / "metrics.prom";
   EXPECT_EQ(Run({"export", "-o", path}).Status, 0);
-  EXPECT_EQ(Samples(test::ReadFile(path)), "lumo_up 0\n");
+  EXPECT_EQ(Samples(test::ReadFile(path)), Of("up") + " 0\n");
 }
 
 TEST_F(Export, FileThatCannotBeWrittenIsStatusSeven) {

@@ -1,4 +1,5 @@
 // report: what it holds, and what it does not tell when asked to mask.
+#include "lib/include/lumo.h"
 #include "tests/lumoctl/control.h"
 #include "tests/support/text.h"
 #include "tools/lumoctl/mask.h"
@@ -38,6 +39,13 @@ TEST_F(Report, DescribesTheAgentAndWhatItHas) {
   EXPECT_EQ(report.at("log").at("path"), agent_.LogPath().string());
 }
 
+TEST_F(Report, VersionsOfAllThatIsThere) {
+  const std::string version = LUMO_VERSION;
+  Expect({"--version"}, 0,
+         "lumoctl " + version + "\nliblumo " + version +
+             "\nagent Vanx Embedded v. 6.0.42.18 for LINUX (Socket)\n");
+}
+
 TEST_F(Report, LogIsItsLastLines) {
   Start("ONE REZ\n");
   const std::string log = Write("other.log", "one\ntwo\nthree\n");
@@ -63,6 +71,63 @@ TEST_F(Report, IsMadeWithoutAnAgentToo) {
   EXPECT_TRUE(report.at("agent").contains("unknown"));
   EXPECT_EQ(report.at("table").at("lines").size(), 1U);
   EXPECT_FALSE(report.contains("nodes"));
+}
+
+TEST_F(Report, AgentThatDoesNotGreetIsFoundByTheSystem) {
+  Start("ONE REZ\n");
+  test::Freeze(agent_.Pid());
+  const Json report = Ask({"--timeout", "0.2", "report"});
+  test::Thaw(agent_.Pid());
+  EXPECT_TRUE(report.at("agent").contains("unknown"));
+  EXPECT_EQ(report.at("agent").at("pid"), agent_.Pid());
+  EXPECT_EQ(report.at("agent").at("command").at(0), test::AgentProgram());
+  EXPECT_EQ(report.at("log").at("path"), agent_.LogPath().string());
+  EXPECT_TRUE(report.contains("limits"));
+}
+
+TEST_F(Report, HoldsTheStatisticsPage) {
+  agent_.Environment("LUMO_STATS", "1");
+  Start("ONE REZ\n");
+  EXPECT_NE(Run({"query", "-n", "ONE", "x"}).Status, 0);
+  const Json report = Ask({"report"});
+  const Json& stats = report.at("stats");
+  EXPECT_EQ(stats.at("agent").at("agent_answers_by_code").at("4066"), 1);
+  EXPECT_EQ(stats.at("nodes").at(0).at("node"), "ONE");
+}
+
+TEST_F(Report, LogIsThatOfTheJournalWhenStandardErrorIsNoFile) {
+  const std::string stub = Write("journalctl", "#!/bin/sh\necho \"$@\"\necho last\n");
+  std::filesystem::permissions(stub, std::filesystem::perms::owner_all);
+  agent_.ClosedDescriptor(2);
+  Start("ONE REZ\n");
+  auto environment = Environment();
+  environment["PATH"] = agent_.Folder().string() + ":/usr/bin:/bin";
+  test::Program program(LUMOCTL_PATH, Full({"report", "--json", "--lines", "7"}), environment);
+  ASSERT_EQ(program.Wait(), 0) << program.Stderr();
+  const Json log = Json::parse(program.Stdout()).at("log");
+  EXPECT_EQ(log.at("path"), "journal");
+  EXPECT_EQ(log.at("lines"),
+            (Json{"--no-pager -q -o cat -n 7 _PID=" + std::to_string(agent_.Pid()), "last"}));
+}
+
+TEST_F(Report, RelativeTableIsTheAgentsAndNotOursInAnotherDirectory) {
+  agent_.WithoutNodetab();
+  test::WriteFile(agent_.Folder() / "work" / "nodetab", "MINE REZ\nHERE LOCALS 7\n");
+  ASSERT_TRUE(agent_.Start());
+  const std::string elsewhere = agent_.Folder() / "elsewhere";
+  std::filesystem::create_directory(elsewhere);
+  test::WriteFile(elsewhere + "/nodetab", "MINE TCPIP 127.0.0.9 9\nHERE LOCALS 9\n");
+  const auto run = [&](const std::string& words) {
+    std::string command = "cd '" + elsewhere + "' && exec " LUMOCTL_PATH " -M " +
+                          std::to_string(agent_.ExchangeId()) + ' ' + words;
+    test::Program program("/bin/sh", {"-c", command}, Environment());
+    program.Wait();
+    return program.Stdout() + program.Stderr();
+  };
+  EXPECT_NE(run("report --json").find((agent_.Folder() / "work/nodetab").string()),
+            std::string::npos);
+  run("refresh MINE");
+  EXPECT_EQ(Ask({"show", "MINE"}).at("protocol"), "other");  // not the TCPIP of the other file
 }
 
 TEST_F(Report, MaskedItTellsNoNamesAndAddresses) {

@@ -13,6 +13,10 @@ SEVERITIES = {"Refuse": "error", "Warn": "warning", "Note": "note",
               "Severity::Error": "error", "Severity::Warning": "warning", "Severity::Note": "note"}
 
 
+METRIC = re.compile(r'(LUMO_AGENT\(|LUMO_NODE\(|\{|\b[Aa]dd\w*\()\s*"(\w+)",\s*"([^"]+\.)"')
+METRIC_PREFIX = {"LUMO_AGENT(": "lumo_", "LUMO_NODE(": "lumo_node_"}
+
+
 class ControlPage(unittest.TestCase):
     ROOT = PROGRAM = None
 
@@ -29,7 +33,8 @@ class ControlPage(unittest.TestCase):
 
     @staticmethod
     def options_of_help(text):
-        """The options that a help lists, each at the begin of a line."""
+        """The options that a help lists, each at the begin of a line; without the general ones."""
+        text = text.split("General options:")[0]
         found = set()
         for line in text.splitlines():
             head = re.match(r"\s+(-\S+)", line)
@@ -69,8 +74,12 @@ class ControlPage(unittest.TestCase):
         self.assertEqual(listed, told)
 
     def test_metrics(self):
-        source = sources.read(self.ROOT / "tools/lumoctl/export.cpp")
-        defined = dict(re.findall(r'Metric \w+\{"(lumo_\w+)", "([^"]+)"', source))
+        defined = {}
+        for name in ("metrics", "export"):
+            source = sources.read(self.ROOT / f"tools/lumoctl/{name}.cpp")
+            for how, metric, words in re.findall(METRIC, source):
+                defined[METRIC_PREFIX.get(how, "") + metric] = words
+        self.assertGreater(len(defined), 50)
         text = "\n".join(self.page.section("Metrics"))
         self.assertEqual(dict(re.findall(r"\.It Li (\w+)\n(.*)", text)), defined)
 

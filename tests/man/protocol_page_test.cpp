@@ -9,12 +9,12 @@
 #include <sstream>
 #include <string>
 
+#include "lib/message_codec.h"
 #include "tests/man/page.h"
 #include "tests/process/manager.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/node.h"
-#include "tools/client/message_codec.h"
 
 namespace test {
 namespace {
@@ -251,7 +251,7 @@ TEST(ProtocolPage, ManagementCommandsTakeAndGiveWhatItSays) {
   Manager manager(agent);
   std::set<int> codes;
   for (const Cells& row : Page("lumo-protocol.7").Rows("Management commands")) {
-    if (row.size() != 5) continue;
+    if (row.size() != 6) continue;
     codes.insert(std::stoi(row[0]));
     manager.AddNode("LAST LOCALS 5");
     const Outcome outcome = Try(manager, row);

@@ -71,7 +71,7 @@ def status_numbers(root):
 def status_texts(root):
     """Each code of the agent with the words that its clients show."""
     numbers = status_numbers(root)
-    source = read(root / "tools/client/status_text.cpp")
+    source = read(root / "lib/status_text.cpp")
     texts = {numbers[name]: join_literals(rest) for name, rest
              in re.findall(r"case (kStatus\w+):\s*return ([^;]+);", source)}
     return numbers, texts
@@ -103,7 +103,7 @@ def usage_options(agent):
 
 def environment(root):
     return {name for path in agent_sources(root)
-            for name in re.findall(r'getenv\("(\w+)"\)', read(path))}
+            for name in re.findall(r'(?:getenv|NumberFromEnvironment)\("(\w+)"', read(path))}
 
 
 def carried_in_name_only(root):
@@ -138,3 +138,7 @@ def constants(header):
 def unnumbered(header):
     bodies = re.findall(r"\benum\s+\w+\s*\{(.*?)\}", without_comments(read(header)), re.S)
     return [name for body in bodies for name in re.findall(r"\b(LUMO_\w+)\s*(?=,|$)", body)]
+
+
+def version(root):
+    return re.search(r"^project\(.* VERSION (\S+)", read(root / "CMakeLists.txt"), re.M).group(1)

@@ -4,7 +4,7 @@
 # of the machine is changed. Needs root and a kernel that permits mounts, so it is no part of
 # test.sh; run it when the units or the package's scripts have changed, after run.sh (which builds).
 #
-#   tests/packaging/live.sh [BUILD-DIRECTORY]    where lumo_node and lumo_query are (build/release)
+#   tests/packaging/live.sh [BUILD-DIRECTORY]    where lumo_node is (build/release)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 build=$(realpath "${1:-build/release}")
@@ -15,13 +15,13 @@ group=lumo-live-$$
 trap 'rm -rf "$work"' EXIT
 
 mkdir "$work"/{shared,root,layer,cgroup}
-cp "$packages"/*.deb "$inside" "$build"/tools/lumo_node/lumo_node \
-  "$build"/tools/lumo_query/lumo_query "$work/shared"
+cp "$packages"/*.deb "$inside" "${inside%/*}/developer_inside.sh" "$build"/tools/lumo_node/lumo_node \
+  "$work/shared"
 chmod -R a+rwX "$work/shared"
 
 # In a mount namespace of its own, so that nothing stays mounted whatever happens.
 export work group
-timeout --kill-after=5 240 unshare --mount bash -euc '
+timeout --kill-after=5 440 unshare --mount bash -euc '
   mount -t tmpfs tmpfs "$work/layer"
   mkdir "$work"/layer/{up,work}
   mount -t overlay overlay "$work/root" \
@@ -51,7 +51,7 @@ timeout --kill-after=5 240 unshare --mount bash -euc '
       {
         printf "[Unit]\nAfter=basic.target\nRequires=basic.target\nAllowIsolate=yes\n"
         printf "SuccessAction=exit-force\nFailureAction=exit-force\n[Service]\nType=oneshot\n"
-        printf "ExecStart=/bin/bash /shared/live_inside.sh\nTimeoutStartSec=200\n"
+        printf "ExecStart=/bin/bash /shared/live_inside.sh\nTimeoutStartSec=400\n"
         printf "StandardOutput=append:/shared/out\nStandardError=append:/shared/out\n"
       } >etc/systemd/system/live.service
       pivot_root . old

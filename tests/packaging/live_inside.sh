@@ -1,7 +1,6 @@
 # Run by live.sh under the system manager; prints "The package works" at the end, or what failed.
 set -uo pipefail
 cd /shared
-export TAVRIN_TMP=/run/lumo/agent
 
 Say() { printf -- '- %s\n' "$*"; }
 Fail() {
@@ -26,10 +25,11 @@ WaitFor() {
   done
 }
 Node() { # USER LOG OPTION...
-  As "$1" ./lumo_node --log "$2" "${@:3}" >"$2.out" &
+  TAVRIN_TMP=/run/lumo/agent As "$1" ./lumo_node --log "$2" "${@:3}" >"$2.out" &
   nodes+=($!)
   WaitFor grep -q '^listening' "$2.out"
 }
+Journal() { journalctl -u "$1" -o cat | grep -- "$2" >/dev/null; }
 Pid() { systemctl show -P MainPID "$1"; }
 Traces() {
   find /etc /lib/systemd /usr/lib/systemd /usr/sbin /usr/bin /usr/libexec /usr/share /run \
@@ -39,17 +39,18 @@ Traces() {
 }
 
 nodes=()
-useradd member && useradd stranger
+useradd member && useradd manager && useradd stranger
 Expect '' Traces
 Say installation
 dpkg -i lumo-tcp_*.deb >/dev/null 2>&1 || Fail 'installation'
 usermod -aG lumo member
+usermod -aG lumo,lumo-admin manager
 Expect inactive systemctl is-active lumo_tcp
 Expect disabled systemctl is-enabled lumo_tcp
 
 Say 'a start without nodes fails'
 Refused lumo_tcp
-Expect protocol systemctl show -P Result lumo_tcp
+Expect exit-code systemctl show -P Result lumo_tcp
 systemctl stop lumo_tcp
 
 Say 'it is ready when the command returns, for members of the group only'
@@ -59,40 +60,66 @@ Node lumo-tcp /shared/local --local 20563
 printf '%s\n' 'SRV1 TCPIP 127.0.0.1 10600 3 600 10' 'KERNEL LOCALI 0x5053' 'HERE LOCALS 20563' \
   >/etc/lumo_tcp/nodetab
 Start lumo_tcp
-Expect '/etc/lumo_tcp/nodetab' As member ./lumo_query --path
-(As stranger ./lumo_query --path >/dev/null 2>&1) && Fail 'a stranger got through'
+Expect '/etc/lumo_tcp/nodetab' As member lumoctl path
+(As stranger lumoctl path >/dev/null 2>&1) && Fail 'a stranger got through'
+Expect /run/lumo/agent As member sh -lc 'echo $TAVRIN_TMP'
 Expect 'drwx--x--- root lumo' stat -c '%A %U %G' /run/lumo
 Expect 'drwxrwx--t root lumo-tcp' stat -c '%A %U %G' /run/lumo/agent
 
 Say 'all transports, and the eyes for processes of others'
-Expect 2 As member ./lumo_query -n SRV1 'select 1+1' # two ticks pass: it sees that the client lives
-Expect 3 As member ./lumo_query -n KERNEL 'select 1+2'
-Expect 4 As member ./lumo_query -n HERE 'select 1+3'
-(As member timeout 1 ./lumo_query -n SRV1 'select 5' >/dev/null)
+Expect 2 As member lumoctl query -n SRV1 'select 1+1' # two ticks pass: it sees that the client lives
+Expect 3 As member lumoctl query -n KERNEL 'select 1+2'
+Expect 4 As member lumoctl query -n HERE 'select 1+3'
+(As member timeout 1 lumoctl query -n SRV1 'select 5' >/dev/null)
 WaitFor grep -q CKIL /tmp/tcp
+
+Say 'what developers get'
+. ./developer_inside.sh
+
+Say 'managers change nodes, other members do not'
+(As member lumoctl add 'NEW TCPIP 127.0.0.1' >/dev/null 2>/tmp/refused) && Fail 'a member added a node'
+grep -q 'does not permit this' /tmp/refused || Fail "$(cat /tmp/refused)"
+WaitFor Journal lumo_tcp "user $(id -u member) is not permitted"
+Expect added As manager lumoctl add 'NEW TCPIP 127.0.0.1 1060 3 600 10'
+Expect deleted As manager lumoctl del NEW
+
+Say 'reload applies the table; what a node in use defers is no failure'
+echo 'NEW TCPIP 127.0.0.1 1061 3 600 10' >>/etc/lumo_tcp/nodetab
+sed -i 's/^SRV1 .*/SRV1 TCPIP 127.0.0.1 10600 3 601 10/' /etc/lumo_tcp/nodetab
+systemctl reload lumo_tcp || Fail 'reload'
+Expect $'SRV1\nKERNEL\nHERE\nNEW' As member lumoctl list --names
+WaitFor Journal lumo_tcp 'SRV1.*deferred: the node is in use'
+echo 'BAD UDP' >>/etc/lumo_tcp/nodetab
+! systemctl reload lumo_tcp 2>/dev/null || Fail 'a faulty table was applied'
+Expect active systemctl is-active lumo_tcp
+systemctl restart lumo_tcp || Fail 'a faulty line prevents the start'
+WaitFor Journal lumo_tcp "error: the protocol 'UDP' is unknown"
+sed -i '/^NEW\|^BAD/d' /etc/lumo_tcp/nodetab
+systemctl reload lumo_tcp || Fail 'reload'
+Expect $'SRV1\nKERNEL\nHERE' As member lumoctl list --names
 
 Say 'the test of the nodes leaves the sockets alone'
 Start lumo_tcp-ping
 Expect $'tavrin.20562\ntavrin.20563' ls /run/lumo/agent
 for node in SRV1 KERNEL HERE; do
-  journalctl -u lumo_tcp-ping -o cat | grep -qx "$node: alive" || Fail "$node is not alive"
+  WaitFor Journal lumo_tcp-ping "^$node  *alive"
 done
 
 Say 'an agent that was killed comes back'
 old=$(Pid lumo_tcp)
 kill -9 "$old"
-WaitFor ./lumo_query --path
+WaitFor lumoctl wait --timeout 1
 [ "$(Pid lumo_tcp)" != "$old" ] || Fail 'the same process'
 
 Say instances
 for id in 20562 20600 name; do cp /etc/lumo_tcp/nodetab "/etc/lumo_tcp/nodetab.$id"; done
 Start lumo_tcp@20600
-Expect '/etc/lumo_tcp/nodetab.20600' ./lumo_query -M 20600 --path
+Expect '/etc/lumo_tcp/nodetab.20600' lumoctl -M 20600 path
 Refused lumo_tcp@20562 # the id of the first agent
 Refused lumo_tcp@name
 Refused lumo_tcp@77 # without a table
 systemctl stop lumo_tcp@20562 lumo_tcp@name
-Expect '/etc/lumo_tcp/nodetab' ./lumo_query --path
+Expect '/etc/lumo_tcp/nodetab' lumoctl path
 systemctl enable -q lumo_tcp lumo_tcp@20600 lumo_tcp-ping.timer lumo_tcp-ping@20600.timer
 Start lumo_tcp-ping.timer
 Start lumo_tcp-ping@20600.timer

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,7 +37,8 @@ class AllocationCount {
     counter_ = mmap(nullptr, sizeof(Counter), PROT_READ, MAP_SHARED, file, 0);
     close(file);
     if (counter_ == MAP_FAILED) throw std::runtime_error("the count cannot be mapped");
-    agent->Program(LUMO_TCP_COUNTED_PATH).Environment("BENCH_ALLOC_COUNT", path);
+    const char* const given = std::getenv("LUMO_TCP_COUNTED");
+    agent->Program(given ? given : LUMO_TCP_COUNTED_PATH).Environment("BENCH_ALLOC_COUNT", path);
   }
   ~AllocationCount() { munmap(counter_, sizeof(Counter)); }
   AllocationCount(const AllocationCount&) = delete;

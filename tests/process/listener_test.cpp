@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "tests/process/usual_directory.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/node.h"
@@ -141,10 +142,11 @@ TEST(ClientSocket, DirectoryIsMadeWhenThereIsNone) {
 }
 
 TEST(ClientSocket, DirectoryVariableOf228CharactersIsIgnored) {
+  const UsualDirectory usual;
   Agent agent;
   agent.Environment("TAVRIN_TMP", std::string(228, 'x'));
   ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.SocketPath(), "/tmp/tavrin/tavrin." + std::to_string(agent.ExchangeId()));
+  EXPECT_EQ(agent.SocketPath(), usual.Path() + "/tavrin." + std::to_string(agent.ExchangeId()));
   EXPECT_TRUE(Exists(agent.SocketPath()));
   EXPECT_EQ(agent.Stop(), 0);
   EXPECT_FALSE(Exists(agent.SocketPath()));
@@ -166,13 +168,15 @@ TEST(ClientSocket, DirectoryVariableOf227CharactersIsUsed) {
 }
 
 TEST(ClientSocket, WithoutTheVariableIsInTheUsualDirectory) {
+  const UsualDirectory usual;
   Agent agent;
   agent.Without("TAVRIN_TMP");
   ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(ModeOf("/tmp/tavrin"), 01777u);
-  EXPECT_TRUE(Exists("/tmp/tavrin/tavrin." + std::to_string(agent.ExchangeId())));
+  const std::string path = usual.Path() + "/tavrin." + std::to_string(agent.ExchangeId());
+  EXPECT_EQ(ModeOf(usual.Path()), 01777u);
+  EXPECT_TRUE(Exists(path));
   EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_FALSE(Exists("/tmp/tavrin/tavrin." + std::to_string(agent.ExchangeId())));
+  EXPECT_FALSE(Exists(path));
 }
 
 TEST(ClientSocket, ThatCannotBeBoundEndsTheStartWith255) {
@@ -211,11 +215,12 @@ TEST(SecondAgent, RefusesToStartAndLeavesTheFirstAlone) {
   ASSERT_TRUE(first.Start());
   second.ExchangeId(first.ExchangeId()).Environment("TAVRIN_TMP", first.SocketFolder());
   EXPECT_EQ(second.Option("-NODAEMON").Run(), 255);
-  EXPECT_EQ(second.Log(), "lumo_tcp:Socket \"" + first.SocketPath() +
-                              "\" is already used\n"
-                              "lumo_tcp:Network agent or kernel of Tavrin-SQL is already running\n"
-                              "\n"
-                              "lumo_tcp:Initialization of interprocess communication failed\n");
+  EXPECT_EQ(second.Results(),
+            "lumo_tcp:Socket \"" + first.SocketPath() +
+                "\" is already used\n"
+                "lumo_tcp:Network agent or kernel of Tavrin-SQL is already running\n"
+                "\n"
+                "lumo_tcp:Initialization of interprocess communication failed\n");
   Client(first).ExpectNothing();
   EXPECT_EQ(first.Stop(), 0);
 }
@@ -254,7 +259,7 @@ TEST(Unload, StopsTheRunningAgent) {
   PrepareUnload(unload, agent);
   const pid_t pid = agent.Pid();
   EXPECT_EQ(unload.Run(), 0);
-  EXPECT_EQ(unload.Log(),
+  EXPECT_EQ(unload.Results(),
             "lumo_tcp:SIGTERM has been send to the agent pid " + std::to_string(pid) + "\n\n");
   EXPECT_EQ(agent.Wait(), 0);
   EXPECT_FALSE(Exists(agent.SocketPath()));
@@ -272,7 +277,7 @@ TEST(Unload, WithoutARunningAgentFailsSilentlyAndLeavesNoSocket) {
   Agent target, unload;
   PrepareUnload(unload, target);
   EXPECT_EQ(unload.Run(), 255);
-  EXPECT_EQ(unload.Log(), "");
+  EXPECT_EQ(unload.Results(), "");
   EXPECT_FALSE(Exists(target.SocketPath()));
 }
 
@@ -300,7 +305,7 @@ TEST_P(UnloadOfAnImpostor, SendsNoSignal) {
   if (!GetParam().empty()) impostor.Say(GetParam());
   impostor.HangUp();
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Log(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotSent);
 }
 
 INSTANTIATE_TEST_SUITE_P(Greetings, UnloadOfAnImpostor,
@@ -319,7 +324,7 @@ TEST(Unload, TakesNoNumberThatIsNotAnAgents) {
     ASSERT_TRUE(impostor.Accept());
     impostor.Say(greeting);
     EXPECT_EQ(unload.Wait(), 0);
-    EXPECT_EQ(unload.Log(), kNotSent);
+    EXPECT_EQ(unload.Results(), kNotSent);
     EXPECT_TRUE(ProcessRuns(process.Pid()));
   }
 }
@@ -333,7 +338,7 @@ TEST(Unload, OfAnAgentThatDiedMeanwhileReportsTheError) {
   ASSERT_TRUE(impostor.Accept());
   impostor.Say(Greeting(56, DeadPid()));
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Log(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotSent);
 }
 
 TEST(Unload, OfSomethingThatNeverGreetsEnds) {
@@ -349,7 +354,7 @@ TEST(Unload, OfSomethingThatNeverGreetsEnds) {
     return false;
   }));
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Log(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotSent);
 }
 
 TEST(Unload, TakesAGreetingInPieces) {
@@ -365,8 +370,8 @@ TEST(Unload, TakesAGreetingInPieces) {
   unload.Signal(SIGIO);
   impostor.Say(greeting.substr(6));
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Log(), "lumo_tcp:SIGTERM has been send to the agent pid " +
-                              std::to_string(process.Pid()) + "\n\n");
+  EXPECT_EQ(unload.Results(), "lumo_tcp:SIGTERM has been send to the agent pid " +
+                                  std::to_string(process.Pid()) + "\n\n");
 }
 
 std::vector<int> ConnectMany(const Agent& agent, int count) {

@@ -1,7 +1,9 @@
 // The reader process of a local kernel's queue, and what becomes of the link when the reader, the
 // kernel, a client or the node goes.
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
 #include <sys/sem.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -100,6 +102,7 @@ TEST(LocalIpcReader, TheReaderEndsWithTheAgent) {
   for (const int signal : {SIGTERM, SIGKILL}) {
     Setting setting;
     const pid_t reader = setting.Connect();
+    setting.Settle(reader);  // it writes nothing more, which would end it, too
     ASSERT_TRUE(ProcessRuns(reader));
     if (signal == SIGKILL)
       setting.Subject.Kill();
@@ -108,6 +111,33 @@ TEST(LocalIpcReader, TheReaderEndsWithTheAgent) {
     EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); })) << signal;
     EXPECT_TRUE(WaitFor([&] { return setting.Attached() == 0; }));
   }
+}
+
+bool StopsForUs(pid_t pid) {
+  int status = 0;
+  return WaitFor([&] { return waitpid(pid, &status, __WALL | WNOHANG) == pid; }) &&
+         WIFSTOPPED(status);
+}
+
+// The next process that the agent makes, stopped before its first instruction; 0: none.
+pid_t CatchNewProcess(pid_t agent) {
+  unsigned long made = 0;
+  if (!StopsForUs(agent) || ptrace(PTRACE_GETEVENTMSG, agent, nullptr, &made) != 0) return 0;
+  const auto pid = static_cast<pid_t>(made);
+  return StopsForUs(pid) ? pid : 0;
+}
+
+TEST(LocalIpcReader, AReaderWhoseAgentIsGoneBeforeItBeginsEnds) {
+  Setting setting;
+  ASSERT_TRUE(setting.Start());
+  ASSERT_EQ(ptrace(PTRACE_SEIZE, setting.Subject.Pid(), nullptr, PTRACE_O_TRACEFORK), 0);
+  setting.Application->Send("K");
+  const pid_t reader = CatchNewProcess(setting.Subject.Pid());
+  ASSERT_GT(reader, 0);
+  setting.Subject.Kill();
+  ASSERT_TRUE(ProcessRuns(reader));
+  ASSERT_EQ(ptrace(PTRACE_DETACH, reader, nullptr, nullptr), 0);
+  EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
 }
 
 TEST(LocalIpcReader, AnAgentWithTwoKernelsStops) {
@@ -319,6 +349,133 @@ TEST(LocalIpcReader, AFullQueueIsWaitedForWhileTheKernelLives) {
   EXPECT_EQ(received->Message.Strings[0], "at last");
   setting.Kernel.Answer(*received, "answer");
   EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "answer");
+}
+
+// Answers that the reader cannot give itself lie between it and the agent until there is no room
+// for more, and then in the queue until that is full, too. The agent, which has slept meanwhile,
+// first reads a request, because its client and another link were served last.
+TEST(LocalIpcReader, AQueueFullOfAnswersThatWaitForTheAgentDoesNotBlockIt) {
+  constexpr std::size_t kRequests = 300, kText = 7900;
+  EchoNode other;
+  Setting setting;
+  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
+  const pid_t reader = setting.Connect();
+  Client later(setting.Subject);
+  std::vector<lumo::Message> requests;
+  std::vector<IpcKernel::Request> received;
+  for (std::size_t i = 0; i < kRequests; ++i) {
+    requests.push_back(later.Send("K"));
+    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+  }
+  later.Ask("T", "the link and the client that are served first");
+  ASSERT_TRUE(WaitFor([&] { return Sleeps(setting.Subject.Pid()); }));
+  Freeze(setting.Subject.Pid());
+  std::size_t answered = 0;
+  for (; answered < kRequests && setting.Kernel.HasRoomFor(kText); ++answered) {
+    ASSERT_TRUE(setting.Kernel.Answer(received[answered], std::string(kText, 'x')));
+    // Taken, or asleep with an answer left: it waits for the agent.
+    ASSERT_TRUE(WaitFor([&] {
+      return setting.Kernel.QueuedMessages() == 0 ||
+             (Sleeps(reader) && setting.Kernel.QueuedMessages() > 0);
+    }));
+  }
+  ASSERT_FALSE(setting.Kernel.HasRoomFor(kText)) << "there was room for all answers";
+  later.Send("K", std::string(kText, 'q'));
+  Thaw(setting.Subject.Pid());
+  const auto last = setting.Kernel.ReadRequest();
+  ASSERT_TRUE(last);
+  EXPECT_EQ(last->Message.Strings[0], std::string(kText, 'q'));
+  for (std::size_t i = 0; i < answered; ++i)
+    EXPECT_EQ(later.ExpectAnswer(requests[i]).Strings[0], std::string(kText, 'x')) << i;
+  EXPECT_EQ(setting.Use(), reader);
+}
+
+TEST(LocalIpcReader, AFullQueueHoldsUpNobodyElse) {
+  EchoNode node;
+  Setting setting;
+  setting.Subject.Nodetab(setting.Kernel.Line("K") + node.Line("N"));
+  setting.Connect();
+  Client other(setting.Subject);
+  setting.Kernel.FillQueue();
+  std::vector<lumo::Message> requests;
+  for (int i = 0; i < 5; ++i) requests.push_back(setting.Application->Send("K", std::to_string(i)));
+  setting.Subject.Barrier();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(other.Ask("N", std::to_string(i)).Strings[0], std::to_string(i));
+    setting.Subject.Tick();
+  }
+  setting.Kernel.DrainQueue();
+  for (int i = 0; i < 5; ++i) {
+    const auto received = setting.Kernel.ReadRequest();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->Message.Strings[0], std::to_string(i)) << "in their order";
+    setting.Kernel.Answer(*received, "answer");
+    setting.Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]);
+  }
+}
+
+TEST(LocalIpcReader, AReaderThatEndsBesideAFullQueueIsNoticedAtOnce) {
+  Setting setting;
+  const pid_t reader = setting.Connect();
+  setting.Settle(reader);
+  setting.Kernel.FillQueue();
+  const lumo::Message request = setting.Application->Send("K");
+  setting.Subject.Barrier();
+  kill(reader, SIGKILL);
+  setting.Application->ExpectError(request, 4009, 0);
+  setting.Kernel.DrainQueue();
+  EXPECT_NE(setting.Use(), reader);
+}
+
+// Two of 7 KB are more than half of the queue.
+TEST(LocalIpcReader, AnswersToAFormerReaderDoNotFillTheQueue) {
+  constexpr unsigned long kSmallQueue = 16384;
+  Setting setting;
+  setting.Kernel.LimitQueue(kSmallQueue);
+  const pid_t former = setting.Connect();
+  setting.Settle(former);
+  std::vector<IpcKernel::Request> received;
+  for (int i = 0; i < 2; ++i) {
+    setting.Application->Send("K");
+    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+  }
+  kill(former, SIGKILL);
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(setting.Application->Receive());
+  EXPECT_TRUE(WaitFor([&] { return !ProcessExists(former); }));
+  EXPECT_NE(setting.Use(), former);
+  const std::string text(7000, 'x');
+  for (const IpcKernel::Request& request : received)
+    EXPECT_TRUE(setting.Kernel.Answer(request, text));
+  const lumo::Message large = setting.Application->Send("K", text);
+  const auto request = setting.Kernel.ReadRequest();
+  ASSERT_TRUE(request);
+  EXPECT_TRUE(setting.Kernel.Answer(*request, text));
+  EXPECT_EQ(setting.Application->ExpectAnswer(large).Strings[0], text);
+}
+
+// Each request has come as far as the queue when its semaphore fails, and is answered to a reader
+// that is no more.
+TEST(LocalIpcReader, ABurstOfFailingSemaphoresLeavesNothingInTheQueue) {
+  constexpr int kLargest = 32767;
+  constexpr unsigned long kSmallQueue = 16384;
+  Setting setting;
+  setting.Kernel.LimitQueue(kSmallQueue);
+  setting.Connect();
+  const int semaphore = semget(setting.Kernel.Key(), 1, 0);
+  const std::string text(7000, 'x');
+  std::vector<IpcKernel::Request> received;
+  ASSERT_EQ(semctl(semaphore, 0, SETVAL, kLargest), 0);
+  for (int i = 0; i < 5; ++i) {
+    setting.Application->ExpectError(setting.Application->Send("K"), 4007, ERANGE);
+    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+  }
+  ASSERT_EQ(semctl(semaphore, 0, SETVAL, 0), 0);
+  for (const IpcKernel::Request& request : received) {
+    EXPECT_TRUE(setting.Kernel.Answer(request, text)) << "there is room";
+    EXPECT_GT(setting.Use(), 0);
+    setting.Subject.Tick();
+  }
+  EXPECT_EQ(setting.Kernel.QueuedMessages(), 0);
 }
 
 TEST(LocalIpcReader, AFullQueueOfADeadKernelFailsTheSending) {

@@ -14,6 +14,7 @@
 
 #include "tests/process/ipc_setting.h"
 #include "tests/process/manager.h"
+#include "tests/process/node_link.h"
 #include "tests/support/node.h"
 
 namespace test {
@@ -337,6 +338,46 @@ TEST(LocalIpc, ATagMayBeUsedOverAnotherConnectionAsSoonAsItIsAnswered) {
   setting.Kernel.Answer(*again, "to the second");
   EXPECT_EQ(later.ExpectAnswer(request).Strings[0], "to the second");
   before.ExpectNothing();
+}
+
+// The record of an earlier request to another node is free again: the later one of the two has it,
+// and stands before the one that was asked first.
+TEST(LocalIpc, TwoConnectionsWithOneTagGetOneAnswerEach) {
+  Node other;
+  Setting setting;
+  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
+  ASSERT_TRUE(setting.Start());
+  Client early(setting.Subject);
+  early.ExpectNothing();
+  setting.Use();
+  Client late(setting.Subject);
+  Client& asker = *setting.Application;
+  UseNode(&asker, &other, "T");
+  for (const bool lateFirst : {false, true}) {
+    Client& one = lateFirst ? late : early;
+    Client& two = lateFirst ? early : late;
+    const lumo::Message before = asker.Send("T");
+    const auto atOther = NextRequest(&other);
+    ASSERT_TRUE(atOther);
+    lumo::Message first = one.Request("K"), second = two.Request("K");
+    first.SetAstInd(4711);
+    second.SetAstInd(4711);
+    one.SendMessage(first);
+    const auto receivedFirst = setting.Kernel.ReadRequest();
+    other.Answer(*atOther);
+    asker.ExpectAnswer(before);
+    two.SendMessage(second);
+    const auto receivedSecond = setting.Kernel.ReadRequest();
+    ASSERT_TRUE(receivedFirst && receivedSecond);
+    setting.Kernel.Answer(*receivedFirst, "to the first");
+    EXPECT_EQ(one.ExpectAnswer(first).Strings[0], "to the first");
+    setting.Kernel.Answer(*receivedSecond, "to the second");
+    EXPECT_EQ(two.ExpectAnswer(second).Strings[0], "to the second");
+  }
+  const pid_t reader = setting.Use();
+  kill(reader, SIGKILL);
+  setting.Subject.Barrier();
+  for (Client* client : {&early, &late, &asker}) client->ExpectNothing();
 }
 
 TEST(LocalIpc, HundredsOfRequestsMayBeUnanswered) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/process/manager.h"
+#include "tests/process/usual_directory.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/kernel.h"
@@ -178,7 +179,7 @@ TEST(LocalSocket, ADirectoryNameOf227CharactersIsUsedAndOneOf228IsNot) {
     EXPECT_EQ(agent.Run(), 6);
     // A path of such a length is more than the system takes for a socket.
     const int error = length == 227 ? EINVAL : ENOENT;
-    EXPECT_EQ(agent.Log(),
+    EXPECT_EQ(agent.Results(),
               "lumo_tcp:Node \"K\" is not alive\n"
               "lumo_tcp:Test connection has failed. Status 4006:" +
                   std::to_string(error) + "\n");
@@ -187,10 +188,11 @@ TEST(LocalSocket, ADirectoryNameOf227CharactersIsUsedAndOneOf228IsNot) {
 }
 
 TEST(LocalSocket, ADirectoryNameThatIsTooLongGivesWayToTheUsualOne) {
+  const UsualDirectory usual;
   Agent agent;
   agent.Environment("TAVRIN_TMP", DirectoryOfLength(agent, 228));
   ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.SocketFolder(), "/tmp/tavrin");
+  EXPECT_EQ(agent.SocketFolder(), usual.Path());
   LocalKernel kernel(agent);
   Manager manager(agent);
   EXPECT_EQ(manager.AddNode(kernel.Line("K")), 0);
@@ -198,6 +200,7 @@ TEST(LocalSocket, ADirectoryNameThatIsTooLongGivesWayToTheUsualOne) {
   client.Send("K");
   EXPECT_TRUE(kernel.Accept());
   EXPECT_TRUE(kernel.ReadRequest());
+  EXPECT_EQ(agent.Stop(), 0);  // which removes its socket
 }
 
 TEST(LocalSocket, TheDirectoryIsMadeAndOpenedToEverybody) {

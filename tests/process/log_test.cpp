@@ -37,6 +37,7 @@ constexpr char kResultLine[] =
 TEST(LogLevel, UnsetWritesResultsOnly) {
   Node node;
   Agent agent;
+  agent.Without("DBC_LOG");
   MakeItTalk(agent, node);
   EXPECT_EQ(agent.Log(), std::string("lumo_tcp:Tcp address is empty\n") + kResultLine +
                              "lumo_tcp:Node name 'BAD' skipped\n");

@@ -13,8 +13,8 @@
 
 #include "tests/process/program.h"
 #include "tests/support/client.h"
+#include "tests/support/connection.h"
 #include "tests/support/peer.h"
-#include "tools/client/connection.h"
 
 namespace {
 
@@ -225,6 +225,134 @@ TEST(LumoNode, TwiceSendsEachAnswerTwice) {
   const auto again = Read(peer);
   ASSERT_TRUE(again);
   EXPECT_EQ(again->Strings[3], "1");
+}
+
+// A node that is told its faults while it runs.
+class ToldNode : public ::testing::Test {
+ protected:
+  ToldNode()
+      : control_(folder_.Path() / "control"), node_({"--listen", "0", "--control", control_}) {}
+  std::optional<int> Tell(std::vector<std::string> line) {
+    line.insert(line.begin(), {"--tell", control_});
+    test::Program tell(LUMO_NODE_PATH, line);
+    const auto status = tell.Wait();
+    words_ = tell.Stderr();
+    return status;
+  }
+
+  test::TemporaryDirectory folder_;
+  const std::string control_;
+  NodeProgram node_;
+  std::string words_;
+};
+
+TEST_F(ToldNode, IsSilentUntilItIsToldOtherwise) {
+  test::Peer peer = Connect(node_);
+  EXPECT_EQ(Tell({"--silent"}), 0);
+  peer.SendMessage(Request("select 1"));
+  EXPECT_TRUE(node_.WaitForStderr("select 1"));
+  EXPECT_EQ(Tell({}), 0);
+  EXPECT_EQ(Ask(peer, "select 2"), "2");
+  EXPECT_TRUE(node_.WaitForStderr("faults: none"));
+}
+
+TEST_F(ToldNode, ReadsNothingWhileItIsDeaf) {
+  test::Peer peer = Connect(node_);
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  EXPECT_EQ(Tell({"--deaf"}), 0);
+  peer.SendMessage(Request("select 2"));
+  test::Peer another = Connect(node_);  // is accepted, and not heard either
+  another.SendMessage(Request("select 3"));
+  EXPECT_TRUE(node_.WaitForStderr("connection 2 (tcp) opened"));
+  EXPECT_EQ(Tell({"--twice"}), 0);
+  EXPECT_EQ(node_.Stderr().find("select"), node_.Stderr().find("select 1"));
+  EXPECT_EQ(Read(peer)->Strings[3], "2");
+  EXPECT_EQ(Read(another)->Strings[3], "3");
+}
+
+TEST_F(ToldNode, ClosesAnswersInGarbageAndIsGoodAgain) {
+  test::Peer peer = Connect(node_);
+  EXPECT_EQ(Tell({"--malformed", "zero"}), 0);
+  peer.SendMessage(Request("select 1"));
+  EXPECT_EQ(test::ReadRaw(peer.Socket(), 4), std::string(4, '\0'));
+  EXPECT_EQ(Tell({"--close-after", "1"}), 0);
+  test::Peer another = Connect(node_);
+  another.SendMessage(Request("select 2"));
+  EXPECT_TRUE(another.ReadEnd());
+  EXPECT_EQ(Tell({}), 0);
+  test::Peer third = Connect(node_);
+  EXPECT_EQ(Ask(third, "select 3"), "3");
+}
+
+TEST_F(ToldNode, AnswersAtOnceWhatComesBehindADelayedAnswer) {
+  test::Peer peer = Connect(node_);
+  EXPECT_EQ(Tell({"--delay", "600000"}), 0);
+  peer.SendMessage(Request("select 1", 1));
+  EXPECT_TRUE(node_.WaitForStderr("select 1"));
+  EXPECT_EQ(Tell({"--out-of-order", "2"}), 0);
+  peer.SendMessage(Request("select 2", 2));
+  EXPECT_TRUE(node_.WaitForStderr("select 2"));
+  EXPECT_EQ(Tell({}), 0);  // what was collected goes out
+  EXPECT_EQ(Read(peer)->Strings[3], "2");
+}
+
+TEST_F(ToldNode, SaysWhatItDoesNotUnderstand) {
+  EXPECT_EQ(Tell({"--listen", "1"}), 2);
+  EXPECT_EQ(Tell({"--delay", "-1"}), 2);
+  test::Program stop(LUMO_NODE_PATH, {"--stop"});
+  EXPECT_EQ(stop.Wait(), 2);
+  test::Peer peer = Connect(node_);
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+}
+
+TEST_F(ToldNode, EndsWhenItIsTold) {
+  EXPECT_EQ(Tell({"--stop"}), 0);
+  EXPECT_EQ(node_.Wait(), 0);
+  EXPECT_EQ(Tell({}), 1);
+  EXPECT_NE(words_.find("No such file"), std::string::npos) << words_;
+}
+
+TEST(LumoNode, InTheBackgroundItServesWhenTheCommandHasReturned) {
+  test::TemporaryDirectory folder;
+  const std::string control = folder.Path() / "control", log = folder.Path() / "log";
+  NodeProgram node({"--listen", "0", "--background", "--control", control, "--log", log});
+  ASSERT_EQ(node.Wait(), 0);
+  test::Peer peer = Connect(node);
+  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  test::Program tell(LUMO_NODE_PATH, {"--tell", control, "--stop"});
+  EXPECT_EQ(tell.Wait(), 0);
+  EXPECT_NE(test::ReadFile(log).find("stopped"), std::string::npos);
+  test::Program bad(LUMO_NODE_PATH, {"--listen", "0", "--background", "--sql", "nonsense"});
+  EXPECT_EQ(bad.Wait(), 1);
+  EXPECT_NE(bad.Stderr().find("syntax error"), std::string::npos);
+}
+
+TEST(LumoNode, EchoAnswersWithTheRequest) {
+  NodeProgram node({"--listen", "0", "--echo"});
+  test::Peer peer = Connect(node);
+  Message request = Request("text", 9);
+  request.Command = "HOLD";
+  peer.SendMessage(request);
+  request.Command = "ECHO";
+  request.Strings[2] = std::string("a\0b", 3);
+  peer.SendMessage(request);
+  const auto answer = peer.ReadFrame();
+  EXPECT_EQ(answer, lumo::Encode(request, lumo::Lengths::Packet));
+}
+
+// The load generator through the agent of its environment.
+TEST(LumoNode, ServesTheLoadGenerator) {
+  NodeProgram node({"--listen", "0", "--echo"});
+  test::Agent agent;
+  agent.Nodetab(node.Line("SRV"));
+  ASSERT_TRUE(agent.Start());
+  const std::map<std::string, std::string> environment{
+      {"TAVRIN_TMP", agent.SocketFolder()}, {"NET_MBX", std::to_string(agent.ExchangeId())}};
+  test::Program load(LUMO_LOAD_PATH,
+                     {"--clients", "3", "--depth", "2", "--held", "5", "--count", "500"},
+                     environment);
+  EXPECT_EQ(load.Wait(), 0) << load.Stderr();
+  EXPECT_NE(load.Stdout().find("\"errors\": 0"), std::string::npos) << load.Stdout();
 }
 
 TEST(LumoNode, MalformedLengthIsBeyondTheLargestPacket) {

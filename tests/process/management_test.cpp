@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/process/manager.h"
+#include "tests/process/reconnection.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/kernel.h"
@@ -137,6 +138,25 @@ TEST(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
   EXPECT_EQ(client.Ask("", "for the default").Strings[0], "for the default");
 }
 
+// A and B are down, and the timer will try again; then B comes up for others.
+TEST(ManagementCommands, ANodeThatIsUpTakesTheRequestsThatWaitForTheOldDefault) {
+  Agent agent;
+  LateKernel kernel(agent);
+  agent.Nodetab("A REZ\n" + kernel.Line("B"));
+  agent.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "600"});
+  ASSERT_TRUE(agent.Start());
+  Manager manager(agent);
+  Client client(agent), other(agent);
+  const lumo::Message waiting = client.Send("", "waits");
+  agent.Barrier();
+  kernel.Listen();
+  const lumo::Message request = other.Send("B", "by name");
+  ASSERT_TRUE(kernel.Accept());
+  ExpectServedBy(kernel, "B", other, request);
+  EXPECT_EQ(manager.Ask(106, 1), Outcome{1});
+  ExpectServedBy(kernel, "B", client, waiting);
+}
+
 TEST(ManagementCommands, ANumberWithoutANodeLeavesTheDefaultAsItIs) {
   Agent agent;
   agent.Nodetab(kThreeNodes);
@@ -231,7 +251,7 @@ TEST(ManagementCommands, AnAddedNodeServesRequests) {
   EXPECT_EQ(manager.Default(), "A");
   Client client(agent);
   EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
 }
 
 TEST(ManagementCommands, AnAddedNodeStandsBehindTheLastOneSeenFromWhereTheCircleIsEntered) {
@@ -263,7 +283,7 @@ TEST(ManagementCommands, ALineThatMakesNoNodeIsRefusedWithItsReason) {
   Manager manager(agent);
   for (const char* line : {"NINECHARS REZ", "X NONSENSE here", "Y LOCALS nonsense", "A REZ", ""})
     EXPECT_EQ(manager.AddNode(line), 1) << line;
-  EXPECT_EQ(agent.Log(),
+  EXPECT_EQ(agent.Results(),
             "lumo_tcp:Node name 'NINECHARS' is too long. Maximum length is 8 chars\n"
             "lumo_tcp:Node name 'NINECHARS' skipped\n"
             "lumo_tcp:The network agent doesn't support protocol  'NONSENSE' for node 'X'.\n"

@@ -11,7 +11,7 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
-#include "tools/client/management.h"
+#include "tests/support/management.h"
 
 namespace test {
 

@@ -326,7 +326,7 @@ TEST(NodeDeletion, TheAgentStopsWithoutNodes) {
   Manager manager(agent);
   EXPECT_EQ(manager.Result(125), 0);
   EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
 }
 
 TEST(NodeDeletion, TheNodeWhereTheCircleIsEnteredCanBeDeleted) {

@@ -41,14 +41,16 @@ TEST(NodeRedefinition, ANodeIsRedefinedByNumberAndAsTheDefault) {
   EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
 }
 
-TEST(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheName) {
+TEST(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPadded) {
   Agent agent;
   agent.Nodetab(kThreeNodes);
   ASSERT_TRUE(agent.Start());
   Manager manager(agent);
-  EXPECT_EQ(manager.Result(126, 0, "A  X REZ"), 0);
-  EXPECT_EQ(manager.Result(126, 0, std::string("B \0Y REZ", 8)), 0);
+  EXPECT_EQ(manager.SetNode("A       ", "X REZ"), 0);  // as commands 103 and 105 return it
+  EXPECT_EQ(manager.Result(126, 0, std::string("B \0\0Y REZ", 9)), 0);
   EXPECT_EQ(manager.Result(126, 0, std::string("C\0?Z REZ", 8)), 0);
+  EXPECT_EQ(manager.Names(), "X Y Z");
+  EXPECT_EQ(manager.Result(126, 0, "X  W REZ"), 0) << "all of it is the name";
   EXPECT_EQ(manager.Names(), "X Y Z");
 }
 
@@ -78,7 +80,7 @@ TEST(NodeRedefinition, ATextThatMakesNoNodeLeavesTheNodeAsItIs) {
   ASSERT_TRUE(agent.Start());
   Manager manager(agent);
   EXPECT_EQ(manager.SetNode("A", "B LOCALS nonsense"), 0);
-  EXPECT_EQ(agent.Log(),
+  EXPECT_EQ(agent.Results(),
             "lumo_tcp:Initialization of link 'B' for protocol 'LOCALS' failed\n"
             "lumo_tcp:Node name 'B' skipped\n");
   EXPECT_EQ(manager.Names(), "A");
@@ -93,7 +95,7 @@ TEST(NodeRedefinition, ANameThatExistsAlreadyIsTaken) {
   Manager manager(agent);
   EXPECT_EQ(manager.SetNode("C", "A REZ"), 0);
   EXPECT_EQ(manager.Names(), "A B A");
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
 }
 
 TEST(NodeRedefinition, ABusyNodeKeepsItsDefinitionUntilItsLinkDisconnects) {
@@ -218,7 +220,7 @@ TEST(NodeRedefinition, TheAgentStopsWithARedefinitionPending) {
   Manager manager(agent);
   EXPECT_EQ(manager.SetNode("A", "B NONSENSE"), 0);
   EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Log(), "") << "nothing is redefined any more";
+  EXPECT_EQ(agent.Results(), "") << "nothing is redefined any more";
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/node.h"
-#include "tools/client/management.h"
 
 namespace test {
 namespace {
@@ -182,7 +182,7 @@ TEST(NodetabLines, EachFaultIsReportedAndTheOtherLinesCount) {
       "GOOD3 NPipe");
   ASSERT_TRUE(agent.Start());
   EXPECT_EQ(Nodes(agent), "GOOD1 GOOD2 GOOD2 GOOD1 GOOD3");
-  EXPECT_EQ(agent.Log(),
+  EXPECT_EQ(agent.Results(),
             "lumo_tcp:Node name 'ninechars' is too long. Maximum length is 8 chars\n"
             "lumo_tcp:Node name 'ninechars' skipped\n"
             "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'badproto'.\n"
@@ -256,7 +256,7 @@ TEST(NodetabDefault, IsTheFirstNodeOrTheOneNamedInAnyCase) {
         Printed(agent, FoundLine(agent.NodetabPath()) + "Default server: " + each.Default + "\n"))
         << agent.Stdout();
     EXPECT_EQ(Nodes(agent), "SRV1 SRV2 SRV3") << "nodes are numbered as in the file";
-    EXPECT_EQ(agent.Log(), "");
+    EXPECT_EQ(agent.Results(), "");
     EXPECT_EQ(agent.Stop(), 0);
   }
 }
@@ -315,7 +315,7 @@ TEST(UnusableNodetab, EndsTheStartWithItsReason) {
     Agent agent;
     agent.Nodetab(each.Table).Option("-NODAEMON");
     EXPECT_EQ(agent.Run(), 254) << each.Table;
-    EXPECT_TRUE(agent.Log().ends_with("lumo_tcp:" + std::string(each.Reason) + "\n"))
+    EXPECT_TRUE(agent.Results().ends_with("lumo_tcp:" + std::string(each.Reason) + "\n"))
         << agent.Log();
     EXPECT_EQ(agent.CountLogged(0, "", each.Reason), 1);
     EXPECT_FALSE(Printed(agent, "Default server"));

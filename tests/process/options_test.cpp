@@ -62,6 +62,8 @@ std::size_t CountContaining(const Agent& agent, const std::string& text) {
   return count;
 }
 
+using Arguments = std::vector<std::string>;
+
 class Help : public testing::TestWithParam<const char*> {};
 
 TEST_P(Help, PrintsBannerNoticeAndUsageAndEndsWith255) {
@@ -69,7 +71,7 @@ TEST_P(Help, PrintsBannerNoticeAndUsageAndEndsWith255) {
   agent.Option(GetParam());
   EXPECT_EQ(agent.Run(), 255);
   EXPECT_EQ(AfterLegalNotice(agent.Stdout()), std::string(kUsage) + "\n");
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
   EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
 }
 
@@ -126,13 +128,13 @@ TEST(Banner, IsPrintedByAPingRun) {
             "Nodetab found: \"" + agent.NodetabPath().string() + "\"\n");
 }
 
-class NodetabOption : public testing::TestWithParam<std::vector<const char*>> {};
+class NodetabOption : public testing::TestWithParam<Arguments> {};
 
 TEST_P(NodetabOption, GivesThePath) {
   Agent agent;
   std::filesystem::rename(agent.NodetabPath(), agent.Folder() / "work" / "table");
   agent.WithoutNodetab().Trace();
-  for (const char* argument : GetParam()) agent.Option(argument);
+  agent.Options(GetParam());
   ASSERT_TRUE(agent.Start());
   EXPECT_TRUE(OptionTraced(agent, "Option NODETAB set \"table\"")) << agent.Log();
   EXPECT_NE(agent.Stdout().find("Nodetab found: \"table\"\n"), std::string::npos);
@@ -140,12 +142,11 @@ TEST_P(NodetabOption, GivesThePath) {
 
 INSTANTIATE_TEST_SUITE_P(
     Spellings, NodetabOption,
-    testing::Values(std::vector{"-N", "table"}, std::vector{"-NODETAB", "table"},
-                    std::vector{"-n=table"}, std::vector{"-N table"},
-                    std::vector{"--nodetab=table"}, std::vector{"/NODE-TAB", "table"},
-                    std::vector{"n", "table"},
-                    std::vector{"-NODETAB", "other", "-N", "table"},  // the short form first
-                    std::vector{"-N", "table", "-N", "other"}));      // the first of two
+    testing::Values(Arguments{"-N", "table"}, Arguments{"-NODETAB", "table"}, Arguments{"-n=table"},
+                    Arguments{"-N table"}, Arguments{"--nodetab=table"},
+                    Arguments{"/NODE-TAB", "table"}, Arguments{"n", "table"},
+                    Arguments{"-NODETAB", "other", "-N", "table"},  // the short form first
+                    Arguments{"-N", "table", "-N", "other"}));      // the first of two
 
 TEST(NodetabOptionWithoutValue, IsAsIfItWereAbsent) {
   Agent agent;
@@ -179,14 +180,19 @@ TEST(UnknownOptions, AreIgnored) {
   agent.Options({"-NOSUCH", "", "-", "/", "value", "--x=1"});
   ASSERT_TRUE(agent.Start());
   EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
 }
 
 struct MbxCase {
-  std::vector<const char*> Arguments;
+  Arguments Options;
   const char* Environment;  // NET_MBX, or null
   int Expected;
 };
+
+void PrintTo(const MbxCase& given, std::ostream* out) {
+  *out << testing::PrintToString(given.Options) << " NET_MBX "
+       << (given.Environment ? given.Environment : "unset");
+}
 
 class NetMbx : public testing::TestWithParam<MbxCase> {};
 
@@ -195,7 +201,7 @@ TEST_P(NetMbx, NamesTheClientSocket) {
   agent.WithoutExchangeOption().ExchangeId(GetParam().Expected).Trace();
   if (GetParam().Environment) agent.Environment("NET_MBX", GetParam().Environment);
   agent.Option("-NODAEMON");
-  for (const char* argument : GetParam().Arguments) agent.Option(argument);
+  agent.Options(GetParam().Options);
   agent.Spawn();
   ASSERT_TRUE(agent.WaitUntilReady());
   const std::string number = std::to_string(GetParam().Expected);
@@ -312,9 +318,13 @@ TEST(AutoConnectTimeout, TakesAnyBaseAndKeeps16Bits) {
 }
 
 struct SignalCase {
-  std::vector<const char*> Arguments;
+  Arguments Options;
   int Signal;
 };
+
+void PrintTo(const SignalCase& given, std::ostream* out) {
+  *out << testing::PrintToString(given.Options);
+}
 
 class ParentSignal : public testing::TestWithParam<SignalCase> {};
 
@@ -322,7 +332,7 @@ TEST_P(ParentSignal, IsSentToTheStarter) {
   AwaitedSignal signal(GetParam().Signal);
   Agent agent;
   agent.Trace().Option("-NODAEMON");
-  for (const char* argument : GetParam().Arguments) agent.Option(argument);
+  agent.Options(GetParam().Options);
   agent.Spawn();
   ASSERT_TRUE(agent.WaitUntilReady());
   EXPECT_EQ(signal.Sender(), agent.Pid());

@@ -11,8 +11,8 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/peer.h"
-#include "tools/client/management.h"
 
 namespace test {
 

@@ -18,10 +18,10 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 #include "tests/support/text.h"
-#include "tools/client/management.h"
 
 namespace test {
 namespace {
@@ -329,6 +329,7 @@ class DeafNode : public Stalls {
  protected:
   void SetUp() override {
     agent_.Trace();
+    agent_.Environment("LUMO_LINK_BUFFER", "0");  // a link that is soon full
     Start(node_.Line("DEAF") + echo_.Line("SRV"));
     client_.emplace(agent_);
     client_->Send("DEAF");
@@ -370,7 +371,12 @@ TEST_F(DeafNode, ItsClientsAreParkedAndTheOthersServed) {
   ASSERT_EQ(setsockopt(node_.Socket(), SOL_SOCKET, SO_RCVBUF, &kLeast, sizeof kLeast), 0);
   const int sent = SendMany(*client_, kTooMany);
   EXPECT_LT(sent, kTooMany) << "the agent takes whatever comes";
-  const std::size_t forwarded = ForwardedRequests();
+  // What it had read ahead is served one request a pass.
+  std::size_t forwarded = 0;
+  while (forwarded != ForwardedRequests()) {
+    forwarded = ForwardedRequests();
+    for (int pass = 0; pass < 20; ++pass) agent_.Barrier();
+  }
   EXPECT_GT(forwarded * kLargest, 64u * 1024);
   EXPECT_LT(forwarded, static_cast<std::size_t>(sent));
   ExpectServed("SRV");
@@ -513,20 +519,18 @@ TEST_F(SlowConnection, AConnectionMayHave32RequestsWaiting) {
   EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST_F(SlowConnection, AParkedClientThatHangsUpIsNoticedAfterwards) {
+TEST_F(SlowConnection, AParkedClientThatHangsUpIsNoticedWithinATick) {
   std::optional<Client> eager(std::in_place, agent_);
-  agent_.Barrier();
-  const int before = OpenDescriptors(agent_.Pid());
   for (int i = 0; i < 33; ++i) eager->Send("SRV");
   ExpectSaved(32);
+  const int before = OpenDescriptors(agent_.Pid());
   eager.reset();
+  agent_.Tick();
+  EXPECT_TRUE(WaitFor([&] { return OpenDescriptors(agent_.Pid()) == before - 1; }));
   node_.Unstall();
   agent_.Tick();
   ASSERT_TRUE(node_.Accept());
-  for (int i = 0; i < 33; ++i) ASSERT_TRUE(node_.ReadRequest());
-  EXPECT_TRUE(WaitFor([&] {
-    return OpenDescriptors(agent_.Pid()) == before;  // one connection less, the link's more
-  }));
+  for (int i = 0; i < 32; ++i) ASSERT_TRUE(node_.ReadRequest()) << "what was read goes on";
   EXPECT_EQ(agent_.Stop(), 0);
 }
 

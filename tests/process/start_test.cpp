@@ -36,7 +36,8 @@ TEST(Start, TheCommandReturnsZeroWhenTheDaemonDies) {
   agent.Nodetab("# no node\n");
   EXPECT_EQ(agent.Run(), 0);
   EXPECT_TRUE(WaitFor([&] {
-    return agent.Log() == "lumo_tcp:Supported protocols are not found in the nodetab file. Exit\n";
+    return agent.Results() ==
+           "lumo_tcp:Supported protocols are not found in the nodetab file. Exit\n";
   })) << agent.Log();
   EXPECT_LT(ConnectRaw(agent.SocketPath()), 0);
 }
@@ -128,7 +129,7 @@ TEST(Start, AMissingNodeTableEndsWith254) {
   Agent agent;
   agent.WithoutNodetab().Options({"-NODETAB", agent.NodetabPath(), "-NODAEMON"});
   EXPECT_EQ(agent.Run(), 254);
-  EXPECT_EQ(agent.Log(), "lumo_tcp:File nodetab is not found. Exit.\n");
+  EXPECT_EQ(agent.Results(), "lumo_tcp:File nodetab is not found. Exit.\n");
 }
 
 TEST(Start, AFailedNodeTableUninitialisesNoLinkButStopsInOrder) {
@@ -168,7 +169,7 @@ TEST(PidFile, OneThatCannotBeWrittenIsReportedAndTheStartGoesOn) {
   const std::string path = agent.Folder() / "nowhere" / "agent.pid";
   agent.Options({"-PIDFILE", path});
   ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Log(),
+  EXPECT_EQ(agent.Results(),
             "lumo_tcp:File open failed: " + path + ". Status: " + std::to_string(ENOENT) + ".\n");
   EXPECT_EQ(agent.Stop(), 0);
 }
@@ -194,7 +195,7 @@ TEST(PidFile, IsLeftWhenThePingSetUpFails) {
   Agent agent;
   agent.Nodetab("").Options({"-PING", "-PIDFILE", PidFileOf(agent)});
   EXPECT_EQ(agent.Run(), 0);
-  EXPECT_EQ(agent.Log(), "lumo_tcp:Node(s) is not found\n");
+  EXPECT_EQ(agent.Results(), "lumo_tcp:Node(s) is not found\n");
   EXPECT_EQ(access(PidFileOf(agent).c_str(), F_OK), 0);
 }
 
@@ -211,7 +212,7 @@ TEST(PingRun, StaysInTheForegroundWithoutAClientSocketAndEndsWithTheVerdict) {
   ASSERT_TRUE(request);
   node.Answer(*request);
   EXPECT_EQ(agent.Wait(), 0);
-  EXPECT_EQ(agent.Log(), "lumo_tcp:Node \"SRV\" is alive\n");
+  EXPECT_EQ(agent.Results(), "lumo_tcp:Node \"SRV\" is alive\n");
   sigset_t pending;
   sigpending(&pending);
   EXPECT_FALSE(sigismember(&pending, SIGUSR1));
@@ -222,7 +223,7 @@ TEST(PingRun, EndsWithTheNumberOfTheFailure) {
   Agent agent;
   agent.Nodetab(node.Line("SRV")).Option("-PING");
   EXPECT_EQ(agent.Run(), 6);
-  EXPECT_EQ(agent.Log(), "lumo_tcp:Node \"SRV\" is not alive\nlumo_tcp:Connection refused\n");
+  EXPECT_EQ(agent.Results(), "lumo_tcp:Node \"SRV\" is not alive\nlumo_tcp:Connection refused\n");
 }
 
 TEST(ConnectOnLoad, AsksEveryLinkOnceAndTheFirstToConnectAtOnceIsTheDefault) {
@@ -474,7 +475,7 @@ TEST(Stop, OfADaemonIsOrderlyToo) {
   ASSERT_TRUE(agent.StartDaemon());
   EXPECT_EQ(agent.Stop(), 0);
   EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
 }
 
 }  // namespace

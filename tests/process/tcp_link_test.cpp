@@ -12,9 +12,9 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
-#include "tools/client/management.h"
 
 namespace test {
 namespace {

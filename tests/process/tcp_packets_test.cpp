@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -554,6 +555,7 @@ class TcpStall : public TcpPackets {
   static constexpr int kFlood = 70;  // of 7 kB: more than all buffers between take
   void StartWithSlowServer(const std::string& timeouts = "0 0 0",
                            const std::string& moreNodes = {}) {
+    Agent.Environment("LUMO_LINK_BUFFER", "0");  // a link that is soon full
     StartConnected(timeouts, moreNodes);
     const int small = 32768;
     setsockopt(Node.Socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
@@ -661,7 +663,8 @@ TEST_F(TcpStall, AServerThatNeverStopsSendingDoesNotStopTheOthers) {
   });
   EXPECT_TRUE(WaitFor([&] { return rounds > 5; }));
   for (int i = 0; i < 5; ++i) EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
-  Agent.Tick();
+  Agent.Signal(SIGALRM);  // not Tick(): the agent never rests
+  Agent.Barrier();
   enough = true;
   sender.join();
   ExpectUp();

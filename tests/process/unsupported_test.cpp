@@ -3,9 +3,9 @@
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
-#include "tools/client/management.h"
 
 namespace test {
 namespace {
@@ -20,7 +20,7 @@ TEST(UnsupportedProtocol, EachOfTheNineMakesANodeThatFailsOnlyWhenItIsConnected)
     table += "N" + std::to_string(table.size()) + " " + protocol + " some address\n";
   agent.Nodetab(table);
   ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent.Results(), "");
   EXPECT_EQ(lumo::CountNodes(agent.Control())->Result, 9);
   Client client(agent);
   for (int index = 0; index < 9; ++index) {

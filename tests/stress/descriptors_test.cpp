@@ -16,10 +16,10 @@
 #include "tests/stress/process_figures.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
+#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 #include "tests/support/text.h"
-#include "tools/client/management.h"
 
 namespace stress {
 namespace {

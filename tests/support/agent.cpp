@@ -17,7 +17,8 @@
 #include <random>
 #include <sstream>
 
-#include "tools/client/management.h"
+#include "tests/support/management.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
@@ -134,6 +135,7 @@ Agent::Agent() : program_(AgentProgram()), exchangeId_(RandomExchangeId()) {
   environment_["TAVRIN_TMP"] = folder_.Path() / "tmp";
   environment_["HOME"] = folder_.Path() / "home";
   environment_["PATH"] = folder_.Path() / "home";
+  if (const char* const level = std::getenv("TEST_LOG_LEVEL")) LogLevel(level);
   Nodetab("NOWHERE REZ\n");
 }
 
@@ -207,6 +209,11 @@ Agent& Agent::Limit(__rlimit_resource resource, rlim_t value) {
   return *this;
 }
 
+Agent& Agent::LogInto(int descriptor) {
+  logDescriptor_ = descriptor;
+  return *this;
+}
+
 Agent& Agent::Blocking(int signal) {
   blocked_.insert(signal);
   return *this;
@@ -244,7 +251,10 @@ void Agent::Execute(const CommandLine& command) const {
   dup2(null, 0);
   close(null);
   RedirectTo((folder_.Path() / "stdout").c_str(), 1);
-  RedirectTo(LogPath().c_str(), 2);
+  if (logDescriptor_ < 0)
+    RedirectTo(LogPath().c_str(), 2);
+  else
+    dup2(logDescriptor_, 2);
   for (const int descriptor : closed_) close(descriptor);
   // What the test itself was started with counts against a limit, for the program loader too.
   if (!limits_.empty()) close_range(3, ~0U, 0);
@@ -363,9 +373,11 @@ void Agent::Barrier() {
   }
 }
 
+// A barrier's requests would make further passes of the loop, and carry out what the tick forgot.
 void Agent::Tick() {
   Signal(SIGALRM);
-  Barrier();
+  if (WaitFor([&] { return RestsAfter(pid_, SIGALRM) || !Running(); }) && Running()) return;
+  ADD_FAILURE() << "the agent does not come to rest after a tick\n" << Log();
 }
 
 void Agent::Ticks(int count) {
@@ -429,6 +441,21 @@ std::vector<LogLine> Agent::LogLines() const {
     if (const std::optional<LogLine> parsed = ParseLogLine(line)) lines.push_back(*parsed);
   }
   return lines;
+}
+
+// Lines of the levels 0 and 1 have no header. A text may have several lines.
+std::string Agent::Results() const {
+  static const char kOthers[] =
+      "lumo_tcp:(\\[.*|(Set link|New default link|Try connect link|Disconnect link) .*"
+      "|Full connect circle .*|Link [^ ]+ +connected)";
+  std::string results;
+  bool told = false;
+  std::istringstream text(Log());
+  for (std::string line; std::getline(text, line);) {
+    if (line.rfind("lumo_tcp:", 0) == 0) told = !Matches(line, kOthers);
+    if (told) results += line + "\n";
+  }
+  return results;
 }
 
 int Agent::CountLogged(int level, const std::string& module, const std::string& text) const {

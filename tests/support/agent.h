@@ -18,14 +18,19 @@
 //     EXPECT_EQ(agent.Stop(), 0);
 //   }
 //
-// * agent.Tick() is one tick of the 2-second timer, carried out when it returns. A real tick comes
-//   when 2 seconds have passed since the last one, so that a quick sequence of Tick() is exact.
+// * agent.Tick() is one tick of the 2-second timer, carried out when it returns, and nothing else:
+// it
+//   asks nothing of the agent. A real tick comes when 2 seconds have passed since the last one, so
+//   that a quick sequence of Tick() is exact.
 // * agent.Barrier() returns when the agent has served everything that had come before.
 // * agent.Trace() switches the call trace on; agent.Logged(level, module, text) looks for a line.
 // * A local kernel greets inside the agent's connect: with -CONNECTONLOAD and such a node use
 //   Spawn(), kernel.Accept(), WaitUntilReady() in place of Start().
 // * A run that ends by itself (help, ping, a failing start) is Run(), or Spawn() and Wait().
-// * Freeze(pid) and Thaw(pid) (process.h) let events pile up, so that one pass sees them together.
+// * agent.InOnePass([&] { ... }) stops the agent in its wait while events come, so that one pass of
+//   its loop finds them together.
+// * TEST_LOG_LEVEL, in the environment of the tests, is the DBC_LOG of every agent whose test does
+//   not ask for a level of its own; ctest runs the tests at 0 and at 15.
 //   LivingProcess and DeadPid() are task names of other processes; text.h looks at texts.
 // * The destructor ends the agent and removes the directory. A sanitizer's report in the log fails
 //   the test.
@@ -41,9 +46,9 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/connection.h"
 #include "tests/support/process.h"
 #include "tests/support/wait.h"
-#include "tools/client/connection.h"
 
 namespace test {
 
@@ -94,6 +99,7 @@ class Agent {
   Agent& ExchangeId(int id);       // in place of a random one
   Agent& WithoutExchangeOption();  // no -M: the test sets NET_MBX or nothing
   Agent& UnderOwnParent();         // the agent's parent is a process of its own; see KillParent
+  Agent& LogInto(int descriptor);  // in place of the file that Log() reads
   Agent& Limit(__rlimit_resource resource, rlim_t value);
   Agent& Blocking(int signal);          // the caller had blocked the signal
   Agent& ClosedDescriptor(int number);  // the caller had closed a standard stream
@@ -104,7 +110,7 @@ class Agent {
   // Background: runs the command, waits until it returns 0, and finds the agent.
   bool StartDaemon();
   // The two halves of Start; Spawn adds no option. WaitUntilReady opens the control connection,
-  // which stays open until the end and serves Barrier and Tick.
+  // which stays open until the end and serves Barrier.
   void Spawn();
   bool WaitUntilReady(Milliseconds timeout = kPatience);
   // Waits for the process that was started: its exit status, or minus the signal that ended it.
@@ -117,6 +123,14 @@ class Agent {
   void Tick();
   void Ticks(int count);
   void Signal(int signal) const;
+  // What the events bring is found by one pass of the agent's loop. What came before must have been
+  // served: answered, or followed by a barrier. What a node sends is there as soon as it Arrived().
+  template <class Events>
+  void InOnePass(Events events) {
+    FreezeInWait(pid_);
+    events();
+    Thaw(pid_);
+  }
   // SIGTERM, and the exit status of the agent; a daemon's too.
   int Stop(int signal = 15);
   void Kill();        // SIGKILL, and waits
@@ -128,6 +142,7 @@ class Agent {
   void CloseControl() { control_.reset(); }
 
   std::string Log() const { return ReadFile(LogPath()); }
+  std::string Results() const;  // what level 0 tells, whatever else is told beside
   std::string Stdout() const { return ReadFile(folder_.Path() / "stdout"); }
   std::vector<LogLine> LogLines() const;
   // Lines of a level whose text is exactly this; the module may be empty: any.
@@ -161,7 +176,7 @@ class Agent {
   std::set<int> blocked_, closed_;
   std::filesystem::path workingDirectory_;
   std::string program_;
-  int exchangeId_;
+  int exchangeId_, logDescriptor_ = -1;
   bool passNodetab_ = true, passExchangeId_ = true, ownParent_ = false, sanitizerReported_ = false;
   pid_t child_ = -1;   // started by us, not reaped yet
   pid_t pid_ = -1;     // of the agent, as soon as it is known

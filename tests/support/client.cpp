@@ -10,7 +10,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "tools/client/management.h"
+#include "tests/support/management.h"
 
 namespace test {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
+#include "lib/message_codec.h"
 #include "tests/support/agent.h"
-#include "tools/client/connection.h"
-#include "tools/client/message_codec.h"
+#include "tests/support/connection.h"
 
 namespace test {
 

@@ -192,6 +192,18 @@ int IpcKernel::QueuedMessages() const {
   return msgctl(queue_, IPC_STAT, &state) == 0 ? static_cast<int>(state.msg_qnum) : -1;
 }
 
+bool IpcKernel::HasRoomFor(std::size_t bytes) const {
+  msqid_ds state{};
+  return msgctl(queue_, IPC_STAT, &state) == 0 && state.__msg_cbytes + bytes <= state.msg_qbytes;
+}
+
+void IpcKernel::LimitQueue(unsigned long bytes) {
+  msqid_ds state{};
+  if (msgctl(queue_, IPC_STAT, &state) != 0) return;
+  state.msg_qbytes = bytes;
+  msgctl(queue_, IPC_SET, &state);
+}
+
 constexpr long kFillerType = 0x7FFFFFFF;  // above every process id
 
 void IpcKernel::FillQueue() {

@@ -2,6 +2,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -52,6 +53,8 @@ class IpcKernel {
   bool SendBytes(pid_t reader, const std::string& body);  // from the task name on
   int SemaphoreValue() const;
   int QueuedMessages() const;
+  bool HasRoomFor(std::size_t bytes) const;  // a message with so many from the task name on
+  void LimitQueue(unsigned long bytes);
   void FillQueue();  // with messages that nobody reads, until no more fits
   void DrainQueue();
 

@@ -1,14 +1,20 @@
 #include "tests/support/peer.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <utility>
 
 namespace test {
@@ -30,6 +36,32 @@ bool WaitReadable(int socket, Clock::time_point deadline) {
     count = poll(&ready, 1, MillisecondsLeft(deadline));
   } while (count < 0 && errno == EINTR);
   return count > 0;
+}
+
+bool IsTcp(int socket) {
+  int domain = 0;
+  socklen_t size = sizeof domain;
+  return getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_INET;
+}
+
+template <class Name>
+unsigned PortBy(Name name, int socket) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  name(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+// The system knows a TCP socket with these two ports.
+bool TcpSocketExists(unsigned local, unsigned remote) {
+  std::ifstream table("/proc/net/tcp");
+  for (std::string line; std::getline(table, line);) {
+    unsigned here = 0, there = 0;
+    if (std::sscanf(line.c_str(), " %*d: %*x:%x %*x:%x", &here, &there) == 2 && here == local &&
+        there == remote)
+      return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -152,12 +184,26 @@ void Peer::Close() {
 }
 
 void Peer::Reset() {
+  const bool tcp = IsTcp(socket_);
+  const unsigned ours = PortBy(getsockname, socket_), theirs = PortBy(getpeername, socket_);
   const linger now{1, 0};
   setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
   Close();
+  WaitFor([&] { return !tcp || !TcpSocketExists(theirs, ours); });
 }
 
-void Peer::StopSending() { shutdown(socket_, SHUT_WR); }
+void Peer::StopSending() {
+  shutdown(socket_, SHUT_WR);
+  if (IsTcp(socket_)) Arrived();
+}
+
+// What the other side's system has not confirmed, its end included, is counted.
+bool Peer::Arrived() const {
+  return WaitFor([&] {
+    int unconfirmed = 0;
+    return ioctl(socket_, SIOCOUTQ, &unconfirmed) == 0 && unconfirmed == 0;
+  });
+}
 
 int AcceptWithin(int listener, Milliseconds timeout) {
   if (!WaitReadable(listener, Clock::now() + timeout)) return -1;

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "lib/message_codec.h"
 #include "tests/support/wait.h"
-#include "tools/client/message_codec.h"
 
 namespace test {
 
@@ -43,10 +43,14 @@ class Peer {
   bool SendControl(Control control);
   bool SendBytes(std::string_view bytes);
 
+  // All that was sent over TCP has come to the agent's socket, whether it reads it or not.
+  bool Arrived() const;
+
   void Close();
-  void Reset();  // closes so that the agent's next call sees an error
-  void StopSending();
+  void Reset();        // closes so that the agent's next call sees an error; it is there on return
+  void StopSending();  // over TCP, the end has come to the agent's socket on return
   bool Open() const { return socket_ >= 0; }
+  bool Ended() const { return ended_; }  // a call for a frame has found the agent's end
   int Socket() const { return socket_; }
 
  private:

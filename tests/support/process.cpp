@@ -1,13 +1,16 @@
 #include "tests/support/process.h"
 
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 namespace test {
 namespace {
@@ -19,6 +22,14 @@ void Reap(pid_t pid) {
 
 std::filesystem::path ProcessFolder(pid_t pid) {
   return std::filesystem::path("/proc") / std::to_string(pid);
+}
+
+bool InState(pid_t pid, char state) { return ProcessStatus(pid, "State").find(state) == 0; }
+
+bool StandsInWait(pid_t pid) {
+  constexpr long kWaits[] = {SYS_select, SYS_pselect6, SYS_epoll_wait,  SYS_epoll_pwait,
+                             SYS_poll,   SYS_ppoll,    SYS_epoll_pwait2};
+  return std::find(std::begin(kWaits), std::end(kWaits), BlockedInCall(pid)) != std::end(kWaits);
 }
 
 }  // namespace
@@ -72,9 +83,40 @@ pid_t AwaitedSignal::Sender(Milliseconds timeout) {
   return sigtimedwait(&set_, &info, &wait) > 0 ? info.si_pid : -1;
 }
 
+bool Sleeps(pid_t pid) { return ProcessStatus(pid, "State").starts_with('S'); }
+
+// A signal wakes a process that sleeps before kill() returns, so that it is seen to sleep again
+// only when it has done its work.
+bool RestsAfter(pid_t pid, int signal) {
+  if (!Sleeps(pid)) return false;
+  const std::string pending = ProcessStatus(pid, "ShdPnd");
+  return !pending.empty() && (std::stoull(pending, nullptr, 16) >> (signal - 1) & 1) == 0;
+}
+
 void Freeze(pid_t pid) {
   kill(pid, SIGSTOP);
-  WaitFor([&] { return ProcessStatus(pid, "State").rfind('T', 0) == 0; });
+  WaitFor([&] { return InState(pid, 'T'); });
+}
+
+// A process that is seen asleep in its wait may be woken before the signal reaches it: so it is
+// looked at again when it stands still.
+void FreezeInWait(pid_t pid) {
+  WaitFor([&] {
+    if (!WaitsForEvents(pid)) return false;
+    Freeze(pid);
+    if (StandsInWait(pid)) return true;
+    Thaw(pid);
+    return false;
+  });
+}
+
+bool WaitsForEvents(pid_t pid) { return InState(pid, 'S') && StandsInWait(pid); }
+
+long BlockedInCall(pid_t pid) {
+  std::ifstream file(ProcessFolder(pid) / "syscall");
+  long number = -1;
+  file >> number;  // "running" is no number
+  return file ? number : -1;
 }
 
 void Thaw(pid_t pid) { kill(pid, SIGCONT); }
@@ -86,6 +128,11 @@ std::string ProcessStatus(pid_t pid, const std::string& field) {
     return line.substr(line.find_first_not_of(" \t", field.size() + 1));
   }
   return {};
+}
+
+bool Catches(pid_t pid, int signal) {
+  const std::string mask = ProcessStatus(pid, "SigCgt");
+  return !mask.empty() && (std::stoull(mask, nullptr, 16) >> (signal - 1) & 1) != 0;
 }
 
 std::string DescriptorTarget(pid_t pid, int descriptor) {

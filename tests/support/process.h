@@ -48,12 +48,26 @@ class AwaitedSignal {
   sigset_t set_, before_;
 };
 
+// The process waits within a system call.
+bool Sleeps(pid_t pid);
+// It waits, and no signal of this number is still on its way to it: what one that came before has
+// set off is done. Nothing is asked of the process, which would make it do more than that.
+bool RestsAfter(pid_t pid, int signal);
+
 // Stops a process and waits until it stands still; lets it go on.
 void Freeze(pid_t pid);
+// Stops a process while it waits for events, with none that it has been told of and not yet served.
+void FreezeInWait(pid_t pid);
+// The process sleeps in a wait for events.
+bool WaitsForEvents(pid_t pid);
+// The number of the system call that a process is blocked in; -1: none.
+long BlockedInCall(pid_t pid);
 void Thaw(pid_t pid);
 
 // A field of /proc/PID/status, such as "PPid"; empty when there is none.
 std::string ProcessStatus(pid_t pid, const std::string& field);
+// The process has a handler for the signal.
+bool Catches(pid_t pid, int signal);
 
 // Where the descriptor of a process leads, such as "socket:[123]"; empty when it is not open.
 std::string DescriptorTarget(pid_t pid, int descriptor);

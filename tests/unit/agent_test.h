@@ -20,10 +20,12 @@
 
 #include "client/clntxch.h"
 #include "client/message.h"
+#include "client/parking.h"
 #include "client/primitiv.h"
 #include "core/dbc.h"
-#include "core/io.h"
+#include "core/stream.h"
 #include "core/trace.h"
+#include "core/wait.h"
 #include "link/link.h"
 #include "protocols/protload.h"
 
@@ -229,6 +231,7 @@ class AgentTest : public testing::Test {
  protected:
   void SetUp() override {
     g_DbcI = {};
+    g_SetsChanged = true;
     g_DbcI.DefaultNode = "";
     g_DbcI.LastLinkSocket = g_DbcI.LastClientSocket = kNoDescriptorYet;
     g_DbcI.ClientListenSocket = -1;
@@ -244,12 +247,14 @@ class AgentTest : public testing::Test {
     g_DbcI.ExitStatus = -1;  // nothing is connected or redefined any more
     g_DbcI.PingMode = 0;
     g_DbcI.LogLevel = 0;
+    for (int fd = 0; fd < FD_SETSIZE; ++fd) ForgetParked(fd);
     ForgetRequests();
     Free(g_DbcI.ClientPidList);
     FreeLinks();
     FreeRetiredLinks();
     FreeProtocols();
     g_DbcI = {};
+    g_SetsChanged = true;
   }
 
   // The protocol of that name, made at its first use and then in the registry until the test ends.

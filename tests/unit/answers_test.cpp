@@ -7,10 +7,10 @@
 #include <random>
 
 #include "core/status.h"
+#include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/log_lines.h"
-#include "tools/client/message_codec.h"
 
 namespace {
 
@@ -319,6 +319,7 @@ class RequestSending : public NetworkAnswer {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
+    g_DbcI.PutMsg = PutMsgToClient;
     Node = AddLink("A");
     Node->State = kLinkConnected;
   }
@@ -450,7 +451,7 @@ TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
   Save(client, 1, Node);
   Save(client, 2, Node);
   Save(client, 3, Node);
-  g_DbcI.SavedArray.Items[0].Link = nullptr;
+  ReleaseSaved(&g_DbcI.SavedArray.Items[0]);
   Save(client, 4, Node);  // takes the first slot
   EXPECT_EQ(Flush(), 0);
   EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{4, 2, 3}));

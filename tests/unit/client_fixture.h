@@ -10,8 +10,8 @@
 #include <map>
 #include <string>
 
+#include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
-#include "tools/client/message_codec.h"
 
 // The number of a process that has just ended.
 inline pid_t EndedProcess() {

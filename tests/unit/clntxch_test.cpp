@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/io.h"
+#include "core/stream.h"
 #include "tests/unit/client_fixture.h"
 #include "tests/unit/faults.h"
 
@@ -148,7 +148,7 @@ TEST_F(ClientReading, AFailedReceiveLeavesTheConnectionAsItIs) {
 
 // What had come cannot be kept: the bytes that follow would be taken for another request.
 TEST_F(ClientReading, WithoutMemoryForHalfAMessageTheConnectionIsClosed) {
-  const FailingAllocations failing;
+  const NoMemory none;
   ExpectRefused(FrameOf(Request("SRV", 1)).substr(0, 50),
                 "Receive message from client fail. Call:recv. Errno " + std::to_string(ENOMEM));
 }
@@ -632,6 +632,7 @@ TEST_F(ClientList, AFreeElementAheadOfTheClientsOwnIsFilled) {
   Add(link_, 10, 5);
   Add(link_, 11, 6);
   g_DbcI.ClientPidList.Items[0] = {};
+  g_DbcI.FirstFreeClient = 0;
   Add(link_, 11, 6);
   EXPECT_EQ(Shown(), "11/6 11/6 ");
 }

@@ -16,12 +16,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "core/loop.h"
+#include "tests/support/connection.h"
+#include "tests/support/management.h"
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/log_texts.h"
 #include "tests/unit/system_faults.h"
-#include "tools/client/connection.h"
-#include "tools/client/management.h"
 
 namespace {
 
@@ -149,7 +150,7 @@ class UsingALinkAsDefault : public AgentTest {
   }
   static void Save(std::uint16_t tag, Link* link, const char* node) {
     ClientMessage msg = MakeRequest(getpid(), -1, tag);
-    std::strncpy(msg.CBL.Node, node, sizeof msg.CBL.Node);
+    std::memcpy(msg.CBL.Node, node, strnlen(node, sizeof msg.CBL.Node));
     ASSERT_EQ(SaveUnsendMsg("test", 1, &msg, link), 0);
   }
   static int Waiting(const Link* link) {
@@ -321,6 +322,7 @@ class FailingDescriptors : public testing::Test {
     sigval value = {};
     value.sival_int = fd;
     sigqueue(pid_, SIGUSR1, value);
+    Tick();
     // The first answer may be one of a pass that had begun before.
     ASSERT_TRUE(lumo::AnswerOne(*control_) && lumo::AnswerOne(*control_)) << Log();
   }

@@ -581,6 +581,13 @@ TEST_F(ManagementCommands, TheDefinitionOfANamedNodeStandsTwoBytesBehindTheName)
   EXPECT_STREQ(static_cast<char*>(B->DriverData), "there");
 }
 
+TEST_F(ManagementCommands, TheNameOfANodeToRedefineMayBePadded) {
+  AddThreeLinks();
+  EXPECT_EQ(Command(126, 0, std::string("b       \0\0D FAKE there", 22)), 0);
+  EXPECT_EQ(Circle(), "A D C");
+  EXPECT_STREQ(static_cast<char*>(B->DriverData), "there");
+}
+
 TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
   AddThreeLinks();
   for (const std::string& text : {std::string("B"), std::string("B\0", 2), std::string("B\0\0", 3)})

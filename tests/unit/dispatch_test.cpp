@@ -1,12 +1,13 @@
 // What becomes of a request, by the node that it names and the state of the link.
+#include "client/dispatch.h"
+
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "client/clntxch.h"
-#include "core/io.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "link/link.h"
 #include "tests/unit/client_fixture.h"
 #include "tests/unit/faults.h"
@@ -526,11 +527,11 @@ TEST_F(Parking, AConnectionIsParkedBehindALinkWithMoreUnsentUntilThatIsGone) {
   EXPECT_EQ(Serve("A"), 0) << "the request itself still went";
   EXPECT_FALSE(IsRead(socket_));
   EXPECT_TRUE(IsClient(socket_) && IsOpen(socket_));
-  ReleaseParkedClients();
+  ReleaseParkedBehind(g_DbcI.LinkList);
   EXPECT_FALSE(IsRead(socket_));
   Take(own);
   EXPECT_EQ(FlushBytes(kHere, 1, own), 0);
-  ReleaseParkedClients();
+  ReleaseParkedBehind(g_DbcI.LinkList);
   EXPECT_TRUE(IsRead(socket_));
 }
 
@@ -545,15 +546,14 @@ TEST_F(Parking, ABrokenLinkReleasesItsClients) {
   const int own = BusyLink("A", kLimit + 1);
   Serve("A");
   UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own);
-  ReleaseParkedClients();
+  DisconnectLink(kHere, 1, g_DbcI.LinkList, 4007, 0);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, ADeletedLinkReleasesItsClients) {
   BusyLink("A", kLimit + 1);
   Serve("A");
-  ForgetLinkOfClients(g_DbcI.LinkList);
-  ReleaseParkedClients();
+  ForgetParkedBehind(g_DbcI.LinkList);
   EXPECT_TRUE(IsRead(socket_));
 }
 
@@ -564,7 +564,7 @@ TEST_F(Parking, AParkedConnectionThatIsClosedLeavesNoTrace) {
   const int next = Connect();
   EXPECT_EQ(next, socket_) << "the number is used again";
   UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, next);
-  ReleaseParkedClients();
+  ForgetParkedBehind(g_DbcI.LinkList);
   EXPECT_FALSE(IsRead(next)) << "nothing to release";
 }
 
@@ -579,10 +579,8 @@ TEST_F(Parking, TheThirtySecondSavedRequestParksItsConnectionAlone) {
   socket_ = Connect();
   Serve("A", 33);
   EXPECT_TRUE(IsRead(socket_));
-  ReleaseParkedClients();
   EXPECT_FALSE(IsRead(full));
-  g_DbcI.SavedArray.Items[5].Link = nullptr;
-  ReleaseParkedClients();
+  ReleaseSaved(&g_DbcI.SavedArray.Items[5]);
   EXPECT_TRUE(IsRead(full));
 }
 

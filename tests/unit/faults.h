@@ -1,5 +1,8 @@
 // Memory that runs out when a test says so.
 #pragma once
+#include <vector>
+
+#include "core/blocks.h"
 
 // While it lives, the allocation calls of the agent's modules (malloc, calloc, realloc) fail after
 // `successes` more have succeeded.
@@ -9,4 +12,27 @@ class FailingAllocations {
   ~FailingAllocations();
   FailingAllocations(const FailingAllocations&) = delete;
   FailingAllocations& operator=(const FailingAllocations&) = delete;
+};
+
+// Nothing is left to keep bytes in.
+class NoMemory {
+ public:
+  NoMemory() {
+    while (unsigned char* const block = TakeBlock()) blocks_.push_back(block);
+  }
+  ~NoMemory() {
+    for (unsigned char* const block : blocks_) GiveBlock(block);
+  }
+  NoMemory(const NoMemory&) = delete;
+  NoMemory& operator=(const NoMemory&) = delete;
+
+ private:
+  std::vector<unsigned char*> blocks_ = Reserved();
+  const FailingAllocations failing_;
+
+  static std::vector<unsigned char*> Reserved() {
+    std::vector<unsigned char*> blocks;
+    blocks.reserve(128);
+    return blocks;
+  }
 };

@@ -7,9 +7,9 @@
 #include <optional>
 
 #include "core/status.h"
+#include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/log_texts.h"
-#include "tools/client/message_codec.h"
 
 namespace {
 
@@ -122,9 +122,11 @@ TEST_F(DisconnectingALink, AnswersEveryRequestThatWentToItAndClearsItsRecord) {
   Sent(3, a);
   DisconnectLink("test", 1, a, 4008, 104);
   EXPECT_EQ(Received(), (Texts{"1: 4008, 104", "3: 4008, 104"}));
-  const MsgInfo clear = {};
-  EXPECT_EQ(std::memcmp(&g_DbcI.MsgInfoArray.Items[0], &clear, sizeof clear), 0);
-  EXPECT_EQ(std::memcmp(&g_DbcI.MsgInfoArray.Items[2], &clear, sizeof clear), 0);
+  for (const int slot : {0, 2}) {
+    const MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
+    EXPECT_EQ(info.Link, nullptr);
+    EXPECT_TRUE(info.TaskName == 0 && info.Socket == 0 && info.AstInd == 0) << slot;
+  }
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, b);
 }
 

@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
+#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
@@ -14,16 +15,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <memory>
 #include <optional>
 #include <random>
 #include <string>
 
-#include "core/io.h"
 #include "core/mailbox.h"
 #include "core/status.h"
+#include "core/stream.h"
+#include "core/wait.h"
 #include "protocols/lipc_board.h"
+#include "protocols/lipc_queue.h"
 #include "protocols/lipc_reader.h"
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
@@ -85,7 +89,14 @@ class Kernel {
     std::memcpy(msg.Body, body.data(), body.size());
     ASSERT_EQ(msgsnd(queue_, &msg, body.size(), 0), 0);
   }
-  int Queue() const { return queue_; }
+  int Messages() const {
+    msqid_ds state;
+    return msgctl(queue_, IPC_STAT, &state) == 0 ? static_cast<int>(state.msg_qnum) : -1;
+  }
+  bool HasRoomFor(std::size_t size) const {
+    msqid_ds state;
+    return msgctl(queue_, IPC_STAT, &state) == 0 && state.__msg_cbytes + size <= state.msg_qbytes;
+  }
   int SemaphoreValue() const { return semctl(semaphore_, 0, GETVAL); }
   int Attached() const {
     shmid_ds segment;
@@ -149,8 +160,8 @@ class LocalIpc : public AgentTest {
   }
 
   // A request that is noted as sent and lies in the kernel's queue.
-  ClientMessage Ask(int socket, std::uint16_t astInd) {
-    ClientMessage msg = MakeRequest(getpid(), socket, astInd, {"request"});
+  ClientMessage Ask(int socket, std::uint16_t astInd, const std::string& text = "request") {
+    ClientMessage msg = MakeRequest(getpid(), socket, astInd, {text});
     const MsgInfo info = {.Link = link_, .TaskName = getpid(), .Socket = socket, .AstInd = astInd};
     EXPECT_EQ(SaveMsgInfo("test", 1, &info), 0);
     EXPECT_EQ(Send(msg), 0);
@@ -214,6 +225,7 @@ class LocalIpc : public AgentTest {
   }
 
   void UseATagAgain(Kernel& kernel, const Client& first, const Client& second);
+  int FillQueue(int socket);
 
   Protocol protocol_ = {};
   Link* link_ = nullptr;
@@ -367,18 +379,46 @@ TEST_F(LocalIpc, ConnectStartsAReaderAndRegistersItsPipe) {
   EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
 }
 
+// Only the end that the agent reads from is a link's descriptor: the last one of the table will do.
 TEST_F(LocalIpc, PipeBeyondTheTableIsRefused) {
   Kernel kernel;
   ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
   std::vector<int> fillers;
-  while (fillers.empty() || fillers.back() < kMaxDescriptors - 2) fillers.push_back(dup(0));
+  while (fillers.empty() || fillers.back() < kMaxDescriptors - 1) fillers.push_back(dup(0));
   EXPECT_EQ(Connect(), kStatusDescriptor);
   EXPECT_EQ(errno, 0);
   EXPECT_EQ(Data().ChildPid, 0);
   const int next = dup(0);
-  EXPECT_EQ(next, kMaxDescriptors - 1);
+  EXPECT_EQ(next, kMaxDescriptors) << "nothing is left open";
   close(next);
+  close(fillers.back());
+  fillers.pop_back();
+  EXPECT_EQ(Connect(), 0);
+  EXPECT_EQ(Data().PipeRead, kMaxDescriptors - 1);
   for (const int fd : fillers) close(fd);
+}
+
+// The reader keeps its own ends wherever they are.
+TEST_F(LocalIpc, ReaderWorksWithDescriptorsBeyondThoseOfClients) {
+  Kernel kernel;
+  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
+  const rlimit many = {FD_SETSIZE + 64, FD_SETSIZE + 64};
+  rlimit before;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  ASSERT_GE(before.rlim_max, many.rlim_max);
+  const Client client = ConnectClient();
+  std::vector<int> fillers;
+  while (fillers.empty() || fillers.back() < FD_SETSIZE) fillers.push_back(dup(0));
+  close(fillers.front());
+  fillers.erase(fillers.begin());
+  ASSERT_EQ(Connect(), 0);
+  for (const int fd : fillers) close(fd);
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "answer");
+  EXPECT_TRUE(HasText(Receive(client), "answer"));
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(MsgInfos(), 0);
 }
 
 TEST_F(LocalIpc, RequestIsQueuedWithTheReaderAsItsTaskName) {
@@ -473,20 +513,55 @@ TEST_F(LocalIpc, EachConnectionOfAProcessGetsItsOwnAnswer) {
   EXPECT_TRUE(HasText(Receive(one), "first"));
 }
 
-TEST_F(LocalIpc, OneTagInUseTwiceLeavesTheChoiceToTheAgent) {
+// An earlier request has left a hole among the records: the one asked last has the first of them.
+TEST_F(LocalIpc, OfTwoConnectionsWithOneTagEachGetsOneAnswerInTheOrderOfTheRequests) {
+  Kernel kernel;
+  const Client early = ConnectClient();
+  ConnectTo(kernel);
+  const Client late = ConnectClient();
+  for (const bool lateFirst : {false, true}) {
+    const Client& one = lateFirst ? late : early;
+    const Client& two = lateFirst ? early : late;
+    MsgInfo other = {.Link = link_, .TaskName = 1, .Socket = -1, .AstInd = 1};
+    ASSERT_EQ(SaveMsgInfo("test", 1, &other), 0);
+    Ask(one.Accepted, 1);
+    ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
+    Ask(two.Accepted, 1);
+    ASSERT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, two.Accepted);
+    AnswerNext(kernel, "first");
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), 0);
+    EXPECT_TRUE(HasText(Receive(one), "first"));
+    EXPECT_FALSE(Readable(two.Fd, 0));
+    AnswerNext(kernel, "second");
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), 0);
+    EXPECT_TRUE(HasText(Receive(two), "second"));
+    EXPECT_FALSE(Readable(one.Fd, 0));
+    EXPECT_EQ(MsgInfos(), 0);
+  }
+}
+
+// The board has no room for the requests between the two.
+TEST_F(LocalIpc, OneTagBeyondTheBoardIsAnsweredInTheOrderOfTheRequestsToo) {
   Kernel kernel;
   const Client one = ConnectClient(), two = ConnectClient();
   ConnectTo(kernel);
+  for (std::int32_t i = 0; i < kBoardSlots; ++i) {
+    const MsgInfo other = {.Link = link_, .TaskName = 1, .Socket = -1, .AstInd = 1};
+    ASSERT_EQ(SaveMsgInfo("test", 1, &other), 0);
+  }
   Ask(one.Accepted, 1);
+  ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
   Ask(two.Accepted, 1);
-  AnswerNext(kernel, "first");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_FALSE(Readable(one.Fd, 0));
-  EXPECT_FALSE(Readable(two.Fd, 0));
-  EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(one), "first"));
-  AnswerNext(kernel, "second");
-  EXPECT_TRUE(HasText(Receive(two), "second"));
+  for (const Client& client : {one, two}) {
+    AnswerNext(kernel, "answer");
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), 0);
+    EXPECT_TRUE(HasText(Receive(client), "answer"));
+    EXPECT_FALSE(Readable(one.Fd, 0));
+    EXPECT_FALSE(Readable(two.Fd, 0));
+  }
 }
 
 // The answer to the request with tag 5 of `first` has been delivered, the agent has not read of it,
@@ -543,48 +618,6 @@ TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheFirstIsClosed) {
   EXPECT_TRUE(HasText(Receive(second), "second"));
 }
 
-TEST_F(LocalIpc, HandedAnswerWithoutMemoryBreaksTheLink) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "no room for it");
-  ASSERT_TRUE(RecordComes());
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Read(), kStatusReceive);
-  }
-  EXPECT_EQ(link_->State, kLinkDisconnected);
-  const std::string failure = Receive(client);
-  ASSERT_EQ(failure.size(), 108U);
-  const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(failure.data());
-  EXPECT_EQ(Get(bytes, WireField<int>{8}), kStatusReceive);
-  EXPECT_EQ(Get(bytes, WireField<int>{44}), ENOMEM);
-}
-
-// The record of the first answer is lost with the failure.
-TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTakingAnswersFails) {
-  Kernel kernel;
-  const Client first = ConnectClient();
-  ConnectTo(kernel);
-  const Client second = ConnectClient(), third = ConnectClient();
-  Ask(first.Accepted, 5);
-  AnswerNext(kernel, "first");
-  EXPECT_TRUE(HasText(Receive(first), "first"));
-  Ask(second.Accepted, 5);
-  AnswerNext(kernel, "second");
-  Ask(third.Accepted, 6);
-  AnswerNext(kernel, "no room for it");
-  ASSERT_TRUE(RecordsCome(3));
-  {
-    const FailingAllocations failing(1);
-    EXPECT_EQ(Read(), kStatusReceive);
-  }
-  EXPECT_TRUE(HasText(Receive(second), "second"));
-  EXPECT_EQ(Receive(third).size(), 108U);
-  for (const Client& client : {first, second, third}) EXPECT_FALSE(Readable(client.Fd, 0));
-}
-
 TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
   Kernel kernel;
   const Client client = ConnectClient();
@@ -610,50 +643,65 @@ TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
   EXPECT_EQ(MsgInfos(), 0);
 }
 
-// A kernel that answers with the request itself. It never waits for room in the queue that it has
-// to empty itself.
-[[noreturn]] void EchoRequests(int queue, int count) {
-  alarm(60);
-  std::deque<std::pair<QueueMessage, std::size_t>> answers;
-  for (int taken = 0; taken < count || !answers.empty();) {
-    QueueMessage msg;
-    const ssize_t size = msgrcv(queue, &msg, sizeof msg.Body, 1, IPC_NOWAIT);
-    if (size > 0) {
-      std::int32_t reader;
-      std::memcpy(&reader, msg.Body, sizeof reader);
-      msg.Type = reader;
-      answers.emplace_back(msg, static_cast<std::size_t>(size));
-      ++taken;
-    } else if (!answers.empty() &&
-               msgsnd(queue, &answers.front().first, answers.front().second, IPC_NOWAIT) == 0) {
-      answers.pop_front();
-    } else {
-      poll(nullptr, 0, 1);
-    }
-  }
-  _exit(0);
+// Requests over the link until one finds the queue full: how many there are then.
+int LocalIpc::FillQueue(int socket) {
+  int asked = 0;
+  while (link_->Unsent == 0 && asked < 1000 && !HasFatalFailure())
+    Ask(socket, static_cast<std::uint16_t>(++asked), std::string(4000, 'x'));
+  return asked;
 }
 
-TEST_F(LocalIpc, FullQueueIsEmptiedByTheReaderWhileTheAgentWaits) {
+TEST_F(LocalIpc, WhatFindsTheQueueFullIsKeptInOrderAndGoesOutWhenThereIsRoom) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  ConnectTo(kernel);
+  ASSERT_NE(RetryOutput, nullptr);
+  EXPECT_EQ(RetryOutput(), -1);
+  int asked = FillQueue(client.Accepted);
+  for (int i = 0; i < 3; ++i) Ask(client.Accepted, static_cast<std::uint16_t>(++asked));
+  EXPECT_GT(link_->Unsent, 4000U);
+  EXPECT_GT(RetryOutput(), 0);
+  const int queued = kernel.SemaphoreValue();
+  EXPECT_LT(queued, asked);
+  for (int i = 1; i <= asked; ++i) {
+    AnswerNext(kernel);
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), 0);
+    RetryOutput();  // as before each wait
+    const std::string answer = Receive(client);
+    ASSERT_FALSE(answer.empty()) << i;
+    EXPECT_EQ(
+        Get(reinterpret_cast<const unsigned char*>(answer.data()) + answer.size() - kTrailerSize,
+            kTrailerAstInd),
+        i);
+  }
+  EXPECT_EQ(kernel.SemaphoreValue(), asked) << "the kernel is woken once for each";
+  EXPECT_EQ(link_->Unsent, 0U);
+  EXPECT_EQ(RetryOutput(), -1);
+  EXPECT_EQ(MsgInfos(), 0);
+}
+
+TEST_F(LocalIpc, PausesBetweenTwoTriesGrowUntilThereIsRoom) {
   Kernel kernel;
   ConnectTo(kernel);
-  const Client client = ConnectClient();
-  constexpr int kRequests = 600;  // more answers than the pair holds
-  const pid_t server = fork();
-  if (server == 0) EchoRequests(kernel.Queue(), kRequests);
-  kernel.SetPid(server);
-  for (int i = 0; i < kRequests; ++i) Ask(client.Accepted, static_cast<std::uint16_t>(i));
-  int answers = 0;
-  while (answers < kRequests && RecordComes()) {
-    ASSERT_EQ(Read(), 0);
-    ASSERT_FALSE(Receive(client).empty());
-    ++answers;
+  FillQueue(-1);
+  const auto tryAgain = [&] {
+    RetryNow(&Data());
+    return RetryOutput();
+  };
+  int pause = tryAgain();
+  for (int i = 0; i < 20; ++i) {
+    const int next = tryAgain();
+    EXPECT_TRUE(next > pause || (next == pause && pause >= 32)) << pause << " then " << next;
+    pause = next;
   }
-  EXPECT_EQ(answers, kRequests);
-  EXPECT_EQ(MsgInfos(), 0);
-  int status = -1;
-  EXPECT_EQ(waitpid(server, &status, 0), server);
-  EXPECT_EQ(status, 0);
+  EXPECT_LE(pause, 100);
+  EXPECT_LE(RetryOutput(), pause) << "what is not due is not tried";
+  FillQueue(-1);
+  Ask(-1, 999);
+  kernel.Take();
+  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
+  EXPECT_LE(RetryOutput(), 2) << "the tick tries, and something went out";
 }
 
 TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
@@ -672,16 +720,66 @@ TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST_F(LocalIpc, StopRequestEndsTheWaitForAFullQueue) {
+TEST_F(LocalIpc, KernelThatGoesFailsWhatIsKeptForIt) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  ConnectTo(kernel);
+  const int asked = FillQueue(client.Accepted);
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  kernel.SetPid(dead);
+  RetryNow(&Data());
+  EXPECT_EQ(RetryOutput(), 0);
+  EXPECT_EQ(link_->State, kLinkDisconnected);
+  EXPECT_EQ(link_->Unsent, 0U);
+  for (int i = 0; i < asked; ++i) {
+    const std::string failure = Receive(client);
+    ASSERT_EQ(failure.size(), 108U);
+    const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(failure.data());
+    EXPECT_EQ(Get(bytes, WireField<int>{8}), kStatusSend);
+    EXPECT_EQ(Get(bytes, WireField<int>{44}), EAGAIN);
+  }
+  EXPECT_EQ(RetryOutput(), -1);
+}
+
+TEST_F(LocalIpc, MessageThatCannotBeKeptFails) {
   Kernel kernel;
   ConnectTo(kernel);
-  g_DbcI.ExitStatus = -1;
-  int status = 0;
-  for (int i = 0; i < 100000 && status == 0; ++i) {
-    ClientMessage msg = MakeRequest(77, -1, 5, {std::string(1000, 'x')});
-    status = Send(msg);
-  }
-  EXPECT_EQ(status, kStatusSend);
+  FillQueue(-1);
+  ClientMessage msg = MakeRequest(77, -1, 5);
+  const FailingAllocations failing;
+  EXPECT_EQ(Send(msg), kStatusSend);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(LocalIpc, WhatWasForAFormerReaderDoesNotFillTheQueue) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  ConnectTo(kernel);
+  const pid_t former = Data().ChildPid;
+  LIpcDisconnectLink("test", 1, link_);
+  ASSERT_EQ(Connect(), 0);
+  const std::string answer = BodyOf(MakeRequest(77, 0, 5, {std::string(7000, 'x')}));
+  while (kernel.HasRoomFor(answer.size())) kernel.Answer(former, answer);
+  Ask(client.Accepted, 6, std::string(7000, 'y'));
+  EXPECT_EQ(link_->Unsent, 0U);
+  AnswerNext(kernel, "answer");
+  EXPECT_TRUE(HasText(Receive(client), "answer"));
+  kernel.Answer(former, answer);
+  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
+  EXPECT_EQ(kernel.Messages(), 0) << "the tick, too, takes it away";
+}
+
+TEST_F(LocalIpc, AnswersForAProcessThatLivesAreNotTakenAway) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  LIpcDisconnectLink("test", 1, link_);
+  ASSERT_EQ(Connect(), 0);
+  Data().Former[0] = getpid();  // its number belongs to somebody else by now
+  kernel.Answer(getpid(), BodyOf(MakeRequest(77, 0, 5)));
+  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
+  EXPECT_EQ(kernel.Messages(), 1);
 }
 
 TEST_F(LocalIpc, AnswerThatNobodyAskedForIsDropped) {
@@ -731,14 +829,42 @@ TEST_F(LocalIpc, FlushIsPutOffWhileTheReaderWritesAndTheReaderStaysOutAfterwards
   const Client client = ConnectClient();
   ConnectTo(kernel);
   ASSERT_NE(MayFlush, nullptr);
-  Data().Board->SendingTo = client.Accepted;
+  Data().Board->Writer[client.Accepted] = 1;  // as the reader does
   EXPECT_FALSE(MayFlush(client.Accepted));
-  Data().Board->SendingTo = 0;
-  EXPECT_TRUE(MayFlush(client.Accepted));
-  EXPECT_FALSE(BoardBeginSend(Data().Board, client.Accepted));
+  Data().Board->Writer[client.Accepted] = 0;
   Ask(client.Accepted, 1);
+  EXPECT_TRUE(MayFlush(client.Accepted));
+  AnswerNext(kernel, "by way of the agent");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_FALSE(Readable(client.Fd, 0));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(HasText(Receive(client), "by way of the agent"));
+  Ask(client.Accepted, 2);
   AnswerNext(kernel, "straight again");
   EXPECT_TRUE(HasText(Receive(client), "straight again"));
+}
+
+// Puts the reader out of its work in the middle of writing the answer to the first client.
+TEST_F(LocalIpc, ConnectionThatTheReaderWasWritingToWhenItDiedIsClosed) {
+  Kernel kernel;
+  const Client client = ConnectClient(), other = ConnectClient();
+  ConnectTo(kernel);
+  Ask(client.Accepted, 1);
+  Ask(other.Accepted, 2);
+  BoardRequest request;
+  ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 1, &request));
+  ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
+  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
+  ASSERT_TRUE(RecordComes());
+  g_DbcI.LogLevel = kLogError;
+  CapturedStderr stderrText;
+  EXPECT_EQ(Read(), kStatusPeerClosed);
+  EXPECT_TRUE(stderrText.Contains("The reader has ended while it wrote to a client."));
+  char byte;
+  EXPECT_EQ(recv(client.Fd, &byte, 1, 0), 0) << "neither an answer nor a failure";
+  EXPECT_FALSE(FD_ISSET(client.Accepted, &g_DbcI.ClientSockets));
+  EXPECT_EQ(Receive(other).size(), 108U);
+  EXPECT_EQ(MsgInfos(), 0);
 }
 
 TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
@@ -764,7 +890,8 @@ TEST_F(LocalIpc, AnswersOfADeadReaderStillReachTheirClients) {
   AnswerNext(kernel, "last words");
   ASSERT_TRUE(RecordComes());
   PipeRecord record;
-  ASSERT_EQ(read(Data().PipeRead, &record, sizeof record), 8);  // as if it had not been written
+  ASSERT_EQ(read(Data().PipeRead, &record, sizeof record),
+            static_cast<ssize_t>(sizeof record));  // as if it had not been written
   ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
   ASSERT_TRUE(RecordComes());
   EXPECT_EQ(Read(), kStatusPeerClosed);
@@ -807,6 +934,56 @@ TEST_F(LocalIpc, DisconnectEndsTheReaderAndIsHarmlessTwice) {
   EXPECT_EQ(kernel.Attached(), 0);
 }
 
+// As an agent that a shell has started with a job in the background, and then become.
+TEST_F(LocalIpc, ChildrenThatAreNoReadersAreNotWaitedFor) {
+  Kernel kernel;
+  const pid_t other = fork();
+  if (other == 0) pause();
+  const auto begin = std::chrono::steady_clock::now();
+  ConnectTo(kernel);
+  const auto patience = std::chrono::milliseconds(900);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, patience);
+  kill(other, SIGKILL);
+  EXPECT_EQ(waitpid(other, nullptr, 0), other) << "nor collected";
+}
+
+TEST_F(LocalIpc, ReaderThatIsStillEndingIsWaitedForBeforeTheNext) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const pid_t former = Data().ChildPid;
+  LIpcDisconnectLink("test", 1, link_);
+  ASSERT_EQ(Connect(), 0);
+  EXPECT_EQ(kill(former, 0), -1) << "gone, and collected";
+  EXPECT_NE(Data().ChildPid, former);
+}
+
+TEST_F(LocalIpc, ProcessThatHasTheNumberOfAReaderIsNotTakenForIt) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const pid_t reader = Data().ChildPid;
+  ASSERT_EQ(kill(reader, SIGKILL), 0);
+  ASSERT_EQ(waitpid(reader, nullptr, 0), reader);
+  Data().ChildPid = getpid();
+  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), kStatusReaderGone);
+  LIpcDisconnectLink("test", 1, link_);  // else this process would be told to end
+  Data().ChildPid = 0;
+}
+
+TEST_F(LocalIpc, AnswerThatCannotBeHandedOverBreaksTheLink) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  ASSERT_EQ(shutdown(Data().Pair, SHUT_RDWR), 0);
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "to nobody");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), kStatusPeerClosed);
+  const std::string failure = Receive(client);
+  ASSERT_EQ(failure.size(), 108U);
+  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}),
+            kStatusPeerClosed);
+}
+
 TEST_F(LocalIpc, DeathOfAClientIsTold) {
   Kernel kernel;
   ConnectTo(kernel);
@@ -825,132 +1002,127 @@ class Board : public testing::Test {
   }
   void TearDown() override { RemoveBoard(board_); }
 
-  void Add(int task, std::uint16_t astInd, int socket = 9) {
-    BoardAdd(board_, {.TaskName = task, .AstInd = astInd, .Socket = socket, .Serial = 3});
+  void Add(RequestId id, int task, std::uint16_t astInd, int socket = 9) {
+    BoardAdd(board_,
+             {.Id = id, .TaskName = task, .AstInd = astInd, .Socket = socket, .Connection = 3});
   }
-  BoardSlot* Find(int task, std::uint16_t astInd) {
-    return BoardFind(board_, task, astInd, &request_, &state_);
+  bool Claim(int task, std::uint16_t astInd) { return BoardClaim(board_, task, astInd, &request_); }
+  void Write(int task, std::uint16_t astInd, bool written = true) {
+    ASSERT_TRUE(Claim(task, astInd));
+    ASSERT_TRUE(BoardBeginWrite(board_, request_));
+    BoardEndWrite(board_, request_, written);
   }
-  void MarkDelivered(int task, std::uint16_t astInd) {
-    BoardSlot* const slot = Find(task, astInd);
-    ASSERT_NE(slot, nullptr);
-    BoardMarkDelivered(slot, state_);
-  }
+  BoardState Close(std::int32_t slot) { return BoardClose(board_, slot, &request_); }
 
   ReaderBoard* board_ = nullptr;
   BoardRequest request_ = {};
-  std::uint32_t state_ = 0;
 };
 
-TEST_F(Board, RequestIsFoundByItsName) {
-  Add(1, 1, 10);
-  Add(1, 2, 11);
-  ASSERT_NE(Find(1, 2), nullptr);
+TEST_F(Board, RequestIsClaimedOnceByItsName) {
+  Add({0, 1}, 1, 1, 10);
+  Add({1, 2}, 1, 2, 11);
+  EXPECT_FALSE(Claim(2, 1));
+  ASSERT_TRUE(Claim(1, 2));
+  EXPECT_EQ(request_.Id.Slot, 1);
+  EXPECT_EQ(request_.Id.Serial, 2U);
   EXPECT_EQ(request_.Socket, 11);
-  EXPECT_EQ(request_.Serial, 3U);
-  EXPECT_EQ(Find(2, 1), nullptr);
+  EXPECT_EQ(request_.Connection, 3U);
+  EXPECT_FALSE(Claim(1, 2));
 }
 
-TEST_F(Board, NameInUseTwiceIsNotFound) {
-  Add(1, 1, 10);
-  Add(1, 1, 11);
-  EXPECT_EQ(Find(1, 1), nullptr);
-  BoardRemove(board_, 1, 1, false);
-  EXPECT_NE(Find(1, 1), nullptr);
+TEST_F(Board, OfOneNameTheRequestAskedFirstIsClaimedFirst) {
+  Add({2, 0xFFFFFFFF}, 1, 1, 12);  // the serial numbers go round
+  Add({1, 0}, 1, 1, 11);
+  Add({0, 1}, 1, 1, 10);
+  for (const int socket : {12, 11, 10}) {
+    ASSERT_TRUE(Claim(1, 1));
+    EXPECT_EQ(request_.Socket, socket);
+  }
 }
 
-TEST_F(Board, DeliveredRequestMakesRoomForItsNameAtOnce) {
-  Add(1, 1, 10);
-  MarkDelivered(1, 1);
-  Add(1, 1, 11);
-  ASSERT_NE(Find(1, 1), nullptr);
+TEST_F(Board, EntryIsFreeAgainWithTheRecordOfItsRequestOnly) {
+  Add({0, 1}, 1, 1);
+  Write(1, 1);
+  Add({0, 3}, 1, 1);
+  EXPECT_FALSE(Claim(1, 1)) << "the child has not told of the answer to the first";
+  board_->AgentDecides = false;
+  const RequestId told = BoardRemove(board_, 0);
+  EXPECT_EQ(told.Slot, 0);
+  EXPECT_EQ(told.Serial, 1U);
+  Add({0, 3}, 1, 1);
+  EXPECT_TRUE(Claim(1, 1));
+}
+
+TEST_F(Board, RequestThatFindsNoEntryLeavesTheChoiceToTheAgent) {
+  Add({0, 1}, 1, 1);
+  Add({kBoardSlots, 2}, 1, 2);
+  EXPECT_TRUE(board_->AgentDecides);
+  EXPECT_FALSE(Claim(1, 1));
+  EXPECT_TRUE(BoardWithdraw(board_, {kBoardSlots, 2}));
+  EXPECT_TRUE(BoardWithdraw(board_, {0, 1}));
+  board_->AgentDecides = false;
+  EXPECT_FALSE(Claim(1, 1)) << "the agent has it";
+}
+
+TEST_F(Board, ClaimedRequestIsNotTheAgentsToAnswer) {
+  Add({0, 1}, 1, 1);
+  ASSERT_TRUE(Claim(1, 1));
+  EXPECT_FALSE(BoardWithdraw(board_, {0, 1}));
+  EXPECT_TRUE(BoardWithdraw(board_, {0, 2})) << "another request of that record";
+}
+
+TEST_F(Board, AbandonedRequestMakesRoomForTheNextOfItsRecord) {
+  Add({0, 1}, 1, 1, 10);
+  Add({0, 2}, 1, 1, 11);
+  ASSERT_TRUE(Claim(1, 1));
   EXPECT_EQ(request_.Socket, 11);
-  BoardRemove(board_, 1, 1, true);
-  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
-  EXPECT_NE(Find(1, 1), nullptr);
+  EXPECT_FALSE(board_->AgentDecides);
 }
 
-TEST_F(Board, RequestWhoseAnswerWasHandedOverIsNotFoundForASecondOne) {
-  Add(1, 1);
-  BoardSlot* const slot = Find(1, 1);
-  BoardMarkHandedOver(slot, state_);
-  EXPECT_EQ(Find(1, 1), nullptr);
-  BoardRemove(board_, 1, 1, false);
-  Add(1, 1, 11);
-  EXPECT_EQ(Find(1, 1), slot);
-  EXPECT_EQ(request_.Socket, 11);
+TEST_F(Board, PartingTellsWhatIsAnswered) {
+  for (std::int32_t slot = 0; slot < 5; ++slot)
+    Add({slot, static_cast<std::uint32_t>(slot) + 1}, 1, static_cast<std::uint16_t>(slot));
+  ASSERT_TRUE(Claim(1, 1));
+  Write(1, 2);
+  Write(1, 3, false);
+  ASSERT_TRUE(Claim(1, 4));
+  ASSERT_TRUE(BoardBeginWrite(board_, request_));
+  const BoardRequest last = request_;
+  EXPECT_EQ(Close(0), BoardState::Waiting);
+  EXPECT_EQ(Close(1), BoardState::Claimed);
+  EXPECT_EQ(Close(2), BoardState::Written);
+  EXPECT_EQ(request_.Id.Serial, 3U);
+  EXPECT_EQ(Close(3), BoardState::Claimed);
+  EXPECT_EQ(Close(4), BoardState::Writing);
+  EXPECT_EQ(Close(4), BoardState::Writing);
+  BoardEndWrite(board_, last, true);
+  EXPECT_EQ(Close(4), BoardState::Written);
+  for (std::int32_t slot = 0; slot < 5; ++slot) EXPECT_EQ(Close(slot), BoardState::Free);
 }
 
-TEST_F(Board, MarkOfASlotThatWasUsedAgainIsLost) {
-  Add(1, 1);
-  BoardSlot* const slot = Find(1, 1);
-  BoardRemove(board_, 1, 1, false);
-  Add(1, 2);
-  BoardMarkDelivered(slot, state_);
-  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
-  EXPECT_NE(Find(1, 2), nullptr);
+TEST_F(Board, ClaimThatTheAgentHasClosedIsNotWritten) {
+  Add({0, 1}, 1, 1);
+  ASSERT_TRUE(Claim(1, 1));
+  const BoardRequest claimed = request_;
+  Close(0);
+  EXPECT_FALSE(BoardBeginWrite(board_, claimed));
+  EXPECT_TRUE(BoardTakeConnection(board_, claimed.Socket)) << "it was given back";
 }
 
-TEST_F(Board, RemovedRequestIsShown) {
-  Add(1, 1, 10);
-  MarkDelivered(1, 1);
-  Add(1, 1, 11);
-  BoardRequest removed = {};
-  ASSERT_TRUE(BoardRemove(board_, 1, 1, true, &removed));
-  EXPECT_EQ(removed.Socket, 10);
-  EXPECT_EQ(removed.Serial, 3U);
-  EXPECT_FALSE(BoardRemove(board_, 1, 1, true, &removed));
-}
-
-TEST_F(Board, DeliveredRequestIsNotForgottenWhenAFullBoardTakesItsNameAgain) {
-  for (std::uint32_t i = 0; i < kBoardSlots; ++i) Add(1, static_cast<std::uint16_t>(i));
-  MarkDelivered(1, 7);
-  Add(1, 7, 11);
-  EXPECT_EQ(Find(1, 7), nullptr);
-  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
-  EXPECT_EQ(request_.AstInd, 7);
-}
-
-TEST_F(Board, DeliveredRequestsAreTakenOneByOne) {
-  for (std::uint16_t i = 0; i < 5; ++i) Add(1, i);
-  MarkDelivered(1, 1);
-  MarkDelivered(1, 4);
-  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
-  EXPECT_EQ(request_.AstInd, 1);
-  ASSERT_TRUE(BoardTakeDelivered(board_, &request_));
-  EXPECT_EQ(request_.AstInd, 4);
-  EXPECT_FALSE(BoardTakeDelivered(board_, &request_));
-}
-
-TEST_F(Board, FullBoardForgetsOlderRequestsOfTheSameName) {
-  for (std::uint32_t i = 0; i < kBoardSlots; ++i) Add(1, static_cast<std::uint16_t>(i));
-  ASSERT_NE(Find(1, 7), nullptr);
-  Add(1, 7);
-  EXPECT_EQ(Find(1, 7), nullptr);
-  EXPECT_NE(Find(1, 8), nullptr);
-}
-
-TEST_F(Board, RequestsOfAClientAreRemovedTogether) {
-  Add(1, 1);
-  Add(2, 1);
-  Add(1, 2);
-  BoardRemoveTask(board_, 1);
-  EXPECT_EQ(Find(1, 1), nullptr);
-  EXPECT_EQ(Find(1, 2), nullptr);
-  EXPECT_NE(Find(2, 1), nullptr);
-}
-
-TEST_F(Board, OneOfTheTwoSidesSeesTheOther) {
-  EXPECT_TRUE(BoardBeginSend(board_, 9));
-  EXPECT_FALSE(BoardReserve(board_, 9));
-  EXPECT_TRUE(BoardReserve(board_, 10));
-  BoardEndSend(board_);
-  EXPECT_TRUE(BoardReserve(board_, 9));
-  EXPECT_FALSE(BoardBeginSend(board_, 9));
-  EXPECT_TRUE(BoardBeginSend(board_, 11));
-  BoardEndSend(board_);
-  board_->Closed = 1;
-  EXPECT_FALSE(BoardBeginSend(board_, 11));
+TEST_F(Board, ConnectionHasOneWriter) {
+  Add({0, 1}, 1, 1, 9);
+  ASSERT_TRUE(Claim(1, 1));
+  ASSERT_TRUE(BoardBeginWrite(board_, request_));
+  EXPECT_FALSE(BoardTakeConnection(board_, 9));
+  EXPECT_TRUE(BoardTakeConnection(board_, 10));
+  BoardEndWrite(board_, request_, false);
+  EXPECT_TRUE(BoardTakeConnection(board_, 9));
+  EXPECT_TRUE(BoardTakeConnection(board_, 9)) << "again";
+  EXPECT_FALSE(BoardBeginWrite(board_, request_));
+  BoardGiveConnection(board_, 9);
+  EXPECT_TRUE(BoardBeginWrite(board_, request_));
+  BoardGiveConnection(board_, 9);
+  EXPECT_FALSE(BoardTakeConnection(board_, 9)) << "only one's own is given back";
 }
 
 }  // namespace

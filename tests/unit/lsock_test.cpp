@@ -12,9 +12,9 @@
 #include <thread>
 #include <utility>
 
-#include "core/io.h"
 #include "core/mailbox.h"
 #include "core/status.h"
+#include "core/stream.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/system_faults.h"

@@ -4,9 +4,9 @@
 
 #include <cstddef>
 
-#include "core/io.h"
+#include "core/stream.h"
+#include "lib/message_codec.h"
 #include "tests/unit/tcp_driver.h"
-#include "tools/client/message_codec.h"
 
 namespace {
 

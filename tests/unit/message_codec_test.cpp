@@ -1,12 +1,12 @@
-#include "tools/client/message_codec.h"
+#include "lib/message_codec.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <stdexcept>
 
-#include "tools/client/management.h"
-#include "tools/client/status_text.h"
+#include "lib/status_text.h"
+#include "tests/support/management.h"
 
 namespace {
 
@@ -223,9 +223,9 @@ TEST(ManagementCodec, ItemTextLosesItsPadding) {
 
 TEST(StatusText, EveryCodeOfTheAgentHasWordsAndNoOther) {
   for (const int code : {1001, 4001, 4002, 4005, 4006, 4007, 4008, 4009, 4050, 4052, 4053, 4058,
-                         4065, 4066, 4156, 4200})
+                         4065, 4066, 4156, 4200, 4201})
     EXPECT_NE(lumo::StatusText(code), nullptr) << code;
-  for (const int code : {0, 1, 19, 1002, 4000, 4003, 4201})
+  for (const int code : {0, 1, 19, 1002, 4000, 4003, 4202})
     EXPECT_EQ(lumo::StatusText(code), nullptr) << code;
 }
 

@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <fstream>
 
+#include "client/dispatch.h"
 #include "core/status.h"
 #include "tests/unit/agent_test.h"
+#include "tests/unit/faults.h"
 
 namespace {
 
@@ -64,6 +66,8 @@ class PingMode : public AgentTest {
   static std::string NotAlive(const std::string& text) {
     return "lumo_tcp:Node \"NODE\" is not alive\nlumo_tcp:" + text + "\n";
   }
+
+  void AskWithoutMemory(std::uint8_t state);
 
   std::string Path, Log;
   bool PipeIsOpen = false;
@@ -312,6 +316,58 @@ TEST_F(PingMode, AnAnswerOfTheNodeEndsTheRunAsAlive) {
   EXPECT_EQ(g_DbcI.ExitStatus, -1);
   ASSERT_EQ(Fake().Sent.size(), 1U);
   EXPECT_EQ(std::memcmp(Fake().Sent[0].CBL.Command, "TS T", 4), 0);
+}
+
+// Nobody has been asked: the verdict is that of the code.
+void PingMode::AskWithoutMemory(std::uint8_t state) {
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+  g_DbcI.DefaultLink->State = state;
+  CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
+  }
+  EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
+  EXPECT_EQ(g_DbcI.ExitStatus, 200);
+  EXPECT_TRUE(Fake().Sent.empty());
+}
+
+TEST_F(PingMode, ARequestThatCannotBeRecordedAsSentHasTheVerdictOfItsCode) {
+  AskWithoutMemory(kLinkConnected);
+}
+
+TEST_F(PingMode, ARequestThatCannotBeSavedHasTheVerdictOfItsCode) {
+  AskWithoutMemory(kLinkConnecting);
+}
+
+TEST_F(PingMode, AClientThatCannotBeListedEndsTheRun) {
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  g_DbcI.DefaultLink->State = kLinkConnected;
+  CapturedStderr log;
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), 0);
+  }
+  EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
+  EXPECT_EQ(g_DbcI.ExitStatus, 200);
+  EXPECT_TRUE(Fake().Sent.empty());
+}
+
+// What a node answers is an answer, also one that says what failed.
+TEST_F(PingMode, AFailureThatTheNodeTellsOfMeansAlive) {
+  Fake().OnSend = [](Link* link, ClientMessage* msg) {
+    ClientMessage answer = *msg;
+    answer.CBL.CodErr = 4200;
+    g_DbcI.ServedLink = link;
+    EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
+    g_DbcI.ServedLink = nullptr;
+    return 0;
+  };
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  CapturedStderr log;
+  HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
+  EXPECT_EQ(log.Text(), "lumo_tcp:Node \"NODE\" is alive\n");
 }
 
 TEST_F(PingMode, EndingClosesBothEnds) {

@@ -83,7 +83,7 @@ TEST_F(RequestBookkeeping, TheThirdSavedRequestGrowsTheArrayToFourAndKeepsTheOld
 
 TEST_F(RequestBookkeeping, AfterAllAreSentTheNextSavedRequestReusesTheFirstElement) {
   for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, link_), 0);
-  for (SavedMessage& saved : g_DbcI.SavedArray) saved.Link = nullptr;
+  while (SavedMessage* const saved = GetNextUnsendMsg(nullptr)) ReleaseSaved(saved);
   ASSERT_EQ(Save(9, other_), 0);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 4);
   EXPECT_EQ(AstIndOf(g_DbcI.SavedArray.Items[0]), 9);
@@ -93,7 +93,8 @@ TEST_F(RequestBookkeeping, AfterAllAreSentTheNextSavedRequestReusesTheFirstEleme
 
 TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSavedIsTaken) {
   for (std::uint16_t tag = 1; tag <= 4; ++tag) ASSERT_EQ(Save(tag, link_), 0);
-  g_DbcI.SavedArray.Items[1].Link = g_DbcI.SavedArray.Items[2].Link = nullptr;
+  ReleaseSaved(&g_DbcI.SavedArray.Items[1]);
+  ReleaseSaved(&g_DbcI.SavedArray.Items[2]);
   ASSERT_EQ(Save(5, link_), 0);
   EXPECT_EQ(SavedTags(), (Tags{1, 5, 4}));
 }
@@ -311,14 +312,78 @@ TEST_F(RequestBookkeeping, AClosedConnectionIsForgottenByItsRequestsAlone) {
   EXPECT_EQ(SavedTags(), (Tags{3, 4}));
 }
 
-TEST_F(RequestBookkeeping, TheSavedRequestsOfOneConnectionAreCounted) {
-  EXPECT_EQ(SavedRequests(7), 0);
+TEST_F(RequestBookkeeping, WhatConnectionsAndLinksHaveIsCounted) {
+  const auto& requests = g_Connections[7].Requests;
   Save(1, link_, 7);
   Save(2, other_, 7);
   Save(3, link_, 8);
-  EXPECT_EQ(SavedRequests(7), 2);
-  g_DbcI.SavedArray.Items[0].Link = nullptr;
-  EXPECT_EQ(SavedRequests(7), 1);
+  Note(4, link_, 7);
+  EXPECT_EQ(requests[kWaiting].Count, 2);
+  EXPECT_EQ(requests[kInFlight].Count, 1);
+  EXPECT_EQ(link_->Books.Waiting, 2);
+  EXPECT_EQ(link_->Books.InFlight, 1);
+  MoveSaved(&g_DbcI.SavedArray.Items[0], other_);
+  EXPECT_EQ(link_->Books.Waiting, 1);
+  EXPECT_EQ(other_->Books.Waiting, 2);
+  ForgetConnection(7);
+  EXPECT_EQ(requests[kWaiting].Count + requests[kInFlight].Count, 0);
+  EXPECT_EQ(other_->Books.Gone[kWaiting].Count, 2);
+  EXPECT_EQ(link_->Books.Gone[kInFlight].Count, 1);
+  MoveSaved(&g_DbcI.SavedArray.Items[1], link_);
+  EXPECT_EQ(other_->Books.Gone[kWaiting].Count, 1);
+  EXPECT_EQ(link_->Books.Gone[kWaiting].Count, 1);
+  while (SavedMessage* const saved = GetNextUnsendMsg(nullptr)) ReleaseSaved(saved);
+  ClearMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
+  for (const Link* link : {link_, other_}) {
+    EXPECT_EQ(link->Books.Waiting + link->Books.InFlight, 0);
+    EXPECT_EQ(link->Books.Gone[kWaiting].Count + link->Books.Gone[kInFlight].Count, 0);
+  }
+}
+
+TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestWaitingRequestsAreDropped) {
+  g_DbcI.LogLevel = kLogError;
+  const CapturedStderr log;
+  for (std::uint16_t tag = 1; tag <= 1030; ++tag) {
+    Save(tag, link_, 7);
+    ForgetConnection(7);
+  }
+  const Tags tags = SavedTags();
+  EXPECT_EQ(tags.size(), 1024U);
+  EXPECT_EQ(std::count_if(tags.begin(), tags.end(), [](int tag) { return tag <= 6; }), 0);
+  const std::string text = log.Text();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "told once: " << text;
+  while (link_->Books.Waiting > 1000) ReleaseSaved(GetNextUnsendMsg(nullptr));
+  for (std::uint16_t tag = 1; tag <= 30; ++tag) {
+    Save(tag, link_, 7);
+    ForgetConnection(7);
+  }
+  const std::string again = log.Text();
+  EXPECT_EQ(std::count(again.begin(), again.end(), '\n'), 2) << "their number had fallen";
+}
+
+TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestRequestsInFlightAreDropped) {
+  for (int i = 0; i < 262144; ++i) Note(1, link_, -1);
+  Note(2, other_, -1);
+  ASSERT_NE(FindMsgInfo(link_, 100, 1), nullptr);
+  Note(3, link_, -1);
+  EXPECT_EQ(link_->Books.InFlight, 262144);
+  EXPECT_NE(FindMsgInfo(link_, 100, 3), nullptr);
+  EXPECT_FALSE(InUse(g_DbcI.MsgInfoArray.Items[0])) << "the oldest";
+  EXPECT_NE(FindMsgInfo(other_, 100, 2), nullptr) << "each link has its own limit";
+}
+
+TEST_F(RequestBookkeeping, ARequestIsKnownByItsIdUntilItIsReleased) {
+  Note(1, link_);
+  const RequestId first = LastSavedRequest();
+  Note(2, link_);
+  EXPECT_EQ(FindRequest(first), &g_DbcI.MsgInfoArray.Items[0]);
+  ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
+  EXPECT_EQ(FindRequest(first), nullptr);
+  Note(3, link_);
+  EXPECT_EQ(LastSavedRequest().Slot, first.Slot);
+  EXPECT_EQ(FindRequest(first), nullptr) << "the record has been used again";
+  EXPECT_EQ(FindRequest({.Slot = -1, .Serial = 1}), nullptr);
+  EXPECT_EQ(FindRequest({.Slot = 1000, .Serial = 1}), nullptr);
 }
 
 class ActiveLinks : public AgentTest {

@@ -35,14 +35,17 @@ class Waiting : public AgentTest {
     close(ends_[0]);
     close(ends_[1]);
     EndWait();
+    RetryOutput = nullptr;
     AgentTest::TearDown();
   }
 
-  int Wait(bool atOnce) { return WaitForEvents(atOnce, &readyForRead_, &readyForWrite_, -1); }
-  bool Found() const { return FD_ISSET(ends_[0], &readyForRead_); }
+  static int Wait(bool atOnce) {
+    RetryOutput = atOnce ? +[] { return 0; } : nullptr;
+    return WaitForEvents();
+  }
+  bool Found() const { return FD_ISSET(ends_[0], &g_Ready.Read); }
 
   int ends_[2] = {};
-  fd_set readyForRead_ = {}, readyForWrite_ = {};
   struct sigaction formerAction_ = {};
 };
 
@@ -62,7 +65,7 @@ TEST_F(Waiting, OnlyLooksWhenItIsToldTo) {
 }
 
 TEST_F(Waiting, FindsInputBehindEpollToo) {
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(Wait(true), 0);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 1);
@@ -70,23 +73,23 @@ TEST_F(Waiting, FindsInputBehindEpollToo) {
 }
 
 TEST_F(Waiting, BehindEpollHasNoEndButAnEventOrASignal) {
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(Wait(false), kInterrupted);
   EXPECT_EQ(errno, EINTR);
 }
 
 TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
-  PrepareWait(true);
+  PrepareWait();
   REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, ends_[1]);
   EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(FD_ISSET(ends_[1], &readyForWrite_));
+  EXPECT_TRUE(FD_ISSET(ends_[1], &g_Ready.Write));
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 2);
   EXPECT_TRUE(Found());
 }
 
 TEST_F(Waiting, EndOfTheStreamCountsAsInput) {
-  PrepareWait(true);
+  PrepareWait();
   close(ends_[1]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(Found());
@@ -94,7 +97,7 @@ TEST_F(Waiting, EndOfTheStreamCountsAsInput) {
 
 // Another process may have a copy of what is closed here, as the readers of local queues have.
 TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(Wait(true), 0);
   const int copy = dup(ends_[0]);
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
@@ -105,7 +108,7 @@ TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
 }
 
 TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(Wait(true), 0);
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
   const int number = ends_[0];
@@ -120,14 +123,14 @@ TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
 
 // As select does; the loop then looks for the bad one.
 TEST_F(Waiting, FailsWhenWhatIsRegisteredIsNotOpen) {
-  PrepareWait(true);
+  PrepareWait();
   close(ends_[0]);
   EXPECT_EQ(Wait(true), -1);
   EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(Waiting, AWaitForAllNoticesADescriptorThatWasClosedMeanwhile) {
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(Wait(true), 0);
   close(ends_[0]);
   EXPECT_EQ(Wait(true), 0) << "epoll does not notice";
@@ -142,7 +145,7 @@ TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
   const rlimit few = {.rlim_cur = 63, .rlim_max = former.rlim_max};
   setrlimit(RLIMIT_NOFILE, &few);
   const int before = OpenDescriptors();
-  PrepareWait(true);
+  PrepareWait();
   setrlimit(RLIMIT_NOFILE, &former);
   EXPECT_EQ(OpenDescriptors(), before);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
@@ -154,7 +157,7 @@ TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
 TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
   const int before = OpenDescriptors(), own = dup(ends_[0]);
   close(own);
-  PrepareWait(true);
+  PrepareWait();
   EXPECT_EQ(OpenDescriptors(), before + 2);
   StopWaitingFor(own);
   EXPECT_EQ(OpenDescriptors(), before);
@@ -168,7 +171,7 @@ TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
 TEST_F(Waiting, IsEndedByASignalThatCameBefore) {
   InitialiseSignalHandlers("wait", __LINE__);
   InitialiseTimer("wait", __LINE__);
-  PrepareWait(true);
+  PrepareWait();
   for (const int signal : {SIGALRM, SIGTERM, SIGINT}) {
     EXPECT_EQ(Wait(true), 0);
     raise(signal);
@@ -183,10 +186,16 @@ TEST_F(Waiting, IsEndedByASignalThatCameBefore) {
 }
 
 // With epoll, and with select alone.
-class WakingUp : public Waiting, public testing::WithParamInterface<bool> {};
+class WakingUp : public Waiting, public testing::WithParamInterface<bool> {
+ protected:
+  static void Prepare() {
+    PrepareWait();
+    if (!GetParam()) LookAtAllNext();
+  }
+};
 
 TEST_P(WakingUp, EndsTheNextWaitOnce) {
-  PrepareWait(GetParam());
+  Prepare();
   WakeUp();
   EXPECT_EQ(Wait(false), -1);
   EXPECT_EQ(errno, EINTR);
@@ -195,16 +204,16 @@ TEST_P(WakingUp, EndsTheNextWaitOnce) {
 }
 
 TEST_P(WakingUp, IsNoEventBesideOthers) {
-  PrepareWait(GetParam());
+  Prepare();
   WakeUp();
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(Found());
-  for (int fd = 0; fd < FD_SETSIZE; ++fd) EXPECT_EQ(FD_ISSET(fd, &readyForRead_), fd == ends_[0]);
+  for (int fd = 0; fd < FD_SETSIZE; ++fd) EXPECT_EQ(FD_ISSET(fd, &g_Ready.Read), fd == ends_[0]);
 }
 
 TEST_P(WakingUp, EndsAWaitForRoomToo) {
-  PrepareWait(GetParam());
+  Prepare();
   int full[2];
   ASSERT_EQ(pipe2(full, O_NONBLOCK), 0);
   while (write(full[1], "0123456789", 10) > 0) continue;
@@ -223,7 +232,7 @@ TEST_F(Waiting, OnlyLooksAfterAWakeUpThatHasNoDescriptor) {
 }
 
 TEST_P(WakingUp, KeepsErrno) {
-  PrepareWait(GetParam());
+  Prepare();
   errno = 77;
   WakeUp();
   ForgetWakeUp();

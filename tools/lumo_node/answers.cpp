@@ -21,6 +21,8 @@ std::string RequestSql(const Message& request) {
 
 bool IsLinkTest(const Message& request) { return request.Command == "TS T"; }
 
+bool IsHeld(const Message& request) { return request.Command == "HOLD"; }
+
 bool IsClientDeath(const Message& request) { return request.Command == "CKIL"; }
 
 Message MakeAnswer(const Message& request, const QueryResult& result) {

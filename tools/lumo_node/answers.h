@@ -2,7 +2,7 @@
 #pragma once
 #include <string>
 
-#include "tools/client/message_codec.h"
+#include "lib/message_codec.h"
 #include "tools/lumo_node/database.h"
 #include "tools/lumo_node/options.h"
 
@@ -15,6 +15,8 @@ constexpr std::size_t kMaxText = kMaxMessage - kEmptyMessage;
 std::string RequestSql(const Message& request);
 // The link test asks for nothing but an answer.
 bool IsLinkTest(const Message& request);
+// The load generator wants no answer to it.
+bool IsHeld(const Message& request);
 // The agent's word that a client has died.
 bool IsClientDeath(const Message& request);
 

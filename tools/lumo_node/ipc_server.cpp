@@ -91,7 +91,7 @@ int IpcServer::Collect(std::vector<pollfd>*) { return kPollMs; }
 void IpcServer::Serve(const Handler& handler) {
   while (!unsent_.empty() && SendNow(unsent_.front())) unsent_.pop_front();
   std::string frame;
-  while (Receive(&frame)) {
+  while (!Deaf() && Receive(&frame)) {
     std::int32_t reader;
     std::memcpy(&reader, frame.data() + kLengthSize, sizeof reader);
     handler(static_cast<PeerId>(reader), frame);

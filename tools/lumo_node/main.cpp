@@ -1,15 +1,21 @@
 // lumo_node: a stand-in database node.
+#include <fcntl.h>
 #include <sys/signalfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include "tools/lumo_node/answers.h"
+#include "tools/lumo_node/control.h"
 #include "tools/lumo_node/ipc_server.h"
 #include "tools/lumo_node/node.h"
 #include "tools/lumo_node/stream_server.h"
@@ -62,7 +68,8 @@ void AddTransports(const Options& options, EventLog* log, Node* node) {
   }
 }
 
-void Serve(const Options& options) {
+// `ready` is called when everything listens.
+void Serve(const Options& options, const std::function<void()>& ready) {
   // Blocked and read from a descriptor: nothing is interrupted, everything is removed at the end.
   const sigset_t signals = StopSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
@@ -72,10 +79,55 @@ void Serve(const Options& options) {
   Database database(options.Database, StopRequested);
   SetUp(options, &database);
   Node node(options, &log, &database);
+  std::optional<Control> control;
+  if (!options.Control.empty()) control.emplace(options.Control);
   AddTransports(options, &log, &node);
-  node.Run(stop);
+  ready();
+  node.Run(stop, control ? &*control : nullptr);
   log.Write("stopped");
   close(stop);
+}
+
+// Returns in the parent process, with the exit status, when the node is ready or has failed.
+std::optional<int> GoToBackground(int* readyPipe) {
+  std::array<int, 2> ends;
+  if (pipe2(ends.data(), O_CLOEXEC) < 0) throw std::runtime_error("pipe failed");
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  close(ends[pid == 0 ? 0 : 1]);
+  *readyPipe = ends[1];
+  if (pid == 0) {
+    setsid();
+    return std::nullopt;
+  }
+  char word = 0;
+  int status = 0;
+  if (read(ends[0], &word, 1) == 1) return 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+// Whoever reads what was printed need not wait for the end.
+void Detach(int readyPipe) {
+  const int null = open("/dev/null", O_RDWR);
+  for (const int fd : {0, 1, 2}) dup2(null, fd);
+  if (null > 2) close(null);
+  [[maybe_unused]] const ssize_t written = write(readyPipe, "1", 1);
+  close(readyPipe);
+}
+
+int Run(const Options& options) {
+  if (!options.Tell.empty()) {
+    TellNode(options.Tell, options.TellLine);
+    return 0;
+  }
+  int readyPipe = -1;
+  const std::optional<int> parent = options.Background ? GoToBackground(&readyPipe) : std::nullopt;
+  if (parent) return *parent;
+  Serve(options, [&] {
+    if (options.Background) Detach(readyPipe);
+  });
+  return 0;
 }
 
 }  // namespace
@@ -84,10 +136,9 @@ void Serve(const Options& options) {
 int main(int argc, char** argv) {
   const lumo::node::Options options = lumo::node::ParseOptions(argc, argv);
   try {
-    lumo::node::Serve(options);
+    return lumo::node::Run(options);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "lumo_node: %s\n", error.what());
     return 1;
   }
-  return 0;
 }

@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/client/connection.h"
+#include "lib/socket_path.h"
 
 namespace lumo::node {
 namespace {
@@ -97,8 +97,10 @@ StreamServer::~StreamServer() {
 int StreamServer::Collect(std::vector<pollfd>* wanted) {
   wanted->push_back({listener_.Socket, POLLIN, 0});
   for (const auto& [peer, connection] : connections_) {
-    const int events = connection.Out.empty() ? POLLIN : POLLIN | POLLOUT;
-    wanted->push_back({connection.Socket, static_cast<short>(events), 0});
+    const int events = (Deaf() ? 0 : POLLIN) | (connection.Out.empty() ? 0 : POLLOUT);
+    // With nothing to wait for, a broken connection would end every wait at once.
+    const int socket = events ? connection.Socket : -1;
+    wanted->push_back({socket, static_cast<short>(events), 0});
     if (connection.Closing && connection.Out.empty()) return 0;
   }
   return -1;
@@ -128,7 +130,7 @@ void StreamServer::AcceptAll() {
 
 bool StreamServer::ServeConnection(PeerId peer, const Handler& handler) {
   Connection& connection = connections_.at(peer);
-  const bool open = Receive(&connection);
+  const bool open = Deaf() || Receive(&connection);
   std::string frame;
   while (!connection.Closing && TakeFrame(&connection, &frame)) handler(peer, frame);
   return open && Flush(&connection) && !(connection.Closing && connection.Out.empty());

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/client/message_codec.h"
+#include "lib/message_codec.h"
 
 namespace lumo::node {
 
@@ -29,6 +29,14 @@ class Transport {
   virtual void CloseAfterSending(PeerId peer) = 0;
   virtual Lengths FrameLengths() const = 0;
   virtual bool HasControlPackets() const = 0;
+
+  void SetDeaf(bool deaf) { deaf_ = deaf; }
+
+ protected:
+  bool Deaf() const { return deaf_; }
+
+ private:
+  bool deaf_ = false;  // nothing is read
 };
 
 }  // namespace lumo::node

@@ -1,17 +1,22 @@
 #include "tools/lumoctl/agent.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 
 #include "tools/lumoctl/exits.h"
+#include "tools/lumoctl/system_state.h"
 #include "tools/lumoctl/table_file.h"
 
 namespace lumo::ctl {
 namespace {
 
+constexpr std::uint16_t kAddNode = 119;  // the command's number
 constexpr std::uint32_t kCodeLocals = 2, kCodeLocali = 3, kCodeTcpip = 4;
 
 // A node's number; what is none gives -1, which no node has.
@@ -22,14 +27,50 @@ std::int32_t ParseIndex(const std::string& text) {
   return error == std::errc() && rest == end ? index : -1;
 }
 
-Failure NotConnected(lumo_status status, const std::string& path) {
-  const std::string reason = status == LUMO_NO_AGENT || status == LUMO_SYSTEM
-                                 ? std::strerror(errno)
-                                 : lumo_status_text(status);
-  if (status == LUMO_TIMEOUT)
-    return {kTimeOver, "the agent on " + path + " does not greet in time"};
-  if (status == LUMO_TOO_LONG) return {kUsage, "the path " + path + " is too long for a socket"};
-  return {kNoAgent, "no agent answers on " + path + ": " + reason};
+// Why nobody answers at each of the places, and what to do. `error` is that of connecting to
+// `path`.
+Failure NobodyAnswers(const std::vector<std::string>& places, const std::string& path, int error) {
+  std::string text = "no agent answers: ";
+  bool refused = false;
+  for (const std::string& place : places) {
+    struct stat unused;
+    const int reason = place == path ? error : stat(place.c_str(), &unused) == 0 ? 0 : errno;
+    refused = refused || reason == EACCES;
+    text += place + " (" + (reason ? std::strerror(reason) : "not tried") + "), ";
+  }
+  text.replace(text.size() - 2, 2, "; ");
+  return {kNoAgent, text + (refused ? "only members of the group lumo may connect to the packaged "
+                                      "agent: adduser USER lumo, and log in again"
+                                    : "start it (systemctl start lumo_tcp), or say where it is "
+                                      "with TAVRIN_TMP, -M or --socket")};
+}
+
+// With the errno of the attempt.
+Failure NotConnected(lumo_status status, const std::vector<std::string>& places,
+                     const std::string& path) {
+  const int error = errno;
+  switch (status) {
+    case LUMO_TIMEOUT:
+      return {kTimeOver, "the agent on " + path + " does not greet in time"};
+    case LUMO_TOO_LONG:
+      return {kUsage, "the path " + path + " is too long for a socket"};
+    case LUMO_NO_AGENT:
+      if (error != ECONNRESET) return NobodyAnswers(places, path, error);
+      return {kNoAgent,
+              "the agent on " + path + " is full, or stopping: it closes new connections"};
+    case LUMO_SYSTEM:
+      return {kNoAgent, "connecting to " + path + " failed: " + std::strerror(error)};
+    default:
+      return {kNoAgent, path + ": " + lumo_status_text(status)};
+  }
+}
+
+Failure NotPermitted(bool changes) {
+  return {kNo, std::string("the agent does not permit this: ") +
+                   (changes ? "LUMO_MANAGERS names who may change its nodes (the packaged service: "
+                              "members of lumo-admin), or "
+                            : "") +
+                   "LUMO_STRICT_TASKS refuses clients in another process id namespace"};
 }
 
 std::uint32_t CodeOf(Kind kind) {
@@ -75,11 +116,12 @@ NodeChoice NodeChoice::Named(const std::string& name) {
   return choice;
 }
 
-Agent::Agent(const Options& options) : timeoutMs_(options.TimeoutMs(5)) {
+Agent::Agent(const Options& options)
+    : places_(AgentPlaces(options)), timeoutMs_(options.TimeoutMs(5)) {
   const std::string path = AgentSocket(options);
   lumo_connection* connection = nullptr;
   const lumo_status status = lumo_open(path.c_str(), timeoutMs_, &connection);
-  if (status != LUMO_OK) throw NotConnected(status, path);
+  if (status != LUMO_OK) throw NotConnected(status, places_, path);
   connection_.reset(connection);
 }
 
@@ -89,6 +131,7 @@ std::int32_t Agent::Ask(const Call& call, bool changes) const {
   std::int32_t result = 0;
   const lumo_status status = call(timeoutMs_, &result);
   if (status == LUMO_OK || status == LUMO_REFUSED) return result;
+  if (status == LUMO_ERROR && errno == EPERM) throw NotPermitted(changes);
   if (status == LUMO_TIMEOUT) throw Failure(kTimeOver, "the agent does not answer in time");
   if (status == LUMO_UNSURE && changes)
     throw Failure(kUnsure, "no answer came: it is not known whether the agent carried it out");
@@ -98,7 +141,7 @@ std::int32_t Agent::Ask(const Call& call, bool changes) const {
                : Failure(kNoAgent, "the connection to the agent was lost");
   }
   if (status == LUMO_NO_AGENT || status == LUMO_BAD_GREETING)
-    throw NotConnected(status, SocketPath());
+    throw NotConnected(status, places_, SocketPath());
   throw Failure(status == LUMO_TOO_LONG ? kUsage : kFailed, lumo_status_text(status));
 }
 
@@ -132,12 +175,24 @@ std::string Agent::DefaultName() {
 }
 
 std::optional<std::string> Agent::TablePath() {
+  if (const auto known = TableOfProcess(Pid())) return known;
   char path[512] = "";
   const std::int32_t found = Look([&](int deadline, std::int32_t* result) {
     return lumo_nodetab_path(Connection(), deadline, path, sizeof path, result);
   });
   if (found != LUMO_RESULT_DONE) return std::nullopt;
   return path;
+}
+
+std::optional<std::string> Agent::TableFile() {
+  const auto path = TablePath();
+  if (!path || path->front() == '/') return path;
+  std::error_code error;
+  const auto folder =
+      std::filesystem::read_symlink("/proc/" + std::to_string(Pid()) + "/cwd", error);
+  if (!error) return (folder / *path).lexically_normal();
+  throw Failure(kNo, "the agent's node table is " + *path +
+                         " in its own directory, which this user may not see; --file names one");
 }
 
 std::optional<lumo_node> Agent::Get(const NodeChoice& choice) {
@@ -163,9 +218,20 @@ std::int32_t Agent::SetDefault(std::int32_t index) {
   });
 }
 
-std::int32_t Agent::Add(const std::string& line) {
+// The agent puts a new node in front of the one that a message has named last, and this one may.
+std::int32_t Agent::Add(const std::string& line, const std::string& before) {
   return Change([&](int deadline, std::int32_t* result) {
-    return lumo_add_node(Connection(), line.c_str(), deadline, result);
+    lumo_request request = lumo_request_make();
+    request.node = before.c_str();
+    request.command = "DBCA";
+    request.dbc_api_code = kAddNode;
+    request.strings[0] = {line.c_str(), line.size() + 1};
+    lumo_answer* raw = nullptr;
+    const lumo_status status = lumo_ask(Connection(), &request, deadline, &raw);
+    const std::unique_ptr<lumo_answer, decltype(&lumo_answer_free)> answer(raw, lumo_answer_free);
+    *result = lumo_answer_row_id(raw);
+    if (status == LUMO_ERROR) errno = lumo_answer_sys_error(raw);
+    return status;
   });
 }
 

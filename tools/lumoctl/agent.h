@@ -35,14 +35,20 @@ class Agent {
   std::string SocketPath() const { return lumo_connection_path(connection_.get()); }
 
   std::vector<lumo_node> Nodes();
-  std::int32_t DefaultIndex();             // the number of nodes when there is none
-  std::string DefaultName();               // empty when there is none
-  std::optional<std::string> TablePath();  // nothing: there is no file
+  std::int32_t DefaultIndex();  // the number of nodes when there is none
+  std::string DefaultName();    // empty when there is none
+  // Asked of the agent itself only when the system does not tell it. Nothing: there is no file.
+  std::optional<std::string> TablePath();
+  // The same to be opened here: a relative path begins at the agent's directory. Fails with kNo
+  // when this user may not see that.
+  std::optional<std::string> TableFile();
   std::optional<lumo_node> Get(const NodeChoice& node);
   // The rest returns the agent's result, a lumo_result.
   std::int32_t Probe();
   std::int32_t SetDefault(std::int32_t index);  // 1 done, 0 no such node
-  std::int32_t Add(const std::string& line);
+  // In front of the node of this name, in the circle in which the agent goes from node to node; of
+  // none: where the agent stands.
+  std::int32_t Add(const std::string& line, const std::string& before = "");
   std::int32_t Set(const NodeChoice& node, const std::string& line);
   std::int32_t Delete(const NodeChoice& node);
   std::int32_t Lock(std::int32_t owner);
@@ -59,6 +65,7 @@ class Agent {
     void operator()(lumo_connection* connection) const { lumo_close(connection); }
   };
   std::unique_ptr<lumo_connection, Closer> connection_;
+  std::vector<std::string> places_;  // that were looked at
   int timeoutMs_;
 };
 

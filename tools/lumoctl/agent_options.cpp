@@ -50,21 +50,25 @@ struct Spelled {
 
 // Case and any '-' or '/' do not matter; the key ends at the end, or at a blank or '=' before a
 // value.
-Spelled Spell(const std::string& argument) {
-  for (const Option& option : kOptions) {
-    const std::string key = option.Key;
-    std::size_t at = 0, matched = 0;
-    const auto skip = [&] {
-      while (at < argument.size() && (argument[at] == '-' || argument[at] == '/')) ++at;
-    };
-    for (skip(); at < argument.size() && matched < key.size(); ++at, ++matched, skip()) {
-      if (std::toupper(static_cast<unsigned char>(argument[at])) != key[matched]) break;
-    }
-    if (matched < key.size()) continue;
-    if (at == argument.size()) return {&option, false, {}};
-    if ((argument[at] == ' ' || argument[at] == '=') && at + 1 < argument.size())
-      return {&option, true, argument.substr(at + 1)};
+Spelled SpellOne(const Option& option, const std::string& argument) {
+  const std::string key = option.Key;
+  std::size_t at = 0, matched = 0;
+  const auto skip = [&] {
+    while (at < argument.size() && (argument[at] == '-' || argument[at] == '/')) ++at;
+  };
+  for (skip(); at < argument.size() && matched < key.size(); ++at, ++matched, skip()) {
+    if (std::toupper(static_cast<unsigned char>(argument[at])) != key[matched]) break;
   }
+  if (matched < key.size()) return {};
+  if (at == argument.size()) return {&option, false, {}};
+  if ((argument[at] == ' ' || argument[at] == '=') && at + 1 < argument.size())
+    return {&option, true, argument.substr(at + 1)};
+  return {};
+}
+
+Spelled Spell(const std::string& argument) {
+  for (const Option& option : kOptions)
+    if (const Spelled spelled = SpellOne(option, argument); spelled.Found) return spelled;
   return {};
 }
 
@@ -72,15 +76,20 @@ void Warn(std::vector<Fault>* faults, const char* rule, std::string text) {
   faults->push_back({Severity::Warning, rule, std::move(text)});
 }
 
+// A value that is an argument of its own is looked at as an option too. One that spells its own
+// option does no harm: the first argument that does so counts.
+void CheckSeparateValue(const Option& option, const std::string& value,
+                        std::vector<Fault>* faults) {
+  const std::string spelled = OptionSpelled(value);
+  if (!spelled.empty() && spelled != option.Key)
+    Warn(faults, "option-key",
+         "the value '" + value + "' of -" + option.Key + " is taken for the option -" + spelled +
+             " as well");
+}
+
 void CheckValue(const Option& option, const std::string& value, const Table& table,
                 std::vector<Fault>* faults) {
-  const std::string name = std::string("-") + option.Key;
-  const std::string spelled = OptionSpelled(value);
-  if (!spelled.empty())
-    Warn(faults, "option-key",
-         "the value '" + value + "' of " + name + " is taken for the option -" + spelled +
-             " as well");
-  const std::string key = option.Key;
+  const std::string key = option.Key, name = '-' + key;
   if ((key == "S" || key == "DEFAULT") && !table.Find(value))
     Warn(faults, "default-unknown",
          "the table has no node '" + value + "' for " + name + ": the first node is the default");
@@ -93,6 +102,17 @@ void CheckValue(const Option& option, const std::string& value, const Table& tab
 std::string OptionSpelled(const std::string& argument) {
   const Spelled spelled = Spell(argument);
   return spelled.Found ? spelled.Found->Key : "";
+}
+
+std::optional<std::string> OptionValue(const std::vector<std::string>& arguments,
+                                       const std::string& key) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const Spelled spelled = SpellOne({key.c_str(), true}, arguments[i]);
+    if (!spelled.Found) continue;
+    if (spelled.HasValue) return spelled.Value;
+    return i + 1 < arguments.size() ? arguments[i + 1] : "";
+  }
+  return std::nullopt;
 }
 
 std::vector<Fault> CheckOptions(const std::vector<std::string>& arguments, const Table& table) {
@@ -110,7 +130,8 @@ std::vector<Fault> CheckOptions(const std::vector<std::string>& arguments, const
     if (spelled.HasValue) {
       CheckValue(*spelled.Found, spelled.Value, table, &faults);
     } else if (i + 1 < arguments.size()) {
-      CheckValue(*spelled.Found, arguments[++i], table, &faults);
+      CheckSeparateValue(*spelled.Found, arguments[++i], &faults);
+      CheckValue(*spelled.Found, arguments[i], table, &faults);
     } else {
       Warn(&faults, "no-value", "there is no value behind " + arguments[i]);
     }

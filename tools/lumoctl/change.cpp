@@ -5,7 +5,9 @@
 #include "tools/lumoctl/agent.h"
 #include "tools/lumoctl/commands.h"
 #include "tools/lumoctl/exits.h"
+#include "tools/lumoctl/order.h"
 #include "tools/lumoctl/output.h"
+#include "tools/lumoctl/system_state.h"
 #include "tools/lumoctl/table_file.h"
 
 namespace lumo::ctl {
@@ -62,7 +64,7 @@ void SendLine(Agent* agent, const lumo_node& before, Step* step) {
 
 std::string PathOfTable(Agent* agent, const Options& options) {
   if (!options.File.empty()) return options.File;
-  const auto path = agent->TablePath();
+  const auto path = agent->TableFile();
   if (!path) throw Failure(kNo, "the agent finds no node table file; --file names one");
   return *path;
 }
@@ -147,9 +149,10 @@ int Plan::Differences() const {
   }));
 }
 
-void AddNode(Agent* agent, Step* step) {
+void AddNode(Agent* agent, const Table& table, Step* step) {
   step->Outcome = kRefused;
-  if (agent->Add(step->Line->Text) != LUMO_RESULT_DONE) return;
+  const std::string follower = FollowerOf(step->Line->Name, table, agent->Nodes());
+  if (agent->Add(step->Line->Text, follower) != LUMO_RESULT_DONE) return;
   const auto after = agent->Get(NodeChoice::Named(step->Line->Name));
   if (after && Compare(*after, *step->Line) != Agreement::Different) step->Outcome = kInForce;
 }
@@ -164,10 +167,10 @@ void DeleteNode(Agent* agent, Step* step) {
                                                   : kRefused;
 }
 
-void CarryOut(Agent* agent, Step* step) {
+void CarryOut(Agent* agent, const Table& table, Step* step) {
   switch (step->What) {
     case Action::Add:
-      return AddNode(agent, step);
+      return AddNode(agent, table, step);
     case Action::Change:
     case Action::Resend: {
       const auto before = agent->Get(NodeChoice::Named(step->Node));
@@ -194,7 +197,20 @@ std::string TextOf(const Options& options, const Step& step) {
   return text + '\n';
 }
 
-int ShowSteps(const Options& options, const Plan& plan, int status) {
+// An agent that reads a table of one node switches failover off until it ends; whether it did so,
+// nothing tells.
+std::string FailoverNote(const Agent& agent, std::size_t nodesBefore, const Table& table) {
+  if (nodesBefore != 1 || table.Nodes().size() < 2) return "";
+  const std::vector<std::string> arguments = ProcessArguments(agent.Pid());
+  for (const char* const key : {"AUTOCONNECT", "G", "AUTOCHANGE", "A"})
+    if (OptionValue(arguments, key))
+      return std::string("failover (-") + key +
+             ") stays off until a restart when the agent was started with one node";
+  return "";
+}
+
+int ShowSteps(const Options& options, const Plan& plan, const std::vector<std::string>& notes,
+              int status) {
   Json list = Json::array();
   std::string text;
   int same = 0;
@@ -208,12 +224,14 @@ int ShowSteps(const Options& options, const Plan& plan, int status) {
   text += std::to_string(plan.Differences()) + " different, " + std::to_string(same) + " equal";
   const int deferred = Count(plan.Steps, kDeferredText);
   if (deferred > 0) text += ", " + std::to_string(deferred) + " deferred";
+  for (const std::string& note : notes) text += "\nnote: " + Printable(note);
   Show(options,
        Json{{"file", options.File},
             {"differences", plan.Differences()},
             {"equal", same},
             {"deferred", deferred},
-            {"steps", list}},
+            {"steps", list},
+            {"notes", notes}},
        text + '\n');
   return status;
 }
@@ -249,14 +267,25 @@ Step Refreshed(Agent* agent, const TableLine& line) {
 int RunApply(const Options& options) {
   const Table table = ReadSoundTable(options, options.File);
   Agent agent(options);
+  std::vector<std::string> notes;
+  const auto note = [&notes](const std::string& text) {
+    if (!text.empty()) notes.push_back(text);
+  };
   if (options.DryRun) {
-    const Plan plan(options, table, agent.Nodes());
-    return ShowSteps(options, plan, plan.Differences() > 0 ? kNo : kDone);
+    const std::vector<lumo_node> nodes = agent.Nodes();
+    const Plan plan(options, table, nodes);
+    const Order order = CompareOrder(WithAdded(nodes, table), table);
+    note(order.Text());
+    const bool differs = plan.Differences() > 0 || !order.SameCircle();
+    return ShowSteps(options, plan, notes, differs ? kNo : kDone);
   }
   const TableLock lock(&agent, options);
-  Plan plan(options, table, agent.Nodes());
-  for (Step& step : plan.Steps) CarryOut(&agent, &step);
-  return ShowSteps(options, plan, StatusOf(plan.Steps));
+  const std::vector<lumo_node> before = agent.Nodes();
+  Plan plan(options, table, before);
+  for (Step& step : plan.Steps) CarryOut(&agent, table, &step);
+  note(CompareOrder(agent.Nodes(), table).Text());
+  note(FailoverNote(agent, before.size(), table));
+  return ShowSteps(options, plan, notes, StatusOf(plan.Steps));
 }
 
 int RunRefresh(const Options& options) {
@@ -268,6 +297,8 @@ int RunRefresh(const Options& options) {
   const Table table = ReadTable(ReadTextFile(path), SystemResolver(), AgentExchangeId(options));
   const auto lines =
       options.All ? table.Nodes() : std::vector{LineToRefresh(&agent, table, options.Arguments[0])};
+  for (const TableLine* line : lines)
+    TellWarnings(options, *line, path + ':' + std::to_string(line->Number) + ": ");
   std::vector<Step> steps;
   for (const TableLine* line : lines) steps.push_back(Refreshed(&agent, *line));
   Json list = Json::array();

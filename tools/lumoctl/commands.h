@@ -1,5 +1,7 @@
 // The commands, one function each; what they return is the exit status.
 #pragma once
+#include <string>
+
 #include "tools/lumoctl/options.h"
 
 namespace lumo::ctl {
@@ -22,5 +24,14 @@ int RunApply(const Options& options);
 int RunLint(const Options& options);
 int RunReport(const Options& options);
 int RunExport(const Options& options);
+int RunStats(const Options& options);
+int RunClients(const Options& options);
+int RunTop(const Options& options);
+int RunDrain(const Options& options);
+int RunLog(const Options& options);
+int RunTrace(const Options& options);
+
+// What --version prints: this program, its library, the agent's program.
+std::string VersionText(const Options& options);
 
 }  // namespace lumo::ctl

@@ -1,84 +1,19 @@
-// export: metrics in the text form that Prometheus reads.
+// export: metrics for Prometheus, from the statistics page and from what the agent answers.
 #include <chrono>
 #include <cstdio>
-#include <iostream>
+#include <optional>
 #include <vector>
 
 #include "tools/lumoctl/agent.h"
 #include "tools/lumoctl/commands.h"
 #include "tools/lumoctl/exits.h"
-#include "tools/lumoctl/output.h"
+#include "tools/lumoctl/metrics.h"
 #include "tools/lumoctl/ping.h"
+#include "tools/lumoctl/table_file.h"
 #include "tools/lumoctl/write_file.h"
 
 namespace lumo::ctl {
 namespace {
-
-struct Sample {
-  std::vector<std::pair<std::string, std::string>> Labels;
-  double Value;
-};
-
-// A metric of one name; written only when it has samples.
-struct Metric {
-  const char *Name, *Help;
-  std::vector<Sample> Samples;
-};
-
-std::string Escaped(const std::string& text) {
-  std::string escaped;
-  for (const char c : text) {
-    if (c == '\\' || c == '"') escaped += '\\';
-    escaped += c == '\n' ? ' ' : c;
-  }
-  return escaped;
-}
-
-std::string NumberText(double value) {
-  char text[48];
-  std::snprintf(text, sizeof text, "%.15g", value);
-  return text;
-}
-
-std::string TextOf(const Metric& metric) {
-  if (metric.Samples.empty()) return "";
-  const std::string name = metric.Name;
-  std::string text = "# HELP " + name + ' ' + metric.Help + "\n# TYPE " + name + " gauge\n";
-  for (const Sample& sample : metric.Samples) {
-    std::string labels;
-    for (const auto& [label, value] : sample.Labels)
-      labels += (labels.empty() ? "" : ",") + label + "=\"" + Escaped(Printable(value)) + '"';
-    text +=
-        name + (labels.empty() ? "" : '{' + labels + '}') + ' ' + NumberText(sample.Value) + '\n';
-  }
-  return text;
-}
-
-Json JsonOf(const Metric& metric) {
-  Json samples = Json::array();
-  for (const Sample& sample : metric.Samples) {
-    Json labels = Json::object();
-    for (const auto& [label, value] : sample.Labels) labels[label] = value;
-    samples.push_back(Json{{"labels", labels}, {"value", sample.Value}});
-  }
-  return samples;
-}
-
-struct Metrics {
-  Metric Up{"lumo_up", "Whether the agent answers.", {}};
-  Metric Answer{"lumo_answer_seconds", "Time that the agent took to answer.", {}};
-  Metric Nodes{"lumo_nodes", "Number of nodes that the agent has.", {}};
-  Metric Info{"lumo_node_info", "A node, its protocol and address.", {}};
-  Metric Default{"lumo_node_default", "Whether the node is the default.", {}};
-  Metric Alive{"lumo_node_alive", "Whether the node answered its test.", {}};
-  Metric Ping{"lumo_node_ping_seconds", "Time that the test of the node took.", {}};
-  Metric Code{"lumo_node_ping_code", "Code of the agent that the test ended with, 0: alive.", {}};
-  Metric Verdict{"lumo_node_ping_verdict", "The verdict of the test in words.", {}};
-
-  std::vector<const Metric*> All() const {
-    return {&Up, &Answer, &Nodes, &Info, &Default, &Alive, &Ping, &Code, &Verdict};
-  }
-};
 
 void AddVerdicts(const Options& options, Agent* agent, const std::vector<lumo_node>& nodes,
                  Metrics* metrics) {
@@ -86,73 +21,91 @@ void AddVerdicts(const Options& options, Agent* agent, const std::vector<lumo_no
       TestNodes(options, LinesToTest(options, agent, nodes), options.TimeoutMs(30));
   for (std::size_t i = 0; i < verdicts.size(); ++i) {
     const Verdict& verdict = verdicts[i];
-    const std::string number = std::to_string(i), name = nodes[i].name;
-    const Sample sample{{{"node", name}, {"index", number}}, 0};
-    const auto add = [&sample](Metric* metric, double value) {
-      metric->Samples.push_back(sample);
-      metric->Samples.back().Value = value;
+    const auto add = [&](const char* name, const char* help, double value) {
+      metrics->AddNode(name, help, MetricType::Gauge, nodes[i].name, value);
     };
-    add(&metrics->Alive, verdict.Alive);
-    add(&metrics->Ping, verdict.Seconds);
-    if (verdict.Alive || verdict.Code) add(&metrics->Code, verdict.Code);
-    metrics->Verdict.Samples.push_back(
-        {{{"node", name}, {"index", number}, {"verdict", verdict.Words}}, 1});
+    add("lumo_node_tested", "Whether the node could be tested.", !verdict.Untestable);
+    if (verdict.Untestable) continue;
+    add("lumo_node_alive", "Whether the node answered its test.", verdict.Alive);
+    add("lumo_node_ping_seconds", "Time that the test of the node took.", verdict.Seconds);
+    if (verdict.Alive || verdict.Code)
+      add("lumo_node_ping_code", "Code of the agent that the test ended with, 0: alive.",
+          verdict.Code);
   }
 }
 
-void AddAgent(const Options& options, Agent* agent, Metrics* metrics) {
+// What only an agent that answers tells: without a page its nodes, and the tests of them.
+void AddAnswers(const Options& options, bool hasPage, Metrics* metrics) {
   using namespace std::chrono;
+  Agent agent(options);
   const auto start = steady_clock::now();
-  agent->Probe();
-  metrics->Answer.Samples.push_back({{}, duration<double>(steady_clock::now() - start).count()});
-  const std::vector<lumo_node> nodes = agent->Nodes();
-  metrics->Nodes.Samples.push_back({{}, static_cast<double>(nodes.size())});
-  const auto usual = static_cast<std::size_t>(agent->DefaultIndex());
-  for (std::size_t i = 0; i < nodes.size(); ++i) {
-    const lumo_node& node = nodes[i];
-    const std::string number = std::to_string(i), protocol = lumo_protocol_name(node.protocol);
-    Sample info{{{"node", node.name}, {"index", number}, {"protocol", protocol}}, 1};
-    if (protocol == "TCPIP")
-      info.Labels.emplace_back("address",
-                               std::string(node.address) + ':' + std::to_string(node.port));
-    metrics->Info.Samples.push_back(info);
-    metrics->Default.Samples.push_back(
-        {{{"node", node.name}, {"index", number}}, i == usual ? 1.0 : 0.0});
+  agent.Probe();
+  metrics->Add("lumo_answer_seconds", "Time that the agent took to answer.", MetricType::Gauge,
+               duration<double>(steady_clock::now() - start).count());
+  const std::vector<lumo_node> nodes = agent.Nodes();
+  if (!hasPage) {
+    metrics->Add("lumo_nodes", "Number of nodes that the agent has.", MetricType::Gauge,
+                 static_cast<double>(nodes.size()));
+    const auto usual = static_cast<std::size_t>(agent.DefaultIndex());
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+      metrics->AddNode("lumo_node_default", "Whether the node is the default.", MetricType::Gauge,
+                       nodes[i].name, i == usual);
   }
-  if (!options.NoPing) AddVerdicts(options, agent, nodes, metrics);
+  if (!options.NoPing) AddVerdicts(options, &agent, nodes, metrics);
 }
 
-// An agent that does not answer is a metric too, no failure.
-Metrics Collect(const Options& options) {
-  Metrics metrics;
-  bool up = false;
+bool Answers(const Options& options, bool hasPage, Metrics* metrics) {
   try {
-    Agent agent(options);
-    AddAgent(options, &agent, &metrics);
-    up = true;
+    Metrics all = *metrics;  // nothing of an agent that stops answering in between
+    AddAnswers(options, hasPage, &all);
+    *metrics = all;
+    return true;
   } catch (const Failure& failure) {
     if (failure.Status != kNoAgent && failure.Status != kTimeOver) throw;
-    metrics = Metrics();
     std::fprintf(stderr, "lumoctl: %s\n", failure.what());
+    return false;
   }
-  metrics.Up.Samples.push_back({{}, up ? 1.0 : 0.0});
-  return metrics;
+}
+
+std::optional<Page> PageIfAny(const Options& options) {
+  try {
+    return ReadPage(options);
+  } catch (const Failure&) {
+    return std::nullopt;
+  }
+}
+
+// With a page the agent is asked only for what is to be tested: it may be stuck. An agent that is
+// not there is a metric too, no failure.
+Metrics Collect(const Options& options) {
+  const std::optional<Page> page = PageIfAny(options);
+  Metrics parts(AgentExchangeId(options));
+  if (page && page->Alive) AddPage(*page, &parts);
+  bool up = page && page->Alive;
+  if (!page || !page->Alive || !options.NoPing) {
+    const bool answers = Answers(options, up, &parts);
+    up = up || answers;
+  }
+  parts.Add("lumo_up", "Whether the agent is there: its process lives, or it answers.",
+            MetricType::Gauge, up);
+  return parts;
+}
+
+std::string CollectText(const Options& options) {
+  Options quick = options;
+  quick.NoPing = true;
+  return Collect(quick).Text();
 }
 
 }  // namespace
 
 int RunExport(const Options& options) {
+  if (!options.Listen.empty()) return ServeMetrics(options.Listen, CollectText, options);
   const Metrics metrics = Collect(options);
-  std::string text;
-  Json value = Json::object();
-  for (const Metric* metric : metrics.All()) {
-    text += TextOf(*metric);
-    if (!metric->Samples.empty()) value[metric->Name] = JsonOf(*metric);
-  }
   if (options.Output.empty())
-    Show(options, value, text);
+    Show(options, metrics.Value(), metrics.Text());
   else
-    ReplaceFile(options.Output, options.Json ? JsonText(value) : text);
+    ReplaceFile(options.Output, options.Json ? JsonText(metrics.Value()) : metrics.Text());
   return kDone;
 }
 

@@ -125,16 +125,16 @@ int RunAdd(const Options& options) {
 }
 
 int RunSet(const Options& options) {
-  const auto words = options.Arguments.begin();
-  const std::string text = Joined(words + 1, options.Arguments.end());
+  const std::string& node = options.Node;
+  const std::string text = Joined(options.Arguments.begin(), options.Arguments.end());
   const TableLine line = ParseLine(options, text);
   Agent agent(options);
   const TableLock lock(&agent, options);
-  const lumo_node before = Require(&agent, *words);
+  const lumo_node before = Require(&agent, node);
   if (before.name != line.Name && agent.Get(NodeChoice::Named(line.Name)))
     throw Failure(kNo, "there is a node " + line.Name);
-  const NodeChoice choice(*words);
-  if (agent.Set(choice, text) != LUMO_RESULT_DONE) FailNoSuchNode(*words);
+  const NodeChoice choice(node);
+  if (agent.Set(choice, text) != LUMO_RESULT_DONE) FailNoSuchNode(node);
   const auto after = agent.Get(choice.Name.empty() ? choice : NodeChoice::Named(line.Name));
   const Agreement agreement = after ? Compare(*after, line) : Agreement::Different;
   if (agreement == Agreement::Different)

@@ -92,6 +92,11 @@ std::vector<Fault> CheckOptions(const std::vector<std::string>& arguments, const
 // The option that the agent finds in an argument, such as "PING" in "--ping"; empty: none.
 std::string OptionSpelled(const std::string& argument);
 
+// The value that the agent finds for an option, as "NODETAB", in its arguments, those behind the
+// program's name; of one without a value the argument behind it. Nothing: the option is not there.
+std::optional<std::string> OptionValue(const std::vector<std::string>& arguments,
+                                       const std::string& key);
+
 std::string UpperCaseOf(std::string text);
 const char* SeverityText(Severity level);
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "lib/include/lumo.h"
 #include "tools/lumoctl/commands.h"
@@ -32,6 +33,42 @@ constexpr char kFooter[] =
     "output holds an object \"error\" as well, unless the command line itself is bad.";
 constexpr double kMaxTimeout = 1e6;
 
+// Help in words: what is expected by name, and behind a command's own options the general ones.
+class HelpInWords : public CLI::Formatter {
+ public:
+  std::string make_option_usage(const CLI::Option* option) const override {
+    const std::string name =
+        make_option_name(option, true) + (option->get_expected_max() > 1 ? " ..." : "");
+    return option->get_required() ? name : '[' + name + ']';
+  }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    if (option->get_positional() || option->get_type_size() == 0) return "";
+    const std::string name = option->get_type_name();  // with its checks behind a colon
+    return ' ' + name.substr(0, name.find(':'));
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    const std::string usual = option->get_default_str();
+    return option->get_description() + (usual.empty() ? "" : "; unless given: " + usual);
+  }
+  std::string make_footer(const CLI::App* app) const override {
+    const std::string footer = Formatter::make_footer(app);
+    const CLI::App* const parent = app->get_parent();
+    if (!parent) return footer;
+    const auto isGeneral = [parent](const CLI::Option* option) {
+      return option != parent->get_help_ptr() && option != parent->get_version_ptr();
+    };
+    return make_group("General options", false, parent->get_options(isGeneral)).substr(1) + '\n' +
+           footer;
+  }
+};
+
+std::string CheckTimeout(const std::string& text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str(), &end);
+  if (*end == '\0' && seconds >= 0 && seconds <= kMaxTimeout) return "";
+  return text + " is no number of seconds from 0 to 1000000";
+}
+
 struct Parser {
   CLI::App App{kDescription, "lumoctl"};
   Options Result;
@@ -53,6 +90,7 @@ struct Parser {
   }
   void Owner(CLI::App* command) {
     command->add_option("--owner", Result.Owner, "who holds the lock: a number")
+        ->type_name("NUMBER")
         ->default_str("the parent's process id");
   }
   void Locking(CLI::App* command) {
@@ -60,31 +98,47 @@ struct Parser {
     Flag(command, "--no-lock", &Result.NoLock, "go on without the lock on the node table");
   }
   void Table(CLI::App* command) {
-    command->add_option("--file", Result.File, "node table to take the lines from")
+    Path(command, "--file", &Result.File, "node table to take the lines from")
         ->default_str("the agent's");
   }
   void Program(CLI::App* command) {
-    command->add_option("--program", Result.Program, "the agent's program");
+    Path(command, "--program", &Result.Program, "the agent's program");
+  }
+  void Lines(CLI::App* command) {
+    Flag(command, "--strict", &Result.Strict, "do nothing when a line has a warning of lint");
+    Locking(command);
+  }
+  static CLI::Option* Path(CLI::App* command, const char* name, std::string* value,
+                           const char* help) {
+    return command->add_option(name, *value, help)->type_name("PATH");
   }
 
   void AddGeneral();
   void AddLooking();
   void AddChanging();
   void AddTesting();
+  void AddWatching();
   void AddTableCommands();
 };
 
 void Parser::AddGeneral() {
+  App.formatter(std::make_shared<HelpInWords>());
+  App.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("lumoctl: ") + error.what() + "\nRun with --help for more information.\n";
+  });
   App.require_subcommand(1);
   App.footer(kFooter);
-  App.set_version_flag("--version", std::string("lumoctl ") + LUMO_VERSION);
+  App.set_version_flag("--version", [this] { return VersionText(Result); });
   App.add_option("-M,--exchange", Result.ExchangeId, "exchange id of the agent")
+      ->type_name("ID")
       ->default_str("NET_MBX or 20562");
-  App.add_option("--socket", Result.Socket, "path of the agent's socket, in place of -M");
-  App.add_option("--timeout", Result.TimeoutSeconds, "seconds to wait; by command 5 or 30")
-      ->check(CLI::Range(0.0, kMaxTimeout));
+  Path(&App, "--socket", &Result.Socket, "path of the agent's socket, in place of -M");
+  App.add_option("--timeout", Result.TimeoutSeconds, "how long to wait; by command 5 or 30")
+      ->type_name("SECONDS")
+      ->check(CheckTimeout);
   App.add_flag("--json", Result.Json, "print JSON");
-  App.add_option("--color", Color, "colours")
+  App.add_option("--color", Color, "colours: auto, always or never")
+      ->type_name("WHEN")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->capture_default_str();
 }
@@ -97,8 +151,10 @@ void Parser::AddLooking() {
   CLI::App* const status = Command("status", "the agent and the node table's lock", RunStatus);
   Owner(status);
   Command("wait", "wait until the agent answers (30 s)", RunWait);
-  CLI::App* const query = Command("query", "send SQL to a node and print its rows", RunQuery);
-  query->add_option("-n,--node", Result.Node, "node to ask; none: the default node");
+  CLI::App* const query =
+      Command("query", "send SQL to a node and print its rows (30 s)", RunQuery);
+  query->add_option("-n,--node", Result.Node, "node to ask; none: the default node")
+      ->type_name("NAME");
   Arguments(query, "SQL", "texts, each a request of its own", 1, 10000);
 }
 
@@ -108,10 +164,11 @@ void Parser::AddChanging() {
   Locking(usual);
   CLI::App* const add = Command("add", "add a node", RunAdd);
   Arguments(add, "LINE", "its node table line", 1, 10000);
-  Locking(add);
+  Lines(add);
   CLI::App* const set = Command("set", "give a node a new definition", RunSet);
-  Arguments(set, "NODE-LINE", "the node and its new node table line", 2, 10000);
-  Locking(set);
+  set->add_option("NODE", Result.Node, "the node")->required();
+  Arguments(set, "LINE", "its new node table line", 1, 10000);
+  Lines(set);
   CLI::App* const del = Command("del", "delete a node", RunDelete);
   Arguments(del, "NODE", "the node", 1, 1);
   Locking(del);
@@ -123,21 +180,55 @@ void Parser::AddTesting() {
   CLI::App* const ping =
       Command("ping", "test whether nodes are alive, all or one (30 s)", RunPing);
   Arguments(ping, "NODE", "the node; none: all", 0, 1);
-  ping->add_option("--file", Result.File, "test the nodes of this node table; needs no agent");
+  Path(ping, "--file", &Result.File, "test the nodes of this node table; needs no agent");
   Program(ping);
   CLI::App* const report = Command("report", "print all that a support case needs", RunReport);
   Flag(report, "--mask", &Result.Mask, "pseudonyms for names and addresses of nodes");
   Table(report);
   Program(report);
-  report->add_option("--log", Result.Log, "the agent's log")->default_str("its standard error");
+  Path(report, "--log", &Result.Log, "the agent's log")->default_str("its standard error");
   report->add_option("--lines", Result.LogLines, "last lines of the log")
+      ->type_name("NUMBER")
       ->check(CLI::Range(0, 100000))
       ->capture_default_str();
-  report->add_option("-o,--output", Result.Output, "file to write, in place of standard output");
-  CLI::App* const exporter = Command("export", "metrics in Prometheus text form", RunExport);
-  exporter->add_option("-o,--output", Result.Output, "file to replace at once, as for a collector");
+  Path(report, "-o,--output", &Result.Output, "file to write, in place of standard output");
+  CLI::App* const exporter = Command("export", "metrics in Prometheus text form (30 s)", RunExport);
+  Path(exporter, "-o,--output", &Result.Output, "file to replace at once, as for a collector");
+  exporter
+      ->add_option("--listen", Result.Listen,
+                   "ADDRESS:PORT to answer GET /metrics on; nodes are not tested")
+      ->type_name("ADDRESS:PORT");
   Flag(exporter, "--no-ping", &Result.NoPing, "do not test the nodes");
   Program(exporter);
+}
+
+void Parser::AddWatching() {
+  CLI::App* const stats = Command(
+      "stats", "counters of the agent and its nodes, or of one node; does not ask it", RunStats);
+  Arguments(stats, "NODE", "the node; none: all", 0, 1);
+  Command("clients", "the connections of clients; does not ask the agent", RunClients);
+  CLI::App* const top = Command("top", "a live screen of nodes and the busiest clients", RunTop);
+  top->add_option("-d,--delay", Result.DelaySeconds, "seconds between two readings")
+      ->check(CLI::Range(0.05, 3600.0))
+      ->capture_default_str();
+  top->add_option("--count", Result.Count, "readings to show; 0: without end")
+      ->check(CLI::Range(0, 1000000000))
+      ->capture_default_str();
+  CLI::App* const drain = Command(
+      "drain", "wait until no client is connected and nothing is in flight (30 s)", RunDrain);
+  Flag(drain, "--stop", &Result.Stop, "then stop the agent");
+  CLI::App* const log = Command("log", "print the agent's log level, or set it", RunLog);
+  Arguments(log, "LEVEL", "0 to 15", 0, 1);
+  log->get_option("LEVEL")->check(CLI::Range(0, 15));
+  CLI::App* const trace =
+      Command("trace", "a log of level 15, one line a request; needs no agent", RunTrace);
+  trace->add_option("FILE", Result.File, "the log; - for standard input")->required();
+  Flag(trace, "--live", &Result.Live, "take the time when a line comes, not the log's clock");
+  trace->add_option("--tag", Result.Tag, "only requests with this tag");
+  trace->add_option("--pid", Result.Pid, "only requests of this process");
+  trace->add_option("--node", Result.Node, "only requests for this node");
+  trace->add_option("--slowest", Result.Slowest, "only so many, the slowest first")
+      ->check(CLI::Range(1, 1000000));
 }
 
 void Parser::AddTableCommands() {
@@ -146,13 +237,13 @@ void Parser::AddTableCommands() {
   Arguments(refresh, "NODE", "the node", 0, 1);
   Flag(refresh, "--all", &Result.All, "all nodes of the node table");
   Table(refresh);
-  Locking(refresh);
+  Lines(refresh);
   CLI::App* const apply = Command("apply", "make the agent's nodes those of a file", RunApply);
   apply->add_option("FILE", Result.File, "the node table")->required();
   Flag(apply, "-n,--dry-run", &Result.DryRun, "only show the differences");
   Flag(apply, "--keep", &Result.Keep, "keep nodes that are not in the file");
   Flag(apply, "--all", &Result.All, "send the lines of equal nodes too");
-  Locking(apply);
+  Lines(apply);
   CLI::App* const lint = Command("lint", "look for faults in a node table", RunLint);
   lint->add_option("FILE", Result.File, "the node table; - for standard input")->required();
   lint->footer("Behind -- follow options of the agent, to be looked at as well.");
@@ -177,6 +268,7 @@ Options ParseOptions(int argc, char** argv) {
   parser.AddLooking();
   parser.AddChanging();
   parser.AddTesting();
+  parser.AddWatching();
   parser.AddTableCommands();
   // What is behind "--" of lint is for the agent, and no argument of this program.
   const auto separator = std::find(argv + 1, argv + argc, std::string("--"));

@@ -15,10 +15,10 @@ struct Options {
   std::optional<double> TimeoutSeconds;
   bool Json = false, Color = false;
 
-  std::vector<std::string> Arguments;  // NODE, LINE, SQL or the agent's options
-  std::string Node;
-  std::string File;     // a node table
-  std::string Program;  // the agent's
+  std::vector<std::string> Arguments;  // NODE, words of LINE, SQL or the agent's options
+  std::string Node;                    // set, query
+  std::string File;                    // a node table
+  std::string Program;                 // the agent's
   std::string Log, Output;
   std::int32_t Owner = 0;
   int LogLines = 50;
@@ -26,9 +26,17 @@ struct Options {
   bool All = false;                   // refresh, apply
   bool DryRun = false, Keep = false;  // apply
   bool NoLock = false;
-  bool NoResolve = false, Strict = false;  // lint
-  bool Mask = false;                       // report
-  bool NoPing = false;                     // export
+  bool NoResolve = false;                // lint
+  bool Strict = false;                   // lint: notes count; what sends lines: warnings refuse
+  bool Mask = false;                     // report
+  bool NoPing = false;                   // export
+  std::string Listen;                    // export: ADDRESS:PORT
+  double DelaySeconds = 1;               // top
+  int Count = 0;                         // top: screens, 0: without end
+  bool Stop = false;                     // drain
+  std::optional<std::int32_t> Tag, Pid;  // trace
+  int Slowest = 0;                       // trace; 0: all, in the order of their answers
+  bool Live = false;                     // trace: times are those when lines come
 
   int TimeoutMs(double usualSeconds) const {
     return static_cast<int>(TimeoutSeconds.value_or(usualSeconds) * 1000);

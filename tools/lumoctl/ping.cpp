@@ -13,6 +13,7 @@
 #include "tools/lumoctl/commands.h"
 #include "tools/lumoctl/exits.h"
 #include "tools/lumoctl/run_program.h"
+#include "tools/lumoctl/system_state.h"
 #include "tools/lumoctl/table_file.h"
 
 namespace lumo::ctl {
@@ -78,6 +79,7 @@ void ReadVerdict(const RunResult& run, int timeoutMs, Verdict* verdict) {
 Verdict Untestable(const TableLine& line, const Fault& fault) {
   Verdict verdict;
   verdict.Node = line.Name;
+  verdict.Untestable = true;
   verdict.Words = "cannot be tested: " + fault.Text;
   return verdict;
 }
@@ -117,6 +119,14 @@ std::vector<std::string> LinesOfFile(const Options& options) {
   return {line->Text};
 }
 
+// Empty where it is not known. The agent is not asked: one that was started by hand would write a
+// line for it into a terminal.
+Table TableOfAgent(const Options& options, Agent* agent) {
+  const auto path = TableOfProcess(agent->Pid());
+  if (!path || access(path->c_str(), R_OK) != 0) return {};
+  return ReadTable(ReadTextFile(*path), NumericResolver(), AgentExchangeId(options));
+}
+
 std::vector<std::string> LinesOfAgent(const Options& options) {
   Agent agent(options);
   if (options.Arguments.empty()) return LinesToTest(options, &agent, agent.Nodes());
@@ -144,17 +154,15 @@ std::string AgentProgram(const Options& options) {
 
 std::vector<std::string> LinesToTest(const Options& options, Agent* agent,
                                      const std::vector<lumo_node>& nodes) {
+  const auto told = [](const lumo_node& node) {
+    return std::string(lumo_protocol_name(node.protocol)) == "TCPIP";
+  };
   Table table;
-  const auto path = agent->TablePath();
-  std::error_code error;
-  if (path && fs::exists(*path, error))
-    table = ReadTable(ReadTextFile(*path), NumericResolver(), AgentExchangeId(options));
+  if (!std::all_of(nodes.begin(), nodes.end(), told)) table = TableOfAgent(options, agent);
   std::vector<std::string> lines;
   for (const lumo_node& node : nodes) {
-    const std::string inForce = LineOf(node);
-    const TableLine* const line = table.Find(node.name);
-    const bool told = std::string(lumo_protocol_name(node.protocol)) == "TCPIP";
-    lines.push_back(told || !line ? inForce : line->Text);
+    const TableLine* const line = told(node) ? nullptr : table.Find(node.name);
+    lines.push_back(line ? line->Text : LineOf(node));
   }
   return lines;
 }

@@ -12,10 +12,11 @@ namespace lumo::ctl {
 struct Verdict {
   std::string Node;
   bool Alive = false;
-  int Code = 0;        // the agent's code when the node is not alive; 0 with none
-  bool Late = false;   // the test was ended because the time was over
-  std::string Words;   // "alive", or why it is not
-  double Seconds = 0;  // that the test took, with the start of its process
+  bool Untestable = false;  // nothing tells its address: neither alive nor not
+  int Code = 0;             // the agent's code when the node is not alive; 0 with none
+  bool Late = false;        // the test was ended because the time was over
+  std::string Words;        // "alive", or why it is not
+  double Seconds = 0;       // that the test took, with the start of its process
 };
 
 // Tests the nodes of these lines, several at a time; the verdicts come in their order.

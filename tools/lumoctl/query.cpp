@@ -10,7 +10,7 @@
 namespace lumo::ctl {
 namespace {
 
-constexpr int kRows = 3;  // the counted string that holds them
+constexpr std::size_t kNodeNameMax = 8;
 
 struct AnswerFreer {
   void operator()(lumo_answer* answer) const { lumo_answer_free(answer); }
@@ -19,18 +19,17 @@ using Answer = std::unique_ptr<lumo_answer, AnswerFreer>;
 
 std::string RowsOf(const lumo_answer* answer) {
   std::size_t size = 0;
-  const char* const text = lumo_answer_string(answer, kRows, &size);
+  const char* const text = lumo_answer_string(answer, LUMO_ROWS, &size);
   return text ? std::string(text, size) : "";
 }
 
 // Nothing was sent, or nothing has come that tells.
 [[noreturn]] void FailUnanswered(lumo_status status, const lumo_answer* answer) {
   if (status == LUMO_UNSURE && lumo_answer_reason(answer) == LUMO_REASON_DEADLINE)
-    throw Failure(kTimeOver, "no answer came in time; the node may have carried it out");
+    throw Failure(kUnsure, "no answer came in time; the node may have carried it out");
   if (status == LUMO_UNSURE) throw Failure(kUnsure, lumo_answer_words(answer));
   if (status == LUMO_TIMEOUT) throw Failure(kTimeOver, "the agent does not take the request");
-  if (status == LUMO_TOO_LONG)
-    throw Failure(kUsage, "the SQL is too long for one message, or the node's name for its field");
+  if (status == LUMO_TOO_LONG) throw Failure(kUsage, "the SQL is too long for one message");
   throw Failure(status == LUMO_NO_AGENT ? kNoAgent : kFailed, lumo_status_text(status));
 }
 
@@ -55,6 +54,8 @@ Json JsonOf(const std::string& sql, lumo_status status, const lumo_answer* answe
 }  // namespace
 
 int RunQuery(const Options& options) {
+  if (options.Node.size() > kNodeNameMax)
+    throw Failure(kUsage, "the node's name is too long: the most is 8 characters");
   Agent agent(options);
   Json answers = Json::array();
   std::string text, refusal;
@@ -62,16 +63,16 @@ int RunQuery(const Options& options) {
     lumo_request request = lumo_request_make();
     request.node = options.Node.c_str();
     request.command = "SQL";
-    request.strings[0] = {sql.data(), sql.size()};
+    request.strings[LUMO_TEXT] = {sql.data(), sql.size()};
     lumo_answer* raw = nullptr;
     const lumo_status status = lumo_ask(agent.Connection(), &request, options.TimeoutMs(30), &raw);
     const Answer answer(raw);
-    if (status != LUMO_OK && status != LUMO_ERROR) {
+    if (status != LUMO_OK && status != LUMO_ERROR && status != LUMO_REFUSED) {
       if (!options.Json) Show(options, {}, text);
       FailUnanswered(status, raw);
     }
     answers.push_back(JsonOf(sql, status, raw));
-    if (lumo_answer_code(raw) != 0) {
+    if (status != LUMO_OK) {
       refusal = Refusal(status, raw);
       break;
     }

@@ -1,5 +1,8 @@
 // report: what somebody needs who was not there.
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <sstream>
@@ -8,6 +11,7 @@
 #include "tools/lumoctl/commands.h"
 #include "tools/lumoctl/exits.h"
 #include "tools/lumoctl/mask.h"
+#include "tools/lumoctl/page.h"
 #include "tools/lumoctl/ping.h"
 #include "tools/lumoctl/run_program.h"
 #include "tools/lumoctl/system_state.h"
@@ -18,6 +22,7 @@ namespace lumo::ctl {
 namespace {
 
 constexpr int kVersionMs = 5000;
+constexpr int kJournalMs = 5000;
 
 std::string Now() {
   const std::time_t now = std::time(nullptr);
@@ -80,18 +85,80 @@ Json TableState(const Options& options, const std::string& path, Masker* masker)
   return Json{{"path", path}, {"lines", lines}, {"faults", Faults(options, table.Faults)}};
 }
 
-Json LogState(const Options& options, const std::string& path) {
-  if (path.empty()) return Json{{"unknown", "the agent's standard error is no file; see --log"}};
+// The last lines that the journal has of the process; nothing: there is no journal, or it has none.
+std::vector<std::string> JournalOf(const Options& options, pid_t pid) {
+  try {
+    const RunResult run =
+        RunProgram({"journalctl", "--no-pager", "-q", "-o", "cat", "-n",
+                    std::to_string(options.LogLines), "_PID=" + std::to_string(pid)},
+                   {}, kJournalMs);
+    std::vector<std::string> lines;
+    std::istringstream text(run.Status == 0 ? run.Stdout : "");
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
+    return lines;
+  } catch (const Failure&) {
+    return {};
+  }
+}
+
+Json LogState(const Options& options, const std::string& path, pid_t pid) {
+  if (path.empty()) {
+    const std::vector<std::string> lines =
+        pid > 0 ? JournalOf(options, pid) : std::vector<std::string>();
+    if (!lines.empty()) return Json{{"path", "journal"}, {"lines", lines}};
+    return Json{{"unknown",
+                 "the agent's standard error is no file, and the journal has nothing "
+                 "of it; see --log"}};
+  }
   return Json{{"path", path},
               {"lines", LastLines(path, static_cast<std::size_t>(options.LogLines))}};
 }
 
+void AddProcess(pid_t pid, const std::string& socket, Json* report) {
+  Json& value = (*report)["agent"];
+  value["pid"] = pid;
+  value["socket"] = socket;
+  value.update(ProcessState(pid));
+  (*report)["limits"] = ProcessLimits(pid);
+  (*report)["sockets"] = ProcessSockets(pid, socket);
+}
+
+// An agent that does not greet: the system knows who listens on the socket, as long as a connection
+// fits in its queue; the statistics page tells, too. 0: nobody.
+pid_t PidBySystem(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  const bool known = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                     getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  close(fd);
+  return known ? peer.pid : 0;
+}
+
+// What the statistics page holds, as of a stopped agent too.
+pid_t AddStats(const Options& options, Json* report, Masker* masker) {
+  try {
+    const Page page = ReadPage(options);
+    for (const auto& [row, link] : page.Links) {
+      masker->AddNode(link.name);
+      masker->AddHost(std::string(link.address).substr(0, std::string(link.address).find(' ')));
+    }
+    Json nodes = Json::array();
+    for (const auto& [row, link] : page.Links) nodes.push_back(LinkJson(page, row, link));
+    (*report)["stats"] = Json{{"agent", AgentJson(page)}, {"nodes", nodes}};
+    return page.Alive ? page.Header.pid : 0;
+  } catch (const Failure& failure) {
+    (*report)["stats"] = Json{{"unknown", failure.what()}};
+    return 0;
+  }
+}
+
 // What only a running agent tells; the path of its table, when there is one.
 std::string AddAgent(Agent* agent, Json* report, Masker* masker) {
-  Json& value = (*report)["agent"];
-  value["pid"] = agent->Pid();
-  value["socket"] = agent->SocketPath();
-  value.update(ProcessState(agent->Pid()));
+  AddProcess(agent->Pid(), agent->SocketPath(), report);
   const std::string usual = agent->DefaultName();
   (*report)["default"] = usual.empty() ? Json() : Json(usual);
   Json& nodes = (*report)["nodes"] = Json::array();
@@ -100,9 +167,7 @@ std::string AddAgent(Agent* agent, Json* report, Masker* masker) {
     masker->AddHost(node.address);
     nodes.push_back(JsonOf(node));
   }
-  (*report)["limits"] = ProcessLimits(agent->Pid());
-  (*report)["sockets"] = ProcessSockets(agent->Pid(), agent->SocketPath());
-  return agent->TablePath().value_or("");
+  return agent->TableFile().value_or("");
 }
 
 Json Collect(const Options& options, Masker* masker) {
@@ -112,13 +177,21 @@ Json Collect(const Options& options, Masker* masker) {
               {"program", ProgramVersion(options)},
               {"system", System()}};
   std::string path, log = options.Log;
+  pid_t pid = 0;
   try {
     Agent agent(options);
+    pid = agent.Pid();
     path = AddAgent(&agent, &report, masker);
-    if (log.empty()) log = StandardErrorFile(agent.Pid());
   } catch (const Failure& failure) {
-    report["agent"] = Json{{"unknown", failure.what()}};
+    report["agent"]["unknown"] = failure.what();
   }
+  const pid_t pidOfPage = AddStats(options, &report, masker);
+  if (pid == 0) {
+    pid = PidBySystem(AgentSocket(options));
+    if (pid == 0) pid = pidOfPage;
+    if (pid != 0) AddProcess(pid, AgentSocket(options), &report);
+  }
+  if (log.empty() && pid != 0) log = StandardErrorFile(pid);
   if (!options.File.empty()) path = options.File;
   try {
     report["table"] = path.empty() ? Json{{"unknown", "no agent tells its path; see --file"}}
@@ -126,7 +199,7 @@ Json Collect(const Options& options, Masker* masker) {
   } catch (const Failure& failure) {
     report["table"] = Json{{"unknown", failure.what()}};
   }
-  report["log"] = LogState(options, log);
+  report["log"] = LogState(options, log, pid);
   return report;
 }
 
@@ -165,10 +238,16 @@ std::string SectionsOf(const Options& options, const Json& report) {
 
 }  // namespace
 
+std::string VersionText(const Options& options) {
+  return std::string("lumoctl ") + LUMO_VERSION + "\nliblumo " + lumo_version() + "\nagent " +
+         ProgramVersion(options);
+}
+
 int RunReport(const Options& options) {
   Masker masker(options.Mask);
   Json report = Collect(options, &masker);
-  for (const char* const section : {"agent", "default", "nodes", "sockets", "table", "log"})
+  for (const char* const section :
+       {"agent", "default", "nodes", "sockets", "stats", "table", "log"})
     if (report.contains(section)) masker.Apply(&report[section]);
   if (options.Output.empty()) {
     Show(options, report, SectionsOf(options, report));

@@ -13,6 +13,8 @@
 #include <set>
 #include <sstream>
 
+#include "tools/lumoctl/nodetab.h"
+
 namespace lumo::ctl {
 namespace {
 
@@ -162,6 +164,24 @@ Json ProcessSockets(pid_t pid, const std::string& socketPath) {
               {"kinds", kinds},
               {"clients", ConnectionsTo(pid, numbers, socketPath)},
               {"tcp", TcpConnections(pid, numbers)}};
+}
+
+std::vector<std::string> ProcessArguments(pid_t pid) {
+  std::vector<std::string> arguments = SplitAtNul(ReadProc(pid, "cmdline"));
+  if (!arguments.empty()) arguments.erase(arguments.begin());
+  return arguments;
+}
+
+std::optional<std::string> TableOfProcess(pid_t pid) {
+  const std::vector<std::string> arguments = ProcessArguments(pid);
+  if (arguments.empty()) return std::nullopt;
+  auto given = OptionValue(arguments, "N");
+  if (!given) given = OptionValue(arguments, "NODETAB");
+  fs::path path = given && !given->empty() ? *given : "nodetab";
+  std::error_code error;
+  if (path.is_relative()) path = fs::read_symlink(ProcPath(pid, "cwd"), error) / path;
+  if (error || !fs::is_regular_file(path, error)) return std::nullopt;
+  return path.string();
 }
 
 std::string StandardErrorFile(pid_t pid) {

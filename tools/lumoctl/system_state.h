@@ -2,6 +2,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,12 @@ Json ProcessState(pid_t pid);
 Json ProcessLimits(pid_t pid);
 // Descriptors by kind, TCP connections, connections to the socket at this path.
 Json ProcessSockets(pid_t pid, const std::string& socketPath);
+
+// The arguments of the process, without its name; none when this user may not see them.
+std::vector<std::string> ProcessArguments(pid_t pid);
+// The node table that an agent reads, where its arguments or its directory tell it; asking it would
+// make it print a line. Nothing: it has to be asked.
+std::optional<std::string> TableOfProcess(pid_t pid);
 
 // The file that the process writes its standard error to; empty when that is none.
 std::string StandardErrorFile(pid_t pid);

@@ -1,6 +1,7 @@
 #include "tools/lumoctl/table_file.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -11,6 +12,7 @@
 
 #include "lib/include/lumo.h"
 #include "tools/lumoctl/exits.h"
+#include "tools/lumoctl/output.h"
 
 namespace lumo::ctl {
 namespace {
@@ -43,10 +45,28 @@ std::string AgentSocket(const Options& options) {
   return path;
 }
 
+std::vector<std::string> AgentPlaces(const Options& options) {
+  if (!options.Socket.empty()) return {options.Socket};
+  std::vector<std::string> places;
+  char path[512];
+  while (lumo_socket_place(options.ExchangeId, places.size(), path, sizeof path) == LUMO_OK)
+    places.emplace_back(path);
+  return places;
+}
+
 int AgentExchangeId(const Options& options) {
   const std::string path = AgentSocket(options), word = "/tavrin.";
   const std::size_t at = path.rfind(word);
   return at == std::string::npos ? 0 : std::atoi(path.c_str() + at + word.size());
+}
+
+void TellWarnings(const Options& options, const TableLine& line, const std::string& place) {
+  for (const Fault& fault : line.Faults) {
+    if (fault.Level != Severity::Warning) continue;
+    const std::string text = Printable(place + fault.Text + " [" + fault.Rule + "]");
+    if (options.Strict) throw Failure(kNo, text);
+    std::fprintf(stderr, "lumoctl: warning: %s\n", text.c_str());
+  }
 }
 
 TableLine ParseLine(const Options& options, const std::string& text) {
@@ -55,6 +75,7 @@ TableLine ParseLine(const Options& options, const std::string& text) {
   TableReader reader(SystemResolver(), AgentExchangeId(options));
   const TableLine line = reader.Read(1, text);
   RequireSound(line, "");
+  TellWarnings(options, line, "");
   return line;
 }
 
@@ -68,6 +89,8 @@ Table ReadSoundTable(const Options& options, const std::string& path) {
       throw Failure(kNo, place + "the name " + line.Name + " is there twice");
   }
   if (names.empty()) throw Failure(kNo, path + ": no line makes a node");
+  for (const TableLine& line : table.Lines)
+    TellWarnings(options, line, path + ':' + std::to_string(line.Number) + ": ");
   return table;
 }
 

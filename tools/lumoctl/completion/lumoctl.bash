@@ -1,7 +1,7 @@
 # Completion of lumoctl for bash. Names of nodes are those of the running agent.
 
 _lumoctl_commands="list show path status wait query default add set del lock unlock ping report
-  export refresh apply lint"
+  export refresh apply lint stats clients top drain log trace"
 _lumoctl_general="--exchange --socket --timeout --json --color --help"
 
 # The options of a command, beside the general ones.
@@ -10,12 +10,16 @@ _lumoctl_options() {
     list) echo "--names" ;;
     query) echo "--node" ;;
     lock | unlock | status) echo "--owner" ;;
-    default | add | set | del) echo "--owner --no-lock" ;;
+    default | del) echo "--owner --no-lock" ;;
+    add | set) echo "--strict --owner --no-lock" ;;
     ping) echo "--file --program" ;;
     report) echo "--mask --file --program --log --lines --output" ;;
-    export) echo "--output --no-ping --program" ;;
-    refresh) echo "--all --file --owner --no-lock" ;;
-    apply) echo "--dry-run --keep --all --owner --no-lock" ;;
+    export) echo "--output --listen --no-ping --program" ;;
+    top) echo "--delay --count" ;;
+    drain) echo "--stop" ;;
+    trace) echo "--live --tag --pid --node --slowest" ;;
+    refresh) echo "--all --strict --file --owner --no-lock" ;;
+    apply) echo "--dry-run --keep --all --strict --owner --no-lock" ;;
     lint) echo "--no-resolve --strict" ;;
   esac
 }
@@ -44,7 +48,8 @@ _lumoctl() {
     case ${COMP_WORDS[i]} in
       -M | --exchange | --socket)
         agent=("${COMP_WORDS[i]}" "${COMP_WORDS[++i]}") ;;
-      --timeout | --color | --owner | --file | --program | --log | --lines | -o | --output | -n | --node)
+      --timeout | --color | --owner | --file | --program | --log | --lines | -o | --output | -n | --node | --listen | \
+        -d | --delay | --count | --tag | --pid | --slowest)
         # apply has -n as well, without a value
         [[ $command == apply && ${COMP_WORDS[i]} == -n ]] || ((i++)) ;;
       -*) ;;
@@ -54,7 +59,8 @@ _lumoctl() {
   case $before in
     --socket | --file | --program | --log | -o | --output) _lumoctl_files "$current"; return ;;
     --color) _lumoctl_words "$current" "auto always never"; return ;;
-    -M | --exchange | --timeout | --owner | --lines) return ;;
+    -M | --exchange | --timeout | --owner | --lines | --listen | -d | --delay | --count | --tag | --pid | --slowest)
+      return ;;
     --node) _lumoctl_nodes "$current"; return ;;
     -n) [[ $command == query ]] && { _lumoctl_nodes "$current"; return; } ;;
   esac
@@ -64,8 +70,8 @@ _lumoctl() {
     _lumoctl_words "$current" "$_lumoctl_commands"
   elif ((arguments == 0)); then
     case $command in
-      show | set | del | default | refresh | ping) _lumoctl_nodes "$current" or-default ;;
-      apply | lint) _lumoctl_files "$current" ;;
+      show | set | del | default | refresh | ping | stats) _lumoctl_nodes "$current" or-default ;;
+      apply | lint | trace) _lumoctl_files "$current" ;;
     esac
   fi
 }

@@ -1,0 +1,325 @@
+// Events that one pass of the loop finds together: requests that travel to a link together, links
+// that break beside them, and whatever holds the pass up.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/process/manager.h"
+#include "tests/process/node_link.h"
+#include "tests/process/reconnection.h"
+#include "tests/support/agent.h"
+#include "tests/support/client.h"
+#include "tests/support/kernel.h"
+#include "tests/support/node.h"
+#include "tests/support/process.h"
+
+namespace test {
+namespace {
+
+// A name whose look-up takes as long as a test wants. The C library looks for aliases before it
+// asks a name server: in a pipe, which holds it up.
+class SlowName {
+ public:
+  explicit SlowName(Agent* agent) : agent_(agent), aliases_(agent->Folder() / "aliases") {
+    if (mkfifo(aliases_.c_str(), 0600) != 0) throw std::runtime_error("no pipe can be made");
+    agent->Environment("HOSTALIASES", aliases_).Environment("RES_OPTIONS", "attempts:1 timeout:1");
+  }
+  // The command that looks it up.
+  static lumo::Message Send(Manager& manager) {
+    return manager.Send(119, 0, std::string("SLOW TCPIP lumo-test-host 1 0 0 0") + '\0');
+  }
+  // The agent stands still in the middle of the look-up, and goes on after the events.
+  template <class Events>
+  void During(Events events) {
+    int pipe = -1;
+    EXPECT_TRUE(WaitFor([&] {
+      pipe = open(aliases_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      return pipe >= 0;
+    })) << "the name is not looked up";
+    Freeze(agent_->Pid());
+    events();
+    const AwaitedSignal ifATickEndedIt(SIGPIPE);
+    const std::string alias = "lumo-test-host localhost.invalid\n";
+    [[maybe_unused]] const ssize_t written = write(pipe, alias.data(), alias.size());
+    Thaw(agent_->Pid());
+    close(pipe);
+  }
+
+ private:
+  Agent* agent_;
+  std::string aliases_;
+};
+
+// An agent with the nodes A and B, whose links are up; B's was served last. So was `last_`, among
+// the clients, until another has asked.
+class OnePass : public testing::Test {
+ protected:
+  void Start(const std::string& furtherNodes = {}) {
+    agent_.Nodetab(a_.Line("A") + b_.Line("B") + furtherNodes);
+    ASSERT_TRUE(agent_.Start());
+    last_.emplace(agent_);
+    UseNode(&*last_, &a_, "A");
+    UseNode(&*last_, &b_, "B");
+  }
+  // A request for A has come to the node.
+  static std::optional<lumo::Message> Received(Peer& node, const lumo::Message& request) {
+    std::optional<lumo::Message> received = node.ReadRequest();
+    if (received) {
+      EXPECT_EQ(received->Strings[0], request.Strings[0]);
+    }
+    return received;
+  }
+
+  Node a_, b_;
+  Agent agent_;
+  std::optional<Client> last_;
+};
+
+TEST_F(OnePass, TheLastClientsRequestMeetsALinkThatWasReset) {
+  Start();
+  lumo::Message request;
+  agent_.InOnePass([&] {
+    request = last_->Send("A");
+    a_.Reset();
+  });
+  last_->ExpectError(request, 4007, ECONNRESET);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(OnePass, TheLastClientsRequestStillReachesANodeThatSendsNoMore) {
+  Start();
+  lumo::Message request;
+  agent_.InOnePass([&] {
+    request = last_->Send("A", "one");
+    a_.StopSending();
+  });
+  EXPECT_TRUE(Received(a_, request));
+  last_->ExpectError(request, 4009, 0);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
+  Start();
+  Client other(agent_);
+  lumo::Message request;
+  agent_.InOnePass([&] {
+    request = other.Send("A", "one");
+    a_.Reset();
+  });
+  ASSERT_TRUE(a_.Accept());
+  ASSERT_TRUE(Received(a_, request));
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// A link's input is read before the requests of the pass and after them, not in between.
+class ManyAtOnce : public OnePass, public testing::WithParamInterface<int> {};
+
+TEST_P(ManyAtOnce, RequestsAreSentBeforeALinkIsReadAgain) {
+  Start();
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < GetParam(); ++i) clients.push_back(std::make_unique<Client>(agent_));
+  agent_.Barrier();
+  std::vector<lumo::Message> requests;
+  agent_.InOnePass([&] {
+    a_.SendControl({1, 0});
+    a_.StopSending();
+    for (const auto& client : clients)
+      requests.push_back(client->Send("A", std::to_string(requests.size())));
+  });
+  for (const lumo::Message& request : requests) ASSERT_TRUE(Received(a_, request));
+  for (std::size_t i = 0; i < clients.size(); ++i) clients[i]->ExpectError(requests[i], 4009, 0);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Requests, ManyAtOnce, testing::Values(3, 70, 200));
+
+// What is on its way to a link does not wait for anything that can take long.
+
+TEST_F(OnePass, ARequestLeavesBeforeAKernelIsWaitedFor) {
+  LocalKernel kernel(agent_);
+  Start(kernel.Line("K"));
+  Client first(agent_), second(agent_);
+  agent_.Barrier();
+  lumo::Message request, local;
+  agent_.InOnePass([&] {
+    request = first.Send("A", "one");
+    local = second.Send("K", "two");
+  });
+  const auto received = Received(a_, request);
+  ASSERT_TRUE(received) << "before the greeting";
+  ASSERT_TRUE(kernel.Accept());
+  const auto localReceived = Received(kernel, local);
+  ASSERT_TRUE(localReceived);
+  a_.Answer(*received);
+  kernel.Answer(*localReceived);
+  first.ExpectAnswer(request);
+  second.ExpectAnswer(local);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(OnePass, ARequestLeavesBeforeANameIsLookedUp) {
+  SlowName name(&agent_);
+  Start();
+  Client client(agent_);
+  Manager manager(agent_);
+  agent_.Barrier();
+  lumo::Message request, command;
+  agent_.InOnePass([&] {
+    request = client.Send("A", "one");
+    command = SlowName::Send(manager);
+  });
+  name.During([&] { EXPECT_TRUE(Received(a_, request)) << "before the name is known"; });
+  manager.Receive(command);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(OnePass, ARequestLeavesThoughAQueueIsFull) {
+  IpcKernel kernel;
+  Start(kernel.Line("K"));
+  Client first(agent_), second(agent_);
+  const lumo::Message up = second.Send("K");
+  const auto upReceived = kernel.ReadRequest();
+  ASSERT_TRUE(upReceived);
+  kernel.Answer(*upReceived);
+  second.ExpectAnswer(up);
+  kernel.FillQueue();
+  agent_.Barrier();
+  lumo::Message request, local;
+  agent_.InOnePass([&] {
+    request = first.Send("A", "one");
+    local = second.Send("K", "two");
+  });
+  const auto received = Received(a_, request);
+  ASSERT_TRUE(received) << "while the queue is full";
+  a_.Answer(*received);
+  first.ExpectAnswer(request);
+  first.ExpectNothing();
+  kernel.DrainQueue();
+  const auto localReceived = kernel.ReadRequest();
+  ASSERT_TRUE(localReceived);
+  EXPECT_EQ(localReceived->Message.Strings[0], "two");
+  kernel.Answer(*localReceived);
+  second.ExpectAnswer(local);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// A look-up holds a pass up, so that a node can break in its middle.
+class BrokenMeanwhile : public OnePass {
+ protected:
+  // To be called before the clients of the test are made: the pass comes to the manager first.
+  void Prepare() { manager_.emplace(agent_); }
+  template <class Requests>
+  void Break(Requests requests) {
+    lumo::Message command;
+    agent_.InOnePass([&] {
+      command = SlowName::Send(*manager_);
+      requests();
+    });
+    name_.During([&] { a_.Reset(); });
+    manager_->Receive(command);
+  }
+
+ private:
+  SlowName name_{&agent_};
+  std::optional<Manager> manager_;
+};
+
+TEST_F(BrokenMeanwhile, EachRequestMeetsTheLinkAsTheOneBeforeLeftIt) {
+  Start();
+  Prepare();
+  Client first(agent_), second(agent_), third(agent_);
+  agent_.Barrier();
+  std::array<lumo::Message, 3> requests;
+  Break([&] {
+    requests = {first.Send("A", "one"), second.Send("A", "two"), third.Send("A", "three")};
+  });
+  first.ExpectError(requests[0], 4007, ECONNRESET);
+  ASSERT_TRUE(a_.Accept());
+  ExpectServedBy(a_, "A", second, requests[1]);
+  ExpectServedBy(a_, "A", third, requests[2]);
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+TEST_F(BrokenMeanwhile, IsReportedInTheDriversWords) {
+  agent_.LogLevel("3");
+  Start();
+  Prepare();
+  Client first(agent_), second(agent_);
+  agent_.Barrier();
+  std::array<lumo::Message, 2> requests;
+  Break([&] { requests = {first.Send("A"), second.Send("A")}; });
+  first.ExpectError(requests[0], 4007, ECONNRESET);
+  ASSERT_TRUE(a_.Accept());
+  agent_.Barrier();
+  EXPECT_EQ(
+      agent_.CountLogged(3, "lumo_tcp", "TCPIP.Write into socket failed. Call:write. errno = 104"),
+      1)
+      << agent_.Log();
+  std::vector<std::string> drivers;
+  for (const LogLine& line : agent_.LogLines()) {
+    if (line.Level == 3) drivers.push_back(line.Text);
+  }
+  EXPECT_EQ(drivers.size(), 1u) << agent_.Log();
+}
+
+// A request in hand belongs to its connection, not to the number of its descriptor. The client
+// leaves so many answers unread that it is closed when A's failure answers all that it asked of A:
+// at that moment its request for the node D is in hand, and D's new connection gets the number.
+TEST_F(BrokenMeanwhile, ARequestInHandIsNotAnsweredOverANumberThatIsInUseAgain) {
+  constexpr int kInFlight = 400;  // their answers are more than what is left of the bound
+  constexpr long kBound = 1 << 20, kLeft = 20000;
+  Node d;
+  EchoNode echo;
+  agent_.Nodetab(a_.Line("A") + echo.Line("E") + d.Line("D"));
+  ASSERT_TRUE(agent_.Start());
+  Prepare();
+  Client asksA(agent_), reader(agent_), client(agent_);
+  for (int i = 0; i < kInFlight; ++i) {
+    client.Send("A", std::to_string(i));
+    ASSERT_TRUE(i > 0 || a_.Accept());
+    ASSERT_TRUE(a_.ReadRequest());
+  }
+  const lumo::Message large = client.Request("E", std::string(8080, 'e'));
+  const auto size = static_cast<long>(lumo::Encode(large, lumo::Lengths::Client).size());
+  int held = 0;  // by the system, which takes no more by then
+  for (long sent = 0; (sent + 1) * size - held < kBound - kLeft; ++sent) {
+    client.SendMessage(large);
+    if (sent * size < kBound / 2) continue;
+    reader.Ask("E", "behind it");
+    ASSERT_EQ(ioctl(client.Connection().Socket(), FIONREAD, &held), 0);
+  }
+  lumo::Message fromA;
+  Break([&] {
+    fromA = asksA.Send("A");
+    client.Send("D", "in hand");
+  });
+  asksA.ExpectError(fromA, 4007, ECONNRESET);
+  // D is connected if the request went on without its connection. It gets requests only.
+  const lumo::Message request = reader.Send("D", "afterwards");
+  ASSERT_TRUE(d.Accept());
+  for (bool over = false; !over;) {
+    const auto received = d.ReadRequest();
+    ASSERT_TRUE(received);
+    over = received->Strings[0] == "afterwards";
+    EXPECT_TRUE(over || received->Strings[0] == "in hand");
+    d.Answer(*received, "answer");
+  }
+  reader.ExpectAnswer(request);
+  agent_.Barrier();
+  EXPECT_TRUE(d.Silent(Milliseconds(0))) << "the node gets an answer";
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,638 @@
+// Frames in and bytes out, per descriptor, over real sockets.
+#include "core/stream.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "core/dbc.h"
+#include "link/link.h"
+#include "tests/unit/agent_test.h"
+#include "tests/unit/faults.h"
+
+namespace {
+
+constexpr char kHere[] = "test";
+
+std::vector<int> receives, lengths, sends, failures;
+void NoteReceive(int result) { receives.push_back(result); }
+void NoteLength(int rest) { lengths.push_back(rest); }
+void NoteSend(int result) { sends.push_back(result); }
+void NoteFailure(int error) { failures.push_back(error); }
+
+constexpr FrameFormat kCounting = {.LengthCounts = 4,  // the length word counts itself
+                                   .SmallestLength = 5,
+                                   .LargestLength = 8188,
+                                   .TraceReceive = NoteReceive,
+                                   .TraceLength = NoteLength};
+constexpr FrameFormat kPlain = {.LengthCounts = 0,
+                                .SmallestLength = 0,
+                                .LargestLength = 8188,
+                                .TraceReceive = nullptr,
+                                .TraceLength = nullptr};
+constexpr OutputTrace kTraced = {.Sent = NoteSend, .Failed = NoteFailure};
+
+std::string Frame(std::uint32_t length, const std::string& body) {
+  return std::string(reinterpret_cast<const char*>(&length), sizeof length) + body;
+}
+
+class Streams : public AgentTest {
+ protected:
+  Streams() {
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair_), 0);
+    receives.clear();
+    lengths.clear();
+    sends.clear();
+    failures.clear();
+  }
+  ~Streams() override {
+    ForgetDescriptor(pair_[0]);
+    close(pair_[0]);
+    if (pair_[1] >= 0) close(pair_[1]);
+  }
+
+  int Ours() const { return pair_[0]; }
+  int Far() const { return pair_[1]; }
+  void CloseFar() {
+    close(pair_[1]);
+    pair_[1] = -1;
+  }
+  void Come(const std::string& bytes) const {
+    EXPECT_EQ(send(Far(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+  FrameRead Read(const FrameFormat& format = kCounting) { return ReadFrame(Ours(), area_, format); }
+  std::string Area(std::size_t size) const {
+    return std::string(reinterpret_cast<const char*>(area_), size);
+  }
+  int Send(const std::string& bytes, const OutputTrace* trace = nullptr) const {
+    return SendBytes(kHere, 7, Ours(), bytes.data(), bytes.size(), trace);
+  }
+  int Flush() const { return FlushBytes(kHere, 8, Ours()); }
+  bool AwaitsWriting() const { return FD_ISSET(Ours(), &g_DbcI.SocketSets.WriteSet); }
+  // Sends until something is kept; all that was given to SendBytes.
+  std::string FillUp() const {
+    std::string all;
+    while (UnsentBytes(Ours()) == 0) {
+      const std::string part(8188, static_cast<char>('a' + all.size() % 23));
+      EXPECT_EQ(Send(part), 0);
+      all += part;
+    }
+    return all;
+  }
+  // What the far end can read without waiting.
+  std::string Take() const {
+    std::string all;
+    char part[65536];
+    for (ssize_t got; (got = recv(Far(), part, sizeof part, MSG_DONTWAIT)) > 0;)
+      all.append(part, static_cast<std::size_t>(got));
+    return all;
+  }
+
+ private:
+  int pair_[2] = {-1, -1};
+  unsigned char area_[8192];
+};
+
+// What is traced is noted here, so nothing is written.
+class FramesIn : public Streams {
+ protected:
+  void SetUp() override {
+    Streams::SetUp();
+    g_DbcI.LogLevel = kLogTrace;
+  }
+};
+
+TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
+  Come(Frame(10, "abcdef"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Area(10), Frame(10, "abcdef"));
+  EXPECT_EQ(receives, (std::vector<int>{4, 6}));
+  EXPECT_EQ(lengths, std::vector<int>{6});
+}
+
+TEST_F(FramesIn, TheLengthWordMayNotCountItself) {
+  Come(Frame(6, "abcdef") + "rest");
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Area(10), Frame(6, "abcdef"));
+}
+
+TEST_F(FramesIn, TheSizeCountsTheLengthWord) {
+  unsigned char area[4];
+  const std::uint32_t length = 20;
+  std::memcpy(area, &length, sizeof area);
+  EXPECT_EQ(FrameSize(area, kCounting), 20U);
+  EXPECT_EQ(FrameSize(area, kPlain), 24U);
+}
+
+TEST_F(FramesIn, NothingComeYetIsLaterAndTracesNothing) {
+  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_TRUE(receives.empty());
+}
+
+TEST_F(FramesIn, AFrameThatComesByteByByteIsPutTogether) {
+  const std::string frame = Frame(9, "12345");
+  for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
+    Come(frame.substr(i, 1));
+    EXPECT_EQ(Read(), FrameRead::Later) << i;
+  }
+  Come(frame.substr(frame.size() - 1));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Area(9), frame);
+  EXPECT_EQ(lengths, std::vector<int>{5}) << "the length is told once";
+}
+
+TEST_F(FramesIn, TheNextFrameBeginsAnew) {
+  Come(Frame(9, "12345").substr(0, 6));
+  EXPECT_EQ(Read(), FrameRead::Later);
+  Come("345" + Frame(6, "xy"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Area(9), Frame(9, "12345"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Area(6), Frame(6, "xy"));
+}
+
+TEST_F(FramesIn, HalfAFrameAndTheEndIsClosed) {
+  Come(Frame(9, "12"));
+  EXPECT_EQ(Read(), FrameRead::Later);
+  CloseFar();
+  EXPECT_EQ(Read(), FrameRead::Closed);
+  EXPECT_EQ(receives.back(), 0);
+}
+
+TEST_F(FramesIn, TheEndBeforeAFrameIsClosed) {
+  CloseFar();
+  EXPECT_EQ(Read(), FrameRead::Closed);
+}
+
+TEST_F(FramesIn, AFrameWithoutABodyCountsAsClosedAndDoesNotWait) {
+  Come(Frame(0, ""));
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+}
+
+TEST_F(FramesIn, LengthsOutOfBoundsAreRefusedWithoutReadingOn) {
+  for (const std::uint32_t length : {0U, 4U, 8189U, 0x80000000U, 0xFFFFFFFFU}) {
+    Come(Frame(length, ""));
+    EXPECT_EQ(Read(), FrameRead::BadLength) << length;
+    EXPECT_EQ(Area(4), Frame(length, ""));
+    ForgetDescriptor(Ours());
+  }
+}
+
+TEST_F(FramesIn, TheLargestAndTheSmallestLengthAreTaken) {
+  Come(Frame(5, "x"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  Come(Frame(8188, std::string(8184, 'z')));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  Come(Frame(8188, std::string(8188, 'z')));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Area(8192).substr(4), std::string(8188, 'z'));
+}
+
+TEST_F(FramesIn, AFailedReceiveGivesItsError) {
+  char byte;
+  ASSERT_EQ(recv(-1, &byte, 1, 0), -1);
+  EXPECT_EQ(ReadFrame(-1, reinterpret_cast<unsigned char*>(&byte), kCounting), FrameRead::Failed);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(FramesIn, APeerThatLeavesAnswersUnreadFailsTheReceiveOnce) {
+  ASSERT_EQ(send(Ours(), "answer", 6, 0), 6);
+  CloseFar();
+  EXPECT_EQ(Read(), FrameRead::Failed);
+  EXPECT_EQ(errno, ECONNRESET);
+  EXPECT_EQ(Read(), FrameRead::Closed);
+}
+
+TEST_F(FramesIn, ErrnoStaysUnlessTheReceiveFailed) {
+  errno = 77;
+  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_EQ(errno, 77);
+  Come(Frame(9, "12"));
+  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_EQ(errno, 77);
+  Come("345");
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(errno, 77);
+  CloseFar();
+  EXPECT_EQ(Read(), FrameRead::Closed);
+  EXPECT_EQ(errno, 77);
+}
+
+TEST_F(FramesIn, WithoutMemoryHalfAFrameFails) {
+  Come(Frame(9, "12"));
+  const NoMemory none;
+  EXPECT_EQ(Read(), FrameRead::NoMemory);
+  EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(FramesIn, AWholeFrameNeedsNoMemory) {
+  Come(Frame(9, "12345"));
+  const FailingAllocations failing;
+  EXPECT_EQ(Read(), FrameRead::Whole);
+}
+
+TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
+  Come(Frame(9, "12"));
+  EXPECT_EQ(Read(), FrameRead::Later);
+  ForgetDescriptor(Ours());
+  Come(Frame(6, "xy"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Area(6), Frame(6, "xy"));
+}
+
+// What has come is taken with one call, whatever the stream is.
+class FramesAhead : public Streams {
+ protected:
+  bool Waits() const { return FrameWaits(Ours()); }
+};
+
+TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
+  Come(Frame(1, "a") + Frame(2, "bb") + Frame(3, "ccc"));
+  EXPECT_FALSE(Waits());
+  for (const char* body : {"a", "bb", "ccc"}) {
+    const std::string text = body;
+    EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+    EXPECT_EQ(Area(4 + text.size()), Frame(static_cast<std::uint32_t>(text.size()), text));
+    EXPECT_EQ(Waits(), text != "ccc");
+  }
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+}
+
+TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
+  Come(Frame(1, "a") + Frame(6, "half"));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_FALSE(Waits());
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  Come("xx");
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Area(10), Frame(6, "halfxx"));
+}
+
+TEST_F(FramesAhead, MayComeByteByByte) {
+  const std::string frame = Frame(5, "12345");
+  for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
+    Come(frame.substr(i, 1));
+    EXPECT_EQ(Read(kPlain), FrameRead::Later) << i;
+    EXPECT_FALSE(Waits());
+  }
+  Come(frame.substr(frame.size() - 1));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Area(9), frame);
+}
+
+TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
+  for (int round = 0; round < 5; ++round) {
+    for (char c = 'a'; c < 'f'; ++c) Come(Frame(8188, std::string(8188, c)));
+    for (char c = 'a'; c < 'f'; ++c) {
+      ASSERT_EQ(Read(kPlain), FrameRead::Whole);
+      ASSERT_EQ(Area(8192), Frame(8188, std::string(8188, c)));
+    }
+  }
+  EXPECT_FALSE(Waits());
+}
+
+TEST_F(FramesAhead, MoreIsExpectedAfterMuchUntilALookFindsNothing) {
+  EXPECT_FALSE(MoreHasCome(Ours()));
+  Come(Frame(8188, std::string(8188, 'a')));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(MoreHasCome(Ours()));
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  EXPECT_FALSE(MoreHasCome(Ours())) << "the descriptor would be read again and again";
+}
+
+TEST_F(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
+  Come(Frame(1, "a") + Frame(8189, ""));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(Waits());
+  EXPECT_EQ(Read(kPlain), FrameRead::BadLength);
+  EXPECT_EQ(Area(4), Frame(8189, ""));
+}
+
+TEST_F(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
+  Come(Frame(1, "a") + Frame(0, ""));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(Waits());
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+}
+
+TEST_F(FramesAhead, WholeOnesComeBeforeTheEnd) {
+  Come(Frame(1, "a") + Frame(1, "b") + Frame(9, "half"));
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+}
+
+TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
+  Come(Frame(1, "a") + Frame(1, "b"));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  ForgetDescriptor(Ours());
+  EXPECT_FALSE(Waits());
+  Come(Frame(1, "c"));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(Area(5), Frame(1, "c"));
+}
+
+TEST_F(FramesAhead, ALookTakesThemAndTellsOfTheEnd) {
+  EXPECT_FALSE(LookAhead(Ours())) << "it has not been read before";
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  errno = 77;
+  EXPECT_FALSE(LookAhead(Ours()));
+  EXPECT_EQ(errno, 77);
+  Come(Frame(1, "a"));
+  EXPECT_TRUE(LookAhead(Ours()));
+  EXPECT_TRUE(Waits());
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_FALSE(Waits());
+  EXPECT_TRUE(LookAhead(Ours())) << "the end counts";
+  EXPECT_TRUE(Waits());
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+  EXPECT_FALSE(Waits());
+}
+
+TEST_F(FramesAhead, AreReadAfterAFailureThatALookHasMet) {
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  Come(Frame(1, "a"));
+  ASSERT_EQ(send(Ours(), "unread", 6, 0), 6);
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_TRUE(LookAhead(Ours()));
+  EXPECT_EQ(Read(kPlain), FrameRead::Failed);
+  EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
+  errno = 77;
+  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  Come(Frame(1, "a"));
+  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  CloseFar();
+  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+  EXPECT_EQ(errno, 77);
+}
+
+class BytesOut : public Streams {};
+
+TEST_F(BytesOut, GoOutAtOnceWhenThePeerTakesThem) {
+  EXPECT_EQ(Send("hello", &kTraced), 0);
+  EXPECT_EQ(Take(), "hello");
+  EXPECT_EQ(sends, std::vector<int>{5});
+  EXPECT_EQ(UnsentBytes(Ours()), 0U);
+  EXPECT_EQ(UnsentDescriptors(), 0);
+  EXPECT_FALSE(AwaitsWriting());
+}
+
+TEST_F(BytesOut, WhatThePeerDoesNotTakeIsKeptAndTheDescriptorAwaitsWriting) {
+  const std::string all = FillUp();
+  EXPECT_GT(UnsentBytes(Ours()), 0U);
+  EXPECT_EQ(UnsentDescriptors(), 1);
+  EXPECT_TRUE(AwaitsWriting());
+  EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, Ours() + 1);
+  EXPECT_EQ(Take().size() + UnsentBytes(Ours()), all.size());
+}
+
+TEST_F(BytesOut, TheWriteRegistrationHasTheCallersPlace) {
+  FillUp();
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, Ours());
+  g_DbcI.LogLevel = 15;
+  const CapturedStderr log;
+  Send("x");
+  EXPECT_TRUE(log.Contains("test:   7"));
+  EXPECT_TRUE(log.Contains("|REGISTER_SOCKET_FOR_WRITE_EVENT " + std::to_string(Ours()) + "\n"));
+}
+
+TEST_F(BytesOut, KeepTheirOrder) {
+  std::string all = FillUp();
+  EXPECT_EQ(Send("behind"), 0);
+  all += "behind";
+  std::string came = Take();
+  EXPECT_EQ(Send("last", &kTraced), 0) << "the peer takes again, but what is kept goes first";
+  EXPECT_TRUE(sends.empty());
+  all += "last";
+  while (UnsentBytes(Ours()) > 0) {
+    ASSERT_EQ(Flush(), 0);
+    came += Take();
+  }
+  EXPECT_TRUE(came == all);
+  EXPECT_EQ(UnsentDescriptors(), 0);
+  EXPECT_FALSE(AwaitsWriting());
+}
+
+TEST_F(BytesOut, AFlushSendsAsMuchAsThePeerTakes) {
+  FillUp();
+  const std::string more(3000000, 'm');
+  EXPECT_EQ(Send(more), 0);
+  const std::size_t before = UnsentBytes(Ours());
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_EQ(UnsentBytes(Ours()), before) << "the peer took nothing";
+  Take();
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_LT(UnsentBytes(Ours()), before);
+  EXPECT_GT(UnsentBytes(Ours()), 0U);
+  EXPECT_TRUE(AwaitsWriting());
+}
+
+// What came behind would be taken for the rest.
+TEST_F(BytesOut, APartWhoseRestCannotBeKeptEndsTheStream) {
+  const std::string frame(3000000, 'f');
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Send(frame), -1);
+    EXPECT_EQ(errno, ENOMEM);
+  }
+  EXPECT_LT(Take().size(), frame.size());
+  EXPECT_EQ(Send("behind"), -1);
+  EXPECT_EQ(Take(), "");
+}
+
+TEST_F(BytesOut, FlushingNothingIsNoFailure) {
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_EQ(FlushBytes(kHere, 1, -1), 0);
+  EXPECT_EQ(FlushBytes(kHere, 1, FD_SETSIZE), 0);
+}
+
+TEST_F(BytesOut, ASendToAClosedPeerFailsWithoutASignal) {
+  CloseFar();
+  EXPECT_EQ(Send("x", &kTraced), -1);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(sends, std::vector<int>{-1});
+  EXPECT_EQ(failures, std::vector<int>{EPIPE});
+  EXPECT_EQ(UnsentBytes(Ours()), 0U);
+}
+
+TEST_F(BytesOut, AFlushToAClosedPeerFails) {
+  FillUp();
+  CloseFar();
+  EXPECT_EQ(Flush(), -1);
+  EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET) << errno;
+}
+
+TEST_F(BytesOut, AClosedDescriptorAndNumbersOutOfBoundsFail) {
+  for (const int fd : {-1, FD_SETSIZE, FD_SETSIZE + 5}) {
+    errno = 0;
+    EXPECT_EQ(SendBytes(kHere, 1, fd, "x", 1), -1) << fd;
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(UnsentBytes(fd), 0U);
+    ForgetDescriptor(fd);
+  }
+}
+
+TEST_F(BytesOut, WithoutMemoryWhatThePeerDoesNotTakeFails) {
+  Send(std::string(3000000, 'm'));
+  ForgetDescriptor(Ours());
+  const NoMemory none;
+  EXPECT_EQ(Send("x"), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(UnsentBytes(Ours()), 0U);
+}
+
+TEST_F(BytesOut, WithoutMemoryWhatIsKeptStays) {
+  FillUp();
+  const std::size_t before = UnsentBytes(Ours());
+  {
+    const FailingAllocations failing;
+    EXPECT_EQ(Send(std::string(100000, 'x')), -1);
+  }
+  EXPECT_EQ(UnsentBytes(Ours()), before);
+}
+
+TEST_F(BytesOut, ErrnoStaysWhenNothingFails) {
+  errno = 77;
+  EXPECT_EQ(Send("x"), 0);
+  EXPECT_EQ(errno, 77);
+  FillUp();
+  errno = 77;
+  EXPECT_EQ(Send("kept"), 0);
+  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(Flush(), 0);
+  EXPECT_EQ(errno, 77);
+}
+
+// Bytes for links that are kept and go out together.
+class BytesTogether : public BytesOut {
+ protected:
+  void SetUp() override {
+    BytesOut::SetUp();
+    REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, Ours(), AddLink("A"));
+    JoinOutput(true);
+  }
+  void TearDown() override {
+    JoinOutput(false);
+    ForgetDescriptor(Ours());
+    BytesOut::TearDown();
+  }
+  int Release() {
+    JoinOutput(false);
+    return NextJoined() < 0 ? 0 : SendJoined(kHere, 1, NextJoined(), &taken_);
+  }
+
+  std::size_t taken_ = 0;
+};
+
+TEST_F(BytesTogether, GoOutTogetherInOrder) {
+  EXPECT_EQ(Send("one ", &kTraced), 0);
+  EXPECT_EQ(Send("two ", &kTraced), 0);
+  EXPECT_EQ(Take(), "");
+  EXPECT_EQ(NextJoined(), Ours());
+  EXPECT_EQ(JoinedBytes(Ours()), 8U);
+  EXPECT_FALSE(AwaitsWriting());
+  EXPECT_EQ(Release(), 0);
+  EXPECT_EQ(taken_, 8U);
+  EXPECT_EQ(NextJoined(), -1);
+  EXPECT_EQ(sends, std::vector<int>{8});
+  EXPECT_EQ(Send("three"), 0);
+  EXPECT_EQ(Take(), "one two three");
+}
+
+TEST_F(BytesTogether, MayBeMoreThanABlock) {
+  std::string all;
+  for (int i = 0; i < 20; ++i) {
+    const std::string frame(8192, static_cast<char>('a' + i));
+    EXPECT_EQ(Send(frame), 0);
+    all += frame;
+  }
+  EXPECT_EQ(Release(), 0);
+  std::string came = Take();
+  while (UnsentBytes(Ours()) > 0) {
+    ASSERT_EQ(Flush(), 0);
+    came += Take();
+  }
+  EXPECT_TRUE(came == all);
+}
+
+TEST_F(BytesTogether, AreKeptForEachLink) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, pair[0], AddLink("B"));
+  EXPECT_EQ(Send("mine"), 0);
+  EXPECT_EQ(SendBytes(kHere, 1, pair[0], "other", 5), 0);
+  char other[8];
+  EXPECT_EQ(recv(pair[1], other, sizeof other, MSG_DONTWAIT), -1);
+  EXPECT_EQ(Release(), 0);
+  EXPECT_EQ(Take(), "mine");
+  EXPECT_EQ(Release(), 0);
+  EXPECT_EQ(recv(pair[1], other, sizeof other, MSG_DONTWAIT), 5);
+  ForgetDescriptor(pair[0]);
+  close(pair[0]);
+  close(pair[1]);
+}
+
+TEST_F(BytesTogether, OfAClientThereAreNone) {
+  UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, Ours());
+  EXPECT_EQ(Send("answer"), 0);
+  EXPECT_EQ(Take(), "answer");
+}
+
+TEST_F(BytesTogether, ThatCannotBeSentTellWhatWasTaken) {
+  EXPECT_EQ(Send("lost", &kTraced), 0);
+  CloseFar();
+  EXPECT_EQ(Release(), -1);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(taken_, 0U);
+  EXPECT_EQ(failures, std::vector<int>{EPIPE});
+  EXPECT_EQ(NextJoined(), -1);
+}
+
+TEST_F(BytesTogether, OfAForgottenDescriptorAreDropped) {
+  EXPECT_EQ(Send("gone"), 0);
+  ForgetDescriptor(Ours());
+  EXPECT_EQ(NextJoined(), -1);
+  EXPECT_EQ(Take(), "");
+}
+
+TEST_F(BytesTogether, DoNotOvertakeWhatIsKeptForThePeer) {
+  JoinOutput(false);
+  std::string all = FillUp();
+  JoinOutput(true);
+  EXPECT_EQ(Send("behind"), 0);
+  EXPECT_EQ(NextJoined(), -1);
+  std::string came = Take();
+  while (UnsentBytes(Ours()) > 0) {
+    ASSERT_EQ(Flush(), 0);
+    came += Take();
+  }
+  EXPECT_TRUE(came == all + "behind");
+}
+
+TEST_F(BytesTogether, ThatThePeerDoesNotTakeAwaitWriting) {
+  const std::string much(3000000, 'm');
+  EXPECT_EQ(Send(much), 0);
+  EXPECT_EQ(Release(), 0);
+  EXPECT_GT(UnsentBytes(Ours()), 0U);
+  EXPECT_EQ(taken_ + UnsentBytes(Ours()), much.size());
+  EXPECT_TRUE(AwaitsWriting());
+}
+
+TEST_F(BytesOut, AForgottenDescriptorKeepsNothing) {
+  FillUp();
+  ForgetDescriptor(Ours());
+  EXPECT_EQ(UnsentBytes(Ours()), 0U);
+  EXPECT_EQ(UnsentDescriptors(), 0);
+}
+
+}  // namespace
