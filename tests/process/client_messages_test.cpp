@@ -11,42 +11,14 @@
 #include "tests/support/client.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
 
 constexpr std::size_t kMarkInTrailer = 46, kSocketInTrailer = 4, kTrailerSize = 48;
 
-template <class T>
-std::string Bytes(T value) {
-  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
 std::string LengthWord(std::uint32_t length) { return Bytes(length); }
-
-// A message in which every field has a value of its own.
-lumo::Message Full(const Client& client) {
-  lumo::Message message;
-  message.TaskName = client.TaskName();
-  message.CodErr = -7;
-  message.Prior = 0x1112;
-  message.NumChan = 0x1314;
-  message.Uninterpreted = {9, 8, 7, 6};
-  message.Command = "FTCH";
-  message.Node = "SRV";
-  message.RowId = 0x21222324;
-  message.RowCount = -5;
-  message.PrzExe = 0xF1F2F3F4;
-  message.SysErr = 111;
-  message.LnBufRow = 0x4142;
-  message.DbcApiCode = 129;
-  message.Strings = {"even", "odd", "", "x"};
-  for (std::size_t i = 0; i < message.Trailer.size(); ++i)
-    message.Trailer[i] = static_cast<std::uint8_t>(i + 1);
-  message.SetTrailerTaskName(client.TaskName());
-  message.SetAstInd(0x5152);
-  return message;
-}
 
 // What the node must receive: the packet's length, and the agent's own marks in the trailer, of
 // which the link's descriptor is taken as it came.
@@ -110,7 +82,7 @@ class ClientMessages : public testing::Test {
 };
 
 TEST_F(ClientMessages, EveryFieldReachesTheNodeUnchanged) {
-  const lumo::Message request = Full(*client_);
+  const lumo::Message request = FullMessage(*client_, "SRV");
   client_->SendMessage(request);
   ExpectAtNode(request);
 }
@@ -118,7 +90,8 @@ TEST_F(ClientMessages, EveryFieldReachesTheNodeUnchanged) {
 TEST_F(ClientMessages, EveryFieldOfAnAnswerReachesTheClientUnchanged) {
   const lumo::Message request = client_->Send("SRV");
   ASSERT_TRUE(node_.ReadRequest());
-  lumo::Message answer = Full(*client_);
+  lumo::Message answer = FullMessage(*client_, "SRV");
+  answer.SetTrailerTaskName(request.TaskName);
   answer.SetAstInd(request.AstInd());
   node_.SendMessage(answer);
   EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
@@ -230,7 +203,7 @@ TEST_F(ClientMessages, TheSumOfTheStringsIsBoundedToo) {
 }
 
 TEST_F(ClientMessages, AnAnswerOfTheAgentIsExactToTheByte) {
-  lumo::Message request = Full(*client_);
+  lumo::Message request = FullMessage(*client_, "SRV");
   request.Node = "NOBODY";
   client_->SendMessage(request);
   std::string expected =

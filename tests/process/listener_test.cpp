@@ -291,7 +291,7 @@ TEST(Unload, WithoutARunningAgentRemovesAStaleSocketAndSaysSoInTheTrace) {
   EXPECT_TRUE(unload.Logged(15, "clntxch", "'InitialiseClientQueue' Leave INFO unload the driver"));
 }
 
-constexpr char kNotSent[] = "lumo_tcp:SIGTERM has not been send to the agent. Status 3\n\n";
+constexpr char kNotUnloaded[] = "lumo_tcp:SIGTERM has not been send to the agent. Status 3\n\n";
 
 class UnloadOfAnImpostor : public testing::TestWithParam<std::string> {};
 
@@ -305,7 +305,7 @@ TEST_P(UnloadOfAnImpostor, SendsNoSignal) {
   if (!GetParam().empty()) impostor.Say(GetParam());
   impostor.HangUp();
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotUnloaded);
 }
 
 INSTANTIATE_TEST_SUITE_P(Greetings, UnloadOfAnImpostor,
@@ -324,7 +324,7 @@ TEST(Unload, TakesNoNumberThatIsNotAnAgents) {
     ASSERT_TRUE(impostor.Accept());
     impostor.Say(greeting);
     EXPECT_EQ(unload.Wait(), 0);
-    EXPECT_EQ(unload.Results(), kNotSent);
+    EXPECT_EQ(unload.Results(), kNotUnloaded);
     EXPECT_TRUE(ProcessRuns(process.Pid()));
   }
 }
@@ -338,7 +338,7 @@ TEST(Unload, OfAnAgentThatDiedMeanwhileReportsTheError) {
   ASSERT_TRUE(impostor.Accept());
   impostor.Say(Greeting(56, DeadPid()));
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotUnloaded);
 }
 
 TEST(Unload, OfSomethingThatNeverGreetsEnds) {
@@ -354,7 +354,7 @@ TEST(Unload, OfSomethingThatNeverGreetsEnds) {
     return false;
   }));
   EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotSent);
+  EXPECT_EQ(unload.Results(), kNotUnloaded);
 }
 
 TEST(Unload, TakesAGreetingInPieces) {

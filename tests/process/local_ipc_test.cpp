@@ -189,33 +189,12 @@ TEST(LocalIpc, TheReaderIsAChildOfTheAgentAndServesAllRequests) {
 
 // Messages
 
-lumo::Message RichMessage(const Client& client) {
-  lumo::Message message;
-  message.TaskName = client.TaskName();
-  message.CodErr = -1;
-  message.Prior = 2;
-  message.NumChan = 3;
-  message.Uninterpreted = {4, 5, 6, 7};
-  message.Command = "SLCT";
-  message.Node = "k";
-  message.RowId = 8;
-  message.RowCount = 9;
-  message.PrzExe = 0xABCDEF01;
-  message.SysErr = 10;
-  message.LnBufRow = 11;
-  message.DbcApiCode = 12;
-  message.Strings = {"odd", "even", "", std::string(301, 'x')};
-  message.Trailer.fill(0x5A);
-  message.SetAstInd(77);
-  return message;
-}
-
 TEST(LocalIpc, ARequestCarriesTheReaderAndInItsTrailerTheClient) {
   Setting setting;
   const pid_t reader = setting.Connect();
   setting.Subject.Barrier();  // by now the agent has woken the kernel for the first request
   const int before = setting.Kernel.SemaphoreValue();
-  lumo::Message request = RichMessage(*setting.Application);
+  lumo::Message request = FullMessage(*setting.Application, "k");
   setting.Application->SendMessage(request);
   const auto received = setting.Kernel.ReadRequest();
   ASSERT_TRUE(received);
@@ -247,7 +226,7 @@ TEST(LocalIpc, AnAnswerComesBackWithTheTaskOfItsTrailerAndTheLengthOfItsStrings)
   const pid_t reader = setting.Connect();
   Client later(setting.Subject);
   for (Client* client : {&*setting.Application, &later}) {
-    lumo::Message answer = RichMessage(*client);
+    lumo::Message answer = FullMessage(*client, "k");
     answer.SetAstInd(client == &later ? 78 : 77);  // the tags of one process differ
     client->SendMessage(answer);
     ASSERT_TRUE(setting.Kernel.ReadRequest());

@@ -170,15 +170,15 @@ class Servers {
 };
 
 // The kernel behind the queue, on a thread of its own.
-class QueueServer {
+class EchoingQueue {
  public:
-  QueueServer() : queue_(msgget(Kernel.Key(), 0)), thread_([this] { Serve(); }) {}
-  ~QueueServer() {
+  EchoingQueue() : queue_(msgget(Kernel.Key(), 0)), thread_([this] { Serve(); }) {}
+  ~EchoingQueue() {
     stop_ = true;
     thread_.join();
   }
-  QueueServer(const QueueServer&) = delete;
-  QueueServer& operator=(const QueueServer&) = delete;
+  EchoingQueue(const EchoingQueue&) = delete;
+  EchoingQueue& operator=(const EchoingQueue&) = delete;
 
   // Ends the reader while it waits: between its answer to a client and its report to the agent
   // nobody could say what the client got.
@@ -440,7 +440,7 @@ class RandomRun {
   Node stalled_;
   Node refusing_{Node::Start::Bound};
   std::optional<Servers> servers_;
-  QueueServer queue_;
+  EchoingQueue queue_;
   Agent agent_;
   std::optional<Manager> manager_;
   std::vector<std::unique_ptr<CountingClient>> clients_;

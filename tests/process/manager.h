@@ -15,6 +15,13 @@
 
 namespace test {
 
+inline constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
+
+inline std::string DefaultName(Agent& agent) {
+  const lumo::Answer answer = lumo::GetDefaultName(agent.Control());
+  return answer ? lumo::ItemText(answer->Item) : "no answer";
+}
+
 struct Outcome {
   Outcome(std::int32_t result, std::string item = {}) : Result(result), Item(std::move(item)) {}
   std::int32_t Result;

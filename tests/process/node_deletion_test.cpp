@@ -14,7 +14,6 @@ namespace test {
 namespace {
 
 constexpr int kDeletionPending = 33;
-constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
 
 TEST(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
   Agent agent;

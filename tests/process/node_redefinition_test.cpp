@@ -10,8 +10,6 @@
 namespace test {
 namespace {
 
-constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
-
 TEST(NodeRedefinition, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
   EchoNode node;
   Agent agent;

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "tests/process/manager.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/management.h"
@@ -15,19 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The names of all nodes, in the order of the file.
-std::string Nodes(Agent& agent) {
-  std::string names;
-  for (int index = 0;; ++index) {
-    const lumo::Answer answer = lumo::GetNameByIndex(agent.Control(), index);
-    if (!answer || answer->Result != 1) return names;
-    names += (names.empty() ? "" : " ") + lumo::ItemText(answer->Item);
-  }
-}
-
-std::string DefaultName(Agent& agent) {
-  const lumo::Answer answer = lumo::GetDefaultName(agent.Control());
-  return answer ? lumo::ItemText(answer->Item) : "no answer";
-}
+std::string Nodes(const Agent& agent) { return Manager(agent).Names(); }
 
 bool Printed(const Agent& agent, const std::string& text) {
   return agent.Stdout().find(text) != std::string::npos;

@@ -9,17 +9,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "tests/process/manager.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
-#include "tests/support/management.h"
 #include "tests/support/peer.h"
 
 namespace test {
-
-inline std::string DefaultName(Agent& agent) {
-  const lumo::Answer answer = lumo::GetDefaultName(agent.Control());
-  return answer ? lumo::ItemText(answer->Item) : "no answer";
-}
 
 // The whole log, once the agent has done what had come before.
 inline std::string LogOf(Agent& agent) {

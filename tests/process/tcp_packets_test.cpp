@@ -17,6 +17,7 @@
 #include "tests/support/client.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
@@ -25,10 +26,6 @@ constexpr char kNotSent[] = "The message were not send by the agent. Skip the me
 constexpr char kBadFormat[] = "Network packet format is fail.";
 constexpr std::size_t kLargestText = 8084;  // fills a packet of the largest length
 
-template <class T>
-std::string Bytes(T value) {
-  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-}
 template <class T>
 void Overwrite(std::string* frame, std::size_t at, T value) {
   std::memcpy(frame->data() + at, &value, sizeof value);

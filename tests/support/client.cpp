@@ -13,6 +13,28 @@
 #include "tests/support/management.h"
 
 namespace test {
+
+lumo::Message FullMessage(const Client& client, const std::string& node) {
+  lumo::Message message;
+  message.TaskName = client.TaskName();
+  message.CodErr = -7;
+  message.Prior = 0x1112;
+  message.NumChan = 0x1314;
+  message.Uninterpreted = {9, 8, 7, 6};
+  message.Command = "FTCH";
+  message.Node = node;
+  message.RowId = 0x21222324;
+  message.RowCount = -5;
+  message.PrzExe = 0xF1F2F3F4;
+  message.SysErr = 111;
+  message.LnBufRow = 0x4142;
+  message.DbcApiCode = 129;
+  message.Strings = {"even", "odd", "", "x"};
+  for (std::size_t i = 0; i < message.Trailer.size(); ++i)
+    message.Trailer[i] = static_cast<std::uint8_t>(i + 1);
+  message.SetAstInd(0x5152);
+  return message;
+}
 namespace {
 
 constexpr std::uint16_t kFirstBarrierTag = 0xF000;  // far from the tags of ordinary requests

@@ -14,6 +14,11 @@ namespace test {
 
 using Place = std::source_location;  // of the line in the test, for its failures
 
+class Client;
+
+// A message of the client's in which every field has a value of its own.
+lumo::Message FullMessage(const Client& client, const std::string& node);
+
 class Client {
  public:
   explicit Client(const Agent& agent);  // connects; the task name is this process's id

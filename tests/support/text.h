@@ -6,6 +6,12 @@
 
 namespace test {
 
+// The bytes of a value as it lies in memory.
+template <class T>
+std::string Bytes(T value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
 // How often a word occurs.
 std::size_t Count(const std::string& text, const std::string& word);
 std::vector<std::string> Lines(const std::string& text);

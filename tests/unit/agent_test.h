@@ -29,6 +29,8 @@
 #include "link/link.h"
 #include "protocols/protload.h"
 
+inline constexpr char kHere[] = "test";  // the module that calls
+
 // Collects what is written to a descriptor (1 or 2) until it goes out of scope.
 class CapturedStream {
  public:

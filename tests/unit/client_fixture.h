@@ -23,8 +23,6 @@ inline pid_t EndedProcess() {
 
 class ClientTest : public AgentTest {
  protected:
-  static constexpr char kHere[] = "test";
-
   void TearDown() override {
     g_DbcI.LogLevel = 0;
     for (const auto& [ours, far] : far_) {

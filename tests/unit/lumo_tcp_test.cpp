@@ -265,7 +265,8 @@ TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
   EXPECT_FALSE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK);
   EXPECT_EQ(Data().AliveCount, 50);
   EXPECT_EQ(Data().ReceiveCount, 16);
-  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 0, 5}, {8, 1, 0x001E5555}}));
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)),
+            (std::vector<ControlWords>{{8, 0, 5}, {8, 1, 0x001E5555}}));
   int place = -1;
   for (const std::string& text :
        {"SET_BLOCK_MODE " + std::to_string(fd), std::string("Prepare send ReceiveTimeout"),

@@ -10,13 +10,13 @@
 
 namespace {
 
-const Packet kAlive{8, 1, 0};
+const ControlWords kAlive{8, 1, 0};
 
 class TcpTimer : public TcpDriver {
  protected:
   std::size_t AlivePackets() {
-    const std::vector<Packet> packets = Packets(ReceiveAll(FarEnd));
-    for (const Packet& packet : packets) EXPECT_EQ(packet, kAlive);
+    const std::vector<ControlWords> packets = Packets(ReceiveAll(FarEnd));
+    for (const ControlWords& packet : packets) EXPECT_EQ(packet, kAlive);
     return packets.size();
   }
   // A link with a connect under way, as far as it knows: connect() is scripted by the test.
@@ -323,7 +323,7 @@ TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
   CapturedStderr log;
   const std::uint32_t params[2] = {7, 0x80000001};
   EXPECT_EQ(TcpSendConnectionInfo(42, Data().Socket, params), 0);
-  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 7, 0x80000001}}));
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 7, 0x80000001}}));
   EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
                           "'TcpSendConnectionInfo' Call from lumo_tcp:42 "),
             1);
@@ -342,7 +342,7 @@ TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOn
     const FailingSystemCall interrupted(SystemCall::Send, EINTR, 0, 1);
     EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), 0);
   }
-  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 1, 0}}));
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 1, 0}}));
   const FailingSystemCall failing(SystemCall::Send, EPIPE);
   EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), -1);
   EXPECT_EQ(errno, EPIPE);
@@ -353,7 +353,7 @@ TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
   g_DbcI.LogLevel = kLogTrace;
   CapturedStderr log;
   EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 0);
-  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<Packet>{{8, 2, 4711}}));
+  EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 2, 4711}}));
   EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
                           "Send CKIL packet to server \"SRV\". Pid = 4711"),
             1);

@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr char kHere[] = "test";
-
 class RequestBookkeeping : public AgentTest {
  protected:
   static int Save(std::uint16_t astInd, Link* link, int socket = 7) {

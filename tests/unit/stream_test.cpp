@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr char kHere[] = "test";
-
 std::vector<int> receives, lengths, sends, failures;
 void NoteReceive(int result) { receives.push_back(result); }
 void NoteLength(int rest) { lengths.push_back(rest); }

@@ -19,7 +19,7 @@
 inline constexpr int kPatienceMs = 15000;
 
 // A control packet's three words.
-using Packet = std::array<std::uint32_t, 3>;
+using ControlWords = std::array<std::uint32_t, 3>;
 
 inline bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 
@@ -37,9 +37,9 @@ inline std::string ReceiveAll(int fd) {
   return bytes;
 }
 
-inline std::vector<Packet> Packets(const std::string& bytes) {
-  std::vector<Packet> packets(bytes.size() / sizeof(Packet));
-  EXPECT_EQ(bytes.size() % sizeof(Packet), 0u);
+inline std::vector<ControlWords> Packets(const std::string& bytes) {
+  std::vector<ControlWords> packets(bytes.size() / sizeof(ControlWords));
+  EXPECT_EQ(bytes.size() % sizeof(ControlWords), 0u);
   if (!packets.empty()) std::memcpy(packets.data(), bytes.data(), bytes.size());
   return packets;
 }
