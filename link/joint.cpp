@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client/parking.h"
 #include "core/blocks.h"
 #include "core/status.h"
 #include "core/stream.h"
@@ -66,7 +67,7 @@ void LeaveOverBehind(const Link* link, std::size_t taken) {
 void SendJoinedOf(int fd) {
   Link* const link = LinkOfSocket(fd);
   std::size_t taken;
-  if (SendJoined(HERE, fd, &taken) == 0) return;
+  if (SendJoined(HERE, fd, &taken) == 0) return ReleaseParkedBehind(link);
   const int error = errno;
   LOG(kLogTrace, "Send to network failed");
   LeaveOverBehind(link, taken);

@@ -8,6 +8,7 @@
 
 #include "core/status.h"
 #include "core/stream.h"
+#include "link/joint.h"
 #include "link/link.h"
 #include "tests/unit/client_fixture.h"
 #include "tests/unit/faults.h"
@@ -490,20 +491,26 @@ class Parking : public RequestDispatch {
  protected:
   static constexpr std::size_t kLimit = 64 * 1024;
 
-  // A connected link whose node reads nothing and that has this much unsent; its descriptor.
-  int BusyLink(const char* name, std::size_t unsent) {
+  // A connected link with a stream; its descriptor.
+  int StreamLink(const char* name) {
     Link* const link = AddLink(name);
     link->State = kLinkConnected;
     const int own = Connect();
     FD_CLR(own, &g_DbcI.ClientSockets);
     links_.push_back(own);
     REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own, link);
+    return own;
+  }
+  // One whose node reads nothing and that has this much unsent.
+  int BusyLink(const char* name, std::size_t unsent) {
+    const int own = StreamLink(name);
     while (UnsentBytes(own) == 0) EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, 500), 0);
     EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, unsent - UnsentBytes(own)), 0);
     EXPECT_EQ(UnsentBytes(own), unsent);
     return own;
   }
   void TearDown() override {
+    JoinRequests(false);
     for (const int own : links_) {
       ForgetDescriptor(own);
       close(own);
@@ -511,8 +518,9 @@ class Parking : public RequestDispatch {
     RequestDispatch::TearDown();
   }
 
- private:
   unsigned char bytes_[2 * kLimit] = {};
+
+ private:
   std::vector<int> links_;
 };
 
@@ -532,6 +540,17 @@ TEST_F(Parking, AConnectionIsParkedBehindALinkWithMoreUnsentUntilThatIsGone) {
   Take(own);
   EXPECT_EQ(FlushBytes(kHere, 1, own), 0);
   ReleaseParkedBehind(g_DbcI.LinkList);
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, WhatLeavesTogetherReleasesItsClients) {
+  const int own = StreamLink("A");
+  g_DbcI.LinkList->Protocol->Joins = true;
+  JoinRequests(true);
+  EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, kLimit + 1), 0);
+  EXPECT_EQ(Serve("A"), 0) << "more than 64 KiB are to go: the connection is parked";
+  SendTogether();
+  EXPECT_EQ(UnsentBytes(own), 0u) << "the node takes it all at once";
   EXPECT_TRUE(IsRead(socket_));
 }
 
