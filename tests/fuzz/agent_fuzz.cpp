@@ -58,6 +58,7 @@ struct Run {
   int QuietPasses;  // since the last transfer
   unsigned long Transfers;
   bool AnswersVanish;  // the script did what may cost an answer
+  bool Ticked;         // in the pass that is over
 };
 Run run;
 
@@ -303,6 +304,7 @@ bool Step() {
       return true;
     case 2:
       world::Signal(SIGALRM);
+      run.Ticked = true;
       return true;
     case 3:
       NewClients();
@@ -362,19 +364,11 @@ bool Step() {
   }
 }
 
-// Frames that were taken ahead of a connection that is read.
-bool FramesAreLeft() {
-  for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd) {
-    if (FrameWaits(fd) && FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet)) return true;
-  }
-  return false;
-}
-
 // The script is over: everybody takes what there is, and the agent is told to end.
 void Settle() {
   for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd)
     At(fd).Room = At(fd).Piece = world::Socket::kEndless;
-  const bool quiet = run.Transfers == world::state.Transfers && !FramesAreLeft();
+  const bool quiet = run.Transfers == world::state.Transfers;
   run.QuietPasses = quiet ? run.QuietPasses + 1 : 0;
   run.Transfers = world::state.Transfers;
   if (run.QuietPasses < kQuietPasses && --run.PassesLeft > 0) return;
@@ -387,6 +381,8 @@ void Settle() {
 bool NextWait() {
   peers::Follow();
   CheckAgent();
+  if (run.Ticked) CheckNoneParkedIsGone();
+  run.Ticked = false;
   while (!run.Script->Empty()) {
     if (Step()) return g_DbcI.AlarmFlag == 0;
     peers::Follow();
@@ -429,7 +425,8 @@ void RunAgent(Input* script) {
          .PassesLeft = kPassesToSettle,
          .QuietPasses = 0,
          .Transfers = 0,
-         .AnswersVanish = false};
+         .AnswersVanish = false,
+         .Ticked = false};
   std::vector<std::string> options = SomeOptions();
   std::vector<char*> argv;
   for (std::string& option : options) argv.push_back(option.data());

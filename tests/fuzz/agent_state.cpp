@@ -72,10 +72,8 @@ void CheckRequests(const std::set<const Link*>& links) {
   }
 }
 
-int HighestInUse() { return std::max({g_DbcI.SocketSets.MaxSocket, world::state.Highest + 1, 64}); }
-
 void CheckDescriptors() {
-  const int end = HighestInUse();
+  const int end = EndOfDescriptors();
   for (int fd = kFirstDescriptor; fd < end; ++fd) {
     const bool registered = FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) ||
                             FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet) ||
@@ -107,6 +105,10 @@ void CheckForLostDescriptors() {
 
 }  // namespace
 
+int EndOfDescriptors() {
+  return std::max({g_DbcI.SocketSets.MaxSocket, world::state.Highest + 1, 64});
+}
+
 void StartAgent(std::uint8_t logLevel) {
   g_DbcI = {};
   g_DbcI.DefaultNode = "";
@@ -126,13 +128,14 @@ void EndAgent() {
   g_DbcI.ServedLink = nullptr;
   ForgetRequests();
   FreeLinks();
-  for (int fd = HighestInUse() - 1; fd >= kFirstDescriptor; --fd) {
+  for (int fd = EndOfDescriptors() - 1; fd >= kFirstDescriptor; --fd) {
     if (FD_ISSET(fd, &g_DbcI.ClientSockets)) CloseClient(fd);
     ForgetDescriptor(fd);
   }
   FreeProtocols();
   Free(g_DbcI.ClientPidList);
   FreeRefusedRecords();
+  ForgetReserve();
   MayFlush = nullptr;
   g_DbcI = {};
 }
@@ -168,10 +171,12 @@ void CheckRecords() {
       world::Violated("a node name has no end");
   }
   CheckRequests(links);
+  CheckCounts(links);
 }
 
 void CheckAgent() {
   CheckRecords();
+  CheckBooks(LinksOfCircle());
   CheckDescriptors();
   CheckForLostDescriptors();
 }

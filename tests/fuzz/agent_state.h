@@ -3,6 +3,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,9 @@ void StartAgent(std::uint8_t logLevel);
 // Takes everything down and frees it.
 void EndAgent();
 
+// No descriptor from this number on has ever been in use.
+int EndOfDescriptors();
+
 // Makes links of the lines of a node table, as at the start.
 void LoadNodetab(const std::string& text);
 
@@ -30,6 +34,14 @@ void CheckRecords();
 
 // The same, and those about descriptors of the simulated system.
 void CheckAgent();
+
+// The part of CheckRecords about counts, and of CheckAgent about what holds at a wait: who is
+// parked, and that nothing is held back. Of all links.
+void CheckCounts(const std::set<const Link*>& links);
+void CheckBooks(const std::set<const Link*>& links);
+
+// After a tick: parked connections whose clients have hung up are closed.
+void CheckNoneParkedIsGone();
 
 // No request waits for a link that is up. Between two passes that may be so for a moment: a link
 // that has failed in its first moment is still taken for connected.
@@ -65,3 +77,6 @@ class Input {
 
 // Frees the records of LOCALI addresses that were refused, which the agent keeps for ever.
 void FreeRefusedRecords();
+
+// Forgets what the listener keeps for when descriptors run out.
+void ForgetReserve();

@@ -276,6 +276,25 @@ def agent():
     seed("agent", "redefined", run(AUTO_CONNECT, [0, 1, 2], start, ask(0, "SRV1"), go, connect(), go,
                                    manage(126, 12), go, ask(0, "SRV1"), go, [NODE_GONE, 0, 1], go,
                                    ask(1, "SRV1"), go))
+    # What closed connections leave waiting: more than a link keeps.
+    crowd = [[CLIENTS, 0, PASS, ASK, 0, 3, *[1, 1] * 25, PASS, HANG_UP, 0, 1, PASS]
+             for _ in range(42)]
+    seed("agent", "many_gone", run(0, [0], *crowd, connect(), go, go))
+    # One more asks in the pass in which much goes out that has waited.
+    long = 0x33
+    seed("agent", "much_waits", run(0, [0], start, [ASK, 0, long, *[1, 1] * 25], go, start, go,
+                                    connect(), ask(2, "SRV1", 2, 2), go, go))
+    seed("agent", "parked_hangs_up", run(0, [0], start, [ASK, 0, 3, *[1, 1] * 25], go,
+                                         [ASK, 0, 3, *[1, 1] * 25], go, [HANG_UP, 0, 1], go, [TICK],
+                                         start, ask(1, "SRV1"), go, connect(), go, go))
+    stuck = [*[CLIENTS, 2, PASS], *ask(0, "SRV1"), PASS, *connect(), PASS, PASS, ROOM, 1, 0, 0]
+    seed("agent", "parked_in_a_row", run(0, [0], stuck, *[[ASK, number, long, *[1, 1] * 25, PASS]
+                                                          for number in range(3)],
+                                         [HANG_UP, 1, 1], [TICK], go, [ROOM, 1, 0, 255], go, go))
+    seed("agent", "just_not_parked", run(0, [0], stuck, [ASK, 0, 0x31, *[1, 1] * 9],
+                                         [ASK, 0, 0x30, 1, 1], [ASK, 0, 3, *[1, 1] * 25],
+                                         [ASK, 0, 1, *[1, 1] * 9], *[[ASK, 0, 0, 1, 1]] * 7, go,
+                                         ask(0, "SRV1"), go, [ROOM, 1, 0, 255], go, go))
     local = [PLAN, AT_ONCE]
     seed("agent", "local_socket", run(0, [3], local, start, ask(0, "SRV4"), go, answer(), go,
                                       [NODE_GONE, 0, 1], go))

@@ -77,6 +77,7 @@ void Begin() {
   state.KernelPid = 4711;
   state.SegmentSize = 64;
   state.Now = 1000000;
+  state.Monotonic = 1;
   state.OnWait = nullptr;
   state.OnReceive = nullptr;
   BeginQuiet();

@@ -29,6 +29,7 @@ struct Socket {
   std::string Output;               // what the agent has sent
   std::size_t Room = kEndless;      // that the peer still takes
   std::size_t Piece = kEndless;     // the most that one call transfers
+  bool Refused = false;             // it took nothing when the agent last tried to send
   int Error = 0;                    // of the next call, which ends the connection; 0: none
   bool PeerGone = false;
   bool Connecting = false;
@@ -101,9 +102,10 @@ struct State {
   std::size_t SegmentSize = 64;
 
   std::time_t Now = 1000000;
+  std::int64_t Monotonic = 0;      // milliseconds
   void (*Handlers[65])(int) = {};  // of signals
 
-  // Called when the agent's loop waits, the only wait without an end; false: it is interrupted.
+  // Called when the agent's loop waits, not when it only looks; false: it is interrupted.
   bool (*OnWait)() = nullptr;
 };
 extern State state;

@@ -75,19 +75,29 @@ int Narrow(int count, fd_set* set, bool (*ready)(const Socket&)) {
   return left;
 }
 
-int Select(int count, fd_set* read, fd_set* write, fd_set* except, bool ofLoop) {
+constexpr int kNoEnd = -1;
+
+// Time passes when nothing else ends the wait.
+int Waited(int ready, int milliseconds) {
+  if (ready == 0 && milliseconds > 0) state.Monotonic += milliseconds;
+  return ready;
+}
+
+int Select(int count, fd_set* read, fd_set* write, fd_set* except, int milliseconds) {
+  const bool ofLoop = read && milliseconds != 0;
   if (ofLoop && state.OnWait && !state.OnWait()) return Fail(EINTR);
   if (ofLoop && Fails(Call::Select)) return -1;
   const int readable = Narrow(count, read, Readable);
   const int writable = readable < 0 ? -1 : Narrow(count, write, Writable);
   const int rest = writable < 0 ? -1 : Narrow(count, except, [](const Socket&) { return false; });
-  return rest < 0 ? -1 : readable + writable;
+  return rest < 0 ? -1 : Waited(readable + writable, milliseconds);
 }
 
 // Bytes in and out
 
 // A connection that breaks says so once; then it is closed. An interruption breaks nothing.
 int Break(Socket& socket, int error) {
+  if (error == EAGAIN) socket.Refused = true;
   if (error == EINTR || error == EAGAIN) return Fail(error);
   socket.Error = 0;
   socket.PeerGone = true;
@@ -120,7 +130,8 @@ ssize_t GiveBytes(Socket& socket, const void* buffer, std::size_t size) {
   if (socket.Error != 0) return Break(socket, socket.Error);
   if (socket.Connecting) return Fail(ENOTCONN);
   if (socket.PeerGone) return Fail(EPIPE);
-  if (size > 0 && socket.Room == 0) return Fail(EAGAIN);
+  socket.Refused = size > 0 && socket.Room == 0;
+  if (socket.Refused) return Fail(EAGAIN);
   const std::size_t count = std::min({size, socket.Room, socket.Piece});
   if (socket.Room != Socket::kEndless) socket.Room -= count;
   socket.Output.append(static_cast<const char*>(buffer), count);
@@ -313,7 +324,9 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeva
   // The epoll descriptor stands for the connections behind it.
   const bool viaEpoll = read && count > kEpoll && FD_ISSET(kEpoll, read);
   if (viaEpoll) FD_CLR(kEpoll, read);
-  const int ready = Select(count, read, write, except, !wait);
+  const int milliseconds =
+      wait ? static_cast<int>(wait->tv_sec * 1000 + wait->tv_usec / 1000) : kNoEnd;
+  const int ready = Select(count, read, write, except, milliseconds);
   if (!viaEpoll || ready < 0) return ready;
   for (int fd = 0; fd <= state.Highest; ++fd) {
     if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;
@@ -326,9 +339,14 @@ int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeva
 int __real_poll(pollfd* fds, nfds_t count, int wait);
 int __wrap_poll(pollfd* fds, nfds_t count, int wait) {
   if (!state.Active) return __real_poll(fds, count, wait);
-  // Whoever waits for the queue waits for the kernel, which takes a message or dies.
-  if (state.QueueRoom == 0) state.Dead.insert(state.KernelPid);
-  return 0;
+  int found = 0;
+  for (nfds_t i = 0; i < count; ++i) {
+    const bool gone = !Simulated(fds[i].fd) || !IsOpen(fds[i].fd) || At(fds[i].fd).PeerGone ||
+                      At(fds[i].fd).Error != 0;
+    fds[i].revents = gone ? POLLHUP : 0;
+    found += gone;
+  }
+  return found;
 }
 
 int __real_fcntl(int fd, int command, ...);
@@ -411,15 +429,15 @@ int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
 int __real_epoll_wait(int epoll, epoll_event* events, int room, int wait);
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait) {
   if (!state.Active) return __real_epoll_wait(epoll, events, room, wait);
-  if (wait < 0 && state.OnWait && !state.OnWait()) return Fail(EINTR);
-  if (wait < 0 && Fails(Call::Select)) return -1;
+  if (wait != 0 && state.OnWait && !state.OnWait()) return Fail(EINTR);
+  if (wait != 0 && Fails(Call::Select)) return -1;
   int count = 0;
   for (int fd = 0; fd <= state.Highest && count < room; ++fd) {
     if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;
     events[count] = {};
     events[count++].data.fd = fd;
   }
-  return count;
+  return Waited(count, wait);
 }
 
 // Files
@@ -502,6 +520,14 @@ unsigned __wrap_alarm(unsigned seconds) { return state.Quiet ? 0 : __real_alarm(
 std::time_t __real_time(std::time_t* result);
 std::time_t __wrap_time(std::time_t* result) {
   return state.Active ? state.Now : __real_time(result);
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+  if (!state.Active) return __real_clock_gettime(clock, now);
+  now->tv_sec = static_cast<std::time_t>(state.Monotonic / 1000);
+  now->tv_nsec = state.Monotonic % 1000 * 1000000;
+  return 0;
 }
 
 hostent* __real_gethostbyname(const char* name);

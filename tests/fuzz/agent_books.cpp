@@ -1,0 +1,189 @@
+// What the agent counts when it changes is counted here anew, from the records.
+#include <array>
+#include <map>
+
+#include "client/connection.h"
+#include "client/primitiv.h"
+#include "core/stream.h"
+#include "link/joint.h"
+#include "link/link.h"
+#include "tests/fuzz/agent_state.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+// The bounds as they are promised; the agent has its own.
+constexpr std::int32_t kGoneBounds[2] = {1024, 262144};
+constexpr std::int32_t kWaitingBound = 32, kInFlightBound = 65536;
+constexpr std::size_t kLinkBound = std::size_t{64} * 1024;
+constexpr std::size_t kClientBound = std::size_t{1024} * 1024;
+constexpr const char* kKinds[] = {"waiting", "in flight"};
+
+struct Counts {
+  std::int32_t Of[2] = {0, 0};
+};
+
+struct Recount {
+  std::map<const Link*, Counts> Links, Gone;
+  std::array<Counts, FD_SETSIZE> Connections = {};
+};
+
+void Count(Recount* recount, int kind, const Link* link, int socket) {
+  ++recount->Links[link].Of[kind];
+  if (IsConnectionNumber(socket))
+    ++recount->Connections[static_cast<std::size_t>(socket)].Of[kind];
+  else
+    ++recount->Gone[link].Of[kind];
+}
+
+Recount CountRecords() {
+  Recount recount;
+  for (const SavedMessage& saved : g_DbcI.SavedArray) {
+    if (InUse(saved)) Count(&recount, kWaiting, saved.Link, saved.Message.ClientSocket);
+  }
+  for (const MsgInfo& info : g_DbcI.MsgInfoArray) {
+    if (InUse(info)) Count(&recount, kInFlight, info.Link, info.Socket);
+  }
+  return recount;
+}
+
+void CheckLink(const Link* link, const Counts& all, const Counts& gone) {
+  const LinkBooks& books = link->Books;
+  const std::int32_t counted[2] = {books.Waiting, books.InFlight};
+  for (const int kind : {kWaiting, kInFlight}) {
+    if (counted[kind] != all.Of[kind])
+      world::Violated("link %.8s counts %d requests %s, %d are recorded", link->NodeName,
+                      counted[kind], kKinds[kind], all.Of[kind]);
+    if (books.Gone[kind].Count != gone.Of[kind])
+      world::Violated("link %.8s counts %d %s of closed connections, %d are recorded",
+                      link->NodeName, books.Gone[kind].Count, kKinds[kind], gone.Of[kind]);
+    if (gone.Of[kind] > kGoneBounds[kind])
+      world::Violated("link %.8s keeps %d requests %s of closed connections", link->NodeName,
+                      gone.Of[kind], kKinds[kind]);
+    if (books.ToldOfGone[kind] != 0 && gone.Of[kind] < kGoneBounds[kind])
+      world::Violated("link %.8s does not notice that fewer are %s", link->NodeName, kKinds[kind]);
+  }
+}
+
+void CheckConnection(int fd, const Counts& recorded) {
+  const Connection& connection = g_Connections[fd];
+  for (const int kind : {kWaiting, kInFlight}) {
+    if (connection.Requests[kind].Count != recorded.Of[kind])
+      world::Violated("connection %d counts %d requests %s, %d are recorded", fd,
+                      connection.Requests[kind].Count, kKinds[kind], recorded.Of[kind]);
+  }
+  // What waits is let through to a connection that has nearly all it may have in flight.
+  const std::int32_t waiting = recorded.Of[kWaiting], inFlight = recorded.Of[kInFlight];
+  if (waiting > kWaitingBound || waiting + inFlight > kInFlightBound + kWaitingBound)
+    world::Violated("of connection %d %d requests wait and %d are in flight", fd, waiting,
+                    inFlight);
+}
+
+// Parking
+
+std::size_t UnsentOf(const Link* link) { return link->Unsent + UnsentBytes(link->Descriptor); }
+
+bool HasReasonToPark(const Connection& connection) {
+  const Link* const link = connection.ParkedBehind;
+  return connection.Requests[kWaiting].Count >= kWaitingBound ||
+         connection.Requests[kInFlight].Count >= kInFlightBound ||
+         (link && UnsentOf(link) > kLinkBound);
+}
+
+void CheckParked(int fd, bool isClient) {
+  const Connection& connection = g_Connections[fd];
+  if ((connection.Serial != 0) != isClient && g_DbcI.PingMode == 0)  // which reads a pipe
+    world::Violated("connection %d has the serial number %u", fd, connection.Serial);
+  if (connection.Parked && !isClient) world::Violated("the closed connection %d is parked", fd);
+  if (!connection.Parked && connection.ParkedBehind)
+    world::Violated("connection %d is not parked, but behind %.8s", fd,
+                    connection.ParkedBehind->NodeName);
+  if (!isClient) return;
+  if (connection.Parked == (FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) != 0))
+    world::Violated("connection %d is %s", fd, connection.Parked ? "parked and read" : "not read");
+  if (connection.Parked && !HasReasonToPark(connection))
+    world::Violated("connection %d is parked for nothing", fd);
+  if (!connection.Parked && connection.Requests[kWaiting].Count >= kWaitingBound)
+    world::Violated("connection %d is not parked", fd);
+}
+
+// The chain of a link's parked connections; returns their number.
+int CheckChain(const Link* link) {
+  int count = 0;
+  std::int32_t previous = 0;
+  for (std::int32_t fd = link->Books.FirstParked; fd != 0; fd = g_Connections[fd].NextParked) {
+    if (!IsConnectionNumber(fd) || ++count > FD_SETSIZE)
+      world::Violated("the parked connections of %.8s are no chain", link->NodeName);
+    const Connection& connection = g_Connections[fd];
+    if (!connection.Parked || connection.ParkedBehind != link ||
+        connection.PreviousParked != previous)
+      world::Violated("connection %d does not belong into the chain of %.8s", fd, link->NodeName);
+    previous = fd;
+  }
+  return count;
+}
+
+// Streams
+
+// At a wait nothing is kept back: what is unsent, the system has refused to take, or a reader child
+// is writing to the connection.
+void CheckOutput(int fd, bool isClient) {
+  const std::size_t unsent = UnsentBytes(fd);
+  const bool isShared = isClient && MayFlush;
+  if (unsent > 0 && world::IsOpen(fd) && !world::At(fd).Refused && !isShared)
+    world::Violated("%zu bytes for descriptor %d are held back", unsent, fd);
+  if (isClient && unsent > kClientBound)
+    world::Violated("%zu bytes are kept for connection %d", unsent, fd);
+  if (FrameWaits(fd) && FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet))
+    world::Violated("a frame of descriptor %d lies in the agent", fd);
+}
+
+void CheckStreamCounts() {
+  int unsent = 0, waiting = 0;
+  for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
+    unsent += UnsentBytes(fd) > 0;
+    waiting += FrameWaits(fd);
+  }
+  if (unsent != UnsentDescriptors())
+    world::Violated("%d descriptors with output are counted, %d have some", UnsentDescriptors(),
+                    unsent);
+  if (waiting != g_WaitingCount)
+    world::Violated("%d descriptors with frames are counted, %d have some", g_WaitingCount,
+                    waiting);
+}
+
+void CheckNothingIsJoined() {
+  if (NextJoined() >= 0)
+    world::Violated("requests for descriptor %d are still to be sent together", NextJoined());
+  if (TakeLeftOvers()) world::Violated("requests are left over");
+}
+
+}  // namespace
+
+void CheckCounts(const std::set<const Link*>& links) {
+  Recount recount = CountRecords();
+  for (const Link* link : links) CheckLink(link, recount.Links[link], recount.Gone[link]);
+  for (int fd = 0; fd < EndOfDescriptors(); ++fd)
+    CheckConnection(fd, recount.Connections[static_cast<std::size_t>(fd)]);
+}
+
+void CheckNoneParkedIsGone() {
+  for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
+    if (g_Connections[fd].Parked && world::At(fd).PeerGone)
+      world::Violated("connection %d is parked, its client has hung up", fd);
+  }
+}
+
+void CheckBooks(const std::set<const Link*>& links) {
+  int chained = 0;
+  for (const Link* link : links) chained += CheckChain(link);
+  for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
+    const bool isClient = FD_ISSET(fd, &g_DbcI.ClientSockets);
+    chained -= g_Connections[fd].ParkedBehind != nullptr;
+    CheckParked(fd, isClient);
+    CheckOutput(fd, isClient);
+  }
+  if (chained != 0) world::Violated("a parked connection is in no chain");
+  CheckStreamCounts();
+  CheckNothingIsJoined();
+}
