@@ -431,7 +431,9 @@ void RunAgent(Input* script) {
   std::vector<char*> argv;
   for (std::string& option : options) argv.push_back(option.data());
   argv.push_back(nullptr);
-  SetLogLevel((script->Byte() & 7) == 0 ? 15 : 0);
+  const unsigned how = script->Byte();
+  SetLogLevel((how & 7) == 0 ? 15 : 0);
+  world::state.HasEpoll = (how & 8) == 0;
   world::state.Nodetab = SomeNodetab();
   world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
   world::state.OnWait = NextWait;

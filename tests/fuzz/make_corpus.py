@@ -215,8 +215,8 @@ def connect(node_number=0, good=True):
     return [CONNECTED, node_number, 0 if good else 133]
 
 
-def run(options, lines, *steps, trace=False):
-    head = [options, 0 if trace else 1, len(lines) - 1, *lines]
+def run(options, lines, *steps, trace=False, epoll=True):
+    head = [options, (0 if trace else 1) | (0 if epoll else 8), len(lines) - 1, *lines]
     return bytes(head + [byte for step in steps for byte in step])
 
 
@@ -230,6 +230,8 @@ def agent():
     seed("agent", "request", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, go, answer(), go))
     seed("agent", "traced", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, go, answer(), go,
                                 trace=True))
+    seed("agent", "select", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, [TICK], answer(),
+                                go, epoll=False))
     seed("agent", "default", run(0, [0, 1], start, ask(0, ""), go, connect(), go, answer(), go))
     seed("agent", "refused", run(0, [0], [PLAN, REFUSED], start, ask(0, "SRV1"), go, go))
     seed("agent", "fails_later", run(0, [0], start, ask(0, "SRV1"), go, connect(0, False), go, go))

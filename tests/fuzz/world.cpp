@@ -64,6 +64,7 @@ void Begin() {
   for (int fd = kFirst; fd <= state.Highest; ++fd) At(fd) = {};
   state.Highest = kFirst - 1;
   state.Limit = FD_SETSIZE;
+  state.HasEpoll = true;
   state.Backlog = 0;
   state.LastSerial = 0;
   state.Connects.clear();

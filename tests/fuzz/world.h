@@ -82,7 +82,8 @@ struct State {
   std::array<Socket, FD_SETSIZE> Sockets;
   int Highest = 2;  // of the descriptors in use
   int Limit = FD_SETSIZE;
-  int Backlog = 0;  // connections that wait to be accepted
+  bool HasEpoll = true;  // else select does all the waiting
+  int Backlog = 0;       // connections that wait to be accepted
   std::uint32_t LastSerial = 0;
   unsigned long Transfers = 0;  // counts what goes in and out, to see whether anything does
 

@@ -4,6 +4,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -197,8 +199,17 @@ hostent* NumericHost(const char* name) {
   return &entry;
 }
 
-constexpr int kEpoll = FD_SETSIZE - 1;  // stands for itself: no connection gets so far
-fd_set behindEpoll;
+constexpr int kEpoll = FD_SETSIZE - 1;              // stands for itself: no connection gets so far
+std::array<std::uint32_t, FD_SETSIZE> behindEpoll;  // what is waited for
+
+std::uint32_t& BehindEpoll(int fd) { return behindEpoll[static_cast<std::size_t>(fd)]; }
+
+std::uint32_t EventsOf(int fd) {
+  std::uint32_t events = 0;
+  if (Readable(At(fd))) events |= EPOLLIN;
+  if (Writable(At(fd))) events |= EPOLLOUT;
+  return events & BehindEpoll(fd);
+}
 
 }  // namespace
 
@@ -305,7 +316,7 @@ int __wrap_close(int fd) {
   if (!Simulated(fd)) return __real_close(fd);
   if (!IsOpen(fd)) return Fail(EBADF);
   At(fd) = {};
-  FD_CLR(fd, &behindEpoll);
+  BehindEpoll(fd) = 0;
   return 0;
 }
 
@@ -321,19 +332,9 @@ int __wrap_shutdown(int fd, int how) {
 int __real_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait);
 int __wrap_select(int count, fd_set* read, fd_set* write, fd_set* except, timeval* wait) {
   if (!state.Active) return __real_select(count, read, write, except, wait);
-  // The epoll descriptor stands for the connections behind it.
-  const bool viaEpoll = read && count > kEpoll && FD_ISSET(kEpoll, read);
-  if (viaEpoll) FD_CLR(kEpoll, read);
   const int milliseconds =
       wait ? static_cast<int>(wait->tv_sec * 1000 + wait->tv_usec / 1000) : kNoEnd;
-  const int ready = Select(count, read, write, except, milliseconds);
-  if (!viaEpoll || ready < 0) return ready;
-  for (int fd = 0; fd <= state.Highest; ++fd) {
-    if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;
-    FD_SET(kEpoll, read);
-    return ready + 1;
-  }
-  return ready;
+  return Select(count, read, write, except, milliseconds);
 }
 
 int __real_poll(pollfd* fds, nfds_t count, int wait);
@@ -404,25 +405,39 @@ int __wrap_pipe2(int ends[2], int flags) {
 int __real_epoll_create1(int flags);
 int __wrap_epoll_create1(int flags) {
   if (!state.Active) return __real_epoll_create1(flags);
-  FD_ZERO(&behindEpoll);
+  behindEpoll = {};
   return Fails(Call::EpollCreate) ? -1 : kEpoll;
 }
 
-// Signals come while the agent waits, never before.
+// Readable while anything has been written to it.
 int __real_eventfd(unsigned int count, int flags);
 int __wrap_eventfd(unsigned int count, int flags) {
-  return state.Active ? Fail(EMFILE) : __real_eventfd(count, flags);
+  if (!state.Active) return __real_eventfd(count, flags);
+  return state.HasEpoll ? world::Open(Kind::File) : Fail(EMFILE);
+}
+
+int __real_eventfd_write(int fd, eventfd_t value);
+int __wrap_eventfd_write(int fd, eventfd_t value) {
+  if (!Simulated(fd)) return __real_eventfd_write(fd, value);
+  At(fd).Input = '\1';
+  return 0;
+}
+
+int __real_eventfd_read(int fd, eventfd_t* value);
+int __wrap_eventfd_read(int fd, eventfd_t* value) {
+  if (!Simulated(fd)) return __real_eventfd_read(fd, value);
+  At(fd).Input.clear();
+  return 0;
 }
 
 int __real_epoll_ctl(int epoll, int operation, int fd, epoll_event* event);
 int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event* event) {
   if (!state.Active) return __real_epoll_ctl(epoll, operation, fd, event);
   if (!IsOpen(fd)) return Fail(EBADF);
+  if (operation == EPOLL_CTL_ADD && BehindEpoll(fd) != 0) return Fail(EEXIST);
+  if (operation != EPOLL_CTL_ADD && BehindEpoll(fd) == 0) return Fail(ENOENT);
   if (operation == EPOLL_CTL_ADD && Fails(Call::EpollCtl)) return -1;
-  if (operation == EPOLL_CTL_ADD)
-    FD_SET(fd, &behindEpoll);
-  else
-    FD_CLR(fd, &behindEpoll);
+  BehindEpoll(fd) = operation == EPOLL_CTL_DEL ? 0 : event->events;
   return 0;
 }
 
@@ -433,8 +448,10 @@ int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait) {
   if (wait != 0 && Fails(Call::Select)) return -1;
   int count = 0;
   for (int fd = 0; fd <= state.Highest && count < room; ++fd) {
-    if (!FD_ISSET(fd, &behindEpoll) || !Readable(At(fd))) continue;
+    const std::uint32_t found = BehindEpoll(fd) != 0 ? EventsOf(fd) : 0;
+    if (found == 0) continue;
     events[count] = {};
+    events[count].events = found;
     events[count++].data.fd = fd;
   }
   return Waited(count, wait);
