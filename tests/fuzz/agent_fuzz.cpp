@@ -16,9 +16,9 @@
 #include "core/stream.h"
 #include "link/link.h"
 #include "protocols/lipc.h"
-#include "protocols/lipc_board.h"
 #include "protocols/protload.h"
 #include "tests/fuzz/agent_peers.h"
+#include "tests/fuzz/agent_reader.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/world.h"
 
@@ -199,64 +199,20 @@ void Fail() {
 
 // The reader child of a LOCALI link
 
-LIpcLinkData* SomeReader() {
-  Link* const link = LinkNumber(run.Script->Byte());
-  if (!link || link->State != kLinkConnected || std::strcmp(link->Protocol->Name, "LOCALI") != 0)
-    return nullptr;
-  LIpcLinkData* const data = static_cast<LIpcLinkData*>(link->DriverData);
-  return world::IsAlive(data->ChildPid) ? data : nullptr;
-}
-
-void EndReader(const LIpcLinkData& data) {
-  At(data.PipeRead).PeerGone = true;
-  world::state.Dead.insert(data.ChildPid);
-}
-
-void WriteRecord(const LIpcLinkData& data, const Tag& tag, RequestId request, bool handedOver) {
-  const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
-  const PipeRecord record = {
-      .TaskName = tag.first, .AstInd = tag.second, .Entry = static_cast<std::uint16_t>(entry)};
-  At(data.PipeRead).Input.append(reinterpret_cast<const char*>(&record), sizeof record);
-}
-
-void HandOver(const LIpcLinkData& data, const Tag& tag, RequestId request) {
-  const std::string identity(reinterpret_cast<const char*>(&request), sizeof request);
-  At(data.Pair).Packets.push_back(identity + AnswerFor(tag, 0));
-  WriteRecord(data, tag, request, true);
-}
-
-// The request of that name which the reader claims; Slot -1: none.
-BoardRequest Claim(const LIpcLinkData& data, const Tag& tag) {
-  BoardRequest request = {};
-  request.Id.Slot = -1;
-  BoardClaim(data.Board, tag.first, tag.second, &request);
-  return request;
-}
+LIpcLinkData* SomeReader() { return reader::Of(LinkNumber(run.Script->Byte())); }
 
 void ReaderHandsOver() {
   LIpcLinkData* const data = SomeReader();
   const Tag tag = SomeTag();
-  if (data) HandOver(*data, tag, Claim(*data, tag).Id);
+  if (data) reader::HandOver(*data, tag, AnswerFor(tag, 0));
 }
 
-// The child writes to the client itself; then the record follows, or the child ends before: having
-// said that it has written, or not.
 void ReaderDelivers() {
   LIpcLinkData* const data = SomeReader();
   const Tag tag = SomeTag();
   const unsigned end = run.Script->Below(4);
   if (!data || run.AnswersVanish) return;
-  const BoardRequest request = Claim(*data, tag);
-  if (request.Id.Slot < 0) return;
-  if (request.Connection == 0 || request.Connection != ConnectionSerial(request.Socket) ||
-      !BoardBeginWrite(data->Board, request))
-    return HandOver(*data, tag, request.Id);
-  peers::AnswerCame(request.Socket, tag);
-  if (end != 0) BoardEndWrite(data->Board, request, true);
-  if (end > 1)
-    WriteRecord(*data, tag, request.Id, false);
-  else
-    EndReader(*data);
+  reader::Deliver(data, tag, AnswerFor(tag, 0), static_cast<reader::End>(end));
 }
 
 void ReaderMisbehaves() {
@@ -267,7 +223,7 @@ void ReaderMisbehaves() {
   run.AnswersVanish = true;  // a record alone says that the child has answered
   if (what == 0) At(data->Pair).Packets.push_back(bytes);
   if (what == 1) At(data->PipeRead).Input += bytes;
-  if (what == 2) EndReader(*data);
+  if (what == 2) reader::Die(*data);
   if (what == 3) world::state.Dead.insert(data->ChildPid);
 }
 

@@ -20,6 +20,7 @@ constexpr std::size_t kSmallestAnswer = 108;
 
 std::map<int, ClientPeer> clients;
 std::deque<Tag> seen;
+const peers::Watch* watch;
 
 std::uint32_t Word(const std::string& bytes, std::size_t at = 0) {
   std::uint32_t word;
@@ -42,7 +43,7 @@ bool TagOfRequest(const std::string& frame, Tag* tag) {
 }
 
 // Cuts what has arrived into requests, as the agent has to.
-void NoteRequests(ClientPeer* client) {
+void NoteRequests(int fd, ClientPeer* client) {
   std::string& bytes = client->Unparsed;
   while (!client->Broken && bytes.size() >= 4) {
     const std::uint32_t length = Word(bytes);
@@ -57,6 +58,7 @@ void NoteRequests(ClientPeer* client) {
       return;
     }
     ++client->Waiting[tag];
+    if (watch) watch->Asked(fd, tag, bytes.substr(0, length));
     bytes.erase(0, length);
   }
 }
@@ -69,6 +71,7 @@ void TakeAnswer(int fd, ClientPeer* client, const std::string& frame) {
     world::Violated("an answer (%d, %u) on connection %d that nobody asked for", tag.first,
                     tag.second, fd);
   if (--waiting->second == 0) client->Waiting.erase(waiting);
+  if (watch) watch->Answered(fd, tag, frame);
 }
 
 void TakeAnswers(int fd, ClientPeer* client) {
@@ -89,10 +92,9 @@ void TakeAnswers(int fd, ClientPeer* client) {
   }
 }
 
-void Remember(const std::string& frame) {
-  if (frame.size() < kSmallestAnswer) return;
-  seen.push_back(
-      TagAt(frame, static_cast<std::int32_t>(Word(frame, 4)), frame.size() - kTrailerSize));
+void Remember(int node, const std::string& frame, std::int32_t taskName) {
+  seen.push_back(TagAt(frame, taskName, frame.size() - kTrailerSize));
+  if (watch) watch->Arrived(node, seen.back(), frame);
   if (seen.size() > kSeenMax) seen.pop_front();
 }
 
@@ -104,7 +106,8 @@ void TakeRequests(int fd) {
     const std::size_t size = Word(bytes) + extra;
     if (size < 12 || size > kMessageArea + 4) world::Violated("a request of %zu bytes", size);
     if (bytes.size() < size) return;
-    Remember(bytes.substr(0, size));
+    if (size >= kSmallestAnswer)
+      Remember(fd, bytes.substr(0, size), static_cast<std::int32_t>(Word(bytes, 4)));
     bytes.erase(0, size);
   }
 }
@@ -113,25 +116,25 @@ void TakeRequests(int fd) {
 void TakeQueue() {
   for (const std::string& body : world::state.ToKernel) {
     if (body.size() < kSmallestAnswer - 4) continue;
-    const std::size_t trailer = body.size() - kTrailerSize;
-    seen.push_back(TagAt(body, static_cast<std::int32_t>(Word(body, trailer)), trailer));
-    if (seen.size() > kSeenMax) seen.pop_front();
+    Remember(-1, body, static_cast<std::int32_t>(Word(body, body.size() - kTrailerSize)));
   }
   world::state.QueueRoom += world::state.ToKernel.size();
   world::state.ToKernel.clear();
 }
 
-int KnownToAgent(int socket, const Tag& tag) {
-  int count = 0;
+using Request = std::pair<int, Tag>;  // of a connection
+
+std::map<Request, int> KnownToAgent() {
+  std::map<Request, int> known;
   for (const MsgInfo& info : g_DbcI.MsgInfoArray) {
-    count += InUse(info) && info.Socket == socket && Tag{info.TaskName, info.AstInd} == tag;
+    if (InUse(info)) ++known[{info.Socket, {info.TaskName, info.AstInd}}];
   }
   for (const SavedMessage& saved : g_DbcI.SavedArray) {
     const ClientMessage& msg = saved.Message;
-    count += InUse(saved) && msg.ClientSocket == socket &&
-             Tag{msg.TaskName, Get(Trailer(&msg), kTrailerAstInd)} == tag;
+    if (InUse(saved))
+      ++known[{msg.ClientSocket, {msg.TaskName, Get(Trailer(&msg), kTrailerAstInd)}}];
   }
-  return count;
+  return known;
 }
 
 std::vector<int> Having(Kind a, Kind b) {
@@ -179,31 +182,34 @@ void peers::Send(int client, const std::string& bytes, std::size_t count) {
   peer.Staged.erase(0, arrives.size());
   At(client).Input += arrives;
   peer.Unparsed += arrives;
-  NoteRequests(&peer);
+  NoteRequests(client, &peer);
 }
 
-void peers::AnswerCame(int client, const Tag& tag) {
+void peers::AnswerCame(int client, const std::string& frame) {
   const auto peer = clients.find(client);
-  if (peer == clients.end()) return;
-  const auto waiting = peer->second.Waiting.find(tag);
-  if (waiting == peer->second.Waiting.end())
-    world::Violated("the reader was told of (%d, %u), which nobody asked for", tag.first,
-                    tag.second);
-  if (--waiting->second == 0) peer->second.Waiting.erase(waiting);
+  if (peer != clients.end()) TakeAnswer(client, &peer->second, frame);
+}
+
+void peers::SetWatch(const Watch* who) { watch = who; }
+
+bool peers::IsBroken(int client) {
+  const auto peer = clients.find(client);
+  return peer != clients.end() && peer->second.Broken;
 }
 
 const std::deque<Tag>& peers::Seen() { return seen; }
 
 void peers::CheckNoneIsLost() {
+  std::map<Request, int> known = KnownToAgent();
   for (const auto& [fd, client] : clients) {
     const world::Socket& socket = At(fd);
     if (client.Broken || socket.PeerGone || socket.Error != 0) continue;
     if (!socket.Input.empty() || FrameWaits(fd)) continue;  // not all requests have been read
     for (const auto& [tag, count] : client.Waiting) {
       if (!world::IsAlive(tag.first)) continue;
-      if (KnownToAgent(fd, tag) < count)
+      if (known[{fd, tag}] < count)
         world::Violated("%d requests (%d, %u) of connection %d wait, the agent knows %d", count,
-                        tag.first, tag.second, fd, KnownToAgent(fd, tag));
+                        tag.first, tag.second, fd, known[{fd, tag}]);
     }
   }
 }

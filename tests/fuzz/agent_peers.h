@@ -38,8 +38,21 @@ int Choose(const std::vector<int>& descriptors, unsigned number);  // -1: there 
 // Lets bytes of a client arrive, `count` of those staged before and now.
 void Send(int client, const std::string& bytes, std::size_t count = SIZE_MAX);
 
-// An answer with this tag has come by another way.
-void AnswerCame(int client, const Tag& tag);
+// An answer has come by another way.
+void AnswerCame(int client, const std::string& frame);
+
+// Who is told of each request that has come whole from a client, has reached a node (-1: the queue
+// of a kernel), and of each answer that has come to a client. Frames from the length word on, in
+// the queue without it.
+struct Watch {
+  void (*Asked)(int client, const Tag& tag, const std::string& frame);
+  void (*Arrived)(int node, const Tag& tag, const std::string& frame);
+  void (*Answered)(int client, const Tag& tag, const std::string& frame);
+};
+void SetWatch(const Watch* watch);  // null: nobody
+
+// What a client has received of answers breaks off in one, or it has been refused.
+bool IsBroken(int client);
 
 // The tags of the requests that have reached nodes and kernels, the latest last; at most 64.
 const std::deque<Tag>& Seen();

@@ -46,6 +46,7 @@ bool Fails(Call call) {
   errno = fault.Error;
   fault = {};
   faultUsed = true;
+  if (state.OnOutcome) state.OnOutcome(call, -1, -1, errno);
   return true;
 }
 
@@ -80,6 +81,7 @@ void Begin() {
   state.Now = 1000000;
   state.Monotonic = 1;
   state.OnWait = nullptr;
+  state.OnOutcome = nullptr;
   state.OnReceive = nullptr;
   BeginQuiet();
   state.Active = true;

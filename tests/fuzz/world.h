@@ -36,6 +36,7 @@ struct Socket {
   bool ConnectOver = false;  // a pending connection is decided
   int ConnectError = 0;      // how
   int EmptyReads = 0;        // reads at the end
+  std::string Address;       // that was connected to
   std::uint32_t Serial = 0;  // tells one connection from a later one with the same number
 
   static constexpr std::size_t kEndless = SIZE_MAX;
@@ -108,6 +109,10 @@ struct State {
 
   // Called when the agent's loop waits, not when it only looks; false: it is interrupted.
   bool (*OnWait)() = nullptr;
+
+  // Told what connect, send, recv and the look at a pending connection (GetSockOpt) have come to,
+  // and with descriptor -1 which call was made to fail.
+  void (*OnOutcome)(Call call, int fd, long result, int error) = nullptr;
 };
 extern State state;
 

@@ -11,6 +11,7 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,6 +49,15 @@ bool Simulated(int fd) { return state.Active && fd > STDERR_FILENO; }
 int Fail(int error) {
   errno = error;
   return -1;
+}
+
+// Passes on what a call has come to.
+template <class T>
+T Told(Call call, int fd, T result) {
+  const int error = errno;
+  if (state.OnOutcome) state.OnOutcome(call, fd, result, result < 0 ? error : 0);
+  errno = error;
+  return result;
 }
 
 // Readiness
@@ -222,7 +232,7 @@ ssize_t __wrap_write(int fd, const void* buffer, std::size_t size) {
   if (fd == STDERR_FILENO && state.Quiet && !state.ShowLog) return static_cast<ssize_t>(size);
   if (!Simulated(fd)) return __real_write(fd, buffer, size);
   if (Fails(Call::Write)) return IsOpen(fd) ? Break(At(fd), errno) : -1;
-  return IsOpen(fd) ? GiveBytes(At(fd), buffer, size) : Fail(EBADF);
+  return IsOpen(fd) ? Told(Call::Send, fd, GiveBytes(At(fd), buffer, size)) : Fail(EBADF);
 }
 
 int __real_vprintf(const char* format, std::va_list arguments);
@@ -285,14 +295,17 @@ int __real_connect(int fd, const sockaddr* address, socklen_t size);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
   if (!Simulated(fd)) return __real_connect(fd, address, size);
   if (Fails(Call::Connect)) return -1;
-  return address->sa_family == AF_INET ? ConnectNode(At(fd)) : ConnectKernel(At(fd));
+  const bool isNode = address->sa_family == AF_INET;
+  At(fd).Address = isNode ? inet_ntoa(reinterpret_cast<const sockaddr_in*>(address)->sin_addr)
+                          : reinterpret_cast<const sockaddr_un*>(address)->sun_path;
+  return Told(Call::Connect, fd, isNode ? ConnectNode(At(fd)) : ConnectKernel(At(fd)));
 }
 
 ssize_t __real_send(int fd, const void* buffer, std::size_t size, int flags);
 ssize_t __wrap_send(int fd, const void* buffer, std::size_t size, int flags) {
   if (!Simulated(fd)) return __real_send(fd, buffer, size, flags);
   if (Fails(Call::Send)) return IsOpen(fd) ? Break(At(fd), errno) : -1;
-  return IsOpen(fd) ? GiveBytes(At(fd), buffer, size) : Fail(EBADF);
+  return IsOpen(fd) ? Told(Call::Send, fd, GiveBytes(At(fd), buffer, size)) : Fail(EBADF);
 }
 
 ssize_t __real_recv(int fd, void* buffer, std::size_t size, int flags);
@@ -301,7 +314,7 @@ ssize_t __wrap_recv(int fd, void* buffer, std::size_t size, int flags) {
     return state.Quiet && Fails(Call::Recv) ? -1 : __real_recv(fd, buffer, size, flags);
   if (size == 0) world::Violated("recv of 0 bytes from %d", fd);
   if (Fails(Call::Recv)) return IsOpen(fd) ? Break(At(fd), errno) : -1;
-  return IsOpen(fd) ? TakeBytes(At(fd), buffer, size) : Fail(EBADF);
+  return IsOpen(fd) ? Told(Call::Recv, fd, TakeBytes(At(fd), buffer, size)) : Fail(EBADF);
 }
 
 ssize_t __real_read(int fd, void* buffer, std::size_t size);
@@ -377,6 +390,7 @@ int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* size)
   if (name == SO_ERROR) {
     result = At(fd).ConnectError;
     if (result == 0 && At(fd).ConnectOver) At(fd).Connecting = false;
+    if (state.OnOutcome) state.OnOutcome(Call::GetSockOpt, fd, result == 0 ? 0 : -1, result);
   }
   std::memcpy(value, &result, sizeof result);
   return 0;
