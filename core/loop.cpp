@@ -181,8 +181,11 @@ void ProbeDescriptors(int selectErrno) {
 
 // Input of links
 
-void ReadFromLink(Link* link) {
-  SendTogether();  // a node has all requests before its answers are looked at
+// A node has all requests before its answers are looked at. The link may have gone down with them:
+// then there is nothing of it to be read, even if its number is in use again.
+void ReadFromLink(int fd, Link* link) {
+  SendTogether();
+  if (!FD_ISSET(fd, &g_Ready.Read)) return;
   const int inFlight = RequestsInFlight();
   g_DbcI.ServedLink = link;
   link->Protocol->ReadyForRead(HERE, link);
@@ -194,7 +197,7 @@ void ReadFromLink(Link* link) {
 // have come meanwhile.
 void DrainLink(int fd, Link* link) {
   do {
-    ReadFromLink(link);
+    ReadFromLink(fd, link);
   } while ((FrameWaits(fd) || MoreHasCome(fd)) && LinkOfSocket(fd) == link &&
            link->State == kLinkConnected && !TurnIsOver() && !g_DbcI.AlarmFlag && !Stopping());
 }
@@ -224,7 +227,7 @@ int ReadPass(int events) {
     if (turns)
       DrainLink(fd, link);
     else
-      ReadFromLink(link);
+      ReadFromLink(fd, link);
     EndTurn();
     g_DbcI.LastLinkSocket = fd;
     FD_CLR(fd, &g_Ready.Read);
@@ -248,7 +251,7 @@ void LinkConnected(Link* link) {
 void ServeWritableLink(int fd, Link* link) {
   LOG(kLogTrace, "Socket %d ready for write", fd);
   SendTogether();
-  if (LinkOfSocket(fd) != link) return;
+  if (!FD_ISSET(fd, &g_Ready.Write)) return;  // it has gone down with what was sent
   if (UnsentBytes(fd) > 0) {
     if (FlushBytes(HERE, fd) != 0) DisconnectLink(HERE, link, kStatusSend, errno);
     ShowUnsent(link);

@@ -109,6 +109,22 @@ TEST_F(OnePass, TheLastClientsRequestStillReachesANodeThatSendsNoMore) {
   EXPECT_EQ(agent_.Stop(), 0);
 }
 
+TEST_F(OnePass, TheLastClientsRequestMeetsANodeThatIsDeletedWhenItBreaks) {
+  constexpr int kDeletionPending = 33;
+  Start();
+  Manager manager(agent_);
+  EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
+  ExpectServedBy(b_, "B", *last_, last_->Send("B"));
+  lumo::Message request;
+  agent_.InOnePass([&] {
+    request = last_->Send("A");
+    a_.Reset();
+  });
+  last_->ExpectError(request, 4007, ECONNRESET);
+  EXPECT_EQ(manager.Names(), "B");
+  EXPECT_EQ(agent_.Stop(), 0);
+}
+
 TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
   Start();
   Client other(agent_);
