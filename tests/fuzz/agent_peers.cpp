@@ -199,12 +199,15 @@ bool peers::IsBroken(int client) {
 
 const std::deque<Tag>& peers::Seen() { return seen; }
 
+bool peers::IsKnown(int client, const Tag& tag) { return KnownToAgent().contains({client, tag}); }
+
 void peers::CheckNoneIsLost() {
   std::map<Request, int> known = KnownToAgent();
   for (const auto& [fd, client] : clients) {
     const world::Socket& socket = At(fd);
     if (client.Broken || socket.PeerGone || socket.Error != 0) continue;
     if (!socket.Input.empty() || FrameWaits(fd)) continue;  // not all requests have been read
+    if (UnsentBytes(fd) > 0) continue;                      // answers are under way
     for (const auto& [tag, count] : client.Waiting) {
       if (!world::IsAlive(tag.first)) continue;
       if (known[{fd, tag}] < count)

@@ -57,6 +57,9 @@ bool IsBroken(int client);
 // The tags of the requests that have reached nodes and kernels, the latest last; at most 64.
 const std::deque<Tag>& Seen();
 
+// The agent has recorded a request with this tag of the connection.
+bool IsKnown(int client, const Tag& tag);
+
 // Every request that a living client of an open connection still waits for is known to the agent.
 void CheckNoneIsLost();
 

@@ -1,0 +1,429 @@
+#include "tests/simulate/play.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <utility>
+#include <vector>
+
+#include "core/loop.h"
+#include "link/link.h"
+#include "tests/fuzz/agent_peers.h"
+#include "tests/fuzz/agent_reader.h"
+#include "tests/fuzz/agent_state.h"
+#include "tests/fuzz/world.h"
+
+namespace {
+
+using story::Step;
+using story::What;
+using world::At;
+
+constexpr std::size_t kConnectionsMax = 60;
+constexpr unsigned kProcesses = 40;
+constexpr int kFirstProcess = 2000;
+constexpr int kTickSeconds = 2;
+constexpr int kQuietPasses = 2;    // then nothing more moves
+constexpr int kLongestRest = 500;  // passes: nodes that never stop are let be
+constexpr int kFinalRounds = 6;
+constexpr int kQueue = -1;  // in place of a node's descriptor
+constexpr int kErrors[] = {EINTR, EIO, ENOMEM, EMFILE, ECONNRESET, EPIPE, EAGAIN, EINVAL};
+constexpr int kConnectErrors[] = {ECONNREFUSED, EHOSTUNREACH, ETIMEDOUT, ECONNRESET};
+
+enum class Mode : std::uint8_t { Steps, Rest, Final };
+
+struct Stage {
+  const story::Story* Story;
+  std::size_t Next;  // step
+  Mode Is;
+  int Passes, Quiet;  // of this rest
+  unsigned long Transfers;
+  unsigned TicksLeft, TicksDone;
+  int FinalRound;
+  bool Ticked;
+  std::size_t Piece;  // in which the next requests come
+};
+Stage stage;
+
+template <class T, std::size_t kSize>
+T Pick(const T (&list)[kSize], unsigned number) {
+  return list[number % kSize];
+}
+
+int Client(unsigned number) { return peers::Choose(peers::Clients(), number); }
+int Node(unsigned number) { return peers::Choose(peers::Nodes(), number); }
+
+int ProcessOf(int client) {
+  return kFirstProcess + static_cast<int>(At(client).Serial % kProcesses);
+}
+
+// Clients
+
+std::string NameOf(unsigned number) {
+  const std::vector<std::string>& nodes = stage.Story->Nodes;
+  if (number % 16 == 0) return "NOWHERE";
+  if (number % 3 == 0) return {};
+  const std::string& line = nodes[number % nodes.size()];
+  return line.substr(0, line.find(' '));
+}
+
+void Ask(const Step& step) {
+  const int client = Client(step.A);
+  if (client < 0) return;
+  const std::string node = NameOf(step.B);
+  for (unsigned i = 0; i < step.C; ++i) {
+    const std::uint16_t tag = ledger::NextTag();
+    const std::string text = ledger::NextText(step.D);
+    peers::Send(
+        client,
+        MakeMessage({.TaskName = ProcessOf(client), .AstInd = tag, .Node = node, .Text = text}),
+        stage.Piece);
+  }
+  stage.Piece = SIZE_MAX;
+}
+
+std::string ArgumentOf(unsigned command, unsigned number) {
+  const std::vector<std::string>& nodes = stage.Story->Nodes;
+  std::string line = nodes[number % nodes.size()];
+  const std::string name = line.substr(0, line.find(' '));
+  if (command == 126) return name + std::string(2, '\0') + line;
+  if (command != 119 && command != 127 && command != 128) return name;
+  if (number % 2 != 0) line.replace(0, 4, "NEW");
+  return line;
+}
+
+void Manage(const Step& step) {
+  const int client = Client(step.A);
+  if (client < 0) return;
+  const unsigned command = 100 + step.B % 32U;
+  peers::Send(client, MakeMessage({.TaskName = ProcessOf(client),
+                                   .AstInd = ledger::NextManagementTag(),
+                                   .Command = "DBCA",
+                                   .DbcApiCode = static_cast<std::uint16_t>(command),
+                                   .RowId = step.C % 9,
+                                   .Text = ArgumentOf(command, step.C)}));
+}
+
+void Go(int fd, unsigned how) {
+  if (fd < 0) return;
+  if (how % 3 == 0) At(fd).Error = ECONNRESET;
+  At(fd).PeerGone = true;
+}
+
+void Stall(int fd, unsigned room) {
+  if (fd >= 0) At(fd).Room = room < 200 ? room * room : world::Socket::kEndless;
+}
+
+void Dribble(int fd, unsigned piece) {
+  if (fd >= 0) At(fd).Piece = piece < 100 ? 1 + piece : world::Socket::kEndless;
+}
+
+// Nodes
+
+void GiveAnswer(int node, int number, const Tag& tag) {
+  std::string frame = MakeMessage(
+      {.TaskName = tag.first, .AstInd = tag.second, .Text = ledger::Give(number, node)});
+  const unsigned more = At(node).What == world::Kind::Kernel ? 4 : 0;
+  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size() - 4 + more));
+  At(node).Input += frame;
+}
+
+// One that the node owes: the oldest, the youngest or any.
+ledger::Owed Take(std::deque<ledger::Owed>& owed, unsigned how) {
+  const std::size_t at = how % 3 == 0 ? owed.size() - 1 : how % 3 == 1 ? how % owed.size() : 0;
+  const ledger::Owed taken = owed[at];
+  owed.erase(owed.begin() + static_cast<std::ptrdiff_t>(at));
+  return taken;
+}
+
+void Answer(int node, unsigned count, unsigned how) {
+  if (node < 0 || At(node).PeerGone) return;
+  std::deque<ledger::Owed>& owed = ledger::OwedBy(node);
+  for (; count > 0 && !owed.empty(); --count) {
+    const ledger::Owed taken = Take(owed, how);
+    GiveAnswer(node, taken.Number, taken.Tag);
+  }
+}
+
+void AnswerOddly(const Step& step) {
+  const int node = Node(step.A), other = Node(step.A + 1U);
+  if (node < 0) return;
+  const std::deque<ledger::Owed>& owed = ledger::OwedBy(other);
+  if (step.B % 3 == 0 || owed.empty()) {
+    GiveAnswer(node, 0, {kFirstProcess, 65535});  // nobody has asked for it
+  } else if (other != node) {
+    GiveAnswer(node, owed.front().Number, owed.front().Tag);
+  } else {
+    GiveAnswer(node, owed.front().Number, owed.front().Tag);
+    GiveAnswer(node, owed.front().Number, owed.front().Tag);
+    ledger::OwedBy(node).pop_front();
+  }
+}
+
+void Decide(unsigned number, unsigned how) {
+  std::vector<int> pending;
+  for (const int fd : peers::Nodes()) {
+    if (At(fd).Connecting && !At(fd).ConnectOver) pending.push_back(fd);
+  }
+  const int fd = peers::Choose(pending, number);
+  if (fd < 0) return;
+  At(fd).ConnectOver = true;
+  At(fd).ConnectError = how < 200 ? 0 : Pick(kConnectErrors, how);
+}
+
+void Junk(const Step& step) {
+  const std::string bytes(1 + step.C % 40U, static_cast<char>(step.B));
+  if (step.A % 2 == 0) {
+    peers::Send(Client(step.A), bytes);
+    return;
+  }
+  const int node = Node(step.A);
+  if (node < 0) return;
+  At(node).Input += bytes;
+  ledger::MayFailAt(node);
+}
+
+// The reader child of a LOCALI link and its kernel
+
+LIpcLinkData* FindReader() {
+  for (unsigned i = 0; i < 12; ++i) {
+    if (LIpcLinkData* const data = reader::Of(LinkNumber(i))) return data;
+  }
+  return nullptr;
+}
+
+void DeliverFromQueue(LIpcLinkData* data, const ledger::Owed& owed, unsigned how) {
+  std::string frame = MakeMessage({.TaskName = owed.Tag.first,
+                                   .AstInd = owed.Tag.second,
+                                   .Text = ledger::Give(owed.Number, kQueue)});
+  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size() - 4));
+  if (how % 8 < 4) {
+    reader::HandOver(*data, owed.Tag, frame);
+    return;
+  }
+  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size()));
+  const auto end = how % 8 == 7 ? static_cast<reader::End>(how / 8 % 2) : reader::End::Tells;
+  if (end != reader::End::Tells) ledger::MayFail("LOCALI");
+  if (end == reader::End::DiesUnsaid) ledger::Doubt(owed.Number);
+  reader::Deliver(data, owed.Tag, frame, end);
+}
+
+void Reader(const Step& step) {
+  LIpcLinkData* const data = FindReader();
+  if (!data) return;
+  if (step.A % 32 == 31) {
+    ledger::MayFail("LOCALI");
+    reader::Die(*data);
+    return;
+  }
+  std::deque<ledger::Owed>& owed = ledger::OwedBy(kQueue);
+  for (unsigned count = 1 + step.C % 8U; count > 0 && !owed.empty(); --count) {
+    if (!world::IsAlive(data->ChildPid)) return;
+    DeliverFromQueue(data, Take(owed, step.B), step.A);
+  }
+}
+
+// The system
+
+void Fail(const Step& step) {
+  constexpr unsigned kCalls = static_cast<unsigned>(world::Call::Count);
+  world::LetFail(static_cast<world::Call>(step.A % kCalls), Pick(kErrors, step.B), step.C % 4);
+}
+
+void Plan(unsigned how) {
+  constexpr unsigned kPlans = static_cast<unsigned>(world::Plan::Count);
+  world::state.Connects.push_back(static_cast<world::Plan>(how % kPlans));
+}
+
+void Do(const Step& step) {
+  switch (step.Kind) {
+    case What::Connect:
+      if (peers::Clients().size() < kConnectionsMax) world::state.Backlog += step.A;
+      return;
+    case What::Ask:
+      return Ask(step);
+    case What::Trickle:
+      stage.Piece = 1 + step.B;
+      return;
+    case What::Answer:
+      return Answer(Node(step.A), step.B, step.C);
+    case What::AnswerOddly:
+      return AnswerOddly(step);
+    case What::Decide:
+      return Decide(step.A, step.B);
+    case What::Plan:
+      return Plan(step.A);
+    case What::NodeGoes:
+      return Go(Node(step.A), step.B);
+    case What::NodeStalls:
+      return Stall(Node(step.A), step.B);
+    case What::NodeDribbles:
+      return Dribble(Node(step.A), step.B);
+    case What::ClientGoes:
+      return Go(Client(step.A), step.B);
+    case What::ClientStalls:
+      return Stall(Client(step.A), step.B);
+    case What::Kill:
+      world::state.Dead.insert(kFirstProcess + static_cast<int>(step.A % kProcesses));
+      return;
+    case What::Manage:
+      return Manage(step);
+    case What::Fail:
+      return Fail(step);
+    case What::Junk:
+      return Junk(step);
+    case What::Reader:
+      return Reader(step);
+    case What::Queue:
+      world::state.QueueRoom = step.A % 4;
+      return;
+    default:
+      return;
+  }
+}
+
+// How the agent goes on: each of these tells what the wait comes to, true: what there is, false: it
+// is interrupted.
+
+bool Pass() {
+  ledger::BeforePass();
+  return true;
+}
+
+bool TickNow() {
+  --stage.TicksLeft;
+  ++stage.TicksDone;
+  stage.Ticked = true;
+  world::state.Now += kTickSeconds;
+  world::state.Monotonic += kTickSeconds * 1000;
+  ledger::Ticked();
+  ledger::BeforePass();
+  world::Signal(SIGALRM);
+  return false;
+}
+
+void BeginRest() {
+  stage.Passes = stage.Quiet = 0;
+  stage.Transfers = world::state.Transfers;
+}
+
+bool IsResting() {
+  const bool moved = stage.Transfers != world::state.Transfers;
+  stage.Transfers = world::state.Transfers;
+  stage.Quiet = moved ? 0 : stage.Quiet + 1;
+  return stage.Quiet <= kQuietPasses && ++stage.Passes < kLongestRest;
+}
+
+// Everybody takes what there is and answers what he owes.
+void Relax() {
+  world::state.QueueRoom = 64;
+  for (int fd = kFirstDescriptor; fd <= world::state.Highest; ++fd)
+    At(fd).Room = At(fd).Piece = world::Socket::kEndless;
+  for (const int fd : peers::Nodes()) {
+    if (At(fd).Connecting) At(fd).ConnectOver = true;
+    Answer(fd, UINT32_MAX, 2);
+  }
+  LIpcLinkData* const data = FindReader();
+  std::deque<ledger::Owed>& owed = ledger::OwedBy(kQueue);
+  while (data && !owed.empty()) DeliverFromQueue(data, Take(owed, 2), 0);
+}
+
+bool MayLose() { return stage.Story->Faults || stage.Story->Edits; }
+
+bool EndStory() {
+  CheckNoneWaitsInVain();
+  if (!MayLose()) peers::CheckNoneIsLost();
+  ledger::Settle();
+  world::Signal(SIGTERM);
+  return false;
+}
+
+bool GoOnSettling() {
+  Relax();
+  if (IsResting()) return Pass();
+  if (++stage.FinalRound > kFinalRounds) return EndStory();
+  BeginRest();
+  stage.TicksLeft = stage.FinalRound % 2;
+  return stage.TicksLeft > 0 ? TickNow() : Pass();
+}
+
+bool NextStep() {
+  while (stage.Next < stage.Story->Steps.size()) {
+    const Step& step = stage.Story->Steps[stage.Next++];
+    if (step.Kind == What::Pass) return Pass();
+    if (step.Kind == What::Tick) {
+      stage.TicksLeft = step.A;
+      return TickNow();
+    }
+    if (step.Kind == What::Rest) {
+      stage.Is = Mode::Rest;
+      BeginRest();
+      return Pass();
+    }
+    Do(step);
+    peers::Follow();
+  }
+  stage.Is = Mode::Final;
+  BeginRest();
+  return GoOnSettling();
+}
+
+void CheckWait() {
+  peers::Follow();
+  CheckAgent();
+  if (stage.Ticked) CheckNoneParkedIsGone();
+  stage.Ticked = false;
+  ledger::AtWait();
+}
+
+bool NextWait() {
+  if (Stopping()) return false;
+  CheckWait();
+  if (stage.TicksLeft > 0) return TickNow();
+  if (stage.Is == Mode::Final) return GoOnSettling();
+  if (stage.Is == Mode::Rest && IsResting()) return Pass();
+  if (stage.Is == Mode::Rest && !MayLose()) peers::CheckNoneIsLost();
+  stage.Is = Mode::Steps;
+  return NextStep();
+}
+
+void SetLogLevel(int level) {
+  static char variable[16];
+  std::snprintf(variable, sizeof variable, "DBC_LOG=%d", level);
+  putenv(variable);
+}
+
+void RunAgent(const story::Story& told) {
+  std::vector<std::string> options = told.Options;
+  std::vector<char*> argv;
+  for (std::string& option : options) argv.push_back(option.data());
+  argv.push_back(nullptr);
+  world::state.HasEpoll = told.Epoll;
+  for (const std::string& line : told.Nodes) world::state.Nodetab += line + "\n";
+  world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
+  world::state.OnWait = NextWait;
+  AgentMain(static_cast<int>(options.size()), argv.data());
+  world::state.OnWait = nullptr;
+  peers::Follow();
+}
+
+}  // namespace
+
+play::Played play::Play(const story::Story& told, int logLevel) {
+  stage = {};
+  stage.Story = &told;
+  stage.Piece = SIZE_MAX;
+  SetLogLevel(logLevel);
+  world::Begin();
+  peers::Reset();
+  ledger::Begin(told);
+  StartAgent(0);
+  RunAgent(told);
+  ledger::End();
+  EndAgent();
+  world::End();
+  return {.Totals = ledger::Result(), .Seconds = double{kTickSeconds} * stage.TicksDone};
+}
