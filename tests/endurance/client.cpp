@@ -136,13 +136,20 @@ std::uint32_t Client::ChooseAnswerSize() {
   return static_cast<std::uint32_t>(luck.Between(16, 120));
 }
 
+int Client::ChooseSharedTag(int node) {
+  Chance& luck = *setting_.Luck;
+  if (node != setting_.SharingNode || !luck.Percent(setting_.SharedPercent)) return -1;
+  return luck.Between(0, kSharedTags - 1);
+}
+
 void Client::AskOne() {
   if (setting_.Luck->PerMille(8)) return AskAgent();
   AskNode(ChooseNode(), false);
 }
 
 Request& Client::AskNode(int node, bool sentinel) {
-  Request& request = setting_.Account->Ask(connection_, task_, node, ChooseAnswerSize());
+  Request& request = setting_.Account->Ask(connection_, task_, node, ChooseAnswerSize(),
+                                           sentinel ? -1 : ChooseSharedTag(node));
   request.Sentinel = sentinel;
   lumo::Message message;
   const bool byDefault = node == 0 && request.Number % 3 == 0;
@@ -307,7 +314,8 @@ std::uint64_t Client::OwedBytes() const {
     const Request* const request = setting_.Account->Find(asked.Number);
     if (request->Ended != End::Open) continue;
     owed += kLargestOwnAnswer;
-    if (request->Answers > 0) owed += request->AnswerSize;
+    if (request->GetsAnswerOf > 0)
+      owed += setting_.Account->Find(request->GetsAnswerOf)->AnswerSize;
   }
   return owed;
 }

@@ -19,6 +19,8 @@ struct ClientSetting {
   std::int32_t AgentPid = 0;
   std::vector<std::string> Nodes;
   int Tasks = 1;
+  int SharingNode = -1;                 // where connections use the same tags at the same time,
+  int SharedPercent = 0;                // and of how many requests
   int MeanLife = 60;                    // requests of a connection
   const int* IdlersPerMille = nullptr;  // clients that take no answers for long
 };
@@ -61,6 +63,7 @@ class Client {
   void AskSome(Time now);
   void AskOne();
   int ChooseNode();
+  int ChooseSharedTag(int node);
   std::uint32_t ChooseAnswerSize();
   void AskAgent();
   Request& Queue(Request& request, lumo::Message message);

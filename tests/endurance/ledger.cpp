@@ -7,7 +7,8 @@
 namespace endurance {
 namespace {
 
-constexpr std::uint32_t kTags = 65000;  // the tags above are for answers to nothing
+// Of one connection at a time; those that are shared; the tags above are for answers to nothing.
+constexpr std::uint32_t kTags = 64000, kFirstShared = kTags;
 constexpr int kUnknownNodeCode = 4050;
 
 std::string Filled(std::string text, std::uint64_t seed, std::size_t size) {
@@ -61,7 +62,7 @@ void Ledger::SetTasks(const std::vector<std::int32_t>& taskNames) {
 void Ledger::ReplaceTask(int task, std::int32_t taskName) {
   Task& place = tasks_[static_cast<std::size_t>(task)];
   died_.push_back(place.Name);
-  place = {.Name = taskName, .NextTag = 0, .Ready = {}, .ByTag = {}};
+  place = {.Name = taskName, .NextTag = 0, .Ready = {}, .ByTag = {}, .Sharing = {}};
   place.ByTag.assign(kTags, 0);
 }
 
@@ -74,9 +75,43 @@ bool Ledger::HasTag(int task) const {
   return !place.Ready.empty() || place.NextTag < kTags;
 }
 
+std::vector<std::uint64_t>& Ledger::SharingWith(const Request& request) {
+  return tasks_[static_cast<std::size_t>(request.Task)].Sharing[request.Tag - kFirstShared];
+}
+
+Request* Ledger::SharedRequestOf(std::uint64_t connection,
+                                 const std::vector<std::uint64_t>& sharing) {
+  for (const std::uint64_t number : sharing) {
+    if (Find(number)->Connection == connection) return Find(number);
+  }
+  return nullptr;
+}
+
 // The tag that became free last is the first to be used again: an answer that comes too late or
 // twice would meet the new request.
-Request& Ledger::Ask(std::uint64_t connection, int task, int node, std::uint32_t answerSize) {
+void Ledger::ChooseTag(Task* place, Request* request, int sharedTag) {
+  if (sharedTag >= 0) {
+    std::vector<std::uint64_t>& sharing = place->Sharing[static_cast<std::size_t>(sharedTag)];
+    request->Shared = !SharedRequestOf(request->Connection, sharing);
+    if (request->Shared) {
+      request->Tag = static_cast<std::uint16_t>(kFirstShared + static_cast<unsigned>(sharedTag));
+      if (!sharing.empty()) ++Total.Shared;
+      sharing.push_back(request->Number);
+      return;
+    }
+  }
+  if (!place->Ready.empty()) {
+    request->Tag = place->Ready.back();
+    place->Ready.pop_back();
+    ++Total.Reused;
+  } else {
+    request->Tag = static_cast<std::uint16_t>(place->NextTag++);
+  }
+  place->ByTag[request->Tag] = request->Number;
+}
+
+Request& Ledger::Ask(std::uint64_t connection, int task, int node, std::uint32_t answerSize,
+                     int sharedTag) {
   Task& place = tasks_[static_cast<std::size_t>(task)];
   Request request;
   request.Number = first_ + requests_.size() + 1;
@@ -86,18 +121,11 @@ Request& Ledger::Ask(std::uint64_t connection, int task, int node, std::uint32_t
   request.Node = node;
   request.AnswerSize = answerSize;
   request.AskedAt = Clock::now();
-  if (!place.Ready.empty()) {
-    request.Tag = place.Ready.back();
-    place.Ready.pop_back();
-    ++Total.Reused;
-  } else {
-    request.Tag = static_cast<std::uint16_t>(place.NextTag++);
-  }
+  ChooseTag(&place, &request, sharedTag);
   if (node >= 0) {
     request.NodeAccepted = History(node).Accepted;
     request.NodeShut = History(node).Shut - History(node).Away;
   }
-  place.ByTag[request.Tag] = request.Number;
   requests_.push_back(request);
   ++open_;
   ++Total.Asked;
@@ -119,10 +147,13 @@ void Ledger::Close(Request& request, End end) {
   request.Ended = end;
   --open_;
   CountEnd(request);
-  if (request.Node >= 0 && request.Answers > 0) --History(request.Node).AnsweredOpen;
+  if (request.GetsAnswerOf > 0) --History(request.Node).AnsweredOpen;
   const bool answered = end == End::NodeAnswered || end == End::AgentAnswered;
   Task& place = tasks_[static_cast<std::size_t>(request.Task)];
-  if (answered && !request.Stray && place.Name == request.TaskName)
+  if (place.Name != request.TaskName) return;
+  if (request.Shared)
+    std::erase(SharingWith(request), request.Number);
+  else if (answered && !request.Stray)
     place.Ready.push_back(request.Tag);
 }
 
@@ -151,12 +182,25 @@ Request& Ledger::Received(int node, int incarnation, const lumo::Message& messag
       message.Strings[0] != RequestText(*request))
     Fail("a request reached its node changed", request, message);
   request->Incarnation = incarnation;
+  if (request->Shared)
+    History(node).Waiting[{request->TaskName, request->Tag}].push_back(request->Number);
   if (request->Ended == End::HungUp) ++Total.HungUpReceived;
   return *request;
 }
 
 void Ledger::AnswerGoesOut(Request& request) {
-  if (request.Answers++ == 0 && request.Ended == End::Open) ++History(request.Node).AnsweredOpen;
+  if (request.Answers++ > 0) return;
+  NodeHistory& history = History(request.Node);
+  Request* owner = &request;
+  if (request.Shared) {
+    const auto waiting = history.Waiting.find({request.TaskName, request.Tag});
+    owner = Find(waiting->second.front());
+    waiting->second.pop_front();
+    if (waiting->second.empty()) history.Waiting.erase(waiting);
+  }
+  request.AnswerGoesTo = owner->Number;
+  owner->GetsAnswerOf = request.Number;
+  if (owner->Ended == End::Open) ++history.AnsweredOpen;
 }
 
 Request& Ledger::Arrived(std::uint64_t connection, const lumo::Message& message) {
@@ -167,24 +211,30 @@ Request& Ledger::Arrived(std::uint64_t connection, const lumo::Message& message)
 }
 
 Request& Ledger::TakeNodeAnswer(std::uint64_t connection, const lumo::Message& message) {
-  Request* const request = Find(NumberIn(message.Strings[0], 'A'));
-  if (!request) Fail("an answer to no request of this round", nullptr, message);
+  const Request* const answered = Find(NumberIn(message.Strings[0], 'A'));
+  if (!answered) Fail("an answer to no request of this round", nullptr, message);
+  if (answered->Answers == 0) Fail("an answer that the node never gave", answered, message);
+  Request* const request = Find(answered->AnswerGoesTo);
   if (request->Connection != connection) Fail("an answer on a wrong connection", request, message);
   if (request->Ended != End::Open) Fail("a second answer", request, message);
-  if (request->Answers == 0) Fail("an answer that the node never gave", request, message);
   if (message.RowCount != 0)
     Fail("the node's first answer was lost and a later copy came", request, message);
   if (message.TaskName != request->TaskName || message.TrailerTaskName() != request->TaskName ||
-      message.AstInd() != request->Tag || message.Strings[0] != AnswerText(*request))
+      message.AstInd() != request->Tag || message.Strings[0] != AnswerText(*answered))
     Fail("an answer came changed", request, message);
+  if (answered != request) ++Total.OfAnother;
   return *request;
 }
 
 Request& Ledger::TakeAgentAnswer(std::uint64_t connection, const lumo::Message& message) {
   Request* request = nullptr;
+  const std::uint32_t tag = message.AstInd();
   for (const Task& task : tasks_) {
-    if (task.Name == message.TaskName && message.AstInd() < kTags)
-      request = Find(task.ByTag[message.AstInd()]);
+    if (task.Name != message.TaskName) continue;
+    if (tag < kTags)
+      request = Find(task.ByTag[tag]);
+    else if (tag - kFirstShared < kSharedTags)
+      request = SharedRequestOf(connection, task.Sharing[tag - kFirstShared]);
   }
   if (!request) Fail("an answer of the agent to no request of this round", nullptr, message);
   if (request->Connection != connection)
@@ -231,6 +281,9 @@ void Ledger::EndRound() {
     task.Ready.clear();
     task.ByTag.assign(kTags, 0);
   }
+  for (const NodeHistory& history : histories_) {
+    if (!history.Waiting.empty()) throw Failure("a round ends with requests that have no answer");
+  }
 }
 
 std::string Ledger::Describe(const Request& request) const {
@@ -244,6 +297,7 @@ std::string Ledger::Describe(const Request& request) const {
                ? std::string("never got it")
                : "got it over connection " + std::to_string(request.Incarnation) + " and sent " +
                      std::to_string(request.Answers) + " answers");
+  if (request.Shared) text << "; its name is shared";
   return text.str();
 }
 

@@ -2,7 +2,12 @@
 //
 // A request ends in exactly one way. An answer that arrives must be the one that its request waits
 // for, on the connection that asked; anything else ends the run with a Failure.
+//
+// A shared name is one that several connections of a process have under way at the same time. Its
+// answers say no more than the name: each belongs to the request that the node got first of those
+// which have none yet, whichever of them the node meant.
 #pragma once
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -32,6 +37,8 @@ enum class End : std::uint8_t {
   NeverSent,    // the client closed before its last byte was out: no request
 };
 
+constexpr int kSharedTags = 8;  // of each task
+
 constexpr int kManagement = -1;  // in place of a node: the agent itself
 constexpr int kNoSuchNode = -2;
 
@@ -46,11 +53,14 @@ struct Request {
   Time AskedAt;
   End Ended = End::Open;
   bool Stray = false;     // other answers with its name may come: the name is not used again
+  bool Shared = false;    // its name is one of those that connections share
   bool Sentinel = false;  // answered at once and exactly once
   int NodeAccepted = 0;   // when it was asked: connections that the node had accepted,
   int NodeShut = 0;       // and how often the node had been away
   int Incarnation = -1;   // the connection over which the node got it
-  int Answers = 0;        // copies that the node has sent
+  int Answers = 0;        // copies that the node has sent of the answer to it
+  std::uint64_t AnswerGoesTo = 0;  // the request that this answer belongs to; 0: not sent yet
+  std::uint64_t GetsAnswerOf = 0;  // the request whose answer is its own; 0: none is sent yet
 };
 
 // What a node has done to its connections, to judge the agent's failure answers.
@@ -61,7 +71,10 @@ struct NodeHistory {
   bool Away = false;
   std::vector<bool> Broken;
   std::vector<int> Codes;  // that a failure of this node's link may have
-  int AnsweredOpen = 0;    // requests that it has answered and whose client waits still
+  int AnsweredOpen = 0;    // requests whose answer it has sent and whose client waits still
+  // Of its present connection: the requests of each shared name that have no answer yet, in the
+  // order in which they came.
+  std::map<std::pair<std::int32_t, std::uint16_t>, std::deque<std::uint64_t>> Waiting;
 };
 
 struct Counts {
@@ -69,6 +82,9 @@ struct Counts {
   std::map<End, std::uint64_t> Ends;
   std::map<std::pair<int, int>, std::uint64_t> Codes;  // of the agent's answers, with SysErr
   std::uint64_t Management = 0, HungUpReceived = 0, Reused = 0;
+  std::uint64_t Shared = 0;     // asked while another connection waited under the same name
+  std::uint64_t OfAnother = 0;  // answered with what the node meant for another connection
+
   std::map<std::string, std::uint64_t> Faults;
 };
 
@@ -84,7 +100,9 @@ class Ledger {
   void SetNodes(std::size_t count) { histories_.resize(count); }
 
   bool HasTag(int task) const;
-  Request& Ask(std::uint64_t connection, int task, int node, std::uint32_t answerSize);
+  // With a shared tag (below kSharedTags) unless the connection waits under that name already.
+  Request& Ask(std::uint64_t connection, int task, int node, std::uint32_t answerSize,
+               int sharedTag = -1);
   Request* Find(std::uint64_t number);
   void Close(Request& request, End end);
 
@@ -112,8 +130,12 @@ class Ledger {
     std::uint32_t NextTag = 0;
     std::vector<std::uint16_t> Ready;
     std::vector<std::uint64_t> ByTag;
+    std::array<std::vector<std::uint64_t>, kSharedTags> Sharing;  // open requests of each name
   };
 
+  std::vector<std::uint64_t>& SharingWith(const Request& request);
+  Request* SharedRequestOf(std::uint64_t connection, const std::vector<std::uint64_t>& sharing);
+  void ChooseTag(Task* place, Request* request, int sharedTag);
   Request& TakeNodeAnswer(std::uint64_t connection, const lumo::Message& message);
   Request& TakeAgentAnswer(std::uint64_t connection, const lumo::Message& message);
   void JudgeCode(const Request& request, const lumo::Message& message);

@@ -40,9 +40,14 @@ void AddOptions(CLI::App* app, endurance::Options* options) {
   app->add_option("--round-seconds", options->RoundSeconds, "or so long")->capture_default_str();
   app->add_option("--tick", options->TickMs, "milliseconds between two ticks; 0: the agent's own")
       ->capture_default_str();
+  app->add_option("--shared", options->SharedPercent,
+                  "of 100 requests to a queue so many use a tag that other connections use too")
+      ->capture_default_str();
   app->add_flag("--table", options->Table, "samples the agent's use of the system");
   app->add_option("--lie-at", options->LieAt,
                   "from this request on a node answers under others' names: the run must fail");
+  app->add_option("--swap-at", options->SwapAt,
+                  "from this request on answers of a shared name change places: the run must fail");
 }
 
 int Run(const endurance::Options& options) {

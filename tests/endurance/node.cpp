@@ -40,6 +40,8 @@ void Node::MarkBroken(const std::string& fault) {
   history().LastBroken = current_;
   current_ = -1;
   scheduled_ = {};
+  swapped_.reset();
+  history().Waiting.clear();
   Touch();
 }
 
@@ -99,7 +101,7 @@ void Node::Plan(Request& request, const lumo::Message& message, Time now) {
   }
   const Time due = now + Delay();
   Schedule(request, message, due, 0);
-  if (!luck().PerMille(40)) return;
+  if (request.Shared || !luck().PerMille(40)) return;
   Fault("answer given twice");
   request.Stray = true;
   Schedule(request, message, due + Delay(), 1);
@@ -126,7 +128,24 @@ void Node::Send(Answer answer) {
   Touch();
   if (lying_ && !request->Stray) TakeAnotherName(answer.Number, &answer.Message);
   account().AnswerGoesOut(*request);
+  if (swapping_ && request->Shared && Swapped(answer)) return;
   Transmit(answer.Message);
+}
+
+// Only one that another of its name will follow is held.
+bool Node::Swapped(const Answer& answer) {
+  const auto name = std::pair(answer.Message.TrailerTaskName(), answer.Message.AstInd());
+  if (!swapped_) {
+    if (history().Waiting.count(name) == 0) return false;
+    swapped_ = answer;
+    return true;
+  }
+  if (name != std::pair(swapped_->Message.TrailerTaskName(), swapped_->Message.AstInd()))
+    return false;
+  Transmit(answer.Message);
+  Transmit(swapped_->Message);
+  swapped_.reset();
+  return true;
 }
 
 // The name of another connection's request that this node has not answered yet, if there is one.

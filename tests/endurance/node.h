@@ -2,6 +2,7 @@
 // or not at all before it breaks, and puts answers that nobody waits for between them.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <queue>
 #include <string>
 #include <vector>
@@ -40,6 +41,9 @@ class Node {
   // To see that the checks see: from now on answers go out under other requests' names. One lie
   // would not do: it is never heard when its link breaks or its client hangs up first.
   void Lie() { lying_ = true; }
+  // The same among connections that share a name: of two answers the account has noted the one
+  // first, the agent gets the other first.
+  void SwapAnswers() { swapping_ = true; }
 
   const std::string& Name() const { return setting_.Name; }
   std::uint64_t Activity() const { return activity_; }
@@ -88,6 +92,7 @@ class Node {
   void SendDue(Time now);
   void Send(Answer answer);
   void TakeAnotherName(std::uint64_t number, lumo::Message* answer) const;
+  bool Swapped(const Answer& answer);
   void SendToNobody(const lumo::Message& request);
   void CheckDeath(std::int32_t pid);
   Microseconds Delay();
@@ -97,8 +102,9 @@ class Node {
   std::uint64_t lastOrder_ = 0, activity_ = 0;
   int current_ = -1;
   int untilBreak_ = 0;
-  bool settling_ = false, lying_ = false;
-  bool heard_ = false;  // the agent has sent something over the present connection
+  bool settling_ = false, lying_ = false, swapping_ = false;
+  std::optional<Answer> swapped_;  // has been noted and waits for the next one of its name
+  bool heard_ = false;             // the agent has sent something over the present connection
   Time awayUntil_;
 };
 

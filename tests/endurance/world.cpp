@@ -71,6 +71,7 @@ void World::MakeNodes() {
     if (transport == "locali") {
       auto node = std::make_unique<QueueNode>(SettingFor("QUEUE"));
       queueNode_ = node.get();
+      queueIndex_ = static_cast<int>(nodes_.size());
       nodes_.push_back(std::move(node));
     }
   }
@@ -105,6 +106,8 @@ void World::MakeClients() {
   setting.AgentPid = AgentPid();
   setting.Tasks = options_.Tasks;
   setting.IdlersPerMille = &idlersPerMille_;
+  setting.SharingNode = queueIndex_;
+  setting.SharedPercent = options_.SharedPercent;
   for (const auto& node : nodes_) setting.Nodes.push_back(node->Name());
   for (int i = 0; i < options_.Clients; ++i) clients_.push_back(std::make_unique<Client>(setting));
   manager_ = std::make_unique<Client>(setting);
@@ -148,6 +151,8 @@ void World::RunRound() {
     Pass(MayAsk());
     Tick(Clock::now());
     if (options_.LieAt > 0 && ledger_.Total.Asked >= options_.LieAt) nodes_.front()->Lie();
+    if (queueNode_ && options_.SwapAt > 0 && ledger_.Total.Asked >= options_.SwapAt)
+      queueNode_->SwapAnswers();
   }
 }
 
@@ -369,7 +374,9 @@ void World::Report() const {
   line("asked, whole", total.Asked);
   line("connections", total.Connections);
   line("of the requests, with a name that had been used before", total.Reused);
+  line("   while another connection waited under the same name", total.Shared);
   line("answered once, by the node", ended(End::NodeAnswered));
+  line("   among those of the same name with the answer to a later one", total.OfAnother);
   line("answered once, by the agent", ended(End::AgentAnswered));
   line("   management", total.Management);
   for (const auto& [codes, count] : total.Codes)

@@ -29,7 +29,9 @@ struct Options {
   std::uint64_t Round = 40000;  // requests between two times of rest
   double RoundSeconds = 20;
   bool Table = false;
-  std::uint64_t LieAt = 0;  // from this request on a node gives answers wrong names
+  std::uint64_t LieAt = 0;   // from this request on a node gives answers wrong names
+  std::uint64_t SwapAt = 0;  // from this request on answers of a shared name change places
+  int SharedPercent = 30;    // of the requests to a queue
 };
 
 class World {
@@ -82,6 +84,7 @@ class World {
   std::vector<std::unique_ptr<Client>> clients_;
   std::unique_ptr<Client> manager_;
   QueueNode* queueNode_ = nullptr;
+  int queueIndex_ = -1;  // where connections share names: the rule is that of its link
 
   Time begin_, lastProgress_, nextTick_, nextDeath_, nextSample_, nextRow_, roundBegin_;
   std::uint64_t lastSum_ = 0, rests_ = 0;
