@@ -72,15 +72,6 @@ std::uint32_t WholeFrame(const Input& in) {
   return Held(in) < size ? 0 : static_cast<std::uint32_t>(size);
 }
 
-void MarkNews(int fd, bool news) {
-  if (news == (FD_ISSET(fd, &g_WaitingFrames) != 0)) return;
-  g_WaitingCount += news ? 1 : -1;
-  if (news)
-    FD_SET(fd, &g_WaitingFrames);
-  else
-    FD_CLR(fd, &g_WaitingFrames);
-}
-
 void TraceBytes(Input& in, std::uint32_t upTo) {
   const std::uint32_t shown = upTo < Held(in) ? upTo : Held(in);
   if (shown <= in.Traced) return;
@@ -158,7 +149,7 @@ FrameRead HandOut(int fd, Input& in, unsigned char* area) {
   in.Begin += size;
   GiveBackIfEmpty(in);
   in.Frame = in.Block ? WholeFrame(in) : 0;
-  MarkNews(fd, HasNews(in));
+  MarkWaiting(fd, HasNews(in));
   if (!InBounds(area, *in.Format)) return FrameRead::BadLength;
   if (size != kLengthWord) return FrameRead::Whole;
   TraceEnd(in, 0);  // that reader asks for no bytes and gets none
@@ -168,7 +159,7 @@ FrameRead HandOut(int fd, Input& in, unsigned char* area) {
 FrameRead TellEnd(int fd, Input& in) {
   const End end = in.Ended;
   in.Ended = End::None;
-  MarkNews(fd, HasNews(in));
+  MarkWaiting(fd, HasNews(in));
   if (in.Block) TraceFront(in);
   if (end == End::NoMemory) {
     errno = ENOMEM;
@@ -193,7 +184,7 @@ void DropInput(int fd) {
   Input& in = streams[fd].In;
   if (in.Block) GiveBlock(in.Block);
   in = {};
-  MarkNews(fd, false);
+  MarkWaiting(fd, false);
 }
 
 // Output
@@ -366,8 +357,17 @@ bool LookAhead(int fd) {
   const int savedErrno = errno;
   Look(fd, in);
   errno = savedErrno;
-  MarkNews(fd, HasNews(in));
+  MarkWaiting(fd, HasNews(in));
   return HasNews(in);
+}
+
+void MarkWaiting(int fd, bool waits) {
+  if (waits == (FD_ISSET(fd, &g_WaitingFrames) != 0)) return;
+  g_WaitingCount += waits ? 1 : -1;
+  if (waits)
+    FD_SET(fd, &g_WaitingFrames);
+  else
+    FD_CLR(fd, &g_WaitingFrames);
 }
 
 bool FrameWaits(int fd) { return Keeps(fd) && FD_ISSET(fd, &g_WaitingFrames); }

@@ -42,7 +42,10 @@ bool LookAhead(int fd);
 // bounds, or the end that LookAhead has met.
 bool FrameWaits(int fd);
 
-// The descriptors of which that is true, and how many they are.
+// The same of a link's descriptor that is no stream: its driver has taken more than it has served.
+void MarkWaiting(int fd, bool waits);
+
+// The descriptors of which FrameWaits is true, and how many they are.
 extern fd_set g_WaitingFrames;
 extern int g_WaitingCount;
 

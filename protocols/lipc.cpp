@@ -224,7 +224,7 @@ Outcome StartReader(LIpcLinkData* data) {
   close(channels.Pipe[1]);
   close(channels.Pair[1]);
   data->PipeRead = channels.Pipe[0];
-  data->RecordBytes = 0;
+  data->RecordsBegin = data->RecordsEnd = 0;
   data->Pair = channels.Pair[0];
   return {};
 }
@@ -292,12 +292,19 @@ MsgInfo* RequestOf(const Link* link, const PipeRecord& record) {
   return FindRequest(BoardRemove(LIpcDataOf(link)->Board, entry));
 }
 
-// Reads one record: 0; -1 not all of it has come; 4009, 4008 with errno.
-int ReadRecord(const Link* link, LIpcLinkData* data) {
-  unsigned char* const bytes = reinterpret_cast<unsigned char*>(&data->Record);
-  while (data->RecordBytes < sizeof data->Record) {
-    const ssize_t got =
-        read(data->PipeRead, bytes + data->RecordBytes, sizeof data->Record - data->RecordBytes);
+std::size_t BytesOfRecords(const LIpcLinkData* data) {
+  return data->RecordsEnd - data->RecordsBegin;
+}
+
+// Reads until there is a whole record, and what else has come: 0; -1 not all of it has come; 4009,
+// 4008 with errno.
+int ReadRecords(const Link* link, LIpcLinkData* data) {
+  std::memmove(data->Records, data->Records + data->RecordsBegin, BytesOfRecords(data));
+  data->RecordsEnd -= data->RecordsBegin;
+  data->RecordsBegin = 0;
+  while (data->RecordsEnd < sizeof(PipeRecord)) {
+    const ssize_t got = read(data->PipeRead, data->Records + data->RecordsEnd,
+                             sizeof data->Records - data->RecordsEnd);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 && errno == EAGAIN) return -1;
     if (got == 0) {
@@ -305,18 +312,27 @@ int ReadRecord(const Link* link, LIpcLinkData* data) {
       return kStatusPeerClosed;
     }
     if (got < 0) return kStatusReceive;
-    data->RecordBytes += static_cast<std::uint32_t>(got);
+    data->RecordsEnd += static_cast<std::uint32_t>(got);
   }
-  data->RecordBytes = 0;
+  return 0;
+}
+
+// As ReadRecords. Records that are left are served like packets that wait in a stream.
+int TakeRecord(const Link* link, LIpcLinkData* data, PipeRecord* record) {
+  const int status = BytesOfRecords(data) < sizeof *record ? ReadRecords(link, data) : 0;
+  if (status != 0) return status;
+  std::memcpy(record, data->Records + data->RecordsBegin, sizeof *record);
+  data->RecordsBegin += sizeof *record;
+  MarkWaiting(data->PipeRead, BytesOfRecords(data) >= sizeof *record);
   return 0;
 }
 
 // Serves one record. The child hands an answer over before it writes the record, so it is here.
 int ServeRecord(const Link* link, LIpcLinkData* data) {
-  const int status = ReadRecord(link, data);
+  PipeRecord record;
+  const int status = TakeRecord(link, data, &record);
   if (status == -1) return 0;
   if (status != 0) return status;
-  const PipeRecord record = data->Record;
   LOG(kLogTrace, "LIPC read TaskName = %d", record.TaskName);
   ClientMessage msg;
   RequestId id;
@@ -520,6 +536,7 @@ int LIpcDisconnectLink(const char* file, int line, Link* link) {
   RememberFormerReader(data);
   // kept: PipeRead and ChildPid keep their numbers; whether they are valid is told by State alone.
   StopWaitingFor(data->PipeRead);
+  MarkWaiting(data->PipeRead, false);
   close(data->PipeRead);
   UNREGISTER_SOCKET_FOR_THE_LINK(HERE, data->PipeRead);
   UNREGISTER_SOCKET_FOR_READ_EVENT(HERE, data->PipeRead);

@@ -25,6 +25,8 @@ struct PipeRecord {
 static_assert(sizeof(PipeRecord) == 8);
 constexpr std::uint16_t kNoEntry = 0x7FFF, kHandedOver = 0x8000;
 
+constexpr std::size_t kRecordsAtOnce = 64;
+
 constexpr std::uint32_t kFormerReaders = 256;  // whose answers are taken away
 
 struct LIpcLinkData {
@@ -41,8 +43,10 @@ struct LIpcLinkData {
   struct Link* Owner;  // of a connected link
   LIpcLinkData* Next;  // in the list of connected links, or of refused records
 
-  PipeRecord Record;          // as far as it has come
-  std::uint32_t RecordBytes;  // of it
+  // Records that have been taken from the pipe together, from Begin to End; the last one as far as
+  // it has come.
+  unsigned char Records[kRecordsAtOnce * sizeof(PipeRecord)];
+  std::uint32_t RecordsBegin, RecordsEnd;
 
   // Messages for which the queue has had no room, in order; see lipc_queue.h
   PendingMessage* FirstPending;

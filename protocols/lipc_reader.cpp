@@ -80,9 +80,9 @@ void SetSignals() {
 }
 
 // Waits for an answer; false: the queue failed.
-bool ReceiveAnswer(int queue, QueueMessage* received, std::size_t* size) {
+bool ReceiveAnswer(int queue, pid_t reader, QueueMessage* received, std::size_t* size) {
   for (;;) {
-    const ssize_t got = msgrcv(queue, received, sizeof received->Body, getpid(), 0);
+    const ssize_t got = msgrcv(queue, received, sizeof received->Body, reader, 0);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return false;
     *size = static_cast<std::size_t>(got);
@@ -167,10 +167,12 @@ bool Deliver(const LIpcLinkData* data, int pipe, ClientMessage* msg) {
 int ReadMessageFromKernelAndSendToDbc(const char* file, int line, LIpcLinkData* data,
                                       int pipeWrite) {
   ENTER();
+  const pid_t reader = getpid();
   for (;;) {
     QueueMessage received;
     std::size_t size;
-    if (!ReceiveAnswer(data->MsgQueueId, &received, &size)) return LEAVE(-1, "FAILED msgrcv");
+    if (!ReceiveAnswer(data->MsgQueueId, reader, &received, &size))
+      return LEAVE(-1, "FAILED msgrcv");
     ClientMessage msg;
     if (!MakeAnswer(received, size, &msg)) {
       LOG(kLogDriver, "LIPC The strings of an answer are too long. Skip the message");

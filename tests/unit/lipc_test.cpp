@@ -150,7 +150,7 @@ class LocalIpc : public AgentTest {
   }
   int Send(ClientMessage& msg) { return LIpcSendToNetwork("test", 1, link_, &msg); }
   int Read() { return LIpcReadyForRead("test", 1, link_); }
-  bool RecordComes() { return Readable(Data().PipeRead); }
+  bool RecordComes() { return FrameWaits(Data().PipeRead) || Readable(Data().PipeRead); }
   bool RecordsCome(int count) {
     return test::WaitFor([&] {
       int bytes = 0;
@@ -880,6 +880,41 @@ TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
   EXPECT_EQ(Data().ShmId, -1);
   EXPECT_EQ(Data().Shm, nullptr);
   EXPECT_EQ(kernel.Attached(), 0);
+}
+
+TEST_F(LocalIpc, RecordsThatCameTogetherAreReadWithOneCallAndServedOneByOne) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Ask(client.Accepted, tag);
+  for (int i = 0; i < 3; ++i) AnswerNext(kernel);
+  ASSERT_TRUE(RecordsCome(3));
+  for (int left = 2; left >= 0; --left) {
+    EXPECT_EQ(Read(), 0);
+    EXPECT_EQ(RequestsInFlight(), left);
+    EXPECT_EQ(FrameWaits(Data().PipeRead), left > 0);
+    EXPECT_TRUE(RecordsCome(0));
+  }
+}
+
+TEST_F(LocalIpc, RecordsOfALinkThatGoesDownAreForgotten) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  const int pipe = Data().PipeRead;
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Ask(client.Accepted, tag);
+  for (int i = 0; i < 3; ++i) AnswerNext(kernel);
+  ASSERT_TRUE(RecordsCome(3));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(LIpcDisconnectLink("test", 1, link_), 0);
+  EXPECT_FALSE(FrameWaits(pipe));
+  EXPECT_EQ(Connect(), 0);
+  Ask(client.Accepted, 4);
+  AnswerNext(kernel);
+  ASSERT_TRUE(RecordsCome(1));
+  const int before = RequestsInFlight();
+  EXPECT_EQ(Read(), 0);
+  EXPECT_EQ(RequestsInFlight(), before - 1);
 }
 
 TEST_F(LocalIpc, AnswersOfADeadReaderStillReachTheirClients) {
