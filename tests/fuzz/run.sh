@@ -19,9 +19,9 @@ build=${LUMO_FUZZ_BUILD:-build/fuzz}
 
 # What each target is about: sources, for the coverage of their lines.
 declare -A subject=(
-  [client_frame]="core/io.cpp client/message.cpp client/clntxch.cpp"
-  [tcp_packet]="core/io.cpp client/message.cpp protocols/lumo_tcp.cpp link/link.cpp"
-  [local_frame]="core/io.cpp client/message.cpp protocols/lsock.cpp link/link.cpp"
+  [client_frame]="core/stream.cpp client/message.cpp client/clntxch.cpp"
+  [tcp_packet]="core/stream.cpp client/message.cpp protocols/lumo_tcp.cpp link/link.cpp"
+  [local_frame]="core/stream.cpp client/message.cpp protocols/lsock.cpp link/link.cpp"
   [lipc_message]="protocols/lipc_reader.cpp protocols/lipc_board.cpp client/message.cpp"
   [pipe_record]="protocols/lipc.cpp protocols/lipc_board.cpp"
   [nodetab_line]="link/nodetab.cpp protocols/address_text.h protocols/protload.cpp"
@@ -30,18 +30,18 @@ declare -A subject=(
   [agent]="core client link protocols api ping"
 )
 # The functions that read what is hostile, for the coverage of theirs: of the sources above.
+frames="ReadFramei|ReadNext|Look|MakeRoom|WholeFrame|HandOut|TellEnd|FrameSize|LengthOf|InBounds\
+|LocateTrailer|ZeroUpTo"
 declare -A parser=(
-  [client_frame]="ReadFramei|ReadFrameNow|ReadFrameAtOnce|Fill|TakeInput|KeepInput|FrameSize\
-|LengthOf|LocateTrailer|ZeroUpTo|GetMsgFromClient"
-  [tcp_packet]="ReadFramei|ReadFrameAhead|TakeAhead|LookAtFirst|HandOut|FrameSize|LengthOf\
-|LocateTrailer|ZeroUpTo|TcpReadyForRead|ReceiveFailed|HandleNetworkMsg|UnitsOf|ReturnAnswer\
+  [client_frame]="$frames|GetMsgFromClient"
+  [tcp_packet]="$frames|TcpReadyForRead|ReceiveFailed|HandleNetworkMsg|UnitsOf|ReturnAnswer\
 |MarkTheMsg"
-  [local_frame]="ReadFramei|ReadFrameNow|Fill|TakeInput|KeepInput|FrameSize|LengthOf\
-|LocateTrailer|ZeroUpTo|LSockReadyForRead|BadFormat|Broken|ReceiveFailed|ReturnAnswer|MarkTheMsg"
-  [lipc_message]="ReceiveAnswer|MakeAnswer|IsDirect|PutDirectly|DeliverDirectly|HandOver\
-|WriteRecord|ReadMessageFromKernel|BoardFind|LocateTrailer|ZeroUpTo"
-  [pipe_record]="ReadRecord|ReadAnswered|ServeRecord|ServePipe|TakeHanded|UnlinkHanded|PutHanded\
-|PutAllHanded|DropHanded|AppendHanded|LIpcReadyForRead|SettleAnswered|BoardRemove|BoardNext"
+  [local_frame]="$frames|LSockReadyForRead|BadFormat|Broken|ReceiveFailed|ReturnAnswer|MarkTheMsg"
+  [lipc_message]="ReceiveAnswer|MakeAnswer|IsDirect|PutDirectly|Deliver|HandOver|WriteRecord\
+|ReadMessageFromKernel|FirstAsked|BoardClaim|BoardBeginWrite|BoardEndWrite|LocateTrailer|ZeroUpTo"
+  [pipe_record]="ReadRecords|TakeRecord|ServeRecord|RequestOf|FindByName|TakeHandedAnswer\
+|PutHandedAnswers|LIpcReadyForRead|SettleEntry|SettleBoard|CloseUncertain|BoardRemove\
+|BoardIsClaimed|BoardWithdraw|BoardClose"
   [nodetab_line]="NextWord|BlankOut|WordToNumber|UpperCase|ParseNodetabString|NodeOfNodetabLine\
 |ReadNodetab|CreateLink|NameIsTaken|AppendLink|AddProtocol|TcpInitLink|ParseHost|ParseNumbers\
 |ReceiveTimeoutOf|NextNumber|LSockInitLink|LIpcInitLink"
