@@ -128,6 +128,20 @@ TEST_F(SocketRegistration, BelowTheTraceLevelNothingIsWritten) {
   EXPECT_EQ(log.Text(), "");
 }
 
+// The number may belong to another in the same pass.
+TEST_F(SocketRegistration, EndsWithWhatTheLastWaitHasFound) {
+  for (fd_set* const ready : {&g_Ready.Read, &g_Ready.Write}) {
+    FD_SET(7, ready);
+    FD_SET(8, ready);
+  }
+  UNREGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
+  EXPECT_FALSE(FD_ISSET(7, &g_Ready.Read));
+  EXPECT_TRUE(FD_ISSET(8, &g_Ready.Read) && FD_ISSET(7, &g_Ready.Write));
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 7);
+  EXPECT_FALSE(FD_ISSET(7, &g_Ready.Write));
+  EXPECT_TRUE(FD_ISSET(8, &g_Ready.Write));
+}
+
 TEST_F(SocketRegistration, StartsEmptyWithTheProcessesOwnNumber) {
   REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
   REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 8);
@@ -484,6 +498,25 @@ TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
   ASSERT_TRUE(a.Accept());
   a.Send(a.Request());
   EXPECT_EQ(Answer(client), "3: 0, 0");
+  EXPECT_EQ(Stop(), 0);
+}
+
+// The first call of select is the wait that fails, each next one looks at one descriptor.
+TEST_F(FailingDescriptors, ALookThatIsInterruptedIsRepeated) {
+  Server a;
+  {
+    const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
+    Start(a.Line("A"));
+  }
+  lumo::Connection client = Connect();
+  const lumo::Connection victim = Connect();
+  CloseInAgent(NewestClient());
+  EXPECT_TRUE(FoundGood(3)) << "the listener was looked at first";
+  Ask(client, "A", 1);
+  ASSERT_TRUE(a.Accept());
+  a.Send(a.Request());
+  EXPECT_EQ(Answer(client), "1: 0, 0");
+  EXPECT_EQ(Connect().AgentPid(), client.AgentPid());
   EXPECT_EQ(Stop(), 0);
 }
 

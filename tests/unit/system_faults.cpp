@@ -7,6 +7,9 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/select.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -64,6 +67,8 @@ void AwaitAnswer(int fd) {
   poll(&answer, 1, 1000);
 }
 
+std::time_t fixedTime;  // 0: time goes by
+
 const char* onlyHost;
 const char* onlyAddress;
 
@@ -113,6 +118,12 @@ FailingSocketOption::FailingSocketOption(int level, int name, int error) {
 
 FailingSocketOption::~FailingSocketOption() { optionFault = {}; }
 
+FixedTime::FixedTime(std::time_t seconds) { Set(seconds); }
+
+FixedTime::~FixedTime() { Set(0); }
+
+void FixedTime::Set(std::time_t seconds) { fixedTime = seconds; }
+
 OnlyHost::OnlyHost(const char* name, const char* address) {
   onlyHost = name;
   onlyAddress = address;
@@ -127,6 +138,15 @@ int __real_fcntl(int fd, int command, ...);
 int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
 int __real_connect(int fd, const sockaddr* address, socklen_t size);
 ssize_t __real_send(int fd, const void* bytes, std::size_t count, int flags);
+ssize_t __real_recv(int fd, void* bytes, std::size_t count, int flags);
+ssize_t __real_read(int fd, void* bytes, std::size_t count);
+ssize_t __real_write(int fd, const void* bytes, std::size_t count);
+int __real_select(int end, fd_set* read, fd_set* write, fd_set* other, timeval* limit);
+int __real_shutdown(int fd, int how);
+int __real_msgsnd(int queue, const void* message, std::size_t size, int flags);
+ssize_t __real_msgrcv(int queue, void* message, std::size_t size, long type, int flags);
+std::time_t __real_time(std::time_t* seconds);
+int __real_semop(int set, sembuf* operations, std::size_t count);
 int __real_epoll_wait(int epoll, epoll_event* events, int room, int wait);
 hostent* __real_gethostbyname(const char* name);
 
@@ -135,6 +155,17 @@ int __wrap_fcntl(int fd, int command, ...);
 int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
 int __wrap_connect(int fd, const sockaddr* address, socklen_t size);
 ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags);
+ssize_t __wrap_recv(int fd, void* bytes, std::size_t count, int flags);
+ssize_t __wrap_read(int fd, void* bytes, std::size_t count);
+ssize_t __wrap___recv_chk(int fd, void* bytes, std::size_t count, std::size_t room, int flags);
+ssize_t __wrap___read_chk(int fd, void* bytes, std::size_t count, std::size_t room);
+ssize_t __wrap_write(int fd, const void* bytes, std::size_t count);
+int __wrap_select(int end, fd_set* read, fd_set* write, fd_set* other, timeval* limit);
+int __wrap_shutdown(int fd, int how);
+int __wrap_msgsnd(int queue, const void* message, std::size_t size, int flags);
+ssize_t __wrap_msgrcv(int queue, void* message, std::size_t size, long type, int flags);
+std::time_t __wrap_time(std::time_t* seconds);
+int __wrap_semop(int set, sembuf* operations, std::size_t count);
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait);
 hostent* __wrap_gethostbyname(const char* name);
 
@@ -160,6 +191,42 @@ ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags) {
   const ssize_t sent = __real_send(fd, bytes, count, flags);
   if (IsWatched()) AwaitAnswer(fd);
   return sent;
+}
+ssize_t __wrap_recv(int fd, void* bytes, std::size_t count, int flags) {
+  return Fails(SystemCall::Recv) ? -1 : __real_recv(fd, bytes, count, flags);
+}
+ssize_t __wrap_read(int fd, void* bytes, std::size_t count) {
+  return Fails(SystemCall::Read) ? -1 : __real_read(fd, bytes, count);
+}
+// What becomes of them where the compiler knows how much room there is.
+ssize_t __wrap___recv_chk(int fd, void* bytes, std::size_t count, std::size_t, int flags) {
+  return __wrap_recv(fd, bytes, count, flags);
+}
+ssize_t __wrap___read_chk(int fd, void* bytes, std::size_t count, std::size_t) {
+  return __wrap_read(fd, bytes, count);
+}
+ssize_t __wrap_write(int fd, const void* bytes, std::size_t count) {
+  return Fails(SystemCall::Write) ? -1 : __real_write(fd, bytes, count);
+}
+int __wrap_select(int end, fd_set* read, fd_set* write, fd_set* other, timeval* limit) {
+  return Fails(SystemCall::Select) ? -1 : __real_select(end, read, write, other, limit);
+}
+int __wrap_shutdown(int fd, int how) {
+  return Fails(SystemCall::Shutdown) ? -1 : __real_shutdown(fd, how);
+}
+int __wrap_msgsnd(int queue, const void* message, std::size_t size, int flags) {
+  return Fails(SystemCall::MsgSend) ? -1 : __real_msgsnd(queue, message, size, flags);
+}
+ssize_t __wrap_msgrcv(int queue, void* message, std::size_t size, long type, int flags) {
+  return Fails(SystemCall::MsgReceive) ? -1 : __real_msgrcv(queue, message, size, type, flags);
+}
+std::time_t __wrap_time(std::time_t* seconds) {
+  if (fixedTime == 0) return __real_time(seconds);
+  if (seconds) *seconds = fixedTime;
+  return fixedTime;
+}
+int __wrap_semop(int set, sembuf* operations, std::size_t count) {
+  return Fails(SystemCall::SemOp) ? -1 : __real_semop(set, operations, count);
 }
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait) {
   if (IsWatched()) ++*waits;

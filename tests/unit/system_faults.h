@@ -1,9 +1,27 @@
 // System calls that fail, and names of hosts that resolve, when a test says so.
 #pragma once
-enum class SystemCall { Socket, Fcntl, SetSockOpt, Connect, Send, Count };
+#include <ctime>
+
+enum class SystemCall {
+  Socket,
+  Fcntl,
+  SetSockOpt,
+  Connect,
+  Send,
+  Recv,
+  Read,
+  Write,
+  Select,
+  Shutdown,
+  MsgSend,
+  MsgReceive,
+  SemOp,
+  Count
+};
 
 // While it lives, calls of one kind by the agent's modules or the test fail with `error`: after
-// `successes` more have succeeded, `failures` of them in a row.
+// `successes` more have succeeded, `failures` of them in a row. A process that is started meanwhile
+// counts for itself.
 class FailingSystemCall {
  public:
   FailingSystemCall(SystemCall call, int error, int successes = 0, int failures = 1000000);
@@ -23,6 +41,16 @@ class FailingSocketOption {
   ~FailingSocketOption();
   FailingSocketOption(const FailingSocketOption&) = delete;
   FailingSocketOption& operator=(const FailingSocketOption&) = delete;
+};
+
+// While it lives, this is the time.
+class FixedTime {
+ public:
+  explicit FixedTime(std::time_t seconds);
+  ~FixedTime();
+  FixedTime(const FixedTime&) = delete;
+  FixedTime& operator=(const FixedTime&) = delete;
+  void Set(std::time_t seconds);
 };
 
 // While it lives, this host name resolves to this IPv4 address, and no other name resolves.

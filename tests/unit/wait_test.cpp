@@ -103,8 +103,50 @@ TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
   close(ends_[0]);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(true), 0);
+  EXPECT_EQ(Wait(false), kInterrupted);
   close(copy);
+}
+
+TEST_F(Waiting, IsNotEndedByAClientWhoseConnectionIsClosedHereOnly) {
+  PrepareWait();
+  int connection[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, connection), 0);
+  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  FD_SET(connection[0], &g_DbcI.ClientSockets);
+  EXPECT_EQ(Wait(true), 0);
+  const int copy = dup(connection[0]);
+  CloseClient(connection[0]);
+  EXPECT_EQ(Wait(false), kInterrupted);
+  close(copy);
+  close(connection[1]);
+}
+
+// A parked connection's frames wait until it is read again.
+TEST_F(Waiting, IsNotEndedByFramesOfADescriptorThatIsNotRead) {
+  PrepareWait();
+  int connection[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, connection), 0);
+  const std::uint32_t frame[2] = {8, 0};
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(send(connection[1], frame, sizeof frame, 0), 8);
+  constexpr FrameFormat kFrame = {.LengthCounts = 4,
+                                  .SmallestLength = 4,
+                                  .LargestLength = 8,
+                                  .TraceReceive = nullptr,
+                                  .TraceLength = nullptr};
+  unsigned char area[8192];
+  ASSERT_EQ(ReadFrame(connection[0], area, kFrame), FrameRead::Whole);
+  ASSERT_TRUE(FrameWaits(connection[0]));
+  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  EXPECT_EQ(Wait(false), 1);
+  EXPECT_TRUE(FD_ISSET(connection[0], &g_Ready.Read));
+  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  EXPECT_EQ(Wait(false), kInterrupted);
+  ASSERT_EQ(write(ends_[1], "x", 1), 1);
+  EXPECT_EQ(Wait(false), 1);
+  EXPECT_FALSE(FD_ISSET(connection[0], &g_Ready.Read));
+  ForgetDescriptor(connection[0]);
+  close(connection[0]);
+  close(connection[1]);
 }
 
 TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
@@ -222,6 +264,40 @@ TEST_P(WakingUp, EndsAWaitForRoomToo) {
   EXPECT_LE(Wait(false), 0);
   close(full[0]);
   close(full[1]);
+}
+
+TEST_F(Waiting, KeepsErrnoWhateverItsStepsSay) {
+  PrepareWait();
+  ASSERT_EQ(write(ends_[1], "x", 1), 1);
+  RetryOutput = [] {
+    errno = EIO;
+    return 0;
+  };
+  errno = 77;
+  EXPECT_EQ(WaitForEvents(), 1);
+  EXPECT_EQ(errno, 77);
+  close(ends_[0]);
+  StopWaitingFor(ends_[0]);
+  EXPECT_EQ(errno, 77);
+}
+
+TEST_F(Waiting, ASignalKeepsErrnoWhereTheWaitsDescriptorIsGone) {
+  const int own = dup(ends_[0]);
+  close(own);
+  PrepareWait();
+  close(own);
+  errno = 77;
+  WakeUp();
+  EXPECT_EQ(errno, 77);
+}
+
+// Looking for children that have ended finds none here, which is an error of its own.
+TEST_F(Waiting, ASignalOfAChildKeepsErrno) {
+  InitialiseSignalHandlers("wait", __LINE__);
+  errno = 77;
+  raise(SIGCHLD);
+  EXPECT_EQ(errno, 77);
+  for (const int signal : {SIGIO, SIGCHLD, SIGTERM, SIGINT}) std::signal(signal, SIG_DFL);
 }
 
 TEST_F(Waiting, OnlyLooksAfterAWakeUpThatHasNoDescriptor) {
