@@ -500,6 +500,15 @@ TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
   EXPECT_TRUE(log.Contains("|Return 0\n"));
 }
 
+TEST_F(LivingClients, ADeathIsToldForEachConnectionOfTheProcess) {
+  Link* const link = AddLink("SRV");
+  link->State = kLinkConnected;
+  const pid_t dead = EndedProcess();
+  for (const int socket : {5, 6}) EXPECT_EQ(AddClientPidIntoList(kHere, 1, link, dead, socket), 0);
+  EXPECT_EQ(Test(0), 1);
+  EXPECT_EQ(Fake().DeadClients, (std::vector<int>{dead, dead}));
+}
+
 TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
   const pid_t dead = EndedProcess();
   Link* const links[] = {AddLink("A"), AddLink("B"), AddLink("C")};

@@ -254,6 +254,14 @@ TEST_F(RequestBookkeeping, OfEqualPairsTheFirstInTheArrayIsFound) {
   EXPECT_EQ(FindMsgInfo(nullptr, 100, 5), &g_DbcI.MsgInfoArray.Items[0]);
 }
 
+TEST_F(RequestBookkeeping, OfEqualPairsTheNextIsThatOfTheSameLink) {
+  for (Link* const link : {link_, other_, link_}) Note(5, link);
+  MsgInfo* const all = g_DbcI.MsgInfoArray.Items;
+  EXPECT_EQ(NextOfName(&all[0]), &all[2]);
+  EXPECT_EQ(NextOfName(&all[1]), nullptr);
+  EXPECT_EQ(NextOfName(&all[2]), nullptr);
+}
+
 // The index must agree with the array whatever is noted and released in between.
 TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
   std::uint32_t random = 20562;

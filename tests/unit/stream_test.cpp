@@ -13,6 +13,7 @@
 #include "link/link.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
+#include "tests/unit/system_faults.h"
 
 namespace {
 
@@ -511,6 +512,24 @@ TEST_F(BytesOut, ErrnoStaysWhenNothingFails) {
   EXPECT_EQ(errno, 77);
 }
 
+TEST_F(BytesOut, ErrnoStaysWhenThePeerTakesNothing) {
+  const std::string part(8188, 'x');
+  while (send(Ours(), part.data(), part.size(), MSG_DONTWAIT) > 0) continue;
+  errno = 77;
+  EXPECT_EQ(Send("kept"), 0);
+  EXPECT_EQ(errno, 77);
+}
+
+TEST_F(BytesOut, TheErrorOfAFailureIsTheSystemsWhateverIsDoneAboutIt) {
+  constexpr OutputTrace kChanges = {.Sent = nullptr, .Failed = [](int) { errno = EIO; }};
+  const std::string large(1 << 20, 'x');
+  const FailingSystemCall broken(SystemCall::Send, EPIPE, 1);
+  const FailingSystemCall notConnected(SystemCall::Shutdown, ENOTCONN);
+  EXPECT_EQ(Send(large, &kChanges), -1);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_EQ(notConnected.Calls(), 1);
+}
+
 // Bytes for links that are kept and go out together.
 class BytesTogether : public BytesOut {
  protected:
@@ -594,6 +613,14 @@ TEST_F(BytesTogether, ThatCannotBeSentTellWhatWasTaken) {
   EXPECT_EQ(taken_, 0U);
   EXPECT_EQ(failures, std::vector<int>{EPIPE});
   EXPECT_EQ(NextJoined(), -1);
+}
+
+TEST_F(BytesTogether, WithoutMemoryGoOutAloneAndErrnoStays) {
+  const NoMemory nowhere;
+  errno = 77;
+  EXPECT_EQ(Send("alone"), 0);
+  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(Take(), "alone");
 }
 
 TEST_F(BytesTogether, OfAForgottenDescriptorAreDropped) {
