@@ -108,6 +108,8 @@ class FakeProtocol {
   std::function<int(Link*)> OnConnect;
   // Carried out by ReadyForRead, after it was recorded.
   std::function<int(Link*)> OnRead;
+  // Carried out by ClientDeadEvent, after it was recorded.
+  std::function<void(Link*)> OnDead;
   // Carried out by SendToNetwork, after the message was recorded.
   std::function<int(Link*, ClientMessage*)> OnSend;
 
@@ -162,7 +164,9 @@ class FakeProtocol {
     return fake->OnSend ? fake->OnSend(link, msg) : fake->SendResult;
   }
   static int Dead(const char*, int, Link* link, int pid) {
-    Of("ClientDeadEvent", link)->DeadClients.push_back(pid);
+    FakeProtocol* const fake = Of("ClientDeadEvent", link);
+    fake->DeadClients.push_back(pid);
+    if (fake->OnDead) fake->OnDead(link);
     return 0;
   }
 };

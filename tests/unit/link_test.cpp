@@ -8,7 +8,7 @@
 
 #include "core/status.h"
 #include "lib/message_codec.h"
-#include "tests/unit/agent_test.h"
+#include "tests/unit/client_fixture.h"
 #include "tests/unit/log_texts.h"
 
 namespace {
@@ -140,6 +140,28 @@ TEST_F(DisconnectingALink, AnswersEveryRequestThatWaitsForIt) {
   EXPECT_EQ(Received(), (Texts{"1: 4006, 111", "3: 4006, 111"}));
   EXPECT_EQ(Waiting(a), std::vector<int>{});
   EXPECT_EQ(Waiting(b), std::vector<int>{2});
+}
+
+// An answer looks for dead clients, and what that sets off may come back to the link.
+TEST_F(DisconnectingALink, AnswersEachRequestOnceWhateverAnAnswerSetsOff) {
+  Link* const a = AddLink("A");
+  Link* const b = AddLink("B");
+  b->State = kLinkConnected;
+  const pid_t dead = EndedProcess();
+  ASSERT_EQ(AddClientPidIntoList("test", 1, b, dead, 77), 0);
+  Fake().OnDead = [&](Link*) { DisconnectLink("test", 1, a, 4007, 32); };
+  Save(1, a);
+  Save(2, a);
+  Sent(3, a);
+  ClientMessage first = Request(4);
+  first.TaskName = 0;  // the name of no process: all clients are looked at
+  ASSERT_EQ(SaveUnsendMsg("test", 1, &first, a), 0);
+  DisconnectLink("test", 1, a, 4008, 104);
+  EXPECT_EQ(a->Books.Waiting, 0);
+  EXPECT_EQ(a->Books.InFlight, 0);
+  Texts answers = Received();
+  std::sort(answers.begin(), answers.end());
+  EXPECT_EQ(answers, (Texts{"1: 4008, 104", "2: 4008, 104", "3: 4008, 104"}));
 }
 
 TEST_F(DisconnectingALink, AnswersWhatWasSentBeforeWhatWaits) {
