@@ -32,6 +32,7 @@
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
+#include "tests/unit/system_faults.h"
 
 namespace {
 
@@ -867,13 +868,39 @@ TEST_F(LocalIpc, ConnectionThatTheReaderWasWritingToWhenItDiedIsClosed) {
   EXPECT_EQ(MsgInfos(), 0);
 }
 
+// Another connection may have the number by now, which the reader has nothing to do with.
+TEST_F(LocalIpc, ConnectionWithTheNumberOfOneThatTheReaderWasWritingToStays) {
+  Kernel kernel;
+  const Client first = ConnectClient();
+  ConnectTo(kernel);
+  Ask(first.Accepted, 1);
+  BoardRequest request;
+  ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 1, &request));
+  ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
+  CloseClient(first.Accepted);
+  const Client second = ConnectClient();
+  ASSERT_EQ(second.Accepted, first.Accepted);
+  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), kStatusPeerClosed);
+  EXPECT_TRUE(FD_ISSET(second.Accepted, &g_DbcI.ClientSockets));
+  EXPECT_FALSE(Readable(second.Fd, 0));
+}
+
 TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
   Kernel kernel;
   ConnectTo(kernel);
   const int pipe = Data().PipeRead;
+  const Client client = ConnectClient();
+  Ask(client.Accepted, 5);
   ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
   ASSERT_TRUE(RecordComes());
+  errno = 77;
   EXPECT_EQ(Read(), kStatusPeerClosed);
+  const std::string failure = Receive(client);
+  ASSERT_EQ(failure.size(), 108U);
+  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{44}), 0)
+      << "the error is of something else";
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(LinkOfSocket(pipe), nullptr);
   EXPECT_EQ(Data().PipeRead, pipe);
@@ -932,6 +959,74 @@ TEST_F(LocalIpc, AnswersOfADeadReaderStillReachTheirClients) {
   EXPECT_EQ(Read(), kStatusPeerClosed);
   EXPECT_TRUE(HasText(Receive(client), "last words"));
   EXPECT_FALSE(Readable(client.Fd, 0));
+}
+
+// The child counts its calls from its start on.
+TEST_F(LocalIpc, ReaderGoesOnWhateverSignalsCome) {
+  for (const SystemCall call : {SystemCall::MsgReceive, SystemCall::Send, SystemCall::Write}) {
+    Kernel kernel;
+    {
+      const FailingSystemCall interrupted(call, EINTR, 0, 2);
+      ConnectTo(kernel);
+    }
+    const Client client = ConnectClient();
+    Ask(client.Accepted, 5);
+    AnswerNext(kernel, "handed");
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), 0);
+    EXPECT_TRUE(HasText(Receive(client), "handed")) << static_cast<int>(call);
+    const pid_t reader = Data().ChildPid;
+    LIpcUninitLink("test", 1, link_);
+    waitpid(reader, nullptr, 0);
+  }
+}
+
+TEST_F(LocalIpc, AgentGoesOnWhateverSignalsCome) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  {
+    const FailingSystemCall send(SystemCall::MsgSend, EINTR, 0, 2),
+        wake(SystemCall::SemOp, EINTR, 0, 2);
+    Ask(client.Accepted, 5);
+    EXPECT_EQ(send.Calls(), 3);
+    EXPECT_EQ(wake.Calls(), 3);
+  }
+  EXPECT_EQ(kernel.SemaphoreValue(), 1);
+  AnswerNext(kernel, "handed");
+  ASSERT_TRUE(RecordComes());
+  {
+    const FailingSystemCall record(SystemCall::Read, EINTR, 0, 2),
+        answer(SystemCall::Recv, EINTR, 0, 2);
+    EXPECT_EQ(Read(), 0);
+    EXPECT_EQ(record.Calls(), 3);
+    EXPECT_EQ(answer.Calls(), 3);
+  }
+  EXPECT_TRUE(HasText(Receive(client), "handed"));
+}
+
+TEST_F(LocalIpc, HalfARecordOfAFormerReaderIsForgotten) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  Data().RecordBytes = 4;
+  LIpcDisconnectLink("test", 1, link_);
+  ASSERT_EQ(Connect(), 0);
+  const Client client = ConnectClient();
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "whole");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(HasText(Receive(client), "whole"));
+}
+
+TEST_F(LocalIpc, ReaderMayWriteAgainWhenAllIsAnsweredThatItMayNotChooseAmong) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  ConnectTo(kernel);
+  Data().Board->AgentDecides = true;
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "straight");
+  EXPECT_TRUE(HasText(Receive(client), "straight"));
 }
 
 TEST_F(LocalIpc, TickFindsADeadReader) {

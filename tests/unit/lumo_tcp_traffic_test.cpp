@@ -542,6 +542,15 @@ TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
   DisconnectLink("test", __LINE__, Node, 0, 0);
 }
 
+TEST_F(TcpTraffic, ADisconnectKeepsErrno) {
+  Connected("0 0 0");
+  const FailingSystemCall notConnected(SystemCall::Shutdown, ENOTCONN);
+  errno = 77;
+  TcpDisconnectLink("test", __LINE__, Node);
+  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(notConnected.Calls(), 1);
+}
+
 TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
   Connected("0 0 0");
   Node->State = kLinkDisconnected;
