@@ -10,6 +10,7 @@
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"
 #include "tests/unit/agent_test.h"
+#include "tests/unit/system_faults.h"
 
 namespace {
 
@@ -176,6 +177,25 @@ TEST_F(ManagementCommands, AfterAMinuteTheStatusIsFreeAndTheLockCleared) {
   EXPECT_EQ(g_DbcI.NodetabLocked, 0);
   EXPECT_GE(g_DbcI.NodetabLockTime, before);
   EXPECT_EQ(Command(129, kOwner), 0);
+}
+
+TEST_F(ManagementCommands, ALockIsYoungUpToItsFiftyNinthSecond) {
+  FixedTime now(1000000);
+  Command(117, kOwner);
+  now.Set(1000059);
+  EXPECT_EQ(Command(118, kOwner + 1), 5);
+  EXPECT_EQ(Command(129, kOwner + 1), 5);
+  now.Set(1000060);
+  EXPECT_EQ(Command(129, kOwner + 1), 0);
+}
+
+TEST_F(ManagementCommands, ALockIsTakenOverWhenItsAgeIsItsTime) {
+  FixedTime now(1000000);
+  Command(117, kOwner);
+  now.Set(1999999);
+  EXPECT_EQ(Command(117, kOwner + 1), 5);
+  now.Set(2000000);
+  EXPECT_EQ(Command(117, kOwner + 1), 0);
 }
 
 TEST_F(ManagementCommands, OnlyTheOwnerUnlocksAYoungLock) {
@@ -594,6 +614,16 @@ TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
     EXPECT_EQ(Command(126, 0, text), 0);
   EXPECT_EQ(Circle(), "A B C");
   EXPECT_EQ(Fake().Calls.size(), 0U);
+}
+
+// A definition of no characters would be the last word on the node.
+TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionIsDeletedLaterAllTheSame) {
+  AddThreeLinks();
+  B->State = kLinkConnected;
+  EXPECT_EQ(Command(123, 0, "B"), 33);
+  EXPECT_EQ(Command(126, 0, std::string("B\0\0", 3)), 0);
+  DisconnectLink("test", 1, B, 0, 0);
+  EXPECT_EQ(Circle(), "A C");
 }
 
 TEST_F(ManagementCommands, ADefinitionThatMakesNoNodeChangesNothingButGives0) {
