@@ -1,6 +1,8 @@
 // Which node a request goes to, what its client hears when that node is not there, and that an
 // answer reaches the connection that asked and no other.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/process/reconnection.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/kernel.h"
@@ -333,6 +336,80 @@ TEST_F(ReusedConnection, AnAnswerToASavedRequestReachesNobody) {
   EXPECT_EQ(answer->Strings[0], "second");
   second.ExpectNothing();
   EXPECT_EQ(agent_.CountLogged(2, "clntxch", kSendFailed9), 1);
+}
+
+// The default node K is a local kernel, T another node; neither is there yet. The client has left
+// so many answers unread that the next ones but for a few close its connection.
+class ClosedInHand : public testing::Test {
+ protected:
+  static constexpr int kWaiting = 30;  // requests: their answers are more than what is left
+  static constexpr long kBound = 1 << 20, kLeft = 2000;
+
+  void SetUp() override {
+    agent_.Nodetab(k_.Line("K") + t_.Line("T"));
+    agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60000"});
+    ASSERT_TRUE(agent_.Start());
+    client_.emplace(agent_);
+    LeaveUnread();
+    for (int i = 0; i < kWaiting; ++i) client_->Send({}, "waits");
+    AwaitServed();
+    agent_.Tick();  // the next one, which tries K by itself, is two seconds away
+    ASSERT_TRUE(WaitFor([&] { return DefaultName(agent_) == "K"; })) << "T is still being tried";
+  }
+  // The client's last request is served: one that shows elsewhere.
+  void AwaitServed() {
+    const std::int32_t owner = ++lastOwner_;
+    client_->SendMessage(lumo::ManagementRequest(117, owner));
+    ASSERT_TRUE(WaitFor([&] {
+      const lumo::Answer locked = lumo::GetNodetabStatus(agent_.Control(), owner);
+      const bool served = locked && locked->Result == lumo::kHeldByCaller;
+      if (served) lumo::UnlockNodetab(agent_.Control(), owner);
+      return served;
+    }));
+  }
+  // The agent answers by itself that there is no such node.
+  void LeaveUnread() {
+    const lumo::Message unknown = client_->Request("NONE");
+    const auto size = static_cast<long>(ErrorFrame(unknown, 4050, 0).size());
+    int held = 0;  // by the system, which takes no more by then
+    for (long sent = 0; (sent + 1) * size - held < kBound - kLeft; ++sent) {
+      ASSERT_TRUE(client_->SendMessage(unknown));
+      if (sent * size < kBound / 2 || held > 0) continue;
+      AwaitServed();
+      ASSERT_EQ(ioctl(client_->Connection().Socket(), FIONREAD, &held), 0);
+    }
+  }
+  // The kernel is there now, and takes a connection but no request.
+  void Refuse() {
+    ASSERT_TRUE(k_.AcceptConnection());
+    shutdown(k_.Socket(), SHUT_RD);
+    ASSERT_TRUE(k_.Greet());
+  }
+
+  Agent agent_;
+  LateKernel k_{agent_};
+  Node t_{Node::Start::Bound};
+  std::optional<Client> client_;
+  std::int32_t lastOwner_ = 0;
+};
+
+// The kernel's failure answers the requests that wait for it, and so closes the connection of the
+// one in hand. That goes on to T, whose connection gets the number.
+TEST_F(ClosedInHand, ARequestIsNotSavedForANumberThatIsInUseAgain) {
+  k_.Listen();
+  t_.Listen();
+  client_->Send({}, "in hand");
+  Refuse();
+  ASSERT_TRUE(t_.Accept());
+  const auto received = t_.ReadRequest();
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->Strings[0], "in hand");
+  t_.Answer(*received, "too late");
+  Client other(agent_);
+  const lumo::Message request = other.Send({}, "afterwards");
+  ExpectServedBy(t_, "T", other, request);
+  EXPECT_TRUE(t_.Silent(Milliseconds(0))) << "the node gets an answer";
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

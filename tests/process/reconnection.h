@@ -59,10 +59,13 @@ class LateKernel : public Peer {
     if (listener_ < 0) Bind();
     if (listen(listener_, 16) != 0) throw std::runtime_error("listen fails");
   }
-  bool Accept() {
+  bool Accept() { return AcceptConnection() && Greet(); }
+  // The two halves of Accept: the agent waits between them.
+  bool AcceptConnection() {
     static_cast<Peer&>(*this) = Peer(lumo::Lengths::Client, AcceptWithin(listener_, kPatience));
-    return Open() && SendBytes(std::string(60, '\0'));
+    return Open();
   }
+  bool Greet() { return SendBytes(std::string(60, '\0')); }
   std::string Line(const std::string& name) const {
     return name + " LOCALS " + std::to_string(number_) + "\n";
   }
