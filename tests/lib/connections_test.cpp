@@ -280,6 +280,21 @@ TEST(Answers, MayComeInPiecesAndTogether) {
   EXPECT_EQ(connection.Receive(one, kAtOnce).String(0), "one");
 }
 
+TEST(Answers, MayBeAsLargeAsANodesLargestPacket) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question"),
+                    other = Send(connection, "SRV", "");
+  const auto request = peer.ReadRequest(), second = peer.ReadRequest();
+  ASSERT_TRUE(request && second);
+  const lumo::Message largest = test::AnswerTo(*request, std::string(8084, 'x'));
+  ASSERT_EQ(lumo::EncodedSize(largest), lumo::kMaxFrame);
+  peer.SendMessage(largest);
+  EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), largest.Strings[0]);
+  peer.SendMessage(test::AnswerTo(*second, std::string(8086, 'x')));
+  EXPECT_EQ(connection.Receive(other, kAmple).Reason(), LUMO_REASON_BAD_ANSWER);
+}
+
 TEST(Answers, ThatNobodyAskedForArePassedOver) {
   FakeAgent agent;
   auto [connection, peer] = agent.Connect();

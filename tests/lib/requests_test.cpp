@@ -325,6 +325,13 @@ TEST_F(Requests, TheLargestMessageGoesThroughAndALargerOneDoesNotGoOut) {
   EXPECT_EQ(echo.Served(), 1);
 }
 
+TEST_F(Requests, ANameMayHaveEightCharacters) {
+  test::EchoNode echo;
+  Start(echo.Line("EIGHTCHR"));
+  EXPECT_EQ(connection_->Ask("EIGHTCHR", "x", kAmple).String(0), "x");
+  EXPECT_EQ(connection_->DefaultName(kAmple).Name, "EIGHTCHR");
+}
+
 TEST_F(Requests, WrongArgumentsAreRefused) {
   Start("OTHER REZ\n");
   lumo_connection* const agent = connection_->Get();

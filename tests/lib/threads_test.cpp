@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <set>
 #include <thread>
 
@@ -107,6 +108,36 @@ TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
   });
   EXPECT_TRUE(test::Sleeps(waiter));
   EXPECT_TRUE(connection.Abandon(ticket));
+  waiting.join();
+}
+
+// What the library's event descriptor counts; -1: there is none.
+int UntakenWakeUps() {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    const std::string info = test::ReadFile(entry.path());
+    const std::size_t at = info.find("eventfd-count:");
+    if (at != std::string::npos) return std::stoi(info.substr(at + 14), nullptr, 16);
+  }
+  return -1;
+}
+
+// One that stayed would end every further wait at once.
+TEST_F(Threads, AWakeUpEndsOneWait) {
+  FakeAgent fake;
+  auto [connection, peer] = fake.Connect();
+  const lumo_ticket given = Send(connection, "SRV", "given up"), kept = Send(connection, "SRV", "");
+  ASSERT_TRUE(peer.ReadRequest());
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  std::atomic<pid_t> waiter{0};
+  std::thread waiting([&, &connection = connection] {
+    waiter = gettid();
+    EXPECT_TRUE(connection.Receive(kept, liblumo::kForever));
+  });
+  EXPECT_TRUE(test::Sleeps(waiter));
+  EXPECT_TRUE(connection.Abandon(given));
+  EXPECT_TRUE(test::WaitFor([] { return UntakenWakeUps() == 0; })) << UntakenWakeUps();
+  peer.SendMessage(*request);
   waiting.join();
 }
 
@@ -266,6 +297,24 @@ TEST(TagsOfAProcess, OneWhoseAnswerMayStillComeIsTakenLast) {
   EXPECT_EQ(tags.Take(), 900);
   EXPECT_EQ(tags.Take(), 700);
   EXPECT_EQ(tags.Take(), std::nullopt);
+  for (const std::uint16_t tag : taken) tags.Release(tag);
+}
+
+TEST(TagsOfAProcess, OneOfALostConnectionIsTakenAfterAllThatAreFree) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  const auto request = peer.ReadRequest();
+  ASSERT_TRUE(request);
+  peer.Close();
+  EXPECT_TRUE(connection.Receive(ticket, kAmple).Unsure());
+  Tags& tags = Tags::OfThisProcess();
+  for (int i = 0; i < 1000; ++i) tags.Release(*tags.Take());  // else it would be the last in turn
+  std::vector<std::uint16_t> taken;
+  while (const auto tag = tags.Take()) taken.push_back(*tag);
+  const auto place = std::find(taken.begin(), taken.end(), request->AstInd());
+  EXPECT_LT(taken.end() - place, 500) << "behind it are those that other tests have left";
+  EXPECT_NE(place, taken.end());
   for (const std::uint16_t tag : taken) tags.Release(tag);
 }
 
