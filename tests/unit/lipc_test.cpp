@@ -1029,6 +1029,43 @@ TEST_F(LocalIpc, ReaderMayWriteAgainWhenAllIsAnsweredThatItMayNotChooseAmong) {
   EXPECT_TRUE(HasText(Receive(client), "straight"));
 }
 
+TEST_F(LocalIpc, AnswerIsNotForARequestToWhichTheReaderHasOne) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client first = ConnectClient(), second = ConnectClient();
+  Ask(first.Accepted, 5);
+  Ask(second.Accepted, 5);
+  BoardRequest request;
+  ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 5, &request));
+  ASSERT_EQ(request.Socket, first.Accepted);
+  Data().Board->AgentDecides = true;
+  AnswerNext(kernel, "second");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(HasText(Receive(second), "second"));
+}
+
+// A reader that still lives would take a later request for one that is closed already.
+TEST_F(LocalIpc, ReaderMayChooseAmongNoneAfterTheParting) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  int parted[2];
+  ASSERT_EQ(pipe(parted), 0);
+  const ReaderBoard* const board = Data().Board;
+  const pid_t looker = fork();
+  if (looker == 0) {
+    char byte;
+    _exit(read(parted[0], &byte, 1) == 1 && board->AgentDecides ? 0 : 1);
+  }
+  LIpcDisconnectLink("test", 1, link_);
+  EXPECT_EQ(write(parted[1], "", 1), 1);
+  int status = -1;
+  EXPECT_EQ(waitpid(looker, &status, 0), looker);
+  EXPECT_EQ(status, 0);
+  close(parted[0]);
+  close(parted[1]);
+}
+
 TEST_F(LocalIpc, TickFindsADeadReader) {
   Kernel kernel;
   ConnectTo(kernel);
