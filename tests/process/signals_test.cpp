@@ -203,12 +203,14 @@ TEST(ParentSignal, IsNotSentWhenTheNodeTableFails) {
 TEST(ParentWatch, StopsTheAgentOnTheTickAfterTheParentsDeath) {
   Agent agent;
   const std::string pidFile = agent.Folder() / "agent.pid";
-  agent.UnderOwnParent().Options({"-PCHECK", "-PIDFILE", pidFile});
+  agent.UnderOwnParent().Options({"-PCHECK", "-PIDFILE", pidFile}).Trace();
   ASSERT_TRUE(agent.Start());
   agent.Ticks(2);
+  const int alarms = agent.CountLogged(15, "init", "AlarmHandler!");
   agent.KillParent();
   agent.Signal(SIGALRM);
   EXPECT_EQ(agent.Wait(), 0);
+  EXPECT_EQ(agent.CountLogged(15, "init", "AlarmHandler!"), alarms + 1) << "not a tick later";
   EXPECT_NE(access(pidFile.c_str(), F_OK), 0);
   EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
 }
