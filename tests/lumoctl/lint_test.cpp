@@ -140,4 +140,57 @@ TEST_F(Lint, FileThatCannotBeReadIsStatusTwo) {
   EXPECT_EQ(Run({"lint", agent_.Folder()}).Status, 2);
 }
 
+// "severity text" of what is told of the buffers.
+std::string BufferFault(const std::string& table, const char* asked,
+                        const lumo::ctl::BufferLimits& limits) {
+  const auto read = lumo::ctl::ReadTable(table, lumo::ctl::NumericResolver(), 20562);
+  const auto faults = CheckLinkBuffer(read, asked, limits);
+  return faults.empty() ? "" : SeverityText(faults.at(0).Level) + (' ' + faults.at(0).Text);
+}
+
+TEST(LinkBuffer, IsToldWhenTheSystemGivesLess) {
+  const std::string far = "FAR TCPIP 192.0.2.1 1060 3 60 10\n";
+  const std::string note =
+      "note the agent asks for 262144 bytes of buffer for a TCP link (LUMO_LINK_BUFFER), but "
+      "net.core.rmem_max is 212992, net.core.wmem_max is 212992: raise it for nodes at a distance";
+  EXPECT_EQ(BufferFault(far, nullptr, {212992, 212992}), note);
+  EXPECT_EQ(BufferFault(far, "no number", {212992, 212992}), note);
+  EXPECT_EQ(BufferFault(far, "4194305", {212992, 212992}), note);
+  EXPECT_EQ(BufferFault(far, nullptr, {262144, 262144}), "");
+  EXPECT_EQ(BufferFault(far, "524288", {524288, 262144}),
+            "warning the agent asks for 524288 bytes of buffer for a TCP link (LUMO_LINK_BUFFER), "
+            "but net.core.wmem_max is 262144");
+  EXPECT_EQ(BufferFault(far, "524288", {524288, 524288}), "");
+  EXPECT_EQ(BufferFault(far, "0", {4096, 4096}), "");
+  EXPECT_EQ(BufferFault(far, "524288", {}), "");  // limits that cannot be read
+}
+
+TEST(LinkBuffer, MattersToNodesOnOtherMachinesOnly) {
+  for (const char* near : {"N TCPIP 127.0.0.1 1060\n", "N TCPIP localhost 1060\n", "N LOCALS 5\n"})
+    EXPECT_EQ(BufferFault(near, "524288", {4096, 4096}), "") << near;
+  EXPECT_NE(BufferFault("N LOCALS 5\nF TCPIP db1 1060\n", "524288", {4096, 4096}), "");
+}
+
+// With another limit than the machine's, in a mount namespace of its own.
+TEST_F(Lint, LooksAtTheBuffersThatTheSystemGives) {
+  const std::string path = Write("table", "FAR TCPIP 192.0.2.1 1060 3 60 10\n");
+  const auto lint = [&](const std::string& most) {
+    const std::string limit = Write("limit", most);
+    test::Program program(
+        "/usr/bin/unshare",
+        {"--user", "--map-root-user", "--mount", "sh", "-euc",
+         "for i in r w; do mount --bind \"$1\" /proc/sys/net/core/${i}mem_max; done"
+         "; LUMO_LINK_BUFFER=500000 exec \"$2\" lint \"$3\"",
+         "sh", limit, LUMOCTL_PATH, path});
+    const auto status = program.Wait();
+    EXPECT_EQ(program.Stderr(), "");
+    return std::to_string(status.value_or(-1)) + ' ' + program.Stdout();
+  };
+  EXPECT_EQ(lint("499999"),
+            "1 system: warning: the agent asks for 500000 bytes of buffer for a TCP link "
+            "(LUMO_LINK_BUFFER), but net.core.rmem_max is 499999, net.core.wmem_max is 499999 "
+            "[link-buffer]\n1 node, 0 errors, 1 warning, 0 notes\n");
+  EXPECT_EQ(lint("500000"), "0 1 node, 0 errors, 0 warnings, 0 notes\n");
+}
+
 }  // namespace

@@ -1,4 +1,6 @@
 // lint: the faults of a node table file.
+#include <cstdlib>
+
 #include "tools/lumoctl/commands.h"
 #include "tools/lumoctl/exits.h"
 #include "tools/lumoctl/output.h"
@@ -54,6 +56,9 @@ int RunLint(const Options& options) {
   for (const Fault& fault : table.Faults) findings.Add(options.File, 0, fault);
   for (const Fault& fault : CheckOptions(options.Arguments, table))
     findings.Add("options", 0, fault);
+  for (const Fault& fault :
+       CheckLinkBuffer(table, std::getenv("LUMO_LINK_BUFFER"), SystemBufferLimits()))
+    findings.Add("system", 0, fault);
   const int nodes = static_cast<int>(table.Nodes().size());
   const int errors = findings.Of(Severity::Error), warnings = findings.Of(Severity::Warning),
             notes = findings.Of(Severity::Note);

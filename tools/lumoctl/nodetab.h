@@ -89,6 +89,16 @@ Table ReadTable(const std::string& fileText, const Resolver& resolver, int excha
 // What is wrong with a command line of the agent, beside this table.
 std::vector<Fault> CheckOptions(const std::vector<std::string>& arguments, const Table& table);
 
+// What the system gives a socket's buffer at most, in bytes; 0: not known.
+struct BufferLimits {
+  long Receive = 0, Send = 0;
+};
+BufferLimits SystemBufferLimits();
+// What of the buffers that the agent asks for (LUMO_LINK_BUFFER, or null) the system does not give,
+// when the table has a TCP node on another machine: on this one they do not matter.
+std::vector<Fault> CheckLinkBuffer(const Table& table, const char* asked,
+                                   const BufferLimits& limits);
+
 // The option that the agent finds in an argument, such as "PING" in "--ping"; empty: none.
 std::string OptionSpelled(const std::string& argument);
 
