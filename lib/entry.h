@@ -44,7 +44,7 @@ lumo_status Entry(Body body) noexcept {
   } catch (...) {
     outcome = {LUMO_SYSTEM, EIO};
   }
-  if (outcome.Error != 0) errno = outcome.Error;
+  if (outcome.Error != 0 || outcome.Status == LUMO_ERROR) errno = outcome.Error;
   return outcome.Status;
 }
 

@@ -109,7 +109,9 @@ Outcome AskAgent(lumo_connection* connection, std::uint16_t command, std::int32_
   request.RowId = argument;
   request.Strings[0] = text;
   if (EncodedSize(request) > kMaxMessage) return {LUMO_TOO_LONG};
-  return SideOf(connection).Ask(request, Kind::Management, deadline, answer);
+  Outcome end = SideOf(connection).Ask(request, Kind::Management, deadline, answer);
+  if (end.Status == LUMO_ERROR) end.Error = (*answer)->Message.SysErr;
+  return end;
 }
 
 }  // namespace lumo::detail

@@ -53,7 +53,6 @@ Reply Ask(lumo_connection* connection, const Command& command, int deadlineMs) {
   Reply reply;
   reply.Result =
       AskAgent(connection, command.Number, command.Argument, command.Text, deadlineMs, &answer);
-  if (reply.Result.Status == LUMO_ERROR) reply.Result.Error = answer->Message.SysErr;
   if (!reply.Result.Good()) return reply;
   reply.Value = answer->Message.RowId;
   reply.Item = std::move(answer->Message.Strings[LUMO_ROWS]);

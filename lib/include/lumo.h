@@ -17,20 +17,23 @@
  *   can be done without waiting, -1 (any negative number) waits for ever. Signals do not cut a wait
  *   short.
  * - Results. Every call that can fail returns a lumo_status. Nothing aborts, prints, raises SIGPIPE
- *   or lets an exception out. With LUMO_NO_AGENT and LUMO_SYSTEM, `errno` holds the system's
- * reason. Output parameters are always written: on failure with NULL or 0, or as told at the call.
+ *   or lets an exception out. Output parameters are always written: on failure with NULL or 0, or
+ *   as told at the call.
+ * - errno. With LUMO_NO_AGENT and LUMO_SYSTEM it holds the system's reason; with LUMO_ERROR of a
+ *   management call that which the agent told (EPERM: not permitted), or 0. Requests have the
+ *   agent's in lumo_answer_sys_error. After anything else errno tells nothing.
  * - Pointers. Required ones are marked; a null one gives LUMO_BAD_ARGUMENT. Texts are ended by a
- * NUL.
+ *   NUL.
  * - Threads. All calls may come from any thread at any time, also on one connection: several
- * threads may ask, send and receive on it together, and none waits for another's answer.
- * Exceptions: lumo_close (nobody else may be using the connection), and an answer or a request
- * structure belongs to one thread at a time.
+ *   threads may ask, send and receive on it together, and none waits for another's answer.
+ *   Exceptions: lumo_close (nobody else may be using the connection), and an answer or a request
+ *   structure belongs to one thread at a time.
  * - fork. Parent and child may both go on with the same lumo_connection. The child's first call on
  *   it leaves the parent's socket to the parent and makes a connection of the child's own; requests
  *   that the parent has sent stay the parent's (LUMO_FORKED in the child). The child does not
  *   inherit answers that the parent waits for. Sockets are closed on exec.
  * - The agent's end. A lost connection is made again by the next call that sends; what was in
- * flight ends as LUMO_UNSURE. Nothing is sent twice.
+ *   flight ends as LUMO_UNSURE. Nothing is sent twice.
  * - Two copies of this library in one process (say, one static in a plug-in) do not know of each
  *   other's tags: use one.
  * - The agent probes its clients by process id, so both must be in one process id namespace.
@@ -333,8 +336,9 @@ LUMO_API uint16_t lumo_answer_tag(const lumo_answer* answer);
  *
  * Each takes a deadline and, last, `result` (may be null) for the number that the agent answered.
  * LUMO_OK: done. LUMO_REFUSED: the agent answered no; *result says why. LUMO_UNSURE: no answer came
- * after the command was sent (the agent may have carried it out). Else as lumo_send. *result is 0
- * when there is none. */
+ * after the command was sent (the agent may have carried it out). LUMO_ERROR: the agent refused to
+ * look at it, errno says why (EPERM: LUMO_CODE_NOT_PERMITTED). Else as lumo_send. *result is 0 when
+ * there is none. */
 
 typedef enum lumo_result {
   LUMO_RESULT_DONE = 0,

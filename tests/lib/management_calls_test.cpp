@@ -163,6 +163,35 @@ TEST_F(Management, AsARequest) {
   ASSERT_TRUE(std::filesystem::copy_file(path, path + "x"));
 }
 
+// Whichever call it was, errno is what the agent told.
+TEST(ManagementError, IsInErrno) {
+  test::FakeAgent fake;
+  test::FakeAgent::Pair pair = fake.Connect();
+  const auto refuse = [&](int sysErr, auto call) {
+    std::thread agent([&] {
+      auto request = pair.Agent.ReadRequest();
+      ASSERT_TRUE(request);
+      request->CodErr = LUMO_CODE_NOT_PERMITTED;
+      request->SysErr = sysErr;
+      EXPECT_TRUE(pair.Agent.SendMessage(*request));
+    });
+    errno = ENOENT;
+    EXPECT_EQ(call(pair.Library.Get()), LUMO_ERROR);
+    const int told = errno;
+    agent.join();
+    return told;
+  };
+  const auto typed = [](lumo_connection* agent) {
+    return lumo_add_node(agent, "NEW REZ", 5000, nullptr);
+  };
+  const auto byNumber = [](lumo_connection* agent) {
+    return lumo_manage(agent, 119, 0, {nullptr, 0}, 5000, nullptr, nullptr);
+  };
+  EXPECT_EQ(refuse(EPERM, typed), EPERM);
+  EXPECT_EQ(refuse(EPERM, byNumber), EPERM);
+  EXPECT_EQ(refuse(0, typed), 0);
+}
+
 TEST_F(Management, WithoutAnAgentOrInTime) {
   EXPECT_EQ(lumo_probe(nullptr, 0, nullptr), LUMO_BAD_ARGUMENT);
   EXPECT_EQ(lumo_add_node(Lumo().Get(), nullptr, 0, nullptr), LUMO_BAD_ARGUMENT);
