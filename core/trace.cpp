@@ -94,8 +94,9 @@ void WriteLine(Sink& sink, const char* line, std::size_t count) {
 
 // Formats behind what is in `line` already (kLineSize bytes) and writes it; a text that is longer
 // needs memory for once, and is cut without.
-void FormatAndWrite(Sink& sink, char* line, int header, const char* format, std::va_list arguments,
-                    const char* end) {
+[[gnu::format(printf, 4, 0)]] void FormatAndWrite(Sink& sink, char* line, int header,
+                                                  const char* format, std::va_list arguments,
+                                                  const char* end) {
   std::va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(line + header, kLineSize - static_cast<std::size_t>(header),

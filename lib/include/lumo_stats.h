@@ -243,19 +243,19 @@ typedef struct lumo_stats_link {
  * 3.2 % away from any whole microsecond in it, up to a minute. */
 static inline uint32_t lumo_stats_bucket(uint64_t microseconds) {
   uint32_t power = 4;
-  if (microseconds < 16) return (uint32_t)microseconds;
+  if (microseconds < 16) return microseconds & 15;
   if (microseconds >= UINT64_C(1) << 26) return LUMO_STATS_BUCKETS - 1;
 #if defined(__GNUC__)
-  power = 63U - (uint32_t)__builtin_clzll(microseconds);
+  power = (63 - __builtin_clzll(microseconds)) & 63;
 #else
   while (microseconds >> (power + 1) != 0) ++power;
 #endif
-  return (power - 3) * 16 + (uint32_t)((microseconds >> (power - 4)) & 15);
+  return (power - 3) * 16 + ((microseconds >> (power - 4)) & 15);
 }
 /* The smallest number of microseconds of a place; that of the next place for the one after it. */
 static inline uint64_t lumo_stats_bucket_floor(uint32_t bucket) {
   if (bucket < 16) return bucket;
-  return (uint64_t)(16 + bucket % 16) << (bucket / 16 - 1);
+  return (UINT64_C(16) + bucket % 16) << (bucket / 16 - 1);
 }
 
 /* What a page was read with; one thread at a time. */

@@ -41,7 +41,7 @@ bool IsCode(std::uint64_t address) {
 
 // Follows the chain of frame pointers through the agent's own code; a signal handler's chain ends
 // with the handler.
-[[gnu::no_sanitize("address", "undefined")]] FramePath WalkFrom(const void* frame) {
+__attribute__((no_sanitize("address", "undefined"))) FramePath WalkFrom(const void* frame) {
   FramePath path = {};
   const std::uint64_t* at = static_cast<const std::uint64_t*>(frame);
   while (path.Depth < faults::kDepth && IsCode(at[1])) {

@@ -225,7 +225,7 @@ TEST_F(ClientMessages, AHangUpFreesTheConnection) {
 TEST_F(ClientMessages, AHangUpInTheMiddleOfAMessageFreesTheConnection) {
   const std::string frame = lumo::Encode(client_->Request("SRV"), lumo::Lengths::Client);
   int hangUps = 0;
-  for (const std::size_t part : {1, 4, 60, 107}) {
+  for (const std::size_t part : {1U, 4U, 60U, 107U}) {
     const int before = OpenDescriptors(agent_.Pid());
     Client other(agent_);
     other.SendBytes(std::string_view(frame).substr(0, part));

@@ -63,8 +63,8 @@ class Manager {
     if (!client_.SendMessage(request)) ADD_FAILURE() << "the command cannot be sent";
     return request;
   }
-  Outcome Receive(const lumo::Message& request, const Place& place = Place::current()) {
-    const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  Outcome Receive(const lumo::Message& request, const Place& place = Place::Here()) {
+    const testing::ScopedTrace trace(place.File, place.Line, "");
     const std::optional<std::string> frame = client_.ReceiveFrame();
     const auto answer = frame ? lumo::Decode(*frame, lumo::Layout::Management) : std::nullopt;
     if (!answer) {
@@ -76,19 +76,19 @@ class Manager {
     return outcome;
   }
   Outcome Ask(int command, std::int32_t rowId = 0, const std::string& argument = {},
-              const Place& place = Place::current()) {
+              const Place& place = Place::Here()) {
     return Receive(Send(command, rowId, argument), place);
   }
   int Result(int command, std::int32_t rowId = 0, const std::string& argument = {},
-             const Place& place = Place::current()) {
+             const Place& place = Place::Here()) {
     const Outcome outcome = Ask(command, rowId, argument, place);
     EXPECT_EQ(outcome.Item, "") << "no item belongs to command " << command;
     return outcome.Result;
   }
 
-  int Count(const Place& place = Place::current()) { return Result(102, 0, {}, place); }
+  int Count(const Place& place = Place::Here()) { return Result(102, 0, {}, place); }
   // The names in node table order, with a blank between them.
-  std::string Names(const Place& place = Place::current()) {
+  std::string Names(const Place& place = Place::Here()) {
     std::string names;
     const int count = Count(place);
     for (int index = 0; index < count; ++index) {
@@ -98,20 +98,20 @@ class Manager {
     }
     return names;
   }
-  std::string Default(const Place& place = Place::current()) {
+  std::string Default(const Place& place = Place::Here()) {
     return lumo::ItemText(Ask(103, 0, {}, place).Item);
   }
-  int AddNode(const std::string& line, const Place& place = Place::current()) {
+  int AddNode(const std::string& line, const Place& place = Place::Here()) {
     return Result(119, 0, line + '\0', place);
   }
-  int DeleteNode(const std::string& name, const Place& place = Place::current()) {
+  int DeleteNode(const std::string& name, const Place& place = Place::Here()) {
     return Result(123, 0, name + '\0', place);
   }
   int SetNode(const std::string& name, const std::string& line,
-              const Place& place = Place::current()) {
+              const Place& place = Place::Here()) {
     return Result(126, 0, name + '\0' + '\0' + line + '\0', place);
   }
-  lumo::NodeDescription Describe(const std::string& name, const Place& place = Place::current()) {
+  lumo::NodeDescription Describe(const std::string& name, const Place& place = Place::Here()) {
     const Outcome outcome = Ask(120, 0, name + '\0', place);
     EXPECT_EQ(outcome.Result, 0) << name;
     return lumo::DecodeNodeDescription(outcome.Item).value_or(lumo::NodeDescription{});

@@ -24,8 +24,8 @@ inline std::string LogOf(Agent& agent) {
 
 // The node gets its next request, which is answered with "from NODE".
 inline void ExpectServedBy(Peer& node, const std::string& name, Client& client,
-                           const lumo::Message& request, const Place& place = Place::current()) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+                           const lumo::Message& request, const Place& place = Place::Here()) {
+  const testing::ScopedTrace trace(place.File, place.Line, "");
   const std::optional<lumo::Message> received = node.ReadRequest();
   ASSERT_TRUE(received);
   EXPECT_EQ(received->AstInd(), request.AstInd());

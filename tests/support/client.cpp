@@ -91,7 +91,7 @@ std::optional<lumo::Message> Client::Receive(Milliseconds timeout) {
 }
 
 lumo::Message Client::ExpectAnswer(const lumo::Message& request, const Place& place) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  const testing::ScopedTrace trace(place.File, place.Line, "");
   const std::optional<lumo::Message> answer = Receive();
   if (!answer) {
     ADD_FAILURE() << "no answer comes" << (Connected() ? "" : ": the connection was closed");
@@ -107,7 +107,7 @@ lumo::Message Client::Ask(const std::string& node, const std::string& text, cons
 }
 
 void Client::ExpectError(const lumo::Message& request, int codErr, int sysErr, const Place& place) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  const testing::ScopedTrace trace(place.File, place.Line, "");
   const std::optional<std::string> frame = ReceiveFrame();
   if (frame == ErrorFrame(request, codErr, sysErr)) return;
   const std::optional<lumo::Message> answer = frame ? lumo::Decode(*frame) : std::nullopt;
@@ -123,7 +123,7 @@ void Client::ExpectError(const lumo::Message& request, int codErr, int sysErr, c
 }
 
 void Client::ExpectNothing(const Place& place) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  const testing::ScopedTrace trace(place.File, place.Line, "");
   for (std::uint16_t trip = 0; trip < 2; ++trip) {
     lumo::Message request = lumo::ManagementRequest(100);
     request.TaskName = getpid();
@@ -141,7 +141,7 @@ void Client::ExpectNothing(const Place& place) {
 }
 
 void Client::ExpectClosed(const Place& place) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), "");
+  const testing::ScopedTrace trace(place.File, place.Line, "");
   const std::optional<std::string> frame = ReceiveFrame();
   EXPECT_FALSE(frame) << "came " << Shown(frame);
   EXPECT_TRUE(Connection().Lost()) << "the connection stays open";

@@ -2,7 +2,6 @@
 #pragma once
 #include <cstdint>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -12,7 +11,14 @@
 
 namespace test {
 
-using Place = std::source_location;  // of the line in the test, for its failures
+// Of the line in the test, for its failures; std::source_location asks for a later clang.
+struct Place {
+  const char* File;
+  int Line;
+  static Place Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {file, line};
+  }
+};
 
 class Client;
 
@@ -40,17 +46,17 @@ class Client {
   std::optional<lumo::Message> Receive(Milliseconds timeout = kPatience);
 
   // The next message is the answer to this request; returned for further looks.
-  lumo::Message ExpectAnswer(const lumo::Message& request, const Place& place = Place::current());
+  lumo::Message ExpectAnswer(const lumo::Message& request, const Place& place = Place::Here());
   // Send and ExpectAnswer: for a node that answers by itself (EchoNode).
   lumo::Message Ask(const std::string& node, const std::string& text,
-                    const Place& place = Place::current());
+                    const Place& place = Place::Here());
   // The next message is the agent's own answer with these codes, exact to the byte.
   void ExpectError(const lumo::Message& request, int codErr, int sysErr,
-                   const Place& place = Place::current());
+                   const Place& place = Place::Here());
   // Nothing has come: the agent's answer to a management command sent now is the next message.
-  void ExpectNothing(const Place& place = Place::current());
+  void ExpectNothing(const Place& place = Place::Here());
   // The agent closes the connection, and nothing comes before.
-  void ExpectClosed(const Place& place = Place::current());
+  void ExpectClosed(const Place& place = Place::Here());
   void Close();
 
  private:
