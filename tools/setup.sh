@@ -6,13 +6,14 @@ build_packages=(cmake ninja-build g++ libgtest-dev libcli11-dev libcpp-httplib-d
 check_packages=(clang-format clang-tidy cppcheck)         # tests/check_code.sh
 manual_packages=(groff-base mandoc python3)               # tests/man
 dissector_packages=(python3 tshark)                       # tests/dissector
+shell_packages=(zsh)                                       # tests/lumoctl
 model_packages=(spin)                                      # tests/model
 monitoring_packages=(prometheus tmux)                      # tools/rehearsal/monitoring.py
 debian_packages=(abigail-tools apparmor build-essential debhelper dh-python dpkg-dev lintian pkg-config
   systemd) # tests/packaging
 # All that test.sh runs with, installed at once: what is missing shows in the first minute.
 test_packages=("${build_packages[@]}" "${check_packages[@]}" "${manual_packages[@]}"
-  "${dissector_packages[@]}" "${model_packages[@]}" "${debian_packages[@]}")
+  "${dissector_packages[@]}" "${shell_packages[@]}" "${model_packages[@]}" "${debian_packages[@]}")
 
 step() { printf '\n== %s\n' "$*"; }
 

@@ -10,6 +10,7 @@
 
 #include "lib/include/lumo.h"
 #include "tools/lumoctl/commands.h"
+#include "tools/lumoctl/completion.h"
 #include "tools/lumoctl/exits.h"
 
 namespace lumo::ctl {
@@ -74,6 +75,14 @@ struct Parser {
   Options Result;
   std::string Color = "auto";
 
+  Parser() {
+    AddGeneral();
+    AddLooking();
+    AddChanging();
+    AddTesting();
+    AddWatching();
+    AddTableCommands();
+  }
   CLI::App* Command(const char* name, const char* help, int (*run)(const Options&)) {
     CLI::App* const command = App.add_subcommand(name, help);
     command->fallthrough();
@@ -209,9 +218,11 @@ void Parser::AddWatching() {
   Command("clients", "the connections of clients; does not ask the agent", RunClients);
   CLI::App* const top = Command("top", "a live screen of nodes and the busiest clients", RunTop);
   top->add_option("-d,--delay", Result.DelaySeconds, "seconds between two readings")
+      ->type_name("SECONDS")
       ->check(CLI::Range(0.05, 3600.0))
       ->capture_default_str();
   top->add_option("--count", Result.Count, "readings to show; 0: without end")
+      ->type_name("NUMBER")
       ->check(CLI::Range(0, 1000000000))
       ->capture_default_str();
   CLI::App* const drain = Command(
@@ -224,10 +235,11 @@ void Parser::AddWatching() {
       Command("trace", "a log of level 15, one line a request; needs no agent", RunTrace);
   trace->add_option("FILE", Result.File, "the log; - for standard input")->required();
   Flag(trace, "--live", &Result.Live, "take the time when a line comes, not the log's clock");
-  trace->add_option("--tag", Result.Tag, "only requests with this tag");
-  trace->add_option("--pid", Result.Pid, "only requests of this process");
-  trace->add_option("--node", Result.Node, "only requests for this node");
+  trace->add_option("--tag", Result.Tag, "only requests with this tag")->type_name("NUMBER");
+  trace->add_option("--pid", Result.Pid, "only requests of this process")->type_name("NUMBER");
+  trace->add_option("--node", Result.Node, "only requests for this node")->type_name("NAME");
   trace->add_option("--slowest", Result.Slowest, "only so many, the slowest first")
+      ->type_name("NUMBER")
       ->check(CLI::Range(1, 1000000));
 }
 
@@ -261,15 +273,13 @@ bool WantsColor(const std::string& word) {
 
 }  // namespace
 
+std::string CompletionOf(const std::string& script) {
+  return WithOptionTable(Parser().App, script);
+}
+
 Options ParseOptions(int argc, char** argv) {
   Parser parser;
   parser.Result.Owner = getppid();
-  parser.AddGeneral();
-  parser.AddLooking();
-  parser.AddChanging();
-  parser.AddTesting();
-  parser.AddWatching();
-  parser.AddTableCommands();
   // What is behind "--" of lint is for the agent, and no argument of this program.
   const auto separator = std::find(argv + 1, argv + argc, std::string("--"));
   const bool isLint = std::find(argv + 1, separator, std::string("lint")) != separator;

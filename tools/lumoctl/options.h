@@ -45,5 +45,7 @@ struct Options {
 
 // Ends the process itself for --help and --version (status 0) and for a bad command line.
 Options ParseOptions(int argc, char** argv);
+// The completion of a shell: its script, with a table of these options in it (completion.h).
+std::string CompletionOf(const std::string& script);
 
 }  // namespace lumo::ctl

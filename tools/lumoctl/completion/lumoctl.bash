@@ -1,27 +1,24 @@
 # Completion of lumoctl for bash. Names of nodes are those of the running agent.
 
-_lumoctl_commands="list show path status wait query default add set del lock unlock ping report
-  export refresh apply lint stats clients top drain log trace"
-_lumoctl_general="--exchange --socket --timeout --json --color --help"
+# command|names|what is expected|words: written by the build, from the program's option parser.
+mapfile -t _lumoctl_table <<'TABLE'
+@TABLE@
+TABLE
 
-# The options of a command, beside the general ones.
-_lumoctl_options() {
-  case $1 in
-    list) echo "--names" ;;
-    query) echo "--node" ;;
-    lock | unlock | status) echo "--owner" ;;
-    default | del) echo "--owner --no-lock" ;;
-    add | set) echo "--strict --owner --no-lock" ;;
-    ping) echo "--file --program" ;;
-    report) echo "--mask --file --program --log --lines --output" ;;
-    export) echo "--output --listen --no-ping --program" ;;
-    top) echo "--delay --count" ;;
-    drain) echo "--stop" ;;
-    trace) echo "--live --tag --pid --node --slowest" ;;
-    refresh) echo "--all --strict --file --owner --no-lock" ;;
-    apply) echo "--dry-run --keep --all --strict --owner --no-lock" ;;
-    lint) echo "--no-resolve --strict" ;;
-  esac
+# What the table has of a command, or "-", into the variables of _lumoctl.
+_lumoctl_read() {
+  local entry of names expected name
+  for entry in "${_lumoctl_table[@]}"; do
+    IFS='|' read -r of names expected _ <<<"$entry"
+    if [[ $of != "$1" ]]; then
+      [[ -n $names ]] || commands+=("$of")
+    elif [[ $names == -* ]]; then
+      options+=(${names//,/ })
+      for name in ${names//,/ }; do values[$name]=$expected; done
+    elif [[ -n $names ]]; then
+      arguments+=("$expected")
+    fi
+  done
 }
 
 # Names are compared here and not by compgen -W, which would expand what stands in them.
@@ -30,49 +27,51 @@ _lumoctl_nodes() {
   while IFS= read -r name; do
     [[ $name == "${1^^}"* ]] && COMPREPLY+=("$(printf '%q' "$name")")
   done < <("${COMP_WORDS[0]}" "${agent[@]}" --timeout 1 list --names 2>/dev/null)
-  [[ default == "$1"* && -n $2 ]] && COMPREPLY+=(default)
-}
-
-_lumoctl_files() {
-  compopt -o filenames 2>/dev/null
-  mapfile -t COMPREPLY < <(compgen -f -- "$1")
 }
 
 _lumoctl_words() { mapfile -t COMPREPLY < <(compgen -W "$2" -- "$1"); }
 
-_lumoctl() {
-  local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]}
-  local command= arguments=0 agent=() i
-  COMPREPLY=()
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    case ${COMP_WORDS[i]} in
-      -M | --exchange | --socket)
-        agent=("${COMP_WORDS[i]}" "${COMP_WORDS[++i]}") ;;
-      --timeout | --color | --owner | --file | --program | --log | --lines | -o | --output | -n | --node | --listen | \
-        -d | --delay | --count | --tag | --pid | --slowest)
-        # apply has -n as well, without a value
-        [[ $command == apply && ${COMP_WORDS[i]} == -n ]] || ((i++)) ;;
-      -*) ;;
-      *) if [[ -z $command ]]; then command=${COMP_WORDS[i]}; else ((arguments++)); fi ;;
-    esac
-  done
-  case $before in
-    --socket | --file | --program | --log | -o | --output) _lumoctl_files "$current"; return ;;
-    --color) _lumoctl_words "$current" "auto always never"; return ;;
-    -M | --exchange | --timeout | --owner | --lines | --listen | -d | --delay | --count | --tag | --pid | --slowest)
-      return ;;
-    --node) _lumoctl_nodes "$current"; return ;;
-    -n) [[ $command == query ]] && { _lumoctl_nodes "$current"; return; } ;;
+_lumoctl_expected() {
+  case $2 in
+    PATH | FILE)
+      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$1") ;;
+    NODE)
+      _lumoctl_nodes "$1"
+      [[ default == "$1"* ]] && COMPREPLY+=(default) ;;
+    NAME) _lumoctl_nodes "$1" ;;
+    LEVEL) _lumoctl_words "$1" "$(printf '%s ' {0..15})" ;;
+    '{'*) _lumoctl_words "$1" "${2//[\{,\}]/ }" ;;
   esac
-  if [[ $current == -* ]]; then
-    _lumoctl_words "$current" "$_lumoctl_general $(_lumoctl_options "$command")"
+}
+
+_lumoctl() {
+  local current=${COMP_WORDS[COMP_CWORD]} command= value= word i given=0
+  local -a commands=() options=() arguments=() agent=()
+  local -A values=()
+  COMPREPLY=()
+  _lumoctl_read -
+  for ((i = 1; i < COMP_CWORD; i++)); do
+    word=${COMP_WORDS[i]} value=
+    if [[ $word == -* ]]; then
+      value=${values[$word]-}
+      [[ $word == -M || $word == --exchange || $word == --socket ]] && agent=("$word" "${COMP_WORDS[i + 1]}")
+      [[ -z $value ]] || ((++i))
+    elif [[ -z $command ]]; then
+      command=$word
+      _lumoctl_read "$command"
+    else
+      ((++given))
+    fi
+  done
+  if ((i > COMP_CWORD)); then
+    _lumoctl_expected "$current" "$value"
+  elif [[ $current == -* ]]; then
+    _lumoctl_words "$current" "${options[*]}"
   elif [[ -z $command ]]; then
-    _lumoctl_words "$current" "$_lumoctl_commands"
-  elif ((arguments == 0)); then
-    case $command in
-      show | set | del | default | refresh | ping | stats) _lumoctl_nodes "$current" or-default ;;
-      apply | lint | trace) _lumoctl_files "$current" ;;
-    esac
+    _lumoctl_words "$current" "${commands[*]}"
+  elif ((given < ${#arguments[@]})); then
+    _lumoctl_expected "$current" "${arguments[given]}"
   fi
 }
 
