@@ -68,6 +68,12 @@ class ControlPage(unittest.TestCase):
         text = self.help()
         self.assertEqual(listed, self.options_of_help(text[:text.index("Subcommands:")]))
 
+    def test_commands_that_wait_longer(self):
+        listed = re.findall(r"^  ([a-z]+) .*\(30 s\)$", self.help(), re.M)
+        text = "\n".join(self.page.section("DESCRIPTION"))
+        told = re.search(r"5 seconds, 30 for\n(.*?)\n\.It", text, re.S).group(1)
+        self.assertEqual(set(re.findall(r"^\.Cm (\w+)", told, re.M)), set(listed))
+
     def test_exit_statuses(self):
         listed = re.findall(r"\.It (\d)\n(.*)", "\n".join(self.page.section("EXIT STATUS")))
         told = re.findall(r"^\s+(\d)  (.*)$", self.help(), re.M)
