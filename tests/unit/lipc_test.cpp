@@ -1008,7 +1008,7 @@ TEST_F(LocalIpc, AgentGoesOnWhateverSignalsCome) {
 TEST_F(LocalIpc, HalfARecordOfAFormerReaderIsForgotten) {
   Kernel kernel;
   ConnectTo(kernel);
-  Data().RecordBytes = 4;
+  Data().RecordsEnd = 4;
   LIpcDisconnectLink("test", 1, link_);
   ASSERT_EQ(Connect(), 0);
   const Client client = ConnectClient();

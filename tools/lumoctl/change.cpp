@@ -69,7 +69,7 @@ std::string PathOfTable(Agent* agent, const Options& options) {
   return *path;
 }
 
-Json JsonOf(const Step& step) {
+Json StepJson(const Step& step) {
   Json value{{"node", step.Node}, {"action", WordsOf(step.What).Name}};
   if (!step.From.empty()) value["from"] = step.From;
   if (!step.To.empty()) value["to"] = step.To;
@@ -215,7 +215,7 @@ int ShowSteps(const Options& options, const Plan& plan, const std::vector<std::s
   std::string text;
   int same = 0;
   for (const Step& step : plan.Steps) {
-    list.push_back(JsonOf(step));
+    list.push_back(StepJson(step));
     if (step.What == Action::Nothing)
       ++same;
     else
@@ -304,7 +304,7 @@ int RunRefresh(const Options& options) {
   Json list = Json::array();
   std::string text;
   for (const Step& step : steps) {
-    Json value = JsonOf(step);
+    Json value = StepJson(step);
     value.erase("action");
     list.push_back(value);
     const std::string change = step.From == step.To ? step.From : step.From + " -> " + step.To;

@@ -7,8 +7,8 @@ namespace {
 
 constexpr char kPlace[] = "@TABLE@\n";
 
-std::string TableLine(const std::string& command, const std::string& names,
-                      const std::string& expected, const std::string& words) {
+std::string OptionLine(const std::string& command, const std::string& names,
+                       const std::string& expected, const std::string& words) {
   return command + '|' + names + '|' + expected + '|' + words + '\n';
 }
 
@@ -23,14 +23,14 @@ std::string Expected(const CLI::Option* option) {
 std::string OptionLine(const std::string& command, const CLI::Option* option) {
   std::string name = option->get_name(option->get_positional(), true);
   if (!option->get_positional())
-    return TableLine(command, name, Expected(option), option->get_description());
+    return OptionLine(command, name, Expected(option), option->get_description());
   const std::string expected = name;
   if (option->get_expected_max() > 1) name += "...";
-  return TableLine(command, name, expected, option->get_description());
+  return OptionLine(command, name, expected, option->get_description());
 }
 
 std::string CommandLines(const CLI::App* command) {
-  std::string lines = TableLine(command->get_name(), "", "", command->get_description());
+  std::string lines = OptionLine(command->get_name(), "", "", command->get_description());
   for (const CLI::Option* option : command->get_options())
     if (option != command->get_help_ptr()) lines += OptionLine(command->get_name(), option);
   return lines;

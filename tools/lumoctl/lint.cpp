@@ -14,7 +14,7 @@ Style StyleOf(Severity level) {
   return level == Severity::Warning ? Style::Doubtful : Style::Faint;
 }
 
-Json JsonOf(const Fault& fault, int line) {
+Json FaultJson(const Fault& fault, int line) {
   Json value;
   if (line > 0) value["line"] = line;
   value["severity"] = SeverityText(fault.Level);
@@ -30,7 +30,7 @@ struct Findings {
   int Counts[3] = {0, 0, 0};
 
   void Add(const std::string& place, int line, const Fault& fault) {
-    Faults.push_back(JsonOf(fault, line));
+    Faults.push_back(FaultJson(fault, line));
     ++Counts[static_cast<int>(fault.Level)];
     Text += Printable(place) + ": " +
             Painted(Settings, StyleOf(fault.Level), SeverityText(fault.Level)) + ": " +

@@ -25,7 +25,7 @@ std::string Joined(std::vector<std::string>::const_iterator word,
   return text;
 }
 
-std::string Number(const lumo_node& node, unsigned number) {
+std::string NumberOf(const lumo_node& node, unsigned number) {
   return node.protocol == kTcpip ? std::to_string(number) : "";
 }
 
@@ -75,10 +75,10 @@ int RunList(const Options& options) {
                {node.name, isDefault ? Style::Strong : Style::Plain},
                lumo_protocol_name(node.protocol),
                node.address,
-               Number(node, node.port),
-               Number(node, node.receive_timeout),
-               Number(node, node.send_timeout),
-               Number(node, node.connect_timeout)});
+               NumberOf(node, node.port),
+               NumberOf(node, node.receive_timeout),
+               NumberOf(node, node.send_timeout),
+               NumberOf(node, node.connect_timeout)});
   }
   Show(options, Json{{"nodes", list}}, options.Names ? names : table.Text(options));
   return kDone;

@@ -13,10 +13,6 @@ constexpr char kLetters[] = "ghijklmnopqrstuvwyzGHIJKLMNOPQRSTUVWYZ";
 // What no name of a node or host in a text is stuck to: names go from one of these to the next.
 constexpr char kBoundaries[] = " \t\n\v\f\r\"',;()[]<>|";
 
-bool EndsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 }  // namespace
 
 void Masker::Add(Words* words, const char* prefix, const std::string& word) {
@@ -67,7 +63,7 @@ std::string Masker::Text(const std::string& text) {
     }
     const std::string token = text.substr(at, end - at);
     // The agent's trace has resolved addresses as hexadecimal numbers.
-    if (EndsWith(masked, "Network address ")) AddHost(token);
+    if (masked.ends_with("Network address ")) AddHost(token);
     masked += Replaced(token);
     at = end;
   }

@@ -132,16 +132,16 @@ struct Field {
 
 constexpr MetricType kGauge = MetricType::Gauge, kCounter = MetricType::Counter;
 
-double Number(std::uint64_t number) { return static_cast<double>(number); }
+double Value(std::uint64_t number) { return static_cast<double>(number); }
 double Time(std::int64_t microseconds) { return static_cast<double>(microseconds) / 1e6; }
 
-#define LUMO_AGENT(name, help, type, field)                                             \
-  {                                                                                     \
-    "lumo_" name, help, type, [](const Page& page) { return Number(page.Agent.field); } \
+#define LUMO_AGENT(name, help, type, field)                                            \
+  {                                                                                    \
+    "lumo_" name, help, type, [](const Page& page) { return Value(page.Agent.field); } \
   }
-#define LUMO_NODE(name, help, type, field)                                                        \
-  {                                                                                               \
-    "lumo_node_" name, help, type, [](const lumo_stats_link& link) { return Number(link.field); } \
+#define LUMO_NODE(name, help, type, field)                                                       \
+  {                                                                                              \
+    "lumo_node_" name, help, type, [](const lumo_stats_link& link) { return Value(link.field); } \
   }
 
 const Field<Page> kAgentFields[] = {
@@ -150,7 +150,7 @@ const Field<Page> kAgentFields[] = {
     {"lumo_last_pass_age_seconds", "Time since the loop's latest pass began.", kGauge,
      [](const Page& page) { return page.SecondsSincePass(); }},
     {"lumo_longest_pass_seconds", "Longest time between two waits of the loop.", kGauge,
-     [](const Page& page) { return Number(page.Agent.longest_pass) / 1e6; }},
+     [](const Page& page) { return Value(page.Agent.longest_pass) / 1e6; }},
     LUMO_AGENT("log_level", "Log level in force.", kGauge, log_level),
     LUMO_AGENT("nodes", "Number of nodes that the agent has.", kGauge, links),
     LUMO_AGENT("default_moves_total", "Times that another node became the default.", kCounter,
@@ -245,7 +245,7 @@ void AddPage(const Page& page, Metrics* metrics) {
                        (code.code < 0 ? "minus_" + std::to_string(-std::int64_t{code.code})
                                       : std::to_string(code.code)) +
                        "_total",
-                   "Answers of the agent with this code.", kCounter, Number(code.count));
+                   "Answers of the agent with this code.", kCounter, Value(code.count));
   for (const auto& [row, link] : page.Links) {
     metrics->AddNode("lumo_node_default", "Whether the node is the default.", kGauge, link.name,
                      page.IsDefault(row));

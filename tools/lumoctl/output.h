@@ -1,5 +1,6 @@
 // What lumoctl prints: one JSON value, or text in columns for people.
 #pragma once
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -32,6 +33,8 @@ class TextTable {
   std::vector<std::string> heads_;
   std::vector<std::vector<Cell>> rows_;
 };
+
+inline std::string Number(std::uint64_t number) { return std::to_string(number); }
 
 // The value with --json, else the text.
 void Show(const Options& options, const Json& value, const std::string& text);

@@ -14,10 +14,10 @@
 namespace lumo::ctl {
 namespace {
 
-struct Closer {
+struct StatsCloser {
   void operator()(lumo_stats* stats) const { lumo_stats_close(stats); }
 };
-using Stats = std::unique_ptr<lumo_stats, Closer>;
+using Stats = std::unique_ptr<lumo_stats, StatsCloser>;
 
 Stats OpenPage(const std::string& path) {
   lumo_stats* stats = nullptr;

@@ -46,10 +46,6 @@ std::vector<std::string> LogTexts(const std::string& log) {
   return texts;
 }
 
-bool EndsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 void ReadVerdict(const RunResult& run, int timeoutMs, Verdict* verdict) {
   verdict->Seconds = run.Seconds;
   verdict->Late = run.Late;
@@ -59,12 +55,12 @@ void ReadVerdict(const RunResult& run, int timeoutMs, Verdict* verdict) {
   }
   const std::vector<std::string> texts = LogTexts(run.Stderr);
   for (std::size_t i = 0; i < texts.size(); ++i) {
-    if (EndsWith(texts[i], "\" is alive") && run.Status == 0) {
+    if (texts[i].ends_with("\" is alive") && run.Status == 0) {
       verdict->Alive = true;
       verdict->Words = "alive";
       return;
     }
-    if (EndsWith(texts[i], "\" is not alive") && i + 1 < texts.size() && run.Status > 0) {
+    if (texts[i].ends_with("\" is not alive") && i + 1 < texts.size() && run.Status > 0) {
       verdict->Words = texts[i + 1];
       verdict->Code = kCodeBase + run.Status;
       return;

@@ -42,7 +42,7 @@ std::string Refusal(lumo_status status, const lumo_answer* answer) {
   return "the node refused: " + Printable(RowsOf(answer)) + " (code " + std::to_string(code) + ")";
 }
 
-Json JsonOf(const std::string& sql, lumo_status status, const lumo_answer* answer) {
+Json AnswerJson(const std::string& sql, lumo_status status, const lumo_answer* answer) {
   return Json{{"sql", sql},
               {"code", lumo_answer_code(answer)},
               {"system_error", lumo_answer_sys_error(answer)},
@@ -71,7 +71,7 @@ int RunQuery(const Options& options) {
       if (!options.Json) Show(options, {}, text);
       FailUnanswered(status, raw);
     }
-    answers.push_back(JsonOf(sql, status, raw));
+    answers.push_back(AnswerJson(sql, status, raw));
     if (status != LUMO_OK) {
       refusal = Refusal(status, raw);
       break;

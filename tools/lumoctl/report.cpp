@@ -24,7 +24,7 @@ namespace {
 constexpr int kVersionMs = 5000;
 constexpr int kJournalMs = 5000;
 
-std::string Now() {
+std::string UtcNow() {
   const std::time_t now = std::time(nullptr);
   std::tm fields{};
   gmtime_r(&now, &fields);
@@ -171,7 +171,7 @@ std::string AddAgent(Agent* agent, Json* report, Masker* masker) {
 }
 
 Json Collect(const Options& options, Masker* masker) {
-  Json report{{"time", Now()},
+  Json report{{"time", UtcNow()},
               {"lumoctl", LUMO_VERSION},
               {"library", lumo_version()},
               {"program", ProgramVersion(options)},

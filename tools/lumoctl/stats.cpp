@@ -8,8 +8,6 @@
 namespace lumo::ctl {
 namespace {
 
-std::string Number(std::uint64_t number) { return std::to_string(number); }
-
 Cell StateCell(std::uint32_t state) {
   if (state == LUMO_STATS_CONNECTED) return {StateText(state), Style::Good};
   return {StateText(state), state == LUMO_STATS_CONNECTING ? Style::Doubtful : Style::Plain};

@@ -92,8 +92,6 @@ std::string ClientLine(const TopClient& client) {
                                  client.Parked ? "parked" : "", std::to_string(client.LastCode)});
 }
 
-std::string Number(std::uint32_t number) { return std::to_string(number); }
-
 void AddHead(const Page& now, const TopView& view, TopOrder order, const std::string& message,
              std::vector<TopLine>* lines) {
   const lumo_stats_agent& agent = now.Agent;

@@ -19,7 +19,7 @@
 namespace lumo::ctl {
 namespace {
 
-double Now() {
+double ClockNow() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
@@ -157,7 +157,7 @@ void ReadLines(std::FILE* file, TraceReader* reader, bool live) {
     const ssize_t got = read(fileno(file), buffer.data() + have, buffer.size() - have);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
-    const double now = live ? Now() : 0;
+    const double now = live ? ClockNow() : 0;
     have += static_cast<std::size_t>(got);
     std::size_t from = 0;
     while (const void* const found = std::memchr(buffer.data() + from, '\n', have - from)) {
@@ -169,10 +169,10 @@ void ReadLines(std::FILE* file, TraceReader* reader, bool live) {
     std::memmove(buffer.data(), buffer.data() + from, have);
     if (have == buffer.size()) buffer.resize(2 * buffer.size());
   }
-  if (have > 0) reader->Line({buffer.data(), have}, live ? Now() : 0);
+  if (have > 0) reader->Line({buffer.data(), have}, live ? ClockNow() : 0);
 }
 
-struct Closer {
+struct FileCloser {
   void operator()(std::FILE* file) const {
     if (file != stdin) std::fclose(file);
   }
@@ -181,7 +181,7 @@ struct Closer {
 }  // namespace
 
 int RunTrace(const Options& options) {
-  const std::unique_ptr<std::FILE, Closer> file(
+  const std::unique_ptr<std::FILE, FileCloser> file(
       options.File == "-" ? stdin : std::fopen(options.File.c_str(), "re"));
   if (!file) throw Failure(kUsage, options.File + " cannot be read: " + std::strerror(errno));
   Report report(options);
