@@ -56,6 +56,7 @@ struct Line {
   std::uint32_t Serial = 0;
   std::string Node;
   bool Connected = false, Loose = false;  // Loose: it is not known when whole packets come
+  bool ByTimer = false;                   // the timer has begun it, and may have counted it already
   int Since = 0;                          // tick of the connect, or of the last input
 };
 
@@ -76,12 +77,14 @@ struct Books {
   std::map<int, Line> Lines;
   std::map<std::pair<int, std::uint32_t>, std::deque<ledger::Owed>> Owed;
   std::map<int, std::pair<std::uint32_t, bool>> Clients;  // serial, and that it may be closed
+  std::set<std::string> LeftBroken;  // nodes whose link has no descriptor and still connects
   std::map<std::string, unsigned> Drops;
   std::set<std::uint32_t> Misbehaving;  // connections of nodes
   std::set<std::uint32_t> Doubtful;     // connections of clients
   struct Rules Rules;
   int Now, Ticks;
   std::uint16_t LastManagementTag;
+  bool InTimer;  // until the next wait
   bool Stopping;
   ledger::Totals Totals;
 };
@@ -152,10 +155,11 @@ void ConnectEnded(int fd, int error) {
   Line& line = books.Lines[fd];
   const bool known = line.Serial == At(fd).Serial;
   if (error == EINPROGRESS || (error == 0 && !known))
-    line = {.Serial = At(fd).Serial, .Node = node, .Since = books.Ticks};
-  else if (error != 0 && error != EALREADY && error != EISCONN)
-    AddCause(node, kStatusConnect,
-             known ? 0 : error);  // the timer, which repeats it, tells no error
+    line = {.Serial = At(fd).Serial, .Node = node, .ByTimer = books.InTimer, .Since = books.Ticks};
+  if (!known) books.LeftBroken.erase(node);
+  if (error == 0 || error == EINPROGRESS || error == EALREADY || error == EISCONN) return;
+  AddCause(node, kStatusConnect, known ? 0 : error);  // the timer repeats it, and tells no error
+  if (known && books.Rules.AutoConnect) books.LeftBroken.insert(node);
 }
 
 // What recv and send tell of a link; local sockets have codes of their own for it.
@@ -338,7 +342,7 @@ bool IsOver(int since, int timeout) {
 void TickLine(int fd, const Line& line) {
   if (line.Serial == 0 || At(fd).Serial != line.Serial || !IsNode(fd)) return;
   const NodeLine& node = books.Nodes[line.Node];
-  if (!line.Connected && IsOver(line.Since, node.ConnectTimeout))
+  if (!line.Connected && IsOver(line.Since - line.ByTimer, node.ConnectTimeout))
     AddCause(line.Node, kStatusConnectTimeout, 0);
   if (line.Connected && (line.Loose || IsOver(line.Since, node.SendTimeout)))
     AddCause(line.Node, kStatusReceiveTimeout, 0);
@@ -480,8 +484,11 @@ std::string ledger::Give(int number, int node) {
   return Numbered(number, reached ? kRow : kWrong);
 }
 
+// A link that the circle left as it was, without a descriptor, cannot be given a mode.
 void ledger::Ticked() {
   ++books.Ticks;
+  books.InTimer = true;
+  for (const std::string& node : books.LeftBroken) AddCause(node, kStatusOption, 0);
   for (auto& [fd, line] : books.Lines) {
     line.Loose = line.Loose || At(fd).Piece != world::Socket::kEndless;
     TickLine(fd, line);
@@ -507,6 +514,7 @@ void ledger::AtWait() {
   CheckClosed();
   CheckLines();
   ++books.Now;
+  books.InTimer = false;
 }
 
 void ledger::BeforePass() {

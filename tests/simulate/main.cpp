@@ -1,6 +1,7 @@
 // Plays stories of the whole agent in a simulated system (see run.sh):
 //
-//   simulate --seeds A..B [--for SECONDS]   each of them, at log levels 0 and 15
+//   simulate --seeds A..B [--for SECONDS] [--traced-every N]
+//                                           each of them at log level 0, one in N (1) also at 15
 //   simulate --seed N                       one, and the shortest story with what it finds
 //   simulate --seed N --log LEVEL           one, with the agent's log; nothing is made shorter
 #include <fcntl.h>
@@ -98,11 +99,12 @@ void Add(Sums* sums, const Played& played) {
   sums->Seconds += played.Seconds;
 }
 
-// At both levels; the ledgers must be the same.
-Outcome PlayAtBothLevels(const Story& told, Sums* sums) {
+// At both levels the ledgers must be the same.
+Outcome Play(const Story& told, bool alsoTraced, Sums* sums) {
   Outcome quiet = PlayApart(told, kLevels[0]);
   if (!quiet.Finding.empty()) return quiet;
   Add(sums, quiet.What);
+  if (!alsoTraced) return quiet;
   Outcome traced = PlayApart(told, kLevels[1]);
   if (!traced.Finding.empty()) return traced;
   sums->Seconds += traced.What.Seconds;
@@ -121,7 +123,7 @@ std::string KindOf(const std::string& finding) {
 
 bool StillFinds(const Story& told, const std::string& kind) {
   Sums ignored = {};
-  return KindOf(PlayAtBothLevels(told, &ignored).Finding) == kind;
+  return KindOf(Play(told, true, &ignored).Finding) == kind;
 }
 
 // Leaves out ever smaller parts of the story as long as it goes on finding the same.
@@ -162,14 +164,14 @@ void Print(const Sums& sums, double seconds, unsigned long findings) {
   std::fflush(stdout);
 }
 
-int PlayAll(std::uint64_t first, std::uint64_t last, double limit) {
+int PlayAll(std::uint64_t first, std::uint64_t last, double limit, unsigned tracedEvery) {
   constexpr std::uint64_t kReport = 1000;
   Sums sums = {};
   unsigned long findings = 0;
   const double start = Now();
   for (std::uint64_t seed = first; seed <= last && Now() - start < limit; ++seed) {
     const Story told = story::Tell(seed);
-    const Outcome outcome = PlayAtBothLevels(told, &sums);
+    const Outcome outcome = Play(told, seed % tracedEvery == 0, &sums);
     if (!outcome.Finding.empty()) {
       ++findings;
       Tell(told, outcome.Finding);
@@ -201,13 +203,18 @@ int main(int argc, char** argv) {
   const char* const seeds = Argument(argc, argv, "--seeds");
   const char* const level = Argument(argc, argv, "--log");
   const char* const limit = Argument(argc, argv, "--for");
+  const char* const every = Argument(argc, argv, "--traced-every");
   unsigned long long first = 0, last = 0;
   if (seed && level) return PlayLogged(std::strtoull(seed, nullptr, 10), level);
   if (seed)
     first = last = std::strtoull(seed, nullptr, 10);
   else if (!seeds || std::sscanf(seeds, "%llu..%llu", &first, &last) != 2)
-    return std::fputs("usage: simulate --seeds A..B [--for SECONDS] | --seed N [--log LEVEL]\n",
-                      stderr),
+    return std::fputs(
+               "usage: simulate --seeds A..B [--for SECONDS] [--traced-every N] | --seed N [--log "
+               "LEVEL]\n",
+               stderr),
            2;
-  return PlayAll(first, last, limit ? std::atof(limit) : 1e9);
+  const int tracedEvery = every ? std::atoi(every) : 1;
+  return PlayAll(first, last, limit ? std::atof(limit) : 1e9,
+                 static_cast<unsigned>(std::max(tracedEvery, 1)));
 }

@@ -123,9 +123,8 @@ void Dribble(int fd, unsigned piece) {
 
 // Nodes
 
-void GiveAnswer(int node, int number, const Tag& tag) {
-  std::string frame = MakeMessage(
-      {.TaskName = tag.first, .AstInd = tag.second, .Text = ledger::Give(number, node)});
+void GiveAnswer(int node, const Tag& tag, const std::string& text) {
+  std::string frame = MakeMessage({.TaskName = tag.first, .AstInd = tag.second, .Text = text});
   const unsigned more = At(node).What == world::Kind::Kernel ? 4 : 0;
   SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size() - 4 + more));
   At(node).Input += frame;
@@ -144,23 +143,21 @@ void Answer(int node, unsigned count, unsigned how) {
   std::deque<ledger::Owed>& owed = ledger::OwedBy(node);
   for (; count > 0 && !owed.empty(); --count) {
     const ledger::Owed taken = Take(owed, how);
-    GiveAnswer(node, taken.Number, taken.Tag);
+    GiveAnswer(node, taken.Tag, ledger::Give(taken.Number, node));
   }
 }
 
+// What nobody has asked for, what another node was asked for, or the same twice.
 void AnswerOddly(const Step& step) {
   const int node = Node(step.A), other = Node(step.A + 1U);
   if (node < 0) return;
-  const std::deque<ledger::Owed>& owed = ledger::OwedBy(other);
-  if (step.B % 3 == 0 || owed.empty()) {
-    GiveAnswer(node, 0, {kFirstProcess, 65535});  // nobody has asked for it
-  } else if (other != node) {
-    GiveAnswer(node, owed.front().Number, owed.front().Tag);
-  } else {
-    GiveAnswer(node, owed.front().Number, owed.front().Tag);
-    GiveAnswer(node, owed.front().Number, owed.front().Tag);
-    ledger::OwedBy(node).pop_front();
-  }
+  std::deque<ledger::Owed>& owed = ledger::OwedBy(other);
+  if (step.B % 3 == 0 || owed.empty()) return GiveAnswer(node, {kFirstProcess, 65535}, "odd");
+  const ledger::Owed first = owed.front();
+  GiveAnswer(node, first.Tag, ledger::Give(first.Number, node));
+  if (other != node) return;
+  GiveAnswer(node, first.Tag, ledger::Give(first.Number, node));
+  owed.pop_front();
 }
 
 void Decide(unsigned number, unsigned how) {
