@@ -258,14 +258,15 @@ void Answer(const MsgInfo& info, ClientMessage* msg) {
   g_DbcI.PutMsg(HERE, msg);
 }
 
-// Takes the next answer that the child has handed over, with the identity of its request: 1; 0 none
-// is there; -1 with errno.
+// Takes the next answer that the child has handed over, with the identity of its request: 1; 0 it
+// is none; -1 with errno: were one that is due left there, later ones would go to the wrong
+// requests.
 int TakeHandedAnswer(int pair, ClientMessage* msg, RequestId* id) {
   ssize_t got;
   do {
     got = recv(pair, Packet(msg), sizeof msg->Reserved + kMessageArea, MSG_DONTWAIT);
   } while (got < 0 && errno == EINTR);
-  if (got < 0 && errno != EAGAIN) return -1;
+  if (got < 0) return -1;
   if (got < static_cast<ssize_t>(sizeof msg->Reserved)) return 0;
   std::memcpy(id, Packet(msg), sizeof *id);
   const std::size_t size = static_cast<std::size_t>(got) - sizeof msg->Reserved;

@@ -1151,6 +1151,23 @@ TEST_F(LocalIpc, AnswerThatCannotBeHandedOverBreaksTheLink) {
             kStatusPeerClosed);
 }
 
+// Without this every answer handed over later would go to the request before its own.
+TEST_F(LocalIpc, HandedAnswerThatIsNotThereBreaksTheLink) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "lost");
+  ASSERT_TRUE(RecordComes());
+  char taken[8192];
+  ASSERT_GT(recv(Data().Pair, taken, sizeof taken, MSG_DONTWAIT), 0);
+  EXPECT_EQ(Read(), kStatusReceive);
+  const std::string failure = Receive(client);
+  ASSERT_EQ(failure.size(), 108U);
+  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}),
+            kStatusReceive);
+}
+
 TEST_F(LocalIpc, DeathOfAClientIsTold) {
   Kernel kernel;
   ConnectTo(kernel);
