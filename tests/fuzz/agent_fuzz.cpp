@@ -221,6 +221,7 @@ void ReaderMisbehaves() {
   const unsigned what = run.Script->Below(4);
   if (!data) return;
   run.AnswersVanish = true;  // a record alone says that the child has answered
+  if (what < 2) peers::ExpectAnything();
   if (what == 0) At(data->Pair).Packets.push_back(bytes);
   if (what == 1) At(data->PipeRead).Input += bytes;
   if (what == 2) reader::Die(*data);

@@ -38,6 +38,9 @@ int Choose(const std::vector<int>& descriptors, unsigned number);  // -1: there 
 // Lets bytes of a client arrive, `count` of those staged before and now.
 void Send(int client, const std::string& bytes, std::size_t count = SIZE_MAX);
 
+// A reader child hands over what no kernel has sent: from here on answers may be anything.
+void ExpectAnything();
+
 // An answer has come by another way.
 void AnswerCame(int client, const std::string& frame);
 

@@ -214,13 +214,18 @@ bool IsForUnknownNode(const Request& request, int code, int error) {
   return code == kStatusUnknownNode && error == 0 && (!known || books.Rules.Edits);
 }
 
+bool IsUnsupported(const std::pair<const std::string, NodeLine>& node) {
+  return node.second.Protocol == "DECNET";
+}
+
+bool SomeAreUnsupported() {
+  return std::any_of(books.Nodes.begin(), books.Nodes.end(), IsUnsupported);
+}
+
 bool IsForUnsupported(const Request& request, int code, int error) {
-  const auto isSuch = [](const auto& node) { return node.second.Protocol == "DECNET"; };
   const auto node = books.Nodes.find(request.Node);
-  const bool may =
-      node != books.Nodes.end()
-          ? isSuch(*node)
-          : request.Node.empty() && std::any_of(books.Nodes.begin(), books.Nodes.end(), isSuch);
+  const bool may = node != books.Nodes.end() ? IsUnsupported(*node)
+                                             : request.Node.empty() && SomeAreUnsupported();
   return code == kStatusUnsupported && error == 0 && may;
 }
 
@@ -230,8 +235,10 @@ bool MayBeAnswered(const Request& request, int code, int error) {
   if (IsForUnknownNode(request, code, error) || IsForUnsupported(request, code, error) ||
       IsForConnecting(code, error) || IsForStop(code, error))
     return true;
+  // A link that is not supported fails without a call.
   const bool ofCircle =
       IsOfCircle(code, error) && (request.Node.empty() || books.Rules.AutoConnect);
+  if (ofCircle && SomeAreUnsupported()) return true;
   for (auto cause = books.Causes.rbegin(); cause != books.Causes.rend(); ++cause) {
     if (cause->At < request.AskedAt) return false;
     if (ofCircle || (Concerns(*cause, request) && Explains(*cause, code, error))) return true;
