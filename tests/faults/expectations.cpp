@@ -195,7 +195,7 @@ const std::vector<Expectation>& Expectations() {
       {Call::recv, "TakeHandedAnswer", "ECONNRESET ENOMEM", "unnoticed",
        "LIPC.Receive message from child fail."},
       // The next request may be on its way before the agent knows of the failure.
-      {Call::read, "ReadRecord", "EIO", "unnoticed|4008/%e",
+      {Call::read, "ReadRecords", "EIO", "unnoticed|4008/%e",
        "LIPC.Receive message from child fail."},
       {Call::msgrcv, "TakeFormerAnswers", "", "unnoticed", ""},
       {Call::msgrcv, "", "EIDRM EACCES E2BIG EINVAL", "4009/0", ""},
