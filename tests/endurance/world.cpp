@@ -18,6 +18,7 @@ constexpr int kTcpNodes = 3, kKernelNodes = 2;
 // reached in the warm-up.
 constexpr int kIdlers = 4, kIdlersInWarmUp = 40;
 constexpr std::size_t kRestsInMedian = 15;
+constexpr int kFewClients = 200, kNoDescriptor = 4052;
 constexpr int kDeathMs = 700;  // between two deaths of client processes
 
 int NumberOfKernel(const test::Agent& agent, Chance* luck) {
@@ -73,6 +74,9 @@ void World::MakeNodes() {
       queueNode_ = node.get();
       queueIndex_ = static_cast<int>(nodes_.size());
       nodes_.push_back(std::move(node));
+      // Clients may hold all descriptors that a link can have.
+      if (options_.Clients >= kFewClients)
+        ledger_.History(queueIndex_).Codes.push_back(kNoDescriptor);
     }
   }
   for (const auto& node : nodes_) {
