@@ -138,6 +138,26 @@ TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
   EXPECT_EQ(agent_.Stop(), 0);
 }
 
+// Whatever the timer sends after a pass with several requests leaves at once.
+TEST(SeveralRequests, DoNotHoldBackWhatComesAfterThem) {
+  Node node;
+  Agent agent;
+  agent.Nodetab(node.Line("A", "1 0 0"));
+  ASSERT_TRUE(agent.Start());
+  Client first(agent), second(agent);
+  UseNode(&first, &node, "A");
+  agent.Barrier();
+  agent.InOnePass([&] {
+    first.Send("A", "one");
+    second.Send("A", "two");
+  });
+  ASSERT_TRUE(node.ReadRequest() && node.ReadRequest());
+  agent.Ticks(11);
+  const auto alive = node.ReadFrame();
+  EXPECT_TRUE(alive && alive->size() == 12) << "no alive packet";
+  EXPECT_EQ(agent.Stop(), 0);
+}
+
 // A link's input is read before the requests of the pass and after them, not in between.
 class ManyAtOnce : public OnePass, public testing::WithParamInterface<int> {};
 

@@ -108,6 +108,8 @@ class FakeProtocol {
   std::function<int(Link*)> OnConnect;
   // Carried out by ReadyForRead, after it was recorded.
   std::function<int(Link*)> OnRead;
+  // Carried out by TimerEvent, after it was recorded.
+  std::function<void()> OnTimer;
   // Carried out by ClientDeadEvent, after it was recorded.
   std::function<void(Link*)> OnDead;
   // Carried out by SendToNetwork, after the message was recorded.
@@ -157,7 +159,11 @@ class FakeProtocol {
     link->State = kLinkDisconnected;
     return 0;
   }
-  static int Timer(const char*, int, Link* link) { return Of("TimerEvent", link)->TimerResult; }
+  static int Timer(const char*, int, Link* link) {
+    FakeProtocol* const fake = Of("TimerEvent", link);
+    if (fake->OnTimer) fake->OnTimer();
+    return fake->TimerResult;
+  }
   static int Send(const char*, int, Link* link, ClientMessage* msg) {
     FakeProtocol* const fake = Of("SendToNetwork", link);
     fake->Sent.push_back(*msg);

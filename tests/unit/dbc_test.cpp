@@ -20,7 +20,7 @@
 #include "tests/support/connection.h"
 #include "tests/support/management.h"
 #include "tests/support/wait.h"
-#include "tests/unit/agent_test.h"
+#include "tests/unit/client_fixture.h"
 #include "tests/unit/log_texts.h"
 #include "tests/unit/system_faults.h"
 
@@ -234,6 +234,36 @@ TEST_F(UsingALinkAsDefault, IsTracedWithTheModuleItBelongsTo) {
   CapturedStderr log;
   UseTheLinkAsDefault(78, B);
   EXPECT_EQ(LogTexts(log.Text()).back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
+}
+
+// The step of the timer: with a link whose TimerEvent asks for a stop it is all that the loop does.
+class TimerStep : public ClientTest {
+ protected:
+  void SetUp() override {
+    ClientTest::SetUp();
+    AddLink("STOP")->State = kLinkConnected;
+    Fake().OnTimer = [] { g_DbcI.ExitStatus = 7; };
+    g_DbcI.AlarmFlag = 1;
+  }
+};
+
+TEST_F(TimerStep, AStopThatComesInItEndsTheLoopWithoutAWait) {
+  std::signal(SIGALRM, [](int) { g_DbcI.ExitStatus = 8; });  // what would end a wait
+  alarm(2);
+  EXPECT_EQ(RunLoop(), 7);
+  alarm(0);
+  std::signal(SIGALRM, SIG_DFL);
+  EXPECT_EQ(g_DbcI.AlarmFlag, 0);
+}
+
+TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
+  Link* const down = AddLink("DOWN");
+  const int socket = Connect();
+  const ClientMessage request = MakeRequest(getpid(), socket, 5);
+  ASSERT_EQ(SaveUnsendMsg("test", 1, &request, down), 0);
+  EXPECT_EQ(RunLoop(), 7);
+  EXPECT_EQ(Take(socket), ErrorFrame(Request("DOWN", 5), 4006, 0));
+  EXPECT_EQ(down->Books.Waiting, 0);
 }
 
 // A server that is asked but answers only when told.
