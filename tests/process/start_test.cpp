@@ -85,8 +85,11 @@ TEST(Start, TheDaemonKeepsStandardError) {
 TEST(Start, InheritedDescriptorsAreClosed) {
   int pipes[2];
   ASSERT_EQ(pipe(pipes), 0);
+  constexpr int kLast = 255;
+  ASSERT_EQ(dup2(pipes[1], kLast), kLast);
   Agent agent;
   ASSERT_TRUE(agent.Start());
+  close(kLast);
   close(pipes[1]);
   pollfd end{pipes[0], POLLIN, 0};
   EXPECT_EQ(poll(&end, 1, static_cast<int>(kPatience.count())), 1)

@@ -245,6 +245,12 @@ class TimerStep : public ClientTest {
     Fake().OnTimer = [] { g_DbcI.ExitStatus = 7; };
     g_DbcI.AlarmFlag = 1;
   }
+  void TearDown() override {
+    RetryOutput = [] { return 0; };
+    WaitForEvents();  // the one that the step has asked to look at all
+    RetryOutput = nullptr;
+    ClientTest::TearDown();
+  }
 };
 
 TEST_F(TimerStep, AStopThatComesInItEndsTheLoopWithoutAWait) {
