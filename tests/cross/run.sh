@@ -19,7 +19,7 @@ case $architecture in
   *) echo "no such machine: $architecture" >&2 && exit 2 ;;
 esac
 multiarch=${triplet/i686/i386}
-install_packages "g++-$triplet" qemu-user ninja-build googletest
+install_packages "g++-$triplet" qemu-user ninja-build googletest pkgconf
 place=$tree/build/cross/$architecture
 system=$place/system
 mkdir -p "$system" "$place/apt/lists/partial" "$place/apt/cache/archives/partial"
@@ -35,24 +35,34 @@ Apt() {
 if [ ! -e "$system/complete" ]; then
   step "Libraries for $architecture"
   Apt update 2>/dev/null || true
-  (cd "$place/apt" && Apt download libsqlite3-0 libsqlite3-dev libcli11-dev nlohmann-json3-dev)
+  (cd "$place/apt" && Apt download libcli11-dev nlohmann-json3-dev libsqlite3-0 libsqlite3-dev \
+    libncurses6 libncursesw6 libncurses-dev libtinfo6 libcpp-httplib0.11 libcpp-httplib-dev \
+    libssl3 libssl-dev zlib1g zlib1g-dev libbrotli1 libbrotli-dev)
   for package in "$place"/apt/*.deb; do dpkg-deb -x "$package" "$system"; done
+  # Links of the packages name places of the other machine.
+  find "$system" -type l -lname '/*' | while read -r link; do
+    ln -sfn "$system$(readlink "$link")" "$link"
+  done
   touch "$system/complete"
 fi
 
 # The loader of the cross compiler's C library looks for the others where it is told.
-run="$(command -v "$emulator") -L /usr/$triplet -E LD_LIBRARY_PATH=/usr/$triplet/lib:$system/usr/lib/$multiarch"
+libraries=$system/lib/$multiarch:$system/usr/lib/$multiarch
+run="$(command -v "$emulator") -L /usr/$triplet -E LD_LIBRARY_PATH=/usr/$triplet/lib:$libraries"
 cat >"$place/toolchain.cmake" <<CMAKE
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR $processor)
 set(CMAKE_C_COMPILER $triplet-gcc)
 set(CMAKE_CXX_COMPILER $triplet-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE $multiarch)
-set(CMAKE_FIND_ROOT_PATH $system/usr $place/googletest /usr/$triplet)
+set(CMAKE_FIND_ROOT_PATH $system $system/usr $place/googletest /usr/$triplet)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,$libraries)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} $system)
+set(ENV{PKG_CONFIG_LIBDIR} $system/usr/lib/$multiarch/pkgconfig)
 set(CMAKE_CROSSCOMPILING_EMULATOR "${run// /;}")
 CMAKE
 
