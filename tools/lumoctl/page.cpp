@@ -26,6 +26,10 @@ Stats OpenPage(const std::string& path) {
   if (status == LUMO_BAD_GREETING)
     throw Failure(kNoAgent, path + " is no statistics page that this program can read");
   const int error = errno;
+  if (error == EACCES)
+    throw Failure(kNoAgent, "the statistics page " + path +
+                                " cannot be read: Permission denied; root and the agent's own "
+                                "account may");
   const char* const hint =
       error == ENOENT ? "; the agent keeps one when it is started with LUMO_STATS=1" : "";
   throw Failure(kNoAgent,
