@@ -30,6 +30,11 @@ Node() { # USER LOG OPTION...
   WaitFor grep -q '^listening' "$2.out"
 }
 Journal() { journalctl -u "$1" -o cat | grep -- "$2" >/dev/null; }
+Status() { systemctl show -P StatusText lumo_tcp | grep -q -- "$1"; }
+Scraped() {
+  python3 -c 'from urllib.request import urlopen
+print(urlopen("http://127.0.0.1:9560/metrics", timeout=5).read().decode())' | grep -q -- "^$1"
+}
 Pid() { systemctl show -P MainPID "$1"; }
 Traces() {
   find /etc /lib/systemd /usr/lib/systemd /usr/sbin /usr/bin /usr/libexec /usr/share /run \
@@ -72,6 +77,38 @@ Expect 3 As member lumoctl query -n KERNEL 'select 1+2'
 Expect 4 As member lumoctl query -n HERE 'select 1+3'
 (As member timeout 1 lumoctl query -n SRV1 'select 5' >/dev/null)
 WaitFor grep -q CKIL /tmp/tcp
+
+Say 'it tells the manager how it is'
+Expect notify systemctl show -P Type lumo_tcp
+Expect 30s systemctl show -P WatchdogUSec lumo_tcp
+# A tick later; clients of before may still be there.
+WaitFor Status '^[0-9]* clients, 3 nodes, default SRV1$'
+
+Say 'its counters: for root and the account of the agent, and through the exporter'
+Expect '-rw-r----- lumo-tcp lumo-tcp' stat -c '%A %U %G' /run/lumo/agent/tavrin.20562.stats
+lumoctl stats SRV1 >/tmp/stats || Fail 'the counters'
+(As member lumoctl stats >/dev/null 2>/tmp/refused) && Fail 'a member read the counters'
+grep -q 'cannot be read: Permission denied; root' /tmp/refused || Fail "$(cat /tmp/refused)"
+Start lumo_tcp-exporter
+WaitFor Scraped 'lumo_up{exchange="20562"} 1'
+Scraped 'lumo_node_requests_total{exchange="20562",node="KERNEL"} [1-9]' || Fail 'no requests of KERNEL'
+
+Say 'a drop-in counts, and an agent that is stuck is replaced; meanwhile the exporter tells of it'
+mkdir /etc/systemd/system/lumo_tcp.service.d
+printf '[Service]\nWatchdogSec=8\n' >/etc/systemd/system/lumo_tcp.service.d/watchdog.conf
+systemctl daemon-reload
+systemctl restart lumo_tcp || Fail 'a restart with a drop-in'
+Expect 8s systemctl show -P WatchdogUSec lumo_tcp
+old=$(Pid lumo_tcp)
+kill -STOP "$old"
+WaitFor Scraped 'lumo_last_pass_age_seconds{exchange="20562"} [4-9]'
+WaitFor Journal lumo_tcp 'Watchdog timeout'
+WaitFor lumoctl wait --timeout 1
+[ "$(Pid lumo_tcp)" != "$old" ] || Fail 'the stuck agent goes on'
+rm -r /etc/systemd/system/lumo_tcp.service.d
+systemctl daemon-reload
+systemctl restart lumo_tcp || Fail 'a restart without the drop-in'
+systemctl stop lumo_tcp-exporter
 
 Say 'what developers get'
 . ./developer_inside.sh

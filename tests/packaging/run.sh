@@ -225,6 +225,9 @@ CheckTools() {
   grep -q 'does not permit this.*LUMO_MANAGERS' "$work/refused" || Fail "$(cat "$work/refused")"
   Expect added As "$admin" "$ctl" add 'NEW TCPIP 127.0.0.1 1060 3 60 10'
   Expect deleted As "$admin" "$ctl" del NEW
+  "$ctl" --socket "$root/run/lumo/agent/tavrin.20562" stats >/dev/null || Fail 'no counters for root'
+  As "$member" "$ctl" stats >/dev/null 2>"$work/refused" && Fail 'a member read the counters'
+  grep -q 'cannot be read: Permission denied; root' "$work/refused" || Fail "$(cat "$work/refused")"
   # A client in another process id namespace names a process that is none of its user's.
   unshare --pid --fork env TAVRIN_TMP="$root/run/lumo/agent" setpriv --reuid=64321 --regid=64321 \
     --groups="$member" sh -c '"$1" list; exit $?' sh "$ctl" 2>"$work/refused" &&
