@@ -119,13 +119,13 @@ TEST(LocalIpc, AFailedConnectionKeepsTheSegmentAttached) {
 }
 
 TEST(LocalIpc, APipeThatCannotBeMadeFailsTheConnection) {
-  constexpr int kLimit = 16;
+  constexpr int kAllowed = 16;
   Setting setting;
-  setting.Subject.Limit(RLIMIT_NOFILE, kLimit).LogLevel("3");
+  setting.Subject.Limit(RLIMIT_NOFILE, kAllowed).LogLevel("3");
   ASSERT_TRUE(setting.Start());
   setting.Application->ExpectNothing();
   std::vector<int> connections;
-  while (OpenDescriptors(setting.Subject.Pid()) < kLimit && connections.size() < kLimit) {
+  while (OpenDescriptors(setting.Subject.Pid()) < kAllowed && connections.size() < kAllowed) {
     connections.push_back(ConnectRaw(setting.Subject.SocketPath()));
     setting.Subject.Barrier();
   }
@@ -133,7 +133,7 @@ TEST(LocalIpc, APipeThatCannotBeMadeFailsTheConnection) {
   EXPECT_EQ(
       setting.Subject.CountLogged(3, "lipc", "LIPC pipe failed. errno " + std::to_string(EMFILE)),
       1);
-  EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), kLimit);
+  EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), kAllowed);
   for (const int connection : connections) close(connection);
 }
 

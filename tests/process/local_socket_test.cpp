@@ -297,14 +297,14 @@ TEST(LocalSocket, AKernelThatClosesAtOnceIsReadUntilAStopIsAskedFor) {
 }
 
 TEST(LocalSocket, ASocketThatCannotBeMadeIsAnsweredWithItsError) {
-  constexpr int kLimit = 16;
+  constexpr int kAllowed = 16;
   SocketSetting setting;
-  setting.Subject.Limit(RLIMIT_NOFILE, kLimit).LogLevel("2");
+  setting.Subject.Limit(RLIMIT_NOFILE, kAllowed).LogLevel("2");
   ASSERT_TRUE(setting.Subject.Start());
   Client client(setting.Subject);
   client.ExpectNothing();
   std::vector<int> connections;
-  while (OpenDescriptors(setting.Subject.Pid()) < kLimit && connections.size() < kLimit) {
+  while (OpenDescriptors(setting.Subject.Pid()) < kAllowed && connections.size() < kAllowed) {
     connections.push_back(ConnectRaw(setting.Subject.SocketPath()));
     setting.Subject.Barrier();
   }

@@ -15,6 +15,8 @@
 
 namespace test {
 
+inline constexpr std::int32_t kDeletionPending = 33;  // the result of a deletion that has to wait
+
 inline constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
 
 inline std::string DefaultName(Agent& agent) {

@@ -13,8 +13,6 @@
 namespace test {
 namespace {
 
-constexpr int kDeletionPending = 33;
-
 TEST(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
   Agent agent;
   agent.Nodetab(kThreeNodes);

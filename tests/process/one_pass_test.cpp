@@ -110,7 +110,6 @@ TEST_F(OnePass, TheLastClientsRequestStillReachesANodeThatSendsNoMore) {
 }
 
 TEST_F(OnePass, TheLastClientsRequestMeetsANodeThatIsDeletedWhenItBreaks) {
-  constexpr int kDeletionPending = 33;
   Start();
   Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);

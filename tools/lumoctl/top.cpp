@@ -15,6 +15,8 @@
 namespace lumo::ctl {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 class Screen {
  public:
   explicit Screen(const Options& options) {
@@ -142,7 +144,6 @@ int ShowScreen(const Options& options, std::chrono::milliseconds delay) {
   Readings readings(options);  // fails before the screen is changed
   Screen screen(options);
   TopOrder order = TopOrder::Requests;
-  using Clock = std::chrono::steady_clock;
   Clock::time_point next = Clock::now();
   for (int shown = 0; options.Count == 0 || shown < options.Count;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
