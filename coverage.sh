@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Lines and branches that the unit and process tests run, by gcov: per folder of the agent, per
-# file, and which lines are not covered. Fails when a folder has less than 95 % of its lines.
-# Without --quick the tests are run first, which takes some minutes.
+# Lines and branches that the unit and process tests and those of the statistics run, by gcov: per
+# folder of the agent, per file, and which lines are not covered. Fails when a folder has less than
+# 95 % of its lines. Without --quick the tests are run first, which takes some minutes.
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/setup.sh
@@ -19,7 +19,7 @@ if [ "${1:-}" != --quick ]; then
   step "Tests"
   find build/coverage -name '*.gcda' -delete
   # The one test looks at the reader's signals; here the reader catches SIGTERM to leave its counts.
-  ctest --test-dir build/coverage --output-on-failure --parallel "$(test_jobs)" -L 'unit|process' \
+  ctest --test-dir build/coverage --output-on-failure --parallel "$(test_jobs)" -L 'unit|process|stats' \
     --exclude-regex 'LocalIpcReader.TheReaderTakesSignalsAsItShould'
 fi
 
