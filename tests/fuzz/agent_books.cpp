@@ -167,7 +167,18 @@ void CheckCounts(const std::set<const Link*>& links) {
     CheckConnection(fd, recount.Connections[static_cast<std::size_t>(fd)]);
 }
 
+// What tells whether anything else has happened with the tick: then a connection may have been
+// released and parked anew, and has until the next one.
+static unsigned long transfersAtTick;
+static std::uint32_t serialAtTick;
+
+void NoteTick() {
+  transfersAtTick = world::state.Transfers;
+  serialAtTick = world::state.LastSerial;
+}
+
 void CheckNoneParkedIsGone() {
+  if (transfersAtTick != world::state.Transfers || serialAtTick != world::state.LastSerial) return;
   for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
     if (g_Connections[fd].Parked && world::At(fd).PeerGone)
       world::Violated("connection %d is parked, its client has hung up", fd);

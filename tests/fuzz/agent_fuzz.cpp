@@ -260,6 +260,7 @@ bool Step() {
     case 1:
       return true;
     case 2:
+      NoteTick();
       world::Signal(SIGALRM);
       run.Ticked = true;
       return true;

@@ -40,7 +40,8 @@ void CheckAgent();
 void CheckCounts(const std::set<const Link*>& links);
 void CheckBooks(const std::set<const Link*>& links);
 
-// After a tick: parked connections whose clients have hung up are closed.
+// Before and after a tick: parked connections whose clients have hung up are closed by it.
+void NoteTick();
 void CheckNoneParkedIsGone();
 
 // No request waits for a link that is up. Between two passes that may be so for a moment: a link

@@ -77,6 +77,7 @@ struct Books {
   std::map<int, Line> Lines;
   std::map<std::pair<int, std::uint32_t>, std::deque<ledger::Owed>> Owed;
   std::map<int, std::pair<std::uint32_t, bool>> Clients;  // serial, and that it may be closed
+  std::set<std::string> DoubtfulNodes;
   std::set<std::string> LeftBroken;  // nodes whose link has no descriptor and still connects
   std::map<std::string, unsigned> Drops;
   std::set<std::uint32_t> Misbehaving;  // connections of nodes
@@ -184,6 +185,7 @@ void OnOutcome(Call call, int fd, long result, int error) {
   } else if (call == Call::Recv && result == 0) {
     StreamFailed(fd, kStatusPeerClosed, 0);
   } else if (error != EAGAIN && error != EINTR) {
+    line.Loose = true;  // the circle may leave it as it is
     StreamFailed(fd, call == Call::Recv ? kStatusReceive : kStatusSend, error);
   }
 }
@@ -200,9 +202,11 @@ bool Explains(const Cause& cause, int code, int error) {
   return codeFits && errorFits;
 }
 
-// The circle answers those who followed the default with a code of its own.
+// The circle answers those who followed the default with a code of its own; so does the timer those
+// who wait for a link that is down with nothing under way, as an edit may leave it.
 bool IsOfCircle(int code, int error) {
-  return books.Rules.Modes && code == books.Rules.CircleFailure && error == 0;
+  return (books.Rules.Modes || books.Rules.Edits) && code == books.Rules.CircleFailure &&
+         error == 0;
 }
 
 bool IsForConnecting(int code, int error) {
@@ -231,6 +235,14 @@ bool IsForUnsupported(const Request& request, int code, int error) {
 
 bool IsForStop(int code, int error) { return books.Stopping && (code == 0 || error == ECANCELED); }
 
+// The node's reader or kernel has gone, which is noticed some time later.
+bool IsDoubtful(const Request& request) {
+  return std::any_of(books.Nodes.begin(), books.Nodes.end(), [&](const auto& node) {
+    return books.DoubtfulNodes.contains(node.first) &&
+           (request.Node.empty() || request.Node == node.first || books.Rules.Edits);
+  });
+}
+
 bool MayBeAnswered(const Request& request, int code, int error) {
   if (IsForUnknownNode(request, code, error) || IsForUnsupported(request, code, error) ||
       IsForConnecting(code, error) || IsForStop(code, error))
@@ -238,10 +250,15 @@ bool MayBeAnswered(const Request& request, int code, int error) {
   // A link that is not supported fails without a call.
   const bool ofCircle =
       IsOfCircle(code, error) && (request.Node.empty() || books.Rules.AutoConnect);
-  if (ofCircle && SomeAreUnsupported()) return true;
+  if (ofCircle && (SomeAreUnsupported() || books.Rules.Edits)) return true;
+  if (IsDoubtful(request)) return true;
+  // What the timer has found broken stays as it is while another link is the default.
+  const bool mayLast = books.Rules.AutoConnect && error == 0;
   for (auto cause = books.Causes.rbegin(); cause != books.Causes.rend(); ++cause) {
-    if (cause->At < request.AskedAt) return false;
-    if (ofCircle || (Concerns(*cause, request) && Explains(*cause, code, error))) return true;
+    const bool before = cause->At < request.AskedAt;
+    if (before && !mayLast) return false;
+    if ((ofCircle && !before) || (Concerns(*cause, request) && Explains(*cause, code, error)))
+      return true;
   }
   return ofCircle && !books.Rules.AutoConnect;
 }
@@ -491,11 +508,15 @@ std::string ledger::Give(int number, int node) {
   return Numbered(number, reached ? kRow : kWrong);
 }
 
-// A link that the circle left as it was, without a descriptor, cannot be given a mode.
+// A link that the circle left as it was, without a descriptor, cannot be given a mode; or its time
+// is over first.
 void ledger::Ticked() {
   ++books.Ticks;
   books.InTimer = true;
-  for (const std::string& node : books.LeftBroken) AddCause(node, kStatusOption, 0);
+  for (const std::string& node : books.LeftBroken) {
+    AddCause(node, kStatusOption, 0);
+    AddCause(node, kStatusConnectTimeout, 0);
+  }
   for (auto& [fd, line] : books.Lines) {
     line.Loose = line.Loose || At(fd).Piece != world::Socket::kEndless;
     TickLine(fd, line);
@@ -504,7 +525,7 @@ void ledger::Ticked() {
 
 void ledger::MayFail(const std::string& protocol) {
   for (const auto& [name, node] : books.Nodes) {
-    if (node.Protocol == protocol) AddCause(name, kAnyCode, kAnyError);
+    if (node.Protocol == protocol) books.DoubtfulNodes.insert(name);
   }
 }
 

@@ -298,6 +298,7 @@ bool TickNow() {
   world::state.Monotonic += kTickSeconds * 1000;
   ledger::Ticked();
   ledger::BeforePass();
+  NoteTick();
   world::Signal(SIGALRM);
   return false;
 }
