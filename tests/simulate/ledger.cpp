@@ -197,8 +197,11 @@ bool Concerns(const Cause& cause, const Request& request) {
 
 bool Explains(const Cause& cause, int code, int error) {
   const bool codeFits = cause.Code == kAnyCode || cause.Code == code;
+  // The circle passes no error on; the request in hand is told the one that stands when all others
+  // have been answered, among them perhaps a client that is dead.
   const bool errorFits = cause.Error == kAnyError || cause.Error == error ||
-                         (books.Rules.Modes && error == 0);  // the circle passes no error on
+                         (books.Rules.Modes && error == 0) ||
+                         (error == ESRCH && !world::state.Dead.empty());
   return codeFits && errorFits;
 }
 
@@ -252,8 +255,8 @@ bool MayBeAnswered(const Request& request, int code, int error) {
       IsOfCircle(code, error) && (request.Node.empty() || books.Rules.AutoConnect);
   if (ofCircle && (SomeAreUnsupported() || books.Rules.Edits)) return true;
   if (IsDoubtful(request)) return true;
-  // What the timer has found broken stays as it is while another link is the default.
-  const bool mayLast = books.Rules.AutoConnect && error == 0;
+  // What was found broken may stay as it is while another link is the default.
+  const bool mayLast = books.Rules.AutoConnect && (error == 0 || books.Rules.Faults);
   for (auto cause = books.Causes.rbegin(); cause != books.Causes.rend(); ++cause) {
     const bool before = cause->At < request.AskedAt;
     if (before && !mayLast) return false;
