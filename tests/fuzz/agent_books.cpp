@@ -167,6 +167,16 @@ void CheckCounts(const std::set<const Link*>& links) {
     CheckConnection(fd, recount.Connections[static_cast<std::size_t>(fd)]);
 }
 
+void CheckNoneIsOverlooked() {
+  for (int fd = kFirstDescriptor; fd < EndOfDescriptors(); ++fd) {
+    const bool isShared = FD_ISSET(fd, &g_DbcI.ClientSockets) && MayFlush;
+    if (FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) && world::IsReadable(fd))
+      world::Violated("the input of descriptor %d is overlooked", fd);
+    if (FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet) && world::IsWritable(fd) && !isShared)
+      world::Violated("descriptor %d has room for output and is overlooked", fd);
+  }
+}
+
 // What tells whether anything else has happened with the tick: then a connection may have been
 // released and parked anew, and has until the next one.
 static unsigned long transfersAtTick;

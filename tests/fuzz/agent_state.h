@@ -40,6 +40,9 @@ void CheckAgent();
 void CheckCounts(const std::set<const Link*>& links);
 void CheckBooks(const std::set<const Link*>& links);
 
+// When nothing has moved for some passes: no descriptor that is waited for is ready.
+void CheckNoneIsOverlooked();
+
 // Before and after a tick: parked connections whose clients have hung up are closed by it.
 void NoteTick();
 void CheckNoneParkedIsGone();

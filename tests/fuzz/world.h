@@ -125,6 +125,8 @@ void BeginQuiet();
 
 int Open(Kind kind);  // the lowest free number, or -1 with errno
 bool IsOpen(int fd);
+bool IsReadable(int fd);
+bool IsWritable(int fd);
 inline Socket& At(int fd) { return state.Sockets[static_cast<std::size_t>(fd)]; }
 
 // After `successes` more calls one call fails.

@@ -223,6 +223,9 @@ std::uint32_t EventsOf(int fd) {
 
 }  // namespace
 
+bool world::IsReadable(int fd) { return IsOpen(fd) && Readable(At(fd)); }
+bool world::IsWritable(int fd) { return IsOpen(fd) && Writable(At(fd)); }
+
 extern "C" {
 
 // Output

@@ -184,7 +184,7 @@ void OnOutcome(Call call, int fd, long result, int error) {
     if (books.Misbehaving.contains(At(fd).Serial)) AddCause(NodeAt(fd), kAnyCode, kAnyError);
   } else if (call == Call::Recv && result == 0) {
     StreamFailed(fd, kStatusPeerClosed, 0);
-  } else if (error != EAGAIN && error != EINTR) {
+  } else if (result < 0 && error != EAGAIN && error != EINTR) {
     line.Loose = true;  // the circle may leave it as it is
     StreamFailed(fd, call == Call::Recv ? kStatusReceive : kStatusSend, error);
   }
@@ -251,8 +251,8 @@ bool MayBeAnswered(const Request& request, int code, int error) {
       IsForConnecting(code, error) || IsForStop(code, error))
     return true;
   // A link that is not supported fails without a call.
-  const bool ofCircle =
-      IsOfCircle(code, error) && (request.Node.empty() || books.Rules.AutoConnect);
+  const bool ofCircle = IsOfCircle(code, error) &&
+                        (request.Node.empty() || books.Rules.AutoConnect || books.Rules.Edits);
   if (ofCircle && (SomeAreUnsupported() || books.Rules.Edits)) return true;
   if (IsDoubtful(request)) return true;
   // What was found broken may stay as it is while another link is the default.

@@ -383,7 +383,10 @@ bool NextWait() {
   if (stage.TicksLeft > 0) return TickNow();
   if (stage.Is == Mode::Final) return GoOnSettling();
   if (stage.Is == Mode::Rest && IsResting()) return Pass();
-  if (stage.Is == Mode::Rest && !MayLose()) peers::CheckNoneIsLost();
+  if (stage.Is == Mode::Rest && !MayLose()) {
+    peers::CheckNoneIsLost();
+    if (stage.Quiet > kQuietPasses) CheckNoneIsOverlooked();
+  }
   stage.Is = Mode::Steps;
   return NextStep();
 }
