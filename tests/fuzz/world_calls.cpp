@@ -607,6 +607,7 @@ int __wrap_msgsnd(int id, const void* message, std::size_t size, int flags) {
   if (Fails(Call::MsgSnd)) return -1;
   if (state.QueueRoom == 0) return Fail(EAGAIN);
   --state.QueueRoom;
+  ++state.Transfers;
   state.ToKernel.emplace_back(static_cast<const char*>(message) + sizeof(long), size);
   return 0;
 }
