@@ -88,6 +88,18 @@ TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
   EXPECT_TRUE(Found());
 }
 
+TEST_F(Waiting, FindsInputOfWhatEpollRefuses) {
+  PrepareWait();
+  const int device = open("/dev/null", O_RDWR | O_CLOEXEC);
+  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, device);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(Wait(false), 1) << i;
+    EXPECT_TRUE(FD_ISSET(device, &g_Ready.Read)) << i;
+  }
+  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, device);
+  close(device);
+}
+
 TEST_F(Waiting, EndOfTheStreamCountsAsInput) {
   PrepareWait();
   close(ends_[1]);
