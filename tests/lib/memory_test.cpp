@@ -1,6 +1,8 @@
 // Every allocation of a call is made to fail once: the call says so, and everything goes on.
+#include <array>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "tests/lib/lib_setting.h"
 
@@ -110,6 +112,34 @@ TEST(Memory, AnAnswerThatCouldNotBeTakenIsTakenLater) {
     lumo_answer_free(answer);
   });
   EXPECT_GE(failures, 1);
+}
+
+TEST(Memory, OfAnswersThatCameTogetherTheOneThatCouldNotBeTakenIsTakenLater) {
+  test::FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const int failures = FailEach([&, &connection = connection, &peer = peer] {
+    const int budget = allocationsUntilFailure;
+    allocationsUntilFailure = -1;
+    std::string answers;
+    std::array<lumo_ticket, 2> tickets{};
+    for (lumo_ticket& ticket : tickets) {
+      ticket = test::Send(connection, "SRV", std::string(300, 'x'));
+      const auto request = peer.ReadRequest();
+      ASSERT_TRUE(request);
+      answers += lumo::Encode(*request, lumo::Lengths::Client);
+    }
+    ASSERT_TRUE(peer.SendBytes(answers));
+    allocationsUntilFailure = budget;
+    lumo_answer* answer = nullptr;
+    const lumo_status status = lumo_receive(connection.Get(), tickets[1], 5000, &answer);
+    lumo_answer_free(answer);
+    const int left = std::exchange(allocationsUntilFailure, -1);
+    EXPECT_TRUE(connection.Receive(tickets[0], kAmple));
+    EXPECT_EQ(connection.Receive(tickets[1], kAmple).Status(),
+              status == LUMO_OK ? LUMO_NO_TICKET : LUMO_OK);
+    allocationsUntilFailure = left;
+  });
+  EXPECT_GE(failures, 4) << "of both answers";
 }
 
 }  // namespace
