@@ -202,6 +202,9 @@ TEST_F(Management, WithoutAnAgentOrInTime) {
   test::Thaw(agent_.Pid());
   EXPECT_EQ(agent_.Stop(), 0);
   Expect(Lumo().Probe(kTime), LUMO_NO_AGENT, 0);
+  std::int32_t result = -1;
+  EXPECT_EQ(lumo_manage(Lumo().Get(), 102, 0, {nullptr, 0}, 5000, &result, nullptr), LUMO_NO_AGENT);
+  EXPECT_EQ(result, 0);
 }
 
 }  // namespace
