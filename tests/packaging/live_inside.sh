@@ -137,7 +137,7 @@ Expect $'SRV1\nKERNEL\nHERE' As member lumoctl list --names
 
 Say 'the test of the nodes leaves the sockets alone'
 Start lumo_tcp-ping
-Expect $'tavrin.20562\ntavrin.20563' ls /run/lumo/agent
+Expect $'tavrin.20562\ntavrin.20562.stats\ntavrin.20563' ls /run/lumo/agent
 for node in SRV1 KERNEL HERE; do
   WaitFor Journal lumo_tcp-ping "^$node  *alive"
 done
