@@ -101,7 +101,7 @@ pid_t Spawn(std::vector<std::string> arguments, std::vector<std::string> environ
 
 int MillisecondsUntil(Clock::time_point when) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(when - Clock::now()).count();
-  return static_cast<int>(std::clamp<long>(left, 0, 1 << 30));
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, 1 << 30));
 }
 
 // Collects output until the process ends or the time is over; true when it has ended.

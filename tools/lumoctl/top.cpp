@@ -147,7 +147,7 @@ int ShowScreen(const Options& options, std::chrono::milliseconds delay) {
   Clock::time_point next = Clock::now();
   for (int shown = 0; options.Count == 0 || shown < options.Count;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-    const int key = screen.Key(static_cast<int>(std::max<long>(left.count(), 0)));
+    const int key = screen.Key(static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     if (key == 'q' || key == 3) break;
     if (const auto wanted = OrderOfKey(key)) order = *wanted;
     if (key == ERR && Clock::now() >= next) {
