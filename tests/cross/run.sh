@@ -78,7 +78,7 @@ fi
 
 step "Build for $architecture"
 cmake -S . -B "$place/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$place/toolchain.cmake" \
-  -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS=-O2 -DLUMO_WERROR=ON >"$place/log" ||
+  -DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS="-O2 -isystem $system/usr/include/$multiarch" -DLUMO_WERROR=ON >"$place/log" ||
   { cat "$place/log" >&2 && exit 1; }
 if [ $# -gt 0 ]; then
   exec cmake --build "$place/build" -- -k 0 "$@"
