@@ -97,6 +97,9 @@ TEST_F(Waiting, FindsInputOfWhatEpollRefuses) {
     EXPECT_TRUE(FD_ISSET(device, &g_Ready.Read)) << i;
   }
   UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, device);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, device);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Wait(false), 1) << i;
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, device);
   close(device);
 }
 
