@@ -62,7 +62,7 @@ class Side:
             return client.connect_ex(self.socket) == 0
 
     def load(self, bench, clients, seconds):
-        command = [f"{bench}/bench_load", "--agent", self.socket, "--node", "ONE",
+        command = [f"{bench}/lumo_load", "--agent", self.socket, "--node", "ONE",
                    "--clients", str(clients), "--size", "108", "--seconds", str(seconds),
                    "--warmup", "0.05", "--agent-pid", str(self.process.pid)]
         out = subprocess.run(command, capture_output=True, text=True, check=True, timeout=60)
