@@ -39,6 +39,7 @@ void CheckAgent();
 // parked, and that nothing is held back. Of all links.
 void CheckCounts(const std::set<const Link*>& links);
 void CheckBooks(const std::set<const Link*>& links);
+void CheckNothingIsJoined();
 
 // When nothing has moved for some passes: no descriptor that is waited for is ready.
 void CheckNoneIsOverlooked();
