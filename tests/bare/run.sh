@@ -73,12 +73,14 @@ SmallestSystem() {
   rm -rf "$work/first"
 }
 
-# Runs a piece of shell there, as root; in the background, so that signals are heard meanwhile.
+# Runs a piece of shell there, as root; in the background, so that signals are heard meanwhile. Not
+# by chroot, in which a user may make no namespaces: programs there find themselves on a machine.
 InRoot() { # ROOT SHELL ARGUMENT...
   local root=$1
   shift
   cp /etc/resolv.conf /etc/hosts "$root/etc/"
   root=$root setsid --wait unshare --mount --pid --ipc --uts --fork --kill-child bash -euc '
+    mount --bind "$root" "$root"
     cd "$root"
     mount -t proc proc proc
     mount -t sysfs -o ro sysfs sys
@@ -94,8 +96,12 @@ InRoot() { # ROOT SHELL ARGUMENT...
       mknod -m 666 "dev/$name" c "$major" "$minor"
     done
     mapfile -t proxies < <(env | grep -iE "^(https?|ftp|no)_proxy=")
-    env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-      "${proxies[@]}" chroot . /bin/bash -euc "$@"' inside "$@" &
+    mkdir machine
+    pivot_root . machine
+    umount -l machine
+    rmdir machine
+    exec env -i HOME=/root PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+      "${proxies[@]}" /bin/bash -euc "$@"' inside "$@" &
   inside=$!
   local status=0
   wait "$inside" || status=$?
