@@ -419,7 +419,7 @@ def end_process(pid):
             with open(f"/proc/{pid}/stat") as file:
                 if file.read().rpartition(")")[2].split()[0] == "Z":
                     return
-        except FileNotFoundError:
+        except (FileNotFoundError, ProcessLookupError):
             return
         time.sleep(0.002)
     raise RuntimeError(f"process {pid} does not end")

@@ -38,7 +38,7 @@ def wait_for(condition):
 def lives(pid):
     try:
         state = Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[0]
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):  # it may end while it is read
         return False
     return state not in "ZX"
 
