@@ -1,5 +1,6 @@
 #include "tests/differential/world.h"
 
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -16,8 +17,11 @@
 namespace differential {
 namespace {
 
-constexpr int kMostOpen = 60;  // requests of a client, which must find room in its socket
+constexpr int kMostOpen = 60;   // requests of a client, which must find room in its socket,
+constexpr int kRoom = 1 << 18;  // made as large as the system lets it
 constexpr test::Milliseconds kNow{0};
+constexpr std::size_t kTaskNameAt = 4, kTrailerSize = 48, kFirstStringAt = 54;
+constexpr std::size_t kParameterAt = 8;  // of a control packet
 
 std::string NodeName(unsigned number) { return "N" + std::to_string(number); }
 
@@ -76,17 +80,29 @@ bool World::Start() {
 
 void World::Note(const std::string& who, const std::string& what) { notes_[who].push_back(what); }
 
-// Process ids differ from run to run. They stand in words, of the head or of the trailer.
-std::string World::Shown(std::string frame) const {
+// Process ids differ from run to run. Only the words that hold them are hidden: a code may have the
+// value of an id.
+void World::HideIds(std::string& frame) const {
   const std::int32_t ids[] = {task_, agent_.Pid(), reader_};
-  for (std::size_t at = 0; at + sizeof ids[0] <= frame.size();
-       at += at < 52 || at + 48 >= frame.size() ? 4 : 2) {
+  const auto hide = [&](std::size_t at) {
     std::int32_t word = 0;
     std::memcpy(&word, frame.data() + at, sizeof word);
     const auto* const id = std::find(std::begin(ids), std::end(ids), word);
     if (word > 0 && id != std::end(ids))
       frame.replace(at, sizeof word, 4, static_cast<char>('1' + (id - ids)));
+  };
+  const std::optional<lumo::Message> message = lumo::Decode(frame);
+  if (message) {
+    hide(kTaskNameAt);
+    hide(frame.size() - kTrailerSize);
+    if (message->Command == "CKIL") hide(kFirstStringAt);
+  } else if (frame.size() > kParameterAt) {
+    hide(kParameterAt);
   }
+}
+
+std::string World::Shown(std::string frame) const {
+  HideIds(frame);
   const std::optional<lumo::Message> message = lumo::Decode(frame);
   std::uint32_t link = 0;
   if (message && !settings.IgnoreLinkNumbers)
@@ -210,8 +226,11 @@ void World::Collect(test::Milliseconds patience) {
 // What happens
 
 void World::Connect(unsigned count) {
-  for (unsigned i = 0; i < count && clients_.size() < 12; ++i)
+  for (unsigned i = 0; i < count && clients_.size() < 12; ++i) {
     clients_.emplace_back(agent_, TaskOf(static_cast<unsigned>(clients_.size())));
+    setsockopt(clients_.back().Connection.Connection().Socket(), SOL_SOCKET, SO_SNDBUF, &kRoom,
+               sizeof kRoom);
+  }
 }
 
 void World::Send(Application& client, const std::string& bytes) {

@@ -78,6 +78,7 @@ class World {
   void CollectFrom(Application& client, const std::string& who, test::Milliseconds patience);
   void CollectFromQueue();
   void Note(const std::string& who, const std::string& what);
+  void HideIds(std::string& frame) const;
   std::string Shown(std::string frame) const;
   std::int32_t TaskOf(unsigned client) const;
 
