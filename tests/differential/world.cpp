@@ -207,9 +207,7 @@ void World::CollectFrom(Application& client, const std::string& who, test::Milli
 }
 
 void World::CollectFromQueue() {
-  while (queue_ && queue_->QueuedMessages() > 0) {
-    const auto request = queue_->ReadRequest(kNow);
-    if (!request) return;
+  while (const auto request = queue_ ? queue_->TakeRequest() : std::nullopt) {
     reader_ = request->Reader;
     Note("Q", Shown(lumo::Encode(request->Message, lumo::Lengths::Packet)));
     queued_.push_back(*request);
@@ -239,8 +237,8 @@ void World::Send(Application& client, const std::string& bytes) {
 
 void World::Ask(Application& client, const Event& event) {
   const std::string target = Target(event.Value);
-  // A full queue is tried again after a time, which no two runs would share.
-  const bool queue = target == "Q";
+  // A full queue is tried again after a time, which no two runs would share. The default may be it.
+  const bool queue = target == "Q" || (scenario_.Queue && target.empty());
   const unsigned size = event.What == Kind::AskLarge && !queue ? 3000 : event.Value % 7;
   const unsigned count = queue ? std::min(event.Count, 3U) : event.Count;
   for (unsigned i = 0; i < count && client.Asked - client.Answered < kMostOpen; ++i) {

@@ -145,18 +145,16 @@ void IpcKernel::SetKernelPid(pid_t pid) {
 }
 
 std::optional<IpcKernel::Request> IpcKernel::ReadRequest(Milliseconds timeout) {
+  std::optional<Request> request;
+  WaitFor([&] { return (request = TakeRequest()).has_value(); }, timeout);
+  if (!request) ADD_FAILURE() << "no request comes through the queue";
+  return request;
+}
+
+std::optional<IpcKernel::Request> IpcKernel::TakeRequest() {
   QueueMessage received;
-  ssize_t size = -1;
-  WaitFor(
-      [&] {
-        size = msgrcv(queue_, &received, sizeof received.Body, 1, IPC_NOWAIT);
-        return size >= 0;
-      },
-      timeout);
-  if (size < 0) {
-    ADD_FAILURE() << "no request comes through the queue";
-    return std::nullopt;
-  }
+  const ssize_t size = msgrcv(queue_, &received, sizeof received.Body, 1, IPC_NOWAIT);
+  if (size < 0) return std::nullopt;
   // Decode wants a length word, which it does not look at.
   const std::string frame =
       std::string(4, '\0') + std::string(received.Body, static_cast<std::size_t>(size));

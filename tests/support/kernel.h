@@ -48,6 +48,7 @@ class IpcKernel {
   IpcKernel& operator=(const IpcKernel&) = delete;
 
   std::optional<Request> ReadRequest(Milliseconds timeout = kPatience);
+  std::optional<Request> TakeRequest();  // one that is there already; it need not be
   bool Answer(const Request& request, const std::string& text = {}, int codErr = 0);
   bool SendMessage(pid_t reader, const lumo::Message& message);
   bool SendBytes(pid_t reader, const std::string& body);  // from the task name on
