@@ -126,10 +126,6 @@ Outcome BringUpAndServe(const Request& request, Link* link) {
   return {-1, "FAILED connect"};
 }
 
-bool IsManagement(const ClientMessage* msg) {
-  return std::memcmp(msg->CBL.Command, "DBCA", sizeof msg->CBL.Command) == 0;
-}
-
 // Only what is written to a link that is up can join what other requests have left to be sent;
 // anything else may take long, and they must not wait for it.
 bool CanJoin(const ClientMessage* msg, const Link* link) {

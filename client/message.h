@@ -9,6 +9,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/wire.h"
 
@@ -84,6 +85,11 @@ void CopyMessage(ClientMessage* to, const ClientMessage* from);
 
 // The default link is meant: the first character is NUL or a blank.
 inline bool NamesDefault(const char* node) { return (node[0] & ~0x20) == 0; }
+
+// A management command rather than a request for a node.
+inline bool IsManagement(const ClientMessage* msg) {
+  return std::memcmp(msg->CBL.Command, "DBCA", sizeof msg->CBL.Command) == 0;
+}
 
 // The parts of a text message to a database kernel that a client process has died ("CKIL"):
 // Length 132, the process id as task name and in the first counted string.

@@ -55,6 +55,7 @@ void Release(int socket) {
 }  // namespace
 
 void ParkIfFull(int socket, Link* link) {
+  // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): it is no negative number
   if (!IsConnectionNumber(socket) || !FD_ISSET(socket, &g_DbcI.ClientSockets)) return;
   Connection& connection = g_Connections[socket];
   if (connection.Parked || !MustWait(connection, link)) return;

@@ -149,10 +149,6 @@ bool ChangesSomething(std::uint16_t command) {
   return command == 106 || (command >= 117 && command <= 119) || (command >= 123 && command <= 128);
 }
 
-bool IsManagement(const ClientMessage* msg) {
-  return std::memcmp(msg->CBL.Command, "DBCA", sizeof msg->CBL.Command) == 0;
-}
-
 }  // namespace
 
 void ReadPermissions() {

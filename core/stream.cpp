@@ -115,6 +115,7 @@ void GiveBackIfEmpty(Input& in) {
   if (!in.Block || Held(in) > 0) return;
   GiveBlock(in.Block);
   in.Block = nullptr;
+  in.Frame = 0;
 }
 
 // Asks the system once for all that has come.
@@ -148,7 +149,7 @@ FrameRead HandOut(int fd, Input& in, unsigned char* area) {
   in.Traced = 0;
   in.Begin += size;
   GiveBackIfEmpty(in);
-  in.Frame = in.Block ? WholeFrame(in) : 0;
+  if (in.Block) in.Frame = WholeFrame(in);
   MarkWaiting(fd, HasNews(in));
   if (!InBounds(area, *in.Format)) return FrameRead::BadLength;
   if (size != kLengthWord) return FrameRead::Whole;

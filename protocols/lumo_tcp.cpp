@@ -302,7 +302,7 @@ void TraceWrite(int result) { LOG(kLogTrace, "write return %d", result); }
 void WriteFailed(int error) {
   LOG(kLogDriver, "TCPIP.Write into socket failed. Call:write. errno = %d", error);
 }
-constexpr OutputTrace kRequests = {.Sent = TraceWrite, .Failed = WriteFailed};
+constexpr OutputTrace kPackets = {.Sent = TraceWrite, .Failed = WriteFailed};
 
 int ReceiveFailed(Link* link, int status, int sysErr) {
   DisconnectLink(HERE, link, status, sysErr);
@@ -432,7 +432,7 @@ int TcpSendToNetwork(const char* file, int line, Link* link, ClientMessage* msg)
   Put(Trailer(msg), kTrailerLinkSocket, static_cast<std::uint32_t>(data->Socket));
   const std::uint32_t size = msg->Length + 4;
   LOG(kLogTrace, "Need write %d bytes for link \"%.8s\"", static_cast<int>(size), link->NodeName);
-  if (SendBytes(HERE, data->Socket, Wire(msg), size, &kRequests) != 0)
+  if (SendBytes(HERE, data->Socket, Wire(msg), size, &kPackets) != 0)
     return LEAVE(static_cast<int>(kStatusSend), "FAILED write");
   data->AliveCount = data->ReceiveTimeout / kTickSeconds;
   return 0;

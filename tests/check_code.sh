@@ -10,10 +10,21 @@ format() {
     xargs clang-format --dry-run --Werror
 }
 
-# The agent's code, by the rules of .clang-tidy.
+# The agent's code, by the rules of .clang-tidy: all of a directory as one source, which takes a
+# third of the time, since most of it goes into the headers, and shows what goes on between two. Each
+# source names itself in the trace by a constant of its own.
 tidy() {
-  printf '%s\n' {core,client,link,protocols,api,ping}/*.cpp |
-    xargs -P 2 -n 4 clang-tidy -p "$1" --quiet 2>/dev/null
+  local build=$1 directory source
+  mkdir -p "$build/tidy"
+  for directory in client protocols core link api ping; do
+    for source in "$directory"/*.cpp; do
+      printf '// %s\n#define Module Module_%s  // NOLINT\n' "$source" "$(basename "$source" .cpp)"
+      cat "$source"
+      echo '#undef Module'
+    done >"$build/tidy/$directory.cpp"
+    echo "$build/tidy/$directory.cpp"
+  done | xargs -P 2 -I {} clang-tidy --config-file=.clang-tidy --quiet {} -- \
+    -std=c++20 -I. -I "$build/lib/include" -fno-exceptions -fno-rtti 2>/dev/null
 }
 
 # All code but the tests. cppcheck does not know __VA_OPT__ and so must not look into ENTER.
