@@ -135,7 +135,7 @@ class Engine {
   }
 
   void Serve(const epoll_event& event) {
-    const std::size_t index = event.data.u64;
+    const std::size_t index = static_cast<std::size_t>(event.data.u64);
     if ((event.events & EPOLLOUT) != 0) SendUnsent(index);
     if ((event.events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0) Receive(index);
   }

@@ -13,16 +13,16 @@ constexpr std::size_t kBlock = std::size_t{1} << kBits;
 constexpr std::size_t kClasses = kBlock * static_cast<std::size_t>(64 - kBits);
 
 std::size_t ClassOf(std::uint64_t time) {
-  if (time < kBlock) return time;
+  if (time < kBlock) return static_cast<std::size_t>(time);
   const int shift = 63 - std::countl_zero(time) - kBits;
-  return kBlock * static_cast<std::size_t>(shift + 1) + (time >> shift) - kBlock;
+  return kBlock * static_cast<std::size_t>(shift) + static_cast<std::size_t>(time >> shift);
 }
 
 // The largest time of a class.
 std::uint64_t EndOf(std::size_t index) {
   if (index < kBlock) return index;
   const std::size_t shift = index / kBlock - 1;
-  return ((index % kBlock + kBlock + 1) << shift) - 1;
+  return (std::uint64_t{index % kBlock + kBlock + 1} << shift) - 1;
 }
 
 }  // namespace
