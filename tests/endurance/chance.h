@@ -1,5 +1,6 @@
 // Everything that is left to chance, from one seed.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include <random>
 
@@ -9,12 +10,12 @@ class Chance {
  public:
   explicit Chance(std::uint64_t seed) : engine_(seed) {}
   // Below the limit, which is at least 1.
-  std::uint64_t Below(std::uint64_t limit) { return engine_() % limit; }
+  std::size_t Below(std::size_t limit) { return static_cast<std::size_t>(engine_() % limit); }
   int Between(int low, int high) {
-    return low + static_cast<int>(Below(static_cast<std::uint64_t>(high - low + 1)));
+    return low + static_cast<int>(Below(static_cast<std::size_t>(high - low + 1)));
   }
-  bool Percent(int percent) { return Below(100) < static_cast<std::uint64_t>(percent); }
-  bool PerMille(int perMille) { return Below(1000) < static_cast<std::uint64_t>(perMille); }
+  bool Percent(int percent) { return Below(100) < static_cast<std::size_t>(percent); }
+  bool PerMille(int perMille) { return Below(1000) < static_cast<std::size_t>(perMille); }
   // At least 1, on average the mean.
   int Around(int mean) { return 1 + Between(0, 2 * (mean - 1)); }
 

@@ -50,7 +50,8 @@ void Client::Connect(Time now) {
   in_.clear();
   out_.clear();
   asked_.clear();
-  holdFrom_ = queuedBytes_ = sentBytes_ = 0;
+  holdFrom_ = 0;
+  queuedBytes_ = sentBytes_ = 0;
   paused_ = false;
   setting_.Events->Watch(fd, EPOLLIN, [this](std::uint32_t events) { Serve(events); });
   BeginLife();
@@ -65,7 +66,7 @@ void Client::ConnectToStay() {
 
 void Client::BeginLife() {
   Chance& luck = *setting_.Luck;
-  task_ = static_cast<int>(luck.Below(static_cast<std::uint64_t>(setting_.Tasks)));
+  task_ = static_cast<int>(luck.Below(static_cast<std::size_t>(setting_.Tasks)));
   budget_ = luck.Around(setting_.MeanLife);
   depth_ = luck.Percent(10) ? 40 : luck.Between(1, 12);
   const int reading = luck.Between(0, 999);

@@ -134,7 +134,7 @@ Request& Ledger::Ask(std::uint64_t connection, int task, int node, std::uint32_t
 
 Request* Ledger::Find(std::uint64_t number) {
   if (number <= first_ || number > first_ + requests_.size()) return nullptr;
-  return &requests_[number - first_ - 1];
+  return &requests_[static_cast<std::size_t>(number - first_ - 1)];
 }
 
 void Ledger::CountEnd(const Request& request) {
@@ -159,8 +159,8 @@ void Ledger::Close(Request& request, End end) {
 
 std::string Ledger::RequestText(const Request& request) const {
   const std::uint64_t mixed = Mix(seed_, request.Number);
-  const std::size_t size = mixed % 100 < 3 ? mixed / 100 % 6000 : 16 + mixed / 100 % 64;
-  return Filled("Q" + std::to_string(request.Number) + " ", mixed, size);
+  const std::uint64_t size = mixed % 100 < 3 ? mixed / 100 % 6000 : 16 + mixed / 100 % 64;
+  return Filled("Q" + std::to_string(request.Number) + " ", mixed, static_cast<std::size_t>(size));
 }
 
 std::string Ledger::AnswerText(const Request& request) const {

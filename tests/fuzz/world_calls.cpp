@@ -560,7 +560,7 @@ int __real_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
   if (!state.Active) return __real_clock_gettime(clock, now);
   now->tv_sec = static_cast<std::time_t>(state.Monotonic / 1000);
-  now->tv_nsec = state.Monotonic % 1000 * 1000000;
+  now->tv_nsec = static_cast<long>(state.Monotonic % 1000 * 1000000);
   return 0;
 }
 

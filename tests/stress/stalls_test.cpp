@@ -223,7 +223,7 @@ void LimitSanitizer() {
 }
 
 std::size_t AskedInVain(const Scene& scene) {
-  return scene.stuck_.UnreadRequests() * lumo::kMaxMessage;
+  return static_cast<std::size_t>(scene.stuck_.UnreadRequests()) * lumo::kMaxMessage;
 }
 
 // For half of the time, and on a busy machine for as long as it takes until there was so much.

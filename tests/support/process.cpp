@@ -78,7 +78,8 @@ AwaitedSignal::~AwaitedSignal() {
 }
 
 pid_t AwaitedSignal::Sender(Milliseconds timeout) {
-  const timespec wait{timeout.count() / 1000, timeout.count() % 1000 * 1000000};
+  const timespec wait{static_cast<time_t>(timeout.count() / 1000),
+                      static_cast<long>(timeout.count() % 1000 * 1000000)};
   siginfo_t info{};
   return sigtimedwait(&set_, &info, &wait) > 0 ? info.si_pid : -1;
 }
