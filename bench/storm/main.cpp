@@ -177,12 +177,12 @@ class Storm {
       if ((event.events & EPOLLOUT) != 0)
         Announce(event);
       else
-        TakeAnswer(event.data.u64);
+        TakeAnswer(static_cast<std::size_t>(event.data.u64));
     }
   }
 
   void Announce(epoll_event event) {
-    const int socket = sockets_[event.data.u64];
+    const int socket = sockets_[static_cast<std::size_t>(event.data.u64)];
     event.events = EPOLLIN;
     if (!SendAll(socket, {kAnnouncement, sizeof kAnnouncement}) ||
         epoll_ctl(epoll_, EPOLL_CTL_MOD, socket, &event) != 0)

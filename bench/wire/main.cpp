@@ -99,8 +99,8 @@ int OpenEnd(const std::string& space, const std::string& name) {
     for (const Direction& direction : wire)
       if (!direction.Empty()) wait = std::min(wait, Nanoseconds(direction.Next() - now));
     wait = std::max(wait, Nanoseconds(0));
-    const timespec time = {.tv_sec = wait.count() / 1000000000,
-                           .tv_nsec = wait.count() % 1000000000};
+    const timespec time = {.tv_sec = static_cast<time_t>(wait.count() / 1000000000),
+                           .tv_nsec = static_cast<long>(wait.count() % 1000000000)};
     std::array<pollfd, 2> polled = {{{ends[0], POLLIN, 0}, {ends[1], POLLIN, 0}}};
     ppoll(polled.data(), polled.size(), &time, nullptr);
     for (Direction& direction : wire) {
