@@ -27,8 +27,11 @@ std::filesystem::path ProcessFolder(pid_t pid) {
 bool InState(pid_t pid, char state) { return ProcessStatus(pid, "State").find(state) == 0; }
 
 bool StandsInWait(pid_t pid) {
-  constexpr long kWaits[] = {SYS_select, SYS_pselect6, SYS_epoll_wait,  SYS_epoll_pwait,
-                             SYS_poll,   SYS_ppoll,    SYS_epoll_pwait2};
+  constexpr long kWaits[] = {
+#ifdef SYS_poll  // the older calls, which newer machines do without
+      SYS_select,   SYS_epoll_wait,  SYS_poll,
+#endif
+      SYS_pselect6, SYS_epoll_pwait, SYS_ppoll, SYS_epoll_pwait2};
   return std::find(std::begin(kWaits), std::end(kWaits), BlockedInCall(pid)) != std::end(kWaits);
 }
 
