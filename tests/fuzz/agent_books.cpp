@@ -1,4 +1,7 @@
 // What holds at a wait: who is parked, and that nothing is held back.
+#include <map>
+
+#include "client/clntxch.h"
 #include "client/connection.h"
 #include "client/primitiv.h"
 #include "core/stream.h"
@@ -98,20 +101,27 @@ void CheckNoneIsOverlooked() {
   }
 }
 
-// What tells whether anything else has happened with the tick: then a connection may have been
-// released and parked anew, and has until the next one.
-static unsigned long transfersAtTick;
-static std::uint32_t serialAtTick;
+// The connections that are parked at a tick although their clients have hung up. One of which a
+// request is read afterwards has been released, and may be parked anew until the next tick.
+static std::map<int, std::uint32_t> abandoned;  // serial number by descriptor
+
+static int GetMsgAndForget(const char* file, int line, ClientMessage* msg, int socket) {
+  abandoned.erase(socket);
+  return GetMsgFromClient(file, line, msg, socket);
+}
 
 void NoteTick() {
-  transfersAtTick = world::state.Transfers;
-  serialAtTick = world::state.LastSerial;
+  g_DbcI.GetMsg = GetMsgAndForget;
+  abandoned.clear();
+  for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
+    if (g_Connections[fd].Parked && world::At(fd).PeerGone)
+      abandoned[fd] = g_Connections[fd].Serial;
+  }
 }
 
 void CheckNoneParkedIsGone() {
-  if (transfersAtTick != world::state.Transfers || serialAtTick != world::state.LastSerial) return;
-  for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
-    if (g_Connections[fd].Parked && world::At(fd).PeerGone)
+  for (const auto& [fd, serial] : abandoned) {
+    if (g_Connections[fd].Parked && g_Connections[fd].Serial == serial)
       world::Violated("connection %d is parked, its client has hung up", fd);
   }
 }

@@ -181,6 +181,7 @@ int peers::Choose(const std::vector<int>& descriptors, unsigned number) {
 
 void peers::Send(int client, const std::string& bytes, std::size_t count) {
   if (client < 0 || !clients.contains(client) || At(client).Input.size() > kInputMax) return;
+  if (At(client).PeerGone || At(client).Error != 0) return;  // what it sent before may be lost
   ClientPeer& peer = clients[client];
   peer.Staged += bytes;
   const std::string arrives = peer.Staged.substr(0, count);
