@@ -101,7 +101,12 @@ for program in lumo_tcp tools/lumo_node/lumo_node tools/lumoctl/lumoctl \
 done
 step "Unit tests for $architecture"
 failed=0
-$run "$place/build/tests/unit/unit_tests" --gtest_brief=1 || failed=1
+# qemu-i386 (7.2) gives all threads one table of segments: once there has been a second thread, the
+# first has the other's errno after each signal. So the tests whose agent, a fork of the test, waits
+# for signals run where there has been none.
+for tests in '-FailingDescriptors.*' 'FailingDescriptors.*'; do
+  $run "$place/build/tests/unit/unit_tests" --gtest_brief=1 --gtest_filter="$tests" || failed=1
+done
 step "Library tests for $architecture"
 # This machine's Python cannot load the other's library.
 $run "$place/build/tests/lib/lib_tests" --gtest_brief=1 --gtest_filter='-*Python*' || failed=1
