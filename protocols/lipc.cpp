@@ -310,6 +310,7 @@ int ReadRecords(const Link* link, LIpcLinkData* data) {
     if (got < 0 && errno == EAGAIN) return -1;
     if (got == 0) {
       LOG(kLogTrace, "LIPC Connection \"%s\" is broken. Call:read", link->NodeName);
+      errno = 0;  // an end is no error, also when a signal interrupted the call before
       return kStatusPeerClosed;
     }
     if (got < 0) return kStatusReceive;

@@ -896,7 +896,11 @@ TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
   ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
   ASSERT_TRUE(RecordComes());
   errno = 77;
-  EXPECT_EQ(Read(), kStatusPeerClosed);
+  {
+    const FailingSystemCall interrupted(SystemCall::Read, EINTR, 0, 1);
+    EXPECT_EQ(Read(), kStatusPeerClosed);
+    EXPECT_EQ(interrupted.Calls(), 2);
+  }
   const std::string failure = Receive(client);
   ASSERT_EQ(failure.size(), 108U);
   EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{44}), 0)
