@@ -105,13 +105,22 @@ void CheckNoneIsOverlooked() {
 // request is read afterwards has been released, and may be parked anew until the next tick.
 static std::map<int, std::uint32_t> abandoned;  // serial number by descriptor
 
-static int GetMsgAndForget(const char* file, int line, ClientMessage* msg, int socket) {
+static void (*requestWatch)(const ClientMessage& msg);
+
+static int GetMsgWatched(const char* file, int line, ClientMessage* msg, int socket) {
   abandoned.erase(socket);
-  return GetMsgFromClient(file, line, msg, socket);
+  const int length = GetMsgFromClient(file, line, msg, socket);
+  if (length > 0 && requestWatch) requestWatch(*msg);
+  return length;
+}
+
+void WatchRequests(void (*watch)(const ClientMessage& msg)) {
+  requestWatch = watch;
+  g_DbcI.GetMsg = GetMsgWatched;
 }
 
 void NoteTick() {
-  g_DbcI.GetMsg = GetMsgAndForget;
+  g_DbcI.GetMsg = GetMsgWatched;
   abandoned.clear();
   for (int fd = 0; fd < EndOfDescriptors(); ++fd) {
     if (g_Connections[fd].Parked && world::At(fd).PeerGone)

@@ -188,6 +188,21 @@ void CheckNoneWaitsInVain() {
   }
 }
 
+void CheckNoneIsStranded() {
+  const bool timerGoesOn = g_DbcI.AutoConnect && g_DbcI.CircleTimeCount != 0;
+  for (const SavedMessage& saved : g_DbcI.SavedArray) {
+    if (InUse(saved) && saved.Link->State == kLinkDisconnected && !timerGoesOn)
+      world::Violated("a request waits for %.8s, which is down", saved.Link->NodeName);
+  }
+}
+
+void CheckDefaultRequests() {
+  for (const SavedMessage& saved : g_DbcI.SavedArray) {
+    if (InUse(saved) && NamesDefault(saved.Message.CBL.Node) && saved.Link != g_DbcI.DefaultLink)
+      world::Violated("a request for the default waits for %.8s", saved.Link->NodeName);
+  }
+}
+
 std::string MakeMessage(const MessageFields& fields) {
   const std::size_t text = std::min<std::size_t>(fields.Text.size(), 7000);
   const auto count = static_cast<std::uint16_t>(text);

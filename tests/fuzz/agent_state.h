@@ -44,9 +44,18 @@ void CheckNothingIsJoined();
 // When nothing has moved for some passes: no descriptor that is waited for is ready.
 void CheckNoneIsOverlooked();
 
+// A started agent's requests are told of when they have been read.
+void WatchRequests(void (*watch)(const ClientMessage& msg));
+
 // Before and after a tick: parked connections whose clients have hung up are closed by it.
 void NoteTick();
 void CheckNoneParkedIsGone();
+
+// After a tick: no request waits for a link that is down, unless the timer will try it again.
+void CheckNoneIsStranded();
+
+// Requests for the default wait for the link that is the default.
+void CheckDefaultRequests();
 
 // No request waits for a link that is up. Between two passes that may be so for a moment: a link
 // that has failed in its first moment is still taken for connected.

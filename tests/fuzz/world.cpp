@@ -71,6 +71,7 @@ void Begin() {
   state.Connects.clear();
   state.Greeting.assign(60, '\0');
   state.KernelCloses = false;
+  state.KernelsListen = false;
   state.Nodetab.clear();
   state.HasNodetab = true;
   state.ToKernel.clear();

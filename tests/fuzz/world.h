@@ -88,9 +88,10 @@ struct State {
   std::uint32_t LastSerial = 0;
   unsigned long Transfers = 0;  // counts what goes in and out, to see whether anything does
 
-  std::deque<Plan> Connects;  // how the next connects to nodes go; empty: Pending
-  std::string Greeting;       // of a local kernel
-  bool KernelCloses = false;  // after its greeting
+  std::deque<Plan> Connects;   // how the next connects to nodes go; empty: Pending
+  std::string Greeting;        // of a local kernel
+  bool KernelCloses = false;   // after its greeting
+  bool KernelsListen = false;  // a connect that has no plan succeeds, else it is refused
 
   std::string Nodetab;  // what every node table file holds
   bool HasNodetab = true;
@@ -110,8 +111,8 @@ struct State {
   // Called when the agent's loop waits, not when it only looks; false: it is interrupted.
   bool (*OnWait)() = nullptr;
 
-  // Told what connect, send, recv and the look at a pending connection (GetSockOpt) have come to,
-  // and with descriptor -1 which call was made to fail.
+  // Told what connect, send, recv, read and the look at a pending connection (GetSockOpt) have come
+  // to, and with descriptor -1 which call was made to fail.
   void (*OnOutcome)(Call call, int fd, long result, int error) = nullptr;
 };
 extern State state;

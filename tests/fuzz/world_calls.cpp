@@ -175,7 +175,7 @@ int ConnectNode(Socket& socket) {
 
 // Nobody listens at the agent's own path before the agent does; kernels are tried by links.
 int ConnectKernel(Socket& socket) {
-  Plan plan = Plan::Refused;
+  Plan plan = state.KernelsListen ? Plan::AtOnce : Plan::Refused;
   if (!state.Connects.empty()) {
     plan = state.Connects.front();
     state.Connects.pop_front();
@@ -324,7 +324,7 @@ ssize_t __real_read(int fd, void* buffer, std::size_t size);
 ssize_t __wrap_read(int fd, void* buffer, std::size_t size) {
   if (!Simulated(fd)) return __real_read(fd, buffer, size);
   if (Fails(Call::Read)) return IsOpen(fd) ? Break(At(fd), errno) : -1;
-  return IsOpen(fd) ? TakeBytes(At(fd), buffer, size) : Fail(EBADF);
+  return IsOpen(fd) ? Told(Call::Read, fd, TakeBytes(At(fd), buffer, size)) : Fail(EBADF);
 }
 
 int __real_close(int fd);

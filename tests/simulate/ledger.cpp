@@ -10,9 +10,13 @@
 #include <vector>
 
 #include "client/message.h"
+#include "client/primitiv.h"
+#include "core/dbc.h"
 #include "core/status.h"
+#include "link/link.h"
 #include "tests/fuzz/agent_peers.h"
 #include "tests/fuzz/world.h"
+#include "tests/simulate/codes.h"
 
 namespace {
 
@@ -22,7 +26,6 @@ using world::Call;
 constexpr std::size_t kDigits = 8;
 constexpr std::uint16_t kFirstManagementTag = 60000;
 constexpr char kRow[] = "row", kWrong[] = "wrong";
-constexpr int kAnyCode = -1, kAnyError = -1;
 
 enum class Fate : std::uint8_t { Unsent, Open, ByNode, ByAgent, Dropped };
 
@@ -63,6 +66,16 @@ struct Line {
 struct Rules {
   bool AutoConnect, Modes, ConnError, Edits, Faults;
   int CircleFailure;
+  std::string Default;  // the node that requests without a name go to; empty: it changes
+  int CircleTicks;      // that the circle goes on for; 0: it does not wait
+};
+
+// How long the circle still waits for the timer.
+struct CircleTimer {
+  int Ticks;
+  bool WasOver;      // at some time since the last wait
+  int LastOver;      // the last wait before which it was
+  bool IsUncertain;  // requests were served without being read: what followed a failed send
 };
 
 using Key = std::tuple<int, std::uint32_t, Tag>;
@@ -77,12 +90,16 @@ struct Books {
   std::map<int, Line> Lines;
   std::map<std::pair<int, std::uint32_t>, std::deque<ledger::Owed>> Owed;
   std::map<int, std::pair<std::uint32_t, bool>> Clients;  // serial, and that it may be closed
-  std::set<std::string> DoubtfulNodes;
   std::set<std::string> LeftBroken;  // nodes whose link has no descriptor and still connects
   std::map<std::string, unsigned> Drops;
   std::set<std::uint32_t> Misbehaving;  // connections of nodes
   std::set<std::uint32_t> Doubtful;     // connections of clients
+  std::set<std::uint32_t> Slow;         // connections of clients that did not take all at once
+  std::set<pid_t> Dead;                 // since before this pass
   struct Rules Rules;
+  CircleTimer Circle;
+  std::set<std::string> Connected;  // nodes, since the last wait
+  bool ReaderDied;
   int Now, Ticks;
   std::uint16_t LastManagementTag;
   bool InTimer;  // until the next wait
@@ -138,6 +155,12 @@ void AddCause(const std::string& node, int code, int error) {
   books.Causes.push_back({books.Now, node, code, error});
 }
 
+void AddCauseOfReader(int code, int error) {
+  for (const auto& [name, node] : books.Nodes) {
+    if (node.Protocol == "LOCALI") AddCause(name, code, error);
+  }
+}
+
 std::string NodeAt(int fd) {
   const auto place = books.Places.find(At(fd).Address);
   if (place != books.Places.end()) return place->second;
@@ -157,35 +180,73 @@ void ConnectEnded(int fd, int error) {
   const bool known = line.Serial == At(fd).Serial;
   if (error == EINPROGRESS || (error == 0 && !known))
     line = {.Serial = At(fd).Serial, .Node = node, .ByTimer = books.InTimer, .Since = books.Ticks};
-  if (!known) books.LeftBroken.erase(node);
+  if (!known && !books.Rules.Edits) books.LeftBroken.erase(node);  // else two may have the name
   if (error == 0 || error == EINPROGRESS || error == EALREADY || error == EISCONN) return;
   AddCause(node, kStatusConnect, known ? 0 : error);  // the timer repeats it, and tells no error
   if (known && books.Rules.AutoConnect) books.LeftBroken.insert(node);
 }
 
-// What recv and send tell of a link; local sockets have codes of their own for it.
+// A link over a socket of the local kernel makes no difference between the end and an error.
 void StreamFailed(int fd, int code, int error) {
-  const bool isLocal = At(fd).What == world::Kind::Kernel;
-  AddCause(NodeAt(fd), isLocal ? kAnyCode : code, isLocal ? kAnyError : error);
+  const bool ended = code == kStatusPeerClosed && At(fd).What == world::Kind::Kernel;
+  AddCause(NodeAt(fd), ended ? kStatusReceive : code, error);
+}
+
+void CallFailed(Call call, int error) {
+  books.Circle.IsUncertain = true;
+  if (call == Call::Allocate) error = ENOMEM;  // whatever it was made to fail with
+  for (const int code : codes::Of(call)) {
+    AddCause({}, code, error);
+    AddCause({}, code, 0);
+  }
+  // A request that could not be recorded ends its link with what its client's answer came to.
+  for (const int ofClient : {EPIPE, EBADF, ECONNRESET})
+    if (call == Call::Allocate) AddCause({}, kStatusSend, ofClient);
+  // The circle may leave a link that has lost its descriptor as if it were connected or connecting.
+  if (!books.Rules.AutoConnect || (call != Call::Fcntl && call != Call::Connect)) return;
+  AddCause({}, kStatusSend, EBADF);
+  AddCause({}, kStatusOption, 0);
+  AddCause({}, kStatusConnectTimeout, 0);
+}
+
+// The reader child's pipe, and what it hands over beside it.
+void OfReader(int fd, long result, int error) {
+  const bool ended = result == 0 && At(fd).What == world::Kind::Pipe;
+  if (!ended && (result >= 0 || error == EINTR)) return;
+  if (error == EAGAIN && At(fd).What == world::Kind::Pipe) return;
+  AddCauseOfReader(ended ? kStatusPeerClosed : kStatusReceive, ended ? 0 : error);
+}
+
+// A frame that is none, or one without a body.
+void Misbehaves(int fd) {
+  AddCause(NodeAt(fd), kStatusReceive, 0);
+  if (At(fd).What == world::Kind::Node) AddCause(NodeAt(fd), kStatusPeerClosed, 0);
+}
+
+bool IsReader(int fd) {
+  return At(fd).What == world::Kind::Pipe || At(fd).What == world::Kind::Pair;
 }
 
 void OnOutcome(Call call, int fd, long result, int error) {
-  if (fd < 0) return AddCause({}, kAnyCode, kAnyError);  // a call was made to fail
+  if (fd < 0) return CallFailed(call, error);  // it was made to fail
   if (call == Call::Connect) return ConnectEnded(fd, result < 0 ? error : 0);
+  if (IsReader(fd)) return OfReader(fd, result, error);
   if (!IsNode(fd)) return;
   Line& line = books.Lines[fd];
   if (call == Call::GetSockOpt && result == 0) {
+    books.Connected.insert(NodeAt(fd));
     line.Connected = true;
     line.Since = books.Ticks;
   } else if (call == Call::GetSockOpt) {
     AddCause(NodeAt(fd), kStatusConnect, At(fd).ConnectError);
   } else if (call == Call::Recv && result > 0) {
     line.Since = books.Ticks;
-    if (books.Misbehaving.contains(At(fd).Serial)) AddCause(NodeAt(fd), kAnyCode, kAnyError);
+    if (books.Misbehaving.contains(At(fd).Serial)) Misbehaves(fd);
   } else if (call == Call::Recv && result == 0) {
     StreamFailed(fd, kStatusPeerClosed, 0);
   } else if (result < 0 && error != EAGAIN && error != EINTR) {
     line.Loose = true;  // the circle may leave it as it is
+    books.Circle.IsUncertain = true;
     StreamFailed(fd, call == Call::Recv ? kStatusReceive : kStatusSend, error);
   }
 }
@@ -196,20 +257,22 @@ bool Concerns(const Cause& cause, const Request& request) {
 }
 
 bool Explains(const Cause& cause, int code, int error) {
-  const bool codeFits = cause.Code == kAnyCode || cause.Code == code;
+  const bool codeFits = cause.Code == code;
   // The circle passes no error on; the request in hand is told the one that stands when all others
   // have been answered, among them perhaps a client that is dead.
-  const bool errorFits = cause.Error == kAnyError || cause.Error == error ||
-                         (books.Rules.Modes && error == 0) ||
+  const bool errorFits = cause.Error == error || (books.Rules.Modes && error == 0) ||
                          (error == ESRCH && !world::state.Dead.empty());
   return codeFits && errorFits;
 }
 
-// The circle answers those who followed the default with a code of its own; so does the timer those
-// who wait for a link that is down with nothing under way, as an edit may leave it.
-bool IsOfCircle(int code, int error) {
-  return (books.Rules.Modes || books.Rules.Edits) && code == books.Rules.CircleFailure &&
-         error == 0;
+// The circle answers those who followed the default with a code of its own when it need not wait
+// for the timer; so does the timer those who wait for a link that is down with nothing under way,
+// as an edit may leave it.
+bool IsOfCircle(const Request& request, int code, int error) {
+  if (code != books.Rules.CircleFailure || error != 0) return false;
+  const bool late = books.Slow.contains(request.Connection);
+  const bool wasOver = books.Circle.WasOver || (late && books.Circle.LastOver >= request.AskedAt);
+  return books.Rules.Edits || (books.Rules.AutoConnect && wasOver);
 }
 
 bool IsForConnecting(int code, int error) {
@@ -238,23 +301,14 @@ bool IsForUnsupported(const Request& request, int code, int error) {
 
 bool IsForStop(int code, int error) { return books.Stopping && (code == 0 || error == ECANCELED); }
 
-// The node's reader or kernel has gone, which is noticed some time later.
-bool IsDoubtful(const Request& request) {
-  return std::any_of(books.Nodes.begin(), books.Nodes.end(), [&](const auto& node) {
-    return books.DoubtfulNodes.contains(node.first) &&
-           (request.Node.empty() || request.Node == node.first || books.Rules.Edits);
-  });
-}
-
 bool MayBeAnswered(const Request& request, int code, int error) {
   if (IsForUnknownNode(request, code, error) || IsForUnsupported(request, code, error) ||
       IsForConnecting(code, error) || IsForStop(code, error))
     return true;
   // A link that is not supported fails without a call.
-  const bool ofCircle = IsOfCircle(code, error) &&
+  const bool ofCircle = IsOfCircle(request, code, error) &&
                         (request.Node.empty() || books.Rules.AutoConnect || books.Rules.Edits);
   if (ofCircle && (SomeAreUnsupported() || books.Rules.Edits)) return true;
-  if (IsDoubtful(request)) return true;
   // What was found broken may stay as it is while another link is the default.
   const bool mayLast = books.Rules.AutoConnect && (error == 0 || books.Rules.Faults);
   for (auto cause = books.Causes.rbegin(); cause != books.Causes.rend(); ++cause) {
@@ -283,6 +337,7 @@ void Asked(int client, const Tag& tag, const std::string& frame) {
   request.Connection = At(client).Serial;
   const char* const node = frame.data() + kCblAt + offsetof(Cbl, Node);
   request.Node.assign(node, strnlen(node, sizeof Cbl::Node));
+  if (request.Node.empty()) request.Node = books.Rules.Default;
   request.AskedAt = books.Now;
   request.Content = ContentOf(frame, kCblAt);
   request.Is = Fate::Open;
@@ -345,11 +400,19 @@ void AnsweredByAgent(int client, const Tag& tag, int code, int error) {
   ++books.Totals.ByAgent;
 }
 
+// The reader child gives its answers past the agent.
+void CheckAlive(int client, const Tag& tag, int number) {
+  if (!books.Dead.contains(tag.first) || books.Slow.contains(At(client).Serial)) return;
+  if (number >= 0 && books.Requests[static_cast<std::size_t>(number)].NodeFd < 0) return;
+  world::Violated("process %d is dead and gets an answer", tag.first);
+}
+
 void Answered(int client, const Tag& tag, const std::string& frame) {
   const auto code = FieldAt<std::int32_t>(frame, kCblAt + offsetof(Cbl, CodErr));
   const auto error = FieldAt<std::int32_t>(frame, kCblAt + offsetof(Cbl, SysErr));
   const int number = ledger::NumberIn(frame, kStringsAt);
   NoteAll(2, At(client).Serial, tag.first, tag.second, code, error, number);
+  CheckAlive(client, tag, number);
   if (tag.second >= kFirstManagementTag && IsUnnumbered(KeyOf(client, tag))) return;
   if (number >= 0)
     AnsweredByNode(client, tag, frame, number);
@@ -386,6 +449,31 @@ void CheckLines() {
       world::Violated("%s is %s for %d ticks", line.Node.c_str(),
                       line.Connected ? "silent" : "connecting", books.Ticks - line.Since);
   }
+}
+
+// The circle's timer
+
+void CheckCircle() {
+  if (books.Rules.CircleTicks == 0) return;
+  const int counted = g_DbcI.CircleTimeCount;
+  const bool mayDiffer =
+      books.Circle.IsUncertain && (counted == 0 || counted == books.Rules.CircleTicks);
+  if (counted != books.Circle.Ticks && !mayDiffer)
+    world::Violated("the circle waits for %d ticks, not %d", counted, books.Circle.Ticks);
+  if (books.Circle.WasOver) books.Circle.LastOver = books.Now;
+  books.Circle.Ticks = counted;
+  books.Circle.WasOver = counted == 0;
+  books.Circle.IsUncertain = false;
+}
+
+// The circle begins and ends at the default link that was connected last.
+void CheckCircleStart() {
+  const Link* const link = g_DbcI.DefaultLink;
+  const bool isSure = books.Rules.AutoConnect && !books.Rules.Edits && !books.Rules.Faults;
+  if (isSure && link->State == kLinkConnected && books.Connected.contains(link->NodeName) &&
+      g_DbcI.CircleStartLink != link)
+    world::Violated("the circle does not begin at %.8s, which was connected", link->NodeName);
+  books.Connected.clear();
 }
 
 // Connections
@@ -447,21 +535,38 @@ NodeLine Parse(const std::string& line, std::string* address) {
   return node;
 }
 
-bool Has(const story::Story& story, const char* option) {
-  return std::find(story.Options.begin(), story.Options.end(), option) != story.Options.end();
+bool MaySetDefault(const story::Story& story) {
+  if (story.Nodes.size() == 1) return story.Edits;
+  return story.Edits || story::Has(story, "-AUTOCONNECT") || story::Has(story, "-AUTOCHANGE") ||
+         story::Has(story, "-CONNECTONLOAD");
+}
+
+std::string DefaultOf(const story::Story& story) {
+  if (MaySetDefault(story)) return {};
+  for (const std::string& line : story.Nodes) {
+    if (story::Has(story, "-DEFAULT=SRV2") && line.starts_with("SRV2 ")) return "SRV2";
+  }
+  return story.Nodes.front().substr(0, story.Nodes.front().find(' '));
 }
 
 }  // namespace
 
 void ledger::Begin(const story::Story& story) {
-  const bool connect = Has(story, "-AUTOCONNECT"), change = Has(story, "-AUTOCHANGE");
+  const bool several = story.Nodes.size() > 1 || story.Edits;  // else the modes do not apply
+  const bool connect = several && story::Has(story, "-AUTOCONNECT");
+  const bool change = several && story::Has(story, "-AUTOCHANGE");
+  const bool waits = connect && !story.Edits && story::Has(story, "-AUTOCONNECTTIMEOUT=6");
   books = {};
-  books.Rules = {.AutoConnect = connect,
-                 .Modes = connect || change,
-                 .ConnError = Has(story, "-CONNERROR"),
-                 .Edits = story.Edits,
-                 .Faults = story.Faults,
-                 .CircleFailure = Has(story, "-ERR1001") ? kStatusCircleFailed : kStatusConnect};
+  books.Rules = {
+      .AutoConnect = connect,
+      .Modes = connect || change,
+      .ConnError = story::Has(story, "-CONNERROR"),
+      .Edits = story.Edits,
+      .Faults = story.Faults,
+      .CircleFailure = story::Has(story, "-ERR1001") ? kStatusCircleFailed : kStatusConnect,
+      .Default = DefaultOf(story),
+      .CircleTicks = waits ? 3 : 0};
+  books.Circle.WasOver = true;
   books.Totals.Digest = 0xCBF29CE484222325U;
   books.LastManagementTag = kFirstManagementTag;
   for (const std::string& line : story.Nodes) {
@@ -516,6 +621,9 @@ std::string ledger::Give(int number, int node) {
 void ledger::Ticked() {
   ++books.Ticks;
   books.InTimer = true;
+  if (books.Circle.Ticks > 0) books.Circle.WasOver = --books.Circle.Ticks == 0;
+  if (books.ReaderDied) AddCauseOfReader(kStatusReaderGone, 0);
+  books.ReaderDied = false;
   for (const std::string& node : books.LeftBroken) {
     AddCause(node, kStatusOption, 0);
     AddCause(node, kStatusConnectTimeout, 0);
@@ -526,10 +634,16 @@ void ledger::Ticked() {
   }
 }
 
-void ledger::MayFail(const std::string& protocol) {
-  for (const auto& [name, node] : books.Nodes) {
-    if (node.Protocol == protocol) books.DoubtfulNodes.insert(name);
-  }
+void ledger::ReaderDies() { books.ReaderDied = true; }
+
+void ledger::RequestIsRead(const ClientMessage& msg) {
+  const Link* const link = g_DbcI.DefaultLink;
+  if (books.Rules.CircleTicks == 0 || !link) return;
+  const bool forDefault =
+      NamesDefault(msg.CBL.Node) || CompareNodeName(link->NodeName, msg.CBL.Node) == 0;
+  if (std::memcmp(msg.CBL.Command, "DBCA", sizeof msg.CBL.Command) == 0) return;
+  if (forDefault && link->State == kLinkDisconnected && books.Circle.Ticks == 0)
+    books.Circle.Ticks = books.Rules.CircleTicks;
 }
 
 void ledger::Doubt(int number) {
@@ -544,13 +658,19 @@ void ledger::MayFailAt(int node) {
 void ledger::AtWait() {
   CheckClosed();
   CheckLines();
+  CheckCircle();
+  CheckCircleStart();
   ++books.Now;
   books.InTimer = false;
 }
 
 void ledger::BeforePass() {
   books.Clients.clear();
-  for (const int fd : peers::Clients()) books.Clients[fd] = {At(fd).Serial, MayClose(fd)};
+  for (const int fd : peers::Clients()) {
+    books.Clients[fd] = {At(fd).Serial, MayClose(fd)};
+    if (At(fd).Room != world::Socket::kEndless) books.Slow.insert(At(fd).Serial);
+  }
+  if (books.Dead.size() != world::state.Dead.size()) books.Dead = world::state.Dead;
 }
 
 void ledger::Settle() {

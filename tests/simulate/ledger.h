@@ -6,6 +6,7 @@
 #include <deque>
 #include <string>
 
+#include "client/message.h"
 #include "tests/fuzz/agent_peers.h"
 #include "tests/simulate/story.h"
 
@@ -33,8 +34,10 @@ std::string Give(int number, int node);
 int NumberIn(const std::string& frame, std::size_t stringsAt);
 
 void Ticked();
-// The system or a reader child does something for which any link of that kind may fail.
-void MayFail(const std::string& protocol);
+// The reader child of a LOCALI link ends.
+void ReaderDies();
+// The agent has taken a request in and serves it now.
+void RequestIsRead(const ClientMessage& msg);
 // It is not known whether the answer to a request has come whole: its connection may be closed.
 void Doubt(int number);
 // The node on this connection misbehaves.

@@ -43,8 +43,9 @@ struct Stage {
   unsigned long Transfers;
   unsigned TicksLeft, TicksDone;
   int FinalRound;
-  bool Ticked;
-  std::size_t Piece;  // in which the next requests come
+  bool Begun, Ticked;
+  bool DefaultTakesAll;  // what waits for the default goes on with it
+  std::size_t Piece;     // in which the next requests come
 };
 Stage stage;
 
@@ -203,7 +204,7 @@ void DeliverFromQueue(LIpcLinkData* data, const ledger::Owed& owed, unsigned how
   }
   SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size()));
   const auto end = how % 8 == 7 ? static_cast<reader::End>(how / 8 % 2) : reader::End::Tells;
-  if (end != reader::End::Tells) ledger::MayFail("LOCALI");
+  if (end != reader::End::Tells) ledger::ReaderDies();
   if (end == reader::End::DiesUnsaid) ledger::Doubt(owed.Number);
   reader::Deliver(data, owed.Tag, frame, end);
 }
@@ -212,7 +213,7 @@ void Reader(const Step& step) {
   LIpcLinkData* const data = FindReader();
   if (!data) return;
   if (step.A % 32 == 31) {
-    ledger::MayFail("LOCALI");
+    ledger::ReaderDies();
     reader::Die(*data);
     return;
   }
@@ -372,13 +373,25 @@ bool NextStep() {
 void CheckWait() {
   peers::Follow();
   CheckAgent();
-  if (stage.Ticked) CheckNoneParkedIsGone();
+  if (stage.Ticked) {
+    CheckNoneParkedIsGone();
+    CheckNoneIsStranded();
+  }
+  if (stage.DefaultTakesAll) CheckDefaultRequests();
   stage.Ticked = false;
   ledger::AtWait();
 }
 
+// The agent has started.
+void BeginStory() {
+  stage.Begun = true;
+  WatchRequests(ledger::RequestIsRead);
+  world::state.KernelsListen = true;
+}
+
 bool NextWait() {
   if (Stopping()) return false;
+  if (!stage.Begun) BeginStory();
   CheckWait();
   if (stage.TicksLeft > 0) return TickNow();
   if (stage.Is == Mode::Final) return GoOnSettling();
@@ -417,6 +430,8 @@ play::Played play::Play(const story::Story& told, int logLevel) {
   stage = {};
   stage.Story = &told;
   stage.Piece = SIZE_MAX;
+  stage.DefaultTakesAll =
+      !told.Edits && (story::Has(told, "-AUTOCONNECT") || !story::Has(told, "-AUTOCHANGE"));
   SetLogLevel(logLevel);
   world::Begin();
   peers::Reset();

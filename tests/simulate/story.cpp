@@ -117,6 +117,10 @@ Story story::Tell(std::uint64_t seed) {
   return told;
 }
 
+bool story::Has(const Story& told, const char* option) {
+  return std::find(told.Options.begin(), told.Options.end(), option) != told.Options.end();
+}
+
 std::string story::Describe(const Step& step) {
   std::string text = kNames[static_cast<std::size_t>(step.Kind)];
   for (const unsigned value : {step.A, step.B, step.C, step.D}) text += " " + std::to_string(value);

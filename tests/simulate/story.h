@@ -47,6 +47,7 @@ struct Story {
 };
 
 Story Tell(std::uint64_t seed);
+bool Has(const Story& story, const char* option);
 std::string Describe(const Story& story);
 std::string Describe(const Step& step);
 
