@@ -426,6 +426,23 @@ TEST_F(Sending, ARequestDoesNotOvertakeTheRestOfAnother) {
   flushing.join();
 }
 
+TEST_F(Sending, TheRestGoesOutOnceWhateverErrnoHasBeenLeftBehind) {
+  TakeInPieces();
+  const std::size_t sent = Fill().size();
+  std::thread flushing([&] {
+    errno = EINTR;
+    EXPECT_TRUE(pair_.Library.ReceiveAny(kAmple));
+  });
+  std::optional<lumo::Message> last;
+  for (std::size_t i = 0; i < sent; ++i) {
+    last = pair_.Agent.ReadRequest();
+    EXPECT_TRUE(last) << i;
+  }
+  EXPECT_TRUE(pair_.Agent.Silent(test::kShortly));
+  if (last) pair_.Agent.SendMessage(*last);
+  flushing.join();
+}
+
 TEST_F(Sending, TheRestOfARequestGoesOutThroughAThreadThatReceives) {
   TakeInPieces();
   Occupy();

@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "tests/support/agent.h"
@@ -29,6 +31,13 @@ class DescriptorShortage : public testing::Test {
   void LimitTo(rlim_t count) const {
     const rlimit limit{count, kLimit};
     ASSERT_EQ(prlimit(agent_.Pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  }
+  rlim_t LowestFree() const {
+    rlim_t fd = 0;
+    while (std::filesystem::is_symlink("/proc/" + std::to_string(agent_.Pid()) + "/fd/" +
+                                       std::to_string(fd)))
+      ++fd;
+    return fd;
   }
   int Connect() {
     connections_.push_back(ConnectRaw(agent_.SocketPath()));
@@ -61,6 +70,18 @@ TEST_F(DescriptorShortage, ConnectionsAreRefusedOnceMoreAfterNoDescriptorCouldBe
   EXPECT_TRUE(IsRefused(Connect()));
   EXPECT_TRUE(IsRefused(Connect()));
   EXPECT_EQ(agent_.Stop(), 0);
+}
+
+// Otherwise the last descriptor would go to a client, and nothing be left to refuse the next with.
+TEST_F(DescriptorShortage, TheFirstDescriptorThatIsFreeAgainIsKeptForRefusals) {
+  const int open = OpenDescriptors(agent_.Pid());
+  LimitTo(3);
+  const int waiting = Connect();
+  ASSERT_TRUE(WaitFor([&] { return OpenDescriptors(agent_.Pid()) == open - 1; }));
+  LimitTo(LowestFree() + 1);
+  EXPECT_TRUE(IsRefused(waiting));
+  LimitTo(kLimit);
+  EXPECT_TRUE(IsGreeted(Connect()));
 }
 
 }  // namespace

@@ -151,6 +151,34 @@ TEST_F(AgentStats, RequestsAndAnswersAreCounted) {
   EXPECT_EQ(row.last_code, 4050);
 }
 
+TEST_F(AgentStats, ARequestCountsWithAllItsBytes) {
+  Start("BAD REZ\n");
+  test::Client client(agent_);
+  client.ExpectError(client.Send("BAD"), 4066, 0);
+  const std::uint64_t before = Agent().bytes_in;
+  const lumo::Message request = client.Send("BAD", "a text");
+  client.ExpectError(request, 4066, 0);
+  EXPECT_EQ(Agent().bytes_in - before, lumo::Encode(request, lumo::Lengths::Client).size());
+}
+
+TEST_F(AgentStats, WhatANodeHasNotTakenGoesWithItsLink) {
+  test::Node node;
+  Start(node.Line("ONE"));
+  test::Client client(agent_);
+  client.Send("ONE");
+  ASSERT_TRUE(node.Accept());
+  ASSERT_TRUE(WaitFor([&] {
+    client.Send("ONE", std::string(8000, 'x'));
+    return Link("ONE").unsent > 0;
+  }));
+  node.StopListening();
+  node.Close();
+  EXPECT_TRUE(WaitFor([&] {
+    const lumo_stats_link link = Link("ONE");
+    return link.state == LUMO_STATS_DISCONNECTED && link.unsent == 0;
+  }));
+}
+
 TEST_F(AgentStats, LatencyIsTheTimeUntilTheAnswer) {
   test::Node node;
   Start(node.Line("ONE"));

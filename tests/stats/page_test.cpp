@@ -17,6 +17,14 @@
 
 #include "core/status.h"
 
+// Calls of the agent's modules, wrapped at link time: no room on the disk, when a test says so.
+static bool noRoom;
+extern "C" int __real_posix_fallocate(int fd, off_t at, off_t size);
+extern "C" int __wrap_posix_fallocate(int fd, off_t at, off_t size);
+int __wrap_posix_fallocate(int fd, off_t at, off_t size) {
+  return noRoom ? ENOSPC : __real_posix_fallocate(fd, at, size);
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -87,6 +95,42 @@ TEST_F(StatsPageFile, NeverFollowsALink) {
   EXPECT_EQ(test::ReadFile(victim), "untouched");
   End();
   EXPECT_EQ(test::ReadFile(victim), "untouched");
+}
+
+TEST_F(StatsPageFile, AnyOfItsPassingNamesMayBeTaken) {
+  const std::string name = Path() + "." + std::to_string(getpid()) + ".";
+  for (int i = 0; i < 16; ++i) test::WriteFile(name + std::to_string(i), "taken");
+  for (const char* free : {"0", "15"}) {
+    fs::remove(name + free);
+    Start();
+    End();
+    test::WriteFile(name + free, "taken");
+  }
+  EXPECT_EQ(Files(), 16U);
+}
+
+TEST_F(StatsPageFile, MayBeTheFirstDescriptorOfAll) {
+  const int input = dup(0);
+  close(0);
+  Start();
+  dup2(input, 0);
+  close(input);
+  EXPECT_EQ(Files(), 1U);
+}
+
+TEST_F(StatsPageFile, IsNotMadeWhereTheSystemHasNoRoomForIt) {
+  noRoom = true;
+  const std::string log = BeginAndLog();
+  noRoom = false;
+  EXPECT_FALSE(KeepsStats());
+  EXPECT_NE(log.find("cannot be made. Errno " + std::to_string(ENOSPC)), std::string::npos) << log;
+  EXPECT_EQ(Files(), 0U);
+}
+
+TEST_F(StatsPageFile, AProcessWithoutAnyArgumentHasNoOptions) {
+  arguments_ = {nullptr, const_cast<char*>("NAME=of the environment"), nullptr, nullptr};
+  Start();
+  EXPECT_STREQ(Agent().options, "");
 }
 
 TEST_F(StatsPageFile, OneLineAtLevel2WhenItCannotBeMade) {

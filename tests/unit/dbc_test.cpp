@@ -272,6 +272,36 @@ TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
   EXPECT_EQ(down->Books.Waiting, 0);
 }
 
+// A link of which more waits than has been read: it is served until it has nothing left.
+class LinkThatIsDrained : public ClientTest {
+ protected:
+  void SetUp() override {
+    ClientTest::SetUp();
+    Link* const link = AddLink("A");
+    link->State = kLinkConnected;
+    REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd_);
+    REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, fd_, link);
+    MarkWaiting(fd_, true);
+  }
+  void TearDown() override {
+    MarkWaiting(fd_, false);
+    UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd_);
+    UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, fd_);
+    close(fd_);
+    ClientTest::TearDown();
+  }
+  const int fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+};
+
+TEST_F(LinkThatIsDrained, IsLeftWhenAStopIsAskedForMeanwhile) {
+  Fake().OnRead = [](Link*) {
+    g_DbcI.ExitStatus = 7;
+    return 0;
+  };
+  EXPECT_EQ(RunLoop(), 7);
+  EXPECT_EQ(Fake().Count("ReadyForRead A"), 1);
+}
+
 // A server that is asked but answers only when told.
 class Server {
  public:

@@ -113,6 +113,14 @@ TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
   EXPECT_EQ(lengths, std::vector<int>{6});
 }
 
+TEST_F(FramesIn, TheSecondOfALookShowsItsOwnLength) {
+  Come(Frame(10, "abcdef") + Frame(7, "xyz"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(lengths, (std::vector<int>{6, 3}));
+  EXPECT_EQ(receives, (std::vector<int>{4, 6, 4, 3}));
+}
+
 TEST_F(FramesIn, TheLengthWordMayNotCountItself) {
   Come(Frame(6, "abcdef") + "rest");
   EXPECT_EQ(Read(kPlain), FrameRead::Whole);
@@ -232,6 +240,14 @@ TEST_F(FramesIn, AWholeFrameNeedsNoMemory) {
   Come(Frame(9, "12345"));
   const FailingAllocations failing;
   EXPECT_EQ(Read(), FrameRead::Whole);
+}
+
+TEST_F(FramesIn, NoMemoryIsHeldBetweenFrames) {
+  Come(Frame(9, "12345"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  const NoMemory none;
+  Come(Frame(9, "12345"));
+  EXPECT_EQ(Read(), FrameRead::NoMemory);
 }
 
 TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
