@@ -7,7 +7,9 @@ TOLD = re.compile(r"^\s*(LOG|ENTER|log|TraceFields|TraceRegistration|static_asse
                   r"template|extern|#|//|case |default:|public:|private:|\[\[)")
 DECLARED = re.compile(r"^\s*(const |constexpr |static |struct |class |enum |typedef |explicit |virtual |~)")
 OPEN, CLOSE = "([{", ")]}"
-OPPOSITE = {"<": "<=", "<=": "<", ">": ">=", ">=": ">"}
+OPPOSITE = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "+": "-", "-": "+"}
+OPERATORS = {"<": "LumoLess", "<=": "LumoLessOrEqual", ">": "LumoMore", ">=": "LumoMoreOrEqual",
+             "==": "LumoEqual", "!=": "LumoUnequal", "+": "LumoPlus", "-": "LumoMinus"}
 NEIGHBOURS = [
     ("kLinkConnected", "kLinkConnecting"), ("kLinkDisconnected", "kLinkConnecting"),
     ("kWaiting", "kInFlight"), ("kStatusSend", "kStatusReceive"),
@@ -26,13 +28,12 @@ class Mutant:
     new: str
     line: int
     rule: str
-    source: str  # the line
+    key: str  # what it is known by in files
+    around: tuple  # what to write before and behind the old text for a choice between both, % the number
 
     @property
-    def key(self):
-        """What it is known by in files, whatever comes before it."""
-        old, new = (" ".join(text.split())[:60] for text in (self.old, self.new))
-        return f"{self.path}: {self.rule}: '{old}' -> '{new}' in {self.source}"
+    def end(self):
+        return self.at + len(self.old)
 
 
 def blank(text):
@@ -55,7 +56,8 @@ def operand(code, at, step):
             depth -= 1
         elif depth == 0:
             part = code[at - 2:at] if step < 0 else code[at:at + 2]
-            if before in ";,?:" or part in ("&&", "||"):
+            alone = before != ":" or "::" not in code[at - 2:at + 2]
+            if before in ";,?:" and alone or part in ("&&", "||"):
                 return at
             if step < 0 and (code[at - 6:at] == "return" or (before == "=" and code[at] == " " and
                                                              code[at - 2] not in "=!<>")):
@@ -95,7 +97,7 @@ def places(code):
     for found in re.finditer(r" (<=|>=|<|>) (?![^;{]*>\s*$)", code):
         yield "boundary", found.start(1), found[1], OPPOSITE[found[1]]
     for found in re.finditer(r" (==|!=) ", code):
-        yield "equality", found.start(1), found[1], {"==": "!=", "!=": "=="}[found[1]]
+        yield "equality", found.start(1), found[1], OPPOSITE[found[1]]
     for at, text in conditions(code):
         yield "negation", at, text, f"!({text})"
     for found in re.finditer(r"&&|\|\|", code):
@@ -109,30 +111,72 @@ def places(code):
     for at, text in statements(code):
         if text in ("continue;", "break;"):
             yield "jump", at, text, {"continue;": "break;", "break;": ";"}[text]
-        elif not text.startswith(("return", "goto", "else", "do ")) and not DECLARATION.match(text):
+        elif not text.startswith(("return", "goto", "else", "do ", "for (")) and \
+                not DECLARATION.match(text):
             yield "statement", at, text, ";"
-    for found in re.finditer(r" (?:<|>|==|-|\+) \d+\b(?!\.)| = \d+;", code):
-        number = re.search(r"\d+", found[0])
-        yield "number", found.start() + number.start(), number[0], str(int(number[0]) + 1)
-    for found in re.finditer(r"constexpr [^;={]* = (\d+)(?=[;, *])", code):
-        yield "number", found.start(1), found[1], str(int(found[1]) + 1)
+    for found in re.finditer(r" (?:<|>|==|-|\+) (\d+)\b(?!\.)| = (\d+)(?=[;, *])", code):
+        number = found[1] or found[2]
+        yield "number", found.end() - len(number), number, str(int(number) + 1)
     for found in re.finditer(r"(?<=\w|\)) ([+-]) (?=\w)", code):
-        yield "arithmetic", found.start(1), found[1], {"+": "-", "-": "+"}[found[1]]
-    for found in re.finditer(r"(?:&& )?errno == EINTR", code):
-        yield "interruption", found.start(), found[0], found[0].replace("errno == EINTR", "false")
+        yield "arithmetic", found.start(1), found[1], OPPOSITE[found[1]]
+    for found in re.finditer(r"errno == EINTR", code):
+        yield "interruption", found.start(), found[0], "false"
     for found in re.finditer(r"\breturn (true|false|0|-1);", code):
         new = {"true": "false", "false": "true", "0": "-1", "-1": "0"}[found[1]]
         yield "result", found.start(1), found[1], new
     for one, other in NEIGHBOURS:
         for old, new in ((one, other), (other, one)):
-            for found in re.finditer(rf"\b{old}\b", code):
-                yield "neighbour", found.start(), old, new
+            for found in re.finditer(rf"((?:\b\w+(?:\.|->|::))*)\b{old}\b", code):
+                yield "neighbour", found.start(), found[0], found[1] + new
+
+
+def around(rule, old, new):
+    """What makes a choice of the old text: written before it and behind it."""
+    if rule in ("boundary", "equality", "arithmetic"):
+        return "", f" {OPERATORS[old]}{{%}} {old}"
+    if rule == "negation":
+        return "LumoMutant(%) != static_cast<bool>(", ")"
+    if rule in ("operand", "interruption"):
+        return (" (LumoMutant(%) || (", "))") if "true" in new else (" (!LumoMutant(%) && (", "))")
+    if new == "break;":
+        return "{ if (LumoMutant(%)) break; else ", " }"
+    if new == ";":
+        return "{ if (!LumoMutant(%)) { ", " } }"
+    return f"(LumoMutant(%) ? {new} : ", ")"
+
+
+def function(code, at):
+    """Where the body of the function begins that the place is in, or None."""
+    depth, begin = 0, None
+    for place in range(at - 1, -1, -1):
+        depth += (code[place] == "{") - (code[place] == "}")
+        if depth == 1:
+            depth = 0
+            if re.search(r"\)(?: const| noexcept)*(?: ->[^;{}]*)? $", code[max(0, place - 80):place]):
+                begin = place + 1
+    return begin
+
+
+def probes(text, mutant):
+    """Bodies that a change which cannot be a choice is seen in: its own or those that use its name."""
+    code = blank(text)
+    names = re.findall(r"(\w+)(?:\[\w*\])? = [^=]*$", code[code.rfind("\n", 0, mutant.at):mutant.at])
+    found = {function(code, mutant.at)}
+    if found == {None} and names:
+        found = {function(code, use.start()) for use in re.finditer(rf"\b{names[0]}\b", code)}
+    return sorted(found - {None})
 
 
 def mutants(path, text):
-    code, lines = blank(text), text.split("\n")
+    code, lines, seen = blank(text), text.split("\n"), {}
     for rule, at, old, new in places(code):
         line = code.count("\n", 0, at)
         if TOLD.match(lines[line]) or not old.strip() or old.strip() == new.strip():
             continue
-        yield Mutant(path, at, text[at:at + len(old)], new, line + 1, rule, lines[line].strip())
+        old = text[at:at + len(old)]
+        short, other = (" ".join(part.split())[:60] for part in (old, new))
+        key = f"{path}: {rule}: '{short}' -> '{other}' in {lines[line].strip()}"
+        seen[key] = seen.get(key, 0) + 1
+        if seen[key] > 1:
+            key += f" ({seen[key]})"
+        yield Mutant(path, at, old, new, line + 1, rule, key, around(rule, old, new))

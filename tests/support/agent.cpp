@@ -230,11 +230,11 @@ Agent& Agent::WorkingDirectory(const std::filesystem::path& path) {
 }
 
 // A small environment of our own: the machine's must not change a test. Only what steers a
-// sanitizer or a coverage run is handed on.
+// sanitizer, a coverage run or a mutant is handed on.
 std::map<std::string, std::string> Agent::FullEnvironment() const {
   std::map<std::string, std::string> full = environment_;
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX",
-                           "GCOV_PREFIX_STRIP", "LLVM_PROFILE_FILE"}) {
+                           "GCOV_PREFIX_STRIP", "LLVM_PROFILE_FILE", "LUMO_MUTANTS"}) {
     if (const char* const value = std::getenv(name)) full[name] = value;
   }
   return full;
