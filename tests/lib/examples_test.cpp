@@ -84,10 +84,10 @@ TEST_P(Examples, Usage) {
   Expect({}, 2, "", "usage: example NODE TEXT...\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, Examples,
-    ::testing::Values(Example{"C", {LUMO_EXAMPLE_C}}, Example{"Cpp", {LUMO_EXAMPLE_CPP}},
-                      Example{"Python", {"/usr/bin/env", "python3", LUMO_EXAMPLE_PY}}),
-    [](const auto& example) { return std::string(example.param.Name); });
+INSTANTIATE_TEST_SUITE_P(All, Examples,
+                         ::testing::Values(Example{"C", {LUMO_EXAMPLE_C}},
+                                           Example{"Cpp", {LUMO_EXAMPLE_CPP}},
+                                           Example{"Python", {LUMO_PYTHON, LUMO_EXAMPLE_PY}}),
+                         [](const auto& example) { return std::string(example.param.Name); });
 
 }  // namespace
