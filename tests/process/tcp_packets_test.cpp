@@ -380,7 +380,7 @@ TEST_F(TcpPackets, OthersAreServedWhileAPacketIsIncomplete) {
   const lumo::Message request = InFlight();
   const std::string frame = lumo::Encode(AnswerTo(request, "late"), lumo::Lengths::Packet);
   test::Client other(Agent);
-  for (const std::size_t at : {2, 50}) {
+  for (const std::size_t at : {2U, 50U}) {
     Node.SendBytes(frame.substr(at == 2 ? 0 : 2, at == 2 ? 2 : 48));
     EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
   }
