@@ -156,7 +156,7 @@ TEST(Connections, AGreetingIsChecked) {
                {std::string(), LUMO_NO_AGENT}};
   FakeAgent agent;
   for (const auto& [bytes, status] : cases) {
-    std::thread server([&] { agent.Accept(bytes).Close(); });
+    std::thread server([&, &greeting = bytes] { agent.Accept(greeting).Close(); });
     const liblumo::Connection connection(agent.Path(), kAmple);
     EXPECT_EQ(connection.Opened().Code, status) << bytes.size();
     server.join();
@@ -227,7 +227,7 @@ TEST(Restarts, CanBeAskedFor) {
   auto [connection, peer] = agent.Connect();
   EXPECT_TRUE(connection.Reconnect(kAmple));
   peer.Close();
-  std::thread server([&] { peer = agent.Accept(test::Greeting(815)); });
+  std::thread server([&, &end = peer] { end = agent.Accept(test::Greeting(815)); });
   EXPECT_TRUE(connection.Reconnect(kAmple));
   server.join();
   EXPECT_EQ(connection.AgentPid(), 815);
@@ -243,7 +243,7 @@ TEST(Restarts, AnswersThatHadComeAreNotLost) {
   ASSERT_TRUE(request && peer.ReadRequest());
   peer.Answer(*request, "last word");
   peer.Close();
-  std::thread server([&] { peer = agent.Accept(); });
+  std::thread server([&, &end = peer] { end = agent.Accept(); });
   const lumo_ticket next = Send(connection, "SRV", "next");
   server.join();
   EXPECT_EQ(connection.Receive(answered, kAtOnce).String(0), "last word");
