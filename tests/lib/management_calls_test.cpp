@@ -65,6 +65,10 @@ TEST_F(Management, PathOfTheTable) {
   char small[8] = "before";
   EXPECT_EQ(lumo_nodetab_path(Lumo().Get(), 5000, small, sizeof small, nullptr), LUMO_TOO_LONG);
   EXPECT_STREQ(small, "");
+  const std::size_t size = path.Name.size() + 1;
+  std::string room(size + 1, '+');
+  EXPECT_EQ(lumo_nodetab_path(Lumo().Get(), 5000, room.data(), size, nullptr), LUMO_OK);
+  EXPECT_EQ(room, path.Name + std::string("\0+", 2)) << "what is behind it stays";
   std::filesystem::remove(agent_.NodetabPath());
   Expect(Lumo().NodetabPath(kTime), LUMO_REFUSED, LUMO_RESULT_NO_NODETAB);
 }

@@ -362,6 +362,7 @@ TEST_F(Requests, WrongArgumentsAreRefused) {
   EXPECT_EQ(lumo_agent_pid(nullptr), 0);
   EXPECT_EQ(lumo_answer_words(nullptr), nullptr);
   EXPECT_EQ(lumo_answer_code(nullptr), 0);
+  EXPECT_EQ(lumo_answer_advice(nullptr), LUMO_ADVICE_NONE);
   lumo_answer_free(nullptr);
   lumo_close(nullptr);
 }

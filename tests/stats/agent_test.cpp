@@ -155,9 +155,11 @@ TEST_F(AgentStats, ARequestCountsWithAllItsBytes) {
   Start("BAD REZ\n");
   test::Client client(agent_);
   client.ExpectError(client.Send("BAD"), 4066, 0);
+  ASSERT_TRUE(WaitFor([&] { return Agent().requests == 1; }));
   const std::uint64_t before = Agent().bytes_in;
   const lumo::Message request = client.Send("BAD", "a text");
   client.ExpectError(request, 4066, 0);
+  ASSERT_TRUE(WaitFor([&] { return Agent().requests == 2; }));
   EXPECT_EQ(Agent().bytes_in - before, lumo::Encode(request, lumo::Lengths::Client).size());
 }
 
@@ -177,6 +179,19 @@ TEST_F(AgentStats, WhatANodeHasNotTakenGoesWithItsLink) {
     const lumo_stats_link link = Link("ONE");
     return link.state == LUMO_STATS_DISCONNECTED && link.unsent == 0;
   }));
+}
+
+TEST_F(AgentStats, LinesThatNobodyReadsAreCounted) {
+  int log[2];
+  ASSERT_EQ(pipe2(log, O_CLOEXEC | O_NONBLOCK), 0);
+  for (const char lines[4096] = {}; write(log[1], lines, sizeof lines) > 0;) continue;
+  fcntl(log[1], F_SETFL, 0);
+  agent_.LogLevel("15").LogInto(log[1]);
+  Start("NOWHERE REZ\n");
+  agent_.Tick();
+  EXPECT_TRUE(WaitFor([&] { return Agent().log_lost > 0; }));
+  close(log[0]);
+  close(log[1]);
 }
 
 TEST_F(AgentStats, LatencyIsTheTimeUntilTheAnswer) {

@@ -29,6 +29,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
+TEST(StatsReasons, HaveTextsAsFarAsTheyAreKnown) {
+  EXPECT_STREQ(lumo_stats_reason_text(0), "hung up");
+  EXPECT_STREQ(lumo_stats_reason_text(6), "stopping");
+  EXPECT_STREQ(lumo_stats_reason_text(-1), "unknown reason");
+  EXPECT_STREQ(lumo_stats_reason_text(7), "unknown reason");
+}
+
 class StatsPageFile : public test::StatsPageTest {
  protected:
   std::size_t Files() const {
@@ -131,6 +138,12 @@ TEST_F(StatsPageFile, AProcessWithoutAnyArgumentHasNoOptions) {
   arguments_ = {nullptr, const_cast<char*>("NAME=of the environment"), nullptr, nullptr};
   Start();
   EXPECT_STREQ(Agent().options, "");
+}
+
+TEST_F(StatsPageFile, TellsTheLogLevelFromTheStart) {
+  g_DbcI.LogLevel = 5;
+  Start();
+  EXPECT_EQ(Agent().log_level, 5U);
 }
 
 TEST_F(StatsPageFile, OneLineAtLevel2WhenItCannotBeMade) {
@@ -239,6 +252,11 @@ TEST_F(StatsPageRows, HeaderTellsWhoseItIs) {
   EXPECT_EQ(header.exchange_id, 4711);
   EXPECT_EQ(header.pid, getpid());
   EXPECT_LT(std::abs(header.start_time / 1000000 - time(nullptr)), 5);
+  const int row = NewLinkStats("SRV", "TCPIP", "");
+  const std::uint32_t written = Link(row).sequence;
+  StatsLinkUnsent(row, 0);
+  EXPECT_EQ(Link(row).sequence, written) << "who reads has nothing to read again";
+  EXPECT_LT(std::abs(Link(row).since / 1000000 - time(nullptr)), 5);
   EXPECT_STREQ(Agent().options, "-M 4711");
   EXPECT_NE(Agent().version[0], '\0');
   EXPECT_EQ(Agent().default_link, -1);
@@ -602,6 +620,10 @@ TEST(StatsHistogram, PercentilesStandWhereTheyShould) {
   EXPECT_EQ(lumo_stats_percentile(counts.data(), 0.5), 10);
   EXPECT_EQ(lumo_stats_percentile(counts.data(), 0.98), 10);
   EXPECT_NEAR(lumo_stats_percentile(counts.data(), 0.99), 1000, 31);
+  EXPECT_NEAR(lumo_stats_percentile(counts.data(), 1), 1000, 31);
+  counts[0] = 100;
+  EXPECT_EQ(lumo_stats_percentile(counts.data(), 0.5), 0);
+  EXPECT_EQ(lumo_stats_percentile(counts.data(), 0.99), 10);
   EXPECT_NEAR(lumo_stats_percentile(counts.data(), 1), 1000, 31);
 }
 

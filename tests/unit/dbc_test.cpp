@@ -12,11 +12,13 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "core/loop.h"
+#include "core/turn.h"
 #include "tests/support/connection.h"
 #include "tests/support/management.h"
 #include "tests/support/wait.h"
@@ -270,6 +272,16 @@ TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
   EXPECT_EQ(RunLoop(), 7);
   EXPECT_EQ(Take(socket), ErrorFrame(Request("DOWN", 5), 4006, 0));
   EXPECT_EQ(down->Books.Waiting, 0);
+}
+
+TEST(Turns, AreOverAfter256Packets) {
+  for (int i = 0; i < 256; ++i) {
+    EXPECT_FALSE(TurnIsOver()) << i;
+    CountPacket(true);
+  }
+  EXPECT_TRUE(TurnIsOver());
+  EndTurn();
+  EXPECT_FALSE(TurnIsOver());
 }
 
 // A link of which more waits than has been read: it is served until it has nothing left.
@@ -597,7 +609,8 @@ TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
   EXPECT_FALSE(victim.ReceiveFrame(static_cast<int>(test::kPatience.count())));
   EXPECT_TRUE(victim.Lost());
   const Texts traced = Beginning(LogTexts(Log()), {"15 clntxch|'TestAliveClient' Call from dbc:"});
-  EXPECT_FALSE(traced.empty());
+  EXPECT_EQ(std::set<std::string>(traced.begin(), traced.end()).size(), 2U)
+      << "by the tick and by the look at the descriptors";
   lumo::Connection next = Connect();
   EXPECT_EQ(NewestClient(), victimFd);
   for (lumo::Connection* each : {&client, &next}) {

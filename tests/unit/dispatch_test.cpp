@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/blocks.h"
 #include "core/status.h"
 #include "core/stream.h"
 #include "link/joint.h"
@@ -509,6 +510,15 @@ class Parking : public RequestDispatch {
     EXPECT_EQ(UnsentBytes(own), unsent);
     return own;
   }
+  // One over which requests travel together.
+  int JoiningLink(const char* name) {
+    const int own = StreamLink(name);
+    g_DbcI.LinkList->Protocol->Joins = true;
+    Fake().OnSend = [own](Link*, ClientMessage* msg) {
+      return SendBytes(kHere, 1, own, Wire(msg), kCblAt + msg->TrailerOffset + kTrailerSize);
+    };
+    return own;
+  }
   void TearDown() override {
     JoinRequests(false);
     for (const int own : links_) {
@@ -554,6 +564,37 @@ TEST_F(Parking, WhatLeavesTogetherReleasesItsClients) {
   EXPECT_TRUE(IsRead(socket_));
 }
 
+// What went out in the pass before has nothing to do with it.
+TEST_F(Parking, OfThoseThatLeaveTogetherTheFirstThatIsNotTakenFails) {
+  const int own = JoiningLink("A");
+  JoinRequests(true);
+  Serve("A", 1);
+  SendTogether();
+  MsgInfo answered;
+  std::int32_t index = 0;
+  ASSERT_TRUE(TakeMsgInfo(g_DbcI.LinkList, &index, &answered));
+  HangUp(own);
+  JoinRequests(true);
+  const lumo::Message request = Request("A", 2);
+  Serve(request);
+  SendTogether();
+  ExpectOnlyError(request, 4007, EPIPE);
+  EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
+}
+
+TEST_F(Parking, RequestsTravelTogetherWhileTwoMoreHaveRoomInABlock) {
+  const int own = JoiningLink("A");
+  JoinRequests(true);
+  Serve("A", 1);
+  const std::size_t request = JoinedBytes(own);
+  const std::size_t rest = kBlockSize - 2 * kMessageArea - 2 * request;
+  EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, rest), 0);
+  Serve("A", 2);
+  EXPECT_EQ(Take(own), "");
+  Serve("A", 3);
+  EXPECT_EQ(Take(own).size(), rest + 3 * request);
+}
+
 TEST_F(Parking, OnlyTheClientsOfTheBusyLinkAreParked) {
   BusyLink("A", kLimit + 1);
   AddLink("B")->State = kLinkConnected;
@@ -565,6 +606,18 @@ TEST_F(Parking, ABrokenLinkReleasesItsClients) {
   const int own = BusyLink("A", kLimit + 1);
   Serve("A");
   UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own);
+  DisconnectLink(kHere, 1, g_DbcI.LinkList, 4007, 0);
+  EXPECT_TRUE(IsRead(socket_));
+}
+
+TEST_F(Parking, ABrokenLinkReleasesThoseWhoseRequestsItHasAnswered) {
+  BusyLink("A", kLimit + 1);
+  Serve("A");
+  MsgInfo answered;
+  std::int32_t index = 0;
+  ASSERT_TRUE(TakeMsgInfo(g_DbcI.LinkList, &index, &answered));
+  EXPECT_FALSE(IsRead(socket_));
+  UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, g_DbcI.LinkList->Descriptor);
   DisconnectLink(kHere, 1, g_DbcI.LinkList, 4007, 0);
   EXPECT_TRUE(IsRead(socket_));
 }

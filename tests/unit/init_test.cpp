@@ -1,4 +1,4 @@
-// The texts that tell the version.
+// The texts that tell the version, and the arguments.
 #include "core/init.h"
 
 #include <gtest/gtest.h>
@@ -28,6 +28,20 @@ TEST(VersionText, IsEmptyForOtherSelectorsAndClearedBetween) {
   EXPECT_STREQ(text, "");
   EXPECT_STREQ(GetVersionString(-1), "");
   EXPECT_TRUE(std::all_of(text, text + 256, [](char c) { return c == '\0'; }));
+}
+
+TEST(Arguments, AreFoundByTheirKeyOnly) {
+  char name[] = "lumo_tcp", key[] = "-M", value[] = "5";
+  char* all[] = {name, key, value, nullptr};
+  EXPECT_STREQ(GetArgument(1, all, "M"), "5");
+  EXPECT_EQ(GetArgument(1, all, "N"), nullptr);
+}
+
+TEST(Arguments, WithoutANameThereAreNone) {
+  char key[] = "-M", value[] = "5";
+  char* none[] = {nullptr, key, value, nullptr};
+  EXPECT_EQ(GetArgument(1, none, "M"), nullptr);
+  EXPECT_EQ(GetArgument(1, nullptr, "M"), nullptr);
 }
 
 }  // namespace

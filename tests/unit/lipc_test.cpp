@@ -484,6 +484,22 @@ TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientThatCameLater) {
   EXPECT_EQ(MsgInfos(), 0);
 }
 
+TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  const Client client = ConnectClient();
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "traced");
+  ASSERT_TRUE(RecordComes());
+  const std::string name = "TaskName = " + std::to_string(getpid());
+  g_DbcI.LogLevel = kLogTrace;
+  const CapturedStderr log;
+  EXPECT_EQ(Read(), 0);
+  g_DbcI.LogLevel = 0;
+  EXPECT_TRUE(log.Contains("MsgInfo->" + name + " , MsgInfo->AstInd = 5 " + name + " AstInd = 5\n"))
+      << log.Text();
+}
+
 TEST_F(LocalIpc, ConnectionWithAnOldNumberIsNotTakenForTheOldOne) {
   Kernel kernel;
   const Client first = ConnectClient();

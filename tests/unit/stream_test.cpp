@@ -113,6 +113,13 @@ TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
   EXPECT_EQ(lengths, std::vector<int>{6});
 }
 
+TEST_F(FramesIn, BelowTheTraceLevelNothingShows) {
+  g_DbcI.LogLevel = kLogTrace - 1;
+  Come(Frame(10, "abcdef"));
+  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_TRUE(receives.empty() && lengths.empty());
+}
+
 TEST_F(FramesIn, TheSecondOfALookShowsItsOwnLength) {
   Come(Frame(10, "abcdef") + Frame(7, "xyz"));
   EXPECT_EQ(Read(), FrameRead::Whole);
@@ -168,6 +175,16 @@ TEST_F(FramesIn, HalfAFrameAndTheEndIsClosed) {
   CloseFar();
   EXPECT_EQ(Read(), FrameRead::Closed);
   EXPECT_EQ(receives.back(), 0);
+}
+
+TEST_F(FramesIn, WhatALookHasTakenBeforeTheEndShows) {
+  EXPECT_EQ(Read(), FrameRead::Later);
+  Come(Frame(9, "12"));
+  EXPECT_FALSE(LookAhead(Ours()));
+  CloseFar();
+  EXPECT_TRUE(LookAhead(Ours()));
+  EXPECT_EQ(Read(), FrameRead::Closed);
+  EXPECT_EQ(receives, (std::vector<int>{4, 2, 0}));
 }
 
 TEST_F(FramesIn, TheEndBeforeAFrameIsClosed) {

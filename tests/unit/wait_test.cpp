@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 
 #include "core/init.h"
 #include "tests/unit/agent_test.h"
+#include "tests/unit/system_faults.h"
 
 namespace {
 
@@ -86,6 +88,22 @@ TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 2);
   EXPECT_TRUE(Found());
+}
+
+TEST_F(Waiting, OneDescriptorMayWaitForBothBehindEpoll) {
+  int pair[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  PrepareWait();
+  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, pair[0]);
+  EXPECT_EQ(Wait(true), 0);
+  const FailingSystemCall looks(SystemCall::Select, 0, 1000000, 0);
+  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, pair[0]);
+  EXPECT_EQ(Wait(false), 1);
+  EXPECT_TRUE(FD_ISSET(pair[0], &g_Ready.Write));
+  EXPECT_EQ(looks.Calls(), 0);
+  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, pair[0]);
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, pair[0]);
+  for (const int fd : pair) close(fd);
 }
 
 TEST_F(Waiting, FindsInputOfWhatEpollRefuses) {
