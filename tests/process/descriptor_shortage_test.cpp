@@ -78,6 +78,7 @@ TEST_F(DescriptorShortage, TheFirstDescriptorThatIsFreeAgainIsKeptForRefusals) {
   LimitTo(3);
   const int waiting = Connect();
   ASSERT_TRUE(WaitFor([&] { return OpenDescriptors(agent_.Pid()) == open - 1; }));
+  agent_.Tick();  // from here on the listener rests until the next one
   LimitTo(LowestFree() + 1);
   EXPECT_TRUE(IsRefused(waiting));
   LimitTo(kLimit);

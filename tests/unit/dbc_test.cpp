@@ -294,6 +294,7 @@ class LinkThatIsDrained : public ClientTest {
     REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd_);
     REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, fd_, link);
     MarkWaiting(fd_, true);
+    g_DbcI.LastLinkSocket = fd_;
   }
   void TearDown() override {
     MarkWaiting(fd_, false);
