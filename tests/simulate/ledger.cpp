@@ -579,7 +579,14 @@ void ledger::Begin(const story::Story& story) {
   world::state.OnOutcome = OnOutcome;
 }
 
-void ledger::End() { peers::SetWatch(nullptr); }
+// What nodes still owed was answered when the agent was stopped.
+void ledger::End() {
+  const Totals& totals = books.Totals;
+  const unsigned long ended = totals.ByNodes + totals.ByAgent + totals.Dropped;
+  if (ended != totals.Requests)
+    world::Violated("of %lu requests %lu have ended with the agent", totals.Requests, ended);
+  peers::SetWatch(nullptr);
+}
 
 std::string ledger::NextText(std::size_t size) {
   const int number = static_cast<int>(books.Requests.size());
