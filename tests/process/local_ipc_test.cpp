@@ -354,6 +354,7 @@ TEST(LocalIpc, TwoConnectionsWithOneTagGetOneAnswerEach) {
     EXPECT_EQ(two.ExpectAnswer(second).Strings[0], "to the second");
   }
   const pid_t reader = setting.Use();
+  setting.Settle(reader);  // its answer is recorded: else the agent would have to answer once more
   kill(reader, SIGKILL);
   setting.Subject.Barrier();
   for (Client* client : {&early, &late, &asker}) client->ExpectNothing();
