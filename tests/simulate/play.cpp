@@ -28,7 +28,7 @@ constexpr int kFirstProcess = 2000;
 constexpr int kTickSeconds = 2;
 constexpr int kQuietPasses = 2;    // then nothing more moves
 constexpr int kLongestRest = 500;  // passes: nodes that never stop are let be
-constexpr int kFinalRounds = 6;
+constexpr unsigned kFinalRounds = 6;
 constexpr int kQueue = -1;  // in place of a node's descriptor
 constexpr int kErrors[] = {EINTR, EIO, ENOMEM, EMFILE, ECONNRESET, EPIPE, EAGAIN, EINVAL};
 constexpr int kConnectErrors[] = {ECONNREFUSED, EHOSTUNREACH, ETIMEDOUT, ECONNRESET};
@@ -42,7 +42,7 @@ struct Stage {
   int Passes, Quiet;  // of this rest
   unsigned long Transfers;
   unsigned TicksLeft, TicksDone;
-  int FinalRound;
+  unsigned FinalRound;
   bool Begun, Ticked;
   bool DefaultTakesAll;  // what waits for the default goes on with it
   std::size_t Piece;     // in which the next requests come
