@@ -109,14 +109,9 @@ class Statistics : public benchmark::Fixture {
 BENCHMARK_F(Statistics, RoundTrip)(benchmark::State& state) {
   for (auto _ : state) {
     StatsRequest(Pair[0], kTaskName, 108, false);
-    StatsLinkCounts(Row, {1, 0}, {1, 0});
-    StatsClientCounts(Pair[0], {1, 0});
-    StatsSent(Row, 108);
-    StatsLinkCounts(Row, {0, 0}, {0, 0});
-    StatsClientCounts(Pair[0], {0, 0});
-    StatsNodeAnswer(Row, 108, StatsClock() - 100);
-    StatsAnswer(Pair[0], 0, 108);
-    StatsClientUnsent(Pair[0], 0);
+    StatsSent(Row, 108, {1, 0}, Pair[0], {1, 0});
+    StatsNodeAnswer(Row, 108, StatsClock() - 100, {0, 0});
+    StatsAnswer(Pair[0], {0, 108, 0}, {0, 0});
   }
 }
 
@@ -124,7 +119,7 @@ BENCHMARK_F(Statistics, Pass)(benchmark::State& state) {
   for (auto _ : state) {
     StatsDefaultLink(Row);
     StatsLogLevel(0);
-    StatsEndPass();
+    StatsEndPass({0, 0});
     StatsPass();
   }
 }

@@ -124,8 +124,8 @@ static Outcome SendAnswer(ClientMessage* msg) {
     return {-1, "FAILED send"};
   }
   const std::size_t unsent = UnsentBytes(msg->ClientSocket);
-  StatsAnswer(msg->ClientSocket, msg->CBL.CodErr, msg->Length);
-  StatsClientUnsent(msg->ClientSocket, unsent);
+  StatsAnswer(msg->ClientSocket, {msg->CBL.CodErr, msg->Length, unsent},
+              CountsOf(msg->ClientSocket));
   if (unsent > kClientUnsentMax) {
     SendFailed(ENOBUFS);
     CloseClient(msg->ClientSocket, LUMO_STATS_NOT_READING);
@@ -147,6 +147,7 @@ int PutMsgToClient(const char* file, int line, ClientMessage* msg) {
   if (TestAliveClient(HERE, msg->TaskName) != 0) {
     LOG(kLogError, "The message wasn't send to client. Client is dead");
     PurgeMsgInfo(msg->TaskName, Get(Trailer(msg), kTrailerFirstHalfWord));
+    TellCountsOf(msg->ClientSocket);
     return LEAVE(-1, "FAILED client is not alive");
   }
   const Outcome sent = SendAnswer(msg);

@@ -25,5 +25,12 @@ inline std::uint32_t ConnectionSerial(int socket) {
   return IsConnectionNumber(socket) ? g_Connections[socket].Serial : 0;
 }
 
+// Its requests; none when there is no such number.
+inline StatsCounts CountsOf(int socket) {
+  if (!IsConnectionNumber(socket)) return {};
+  const SlotList(&own)[2] = g_Connections[socket].Requests;
+  return {own[kInFlight].Count, own[kWaiting].Count};
+}
+
 // Gives a new connection its serial number.
 void NumberConnection(int socket);

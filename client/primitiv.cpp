@@ -150,16 +150,10 @@ SlotList& OwnerOf(int socket, Link* link, int kind) {
 
 // Shows what is counted.
 void TellCounts(int socket, const Link* link) {
-  if (!KeepsStats()) return;
-  StatsLinkCounts(link->Books.StatsRow, {link->Books.InFlight, link->Books.Waiting},
-                  {msgInfoSlots.InUse, savedSlots.InUse});
-  if (!IsConnectionNumber(socket)) return;
-  const SlotList(&own)[2] = g_Connections[socket].Requests;
-  StatsClientCounts(socket, {own[kInFlight].Count, own[kWaiting].Count});
+  StatsTellCounts(link->Books.StatsRow, CountsOf(link), socket, CountsOf(socket));
 }
 
 void FewerOf(int socket, Link* link, int kind) {
-  TellCounts(socket, link);
   if (IsConnectionNumber(socket)) return ReleaseIfRoom(socket);
   if (link->Books.Gone[kind].Count < kGoneMax[kind]) link->Books.ToldOfGone[kind] = 0;
 }
@@ -252,7 +246,6 @@ int SaveMsgInfo(const char* file, int line, const MsgInfo* info) {
   EnterName(slot, *info);
   EnterSlot(msgInfoSlots, OwnerOf(info->Socket, info->Link, kInFlight), slot);
   ++info->Link->Books.InFlight;
-  TellCounts(info->Socket, info->Link);
   lastSaved = {slot, msgInfoSlots.Notes[slot].Serial};
   if (!IsConnectionNumber(info->Socket)) LimitGone(info->Link, kInFlight);
   if (existed) return LEAVE(0, "SUCCESS save in exist array element");
@@ -310,7 +303,7 @@ MsgInfo* NextOfName(const MsgInfo* info) {
   return FirstOfName(names.Next[SlotOf(info)], info->Link, info->TaskName, info->AstInd);
 }
 
-void ReleaseMsgInfo(MsgInfo* info) {
+void ReleaseAnswered(MsgInfo* info) {
   const std::int32_t slot = SlotOf(info);
   Link* const link = info->Link;
   LeaveName(slot, *info);
@@ -320,12 +313,20 @@ void ReleaseMsgInfo(MsgInfo* info) {
   FewerOf(info->Socket, link, kInFlight);
 }
 
+void ReleaseMsgInfo(MsgInfo* info) {
+  const Link* const link = info->Link;
+  ReleaseAnswered(info);
+  TellCounts(info->Socket, link);
+}
+
 void ClearMsgInfo(MsgInfo* info) {
   ReleaseMsgInfo(info);
   *info = {};
 }
 
 std::int32_t RequestsInFlight() { return msgInfoSlots.InUse; }
+
+std::int32_t RequestsWaiting() { return savedSlots.InUse; }
 
 bool TakeMsgInfo(const Link* link, std::int32_t* index, MsgInfo* taken) {
   if (link->Books.InFlight == 0) return false;
@@ -356,6 +357,7 @@ void ReleaseSaved(SavedMessage* saved) {
   LeaveSlot(savedSlots, OwnerOf(socket, link, kWaiting), SlotOf(saved));
   --link->Books.Waiting;
   saved->Link = nullptr;
+  TellCounts(socket, link);
   FewerOf(socket, link, kWaiting);
 }
 
@@ -371,6 +373,8 @@ void MoveSaved(SavedMessage* saved, Link* to) {
   FewerOf(-1, from, kWaiting);
   LimitGone(to, kWaiting);
 }
+
+void TellCountsOf(int socket) { StatsTellCounts(kNoStatsRow, {}, socket, CountsOf(socket)); }
 
 void ForgetConnection(int socket) {
   if (!IsConnectionNumber(socket)) return;

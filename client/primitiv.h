@@ -5,6 +5,7 @@
 #include "client/connection.h"
 #include "client/message.h"
 #include "core/dbc.h"
+#include "core/stats.h"
 
 // A request that waits for its link; free when Link is null.
 struct SavedMessage {
@@ -67,14 +68,16 @@ MsgInfo* FindMsgInfo(const Link* link, std::int32_t taskName, std::uint16_t astI
 MsgInfo* NextOfName(const MsgInfo* info);
 
 // Frees the record; all but its Link stays readable until it is used again. Records in use are
-// released by nothing else.
+// released by nothing else. ReleaseAnswered leaves it to the answer to show what is counted now.
 void ReleaseMsgInfo(MsgInfo* info);
+void ReleaseAnswered(MsgInfo* info);
 
 // Frees the record and clears it.
 void ClearMsgInfo(MsgInfo* info);
 
-// Requests sent and not answered yet.
+// Requests sent and not answered yet; requests that wait for a link.
 std::int32_t RequestsInFlight();
+std::int32_t RequestsWaiting();
 
 // Takes out the first record of a link, in array order from *index on (which moves): copied, then
 // cleared, so that whatever the caller does next cannot meet it again. False: none left.
@@ -92,6 +95,9 @@ void ReleaseSaved(SavedMessage* saved);
 void MoveSaved(SavedMessage* saved, Link* to);
 
 // Connections
+
+// Shows what the connection has, where no answer does.
+void TellCountsOf(int socket);
 
 // The connection was closed: no answer may reach a later one with the same number. What it has
 // asked for goes on, but of such requests each link keeps a limited number.

@@ -87,7 +87,7 @@ void ShowState() {
   if (!KeepsStats()) return;
   StatsDefaultLink(g_DbcI.DefaultLink ? g_DbcI.DefaultLink->Books.StatsRow : kNoStatsRow);
   StatsLogLevel(g_DbcI.LogLevel);
-  StatsEndPass();
+  StatsEndPass({RequestsInFlight(), RequestsWaiting()});
 }
 
 int CountClients() {

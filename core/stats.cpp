@@ -58,7 +58,6 @@ std::uint32_t lastLinkSerial;
 // What changes with each request, put into the agent's row once a pass.
 struct Traffic {
   std::uint64_t Requests, Management, NodeAnswers, BytesIn, BytesOut;
-  StatsCounts Counts;
 };
 Traffic traffic;
 std::int64_t timeOfDayOffset;  // to be added to the monotonic clock
@@ -203,14 +202,25 @@ bool MapFile(int file) {
   return true;
 }
 
+template <class Row>
+void ShowCounts(Row* row, StatsCounts counts) {
+  Set(row->in_flight, static_cast<std::uint32_t>(counts.InFlight));
+  Set(row->waiting, static_cast<std::uint32_t>(counts.Waiting));
+}
+
 void ShowTraffic(lumo_stats_agent* agent) {
   Set(agent->requests, traffic.Requests);
   Set(agent->management, traffic.Management);
   Set(agent->node_answers, traffic.NodeAnswers);
   Set(agent->bytes_in, traffic.BytesIn);
   Set(agent->bytes_out, traffic.BytesOut);
-  Set(agent->in_flight, static_cast<std::uint32_t>(traffic.Counts.InFlight));
-  Set(agent->waiting, static_cast<std::uint32_t>(traffic.Counts.Waiting));
+}
+
+void ShowClientCounts(int fd, StatsCounts counts) {
+  lumo_stats_client* const client = ClientRow(fd);
+  if (!client) return;
+  Writing writing(&client->sequence);
+  ShowCounts(client, counts);
 }
 
 void Unmap() {
@@ -359,11 +369,12 @@ void Pass() {
 }
 
 // The coarse clock costs next to nothing; a pass that takes milliseconds is what matters.
-void EndPass() {
+void EndPass(StatsCounts all) {
   lumo_stats_agent* const agent = AgentRow();
   const std::int64_t lasted = Microseconds(CLOCK_MONOTONIC_COARSE) - g_Stats.Clock;
   Writing writing(&agent->sequence);
   ShowTraffic(agent);
+  ShowCounts(agent, all);
   if (agent->passes == 0 || lasted <= static_cast<std::int64_t>(agent->longest_pass)) return;
   Set(agent->longest_pass, static_cast<std::uint64_t>(lasted));
 }
@@ -423,13 +434,15 @@ void Request(int fd, std::int32_t pid, std::size_t bytes, bool management) {
   Add(client->requests);
 }
 
-void Answer(int fd, std::int32_t code, std::size_t bytes) {
-  traffic.BytesOut += bytes;
+void Answer(int fd, const StatsReply& reply, StatsCounts counts) {
+  traffic.BytesOut += reply.Bytes;
   lumo_stats_client* const client = ClientRow(fd);
   if (!client) return;
   Writing writing(&client->sequence);
-  Set(client->last_code, code);
+  Set(client->last_code, reply.Code);
+  Set(client->unsent, static_cast<std::uint32_t>(reply.Unsent));
   Add(client->answers);
+  ShowCounts(client, counts);
 }
 
 // A code gets its place when it comes for the first time.
@@ -445,14 +458,6 @@ void AgentAnswer(std::int32_t code) {
     Set(place->used, 1);
   }
   Add(place->count);
-}
-
-void ClientCounts(int fd, StatsCounts counts) {
-  lumo_stats_client* const client = ClientRow(fd);
-  if (!client) return;
-  Writing writing(&client->sequence);
-  Set(client->in_flight, static_cast<std::uint32_t>(counts.InFlight));
-  Set(client->waiting, static_cast<std::uint32_t>(counts.Waiting));
 }
 
 void ClientUnsent(int fd, std::size_t bytes) {
@@ -471,15 +476,17 @@ void ClientParked(int fd, bool parked, std::uint32_t all) {
   Set(client->parked, parked);
 }
 
-void Sent(int row, std::size_t bytes) {
+void Sent(int row, std::size_t bytes, StatsCounts linkCounts, int fd, StatsCounts clientCounts) {
+  ShowClientCounts(fd, clientCounts);
   lumo_stats_link* const link = LinkRow(row);
   if (!link) return;
   Writing writing(&link->sequence);
   Add(link->requests);
   Add(link->bytes_out, bytes);
+  ShowCounts(link, linkCounts);
 }
 
-void NodeAnswer(int row, std::size_t bytes, std::int64_t sentAt) {
+void NodeAnswer(int row, std::size_t bytes, std::int64_t sentAt, StatsCounts counts) {
   ++traffic.NodeAnswers;
   lumo_stats_link* const link = LinkRow(row);
   if (!link) return;
@@ -491,6 +498,7 @@ void NodeAnswer(int row, std::size_t bytes, std::int64_t sentAt) {
   Add(link->latency_sum, latency);
   Add(link->latency_count);
   Add(link->latency[lumo_stats_bucket(latency)]);
+  ShowCounts(link, counts);
 }
 
 void Unasked(int row) {
@@ -507,13 +515,12 @@ void FailedRequest(int row) {
   Add(link->failed_requests);
 }
 
-void LinkCounts(int row, StatsCounts counts, StatsCounts all) {
-  traffic.Counts = all;
+void Counts(int row, StatsCounts linkCounts, int fd, StatsCounts clientCounts) {
+  ShowClientCounts(fd, clientCounts);
   lumo_stats_link* const link = LinkRow(row);
   if (!link) return;
   Writing writing(&link->sequence);
-  Set(link->in_flight, static_cast<std::uint32_t>(counts.InFlight));
-  Set(link->waiting, static_cast<std::uint32_t>(counts.Waiting));
+  ShowCounts(link, linkCounts);
 }
 
 void LinkUnsent(int row, std::size_t bytes) {

@@ -19,28 +19,32 @@ struct StatsPage {
 struct StatsCounts {
   std::int32_t InFlight, Waiting;
 };
+// An answer that leaves, and what the client has not taken of all its answers.
+struct StatsReply {
+  std::int32_t Code;
+  std::size_t Bytes, Unsent;
+};
 extern StatsPage g_Stats;
 inline bool KeepsStats() { return g_Stats.Base != nullptr; }
 
 // What is done when a page is kept.
 namespace stats {
 void Pass();
-void EndPass();
+void EndPass(StatsCounts all);
 void Tick();
 void ClientOpened(int fd, std::uint32_t serial);
 void ClientRefused();
 void ClientClosed(int fd, lumo_stats_reason reason);
 void Request(int fd, std::int32_t pid, std::size_t bytes, bool management);
-void Answer(int fd, std::int32_t code, std::size_t bytes);
+void Answer(int fd, const StatsReply& reply, StatsCounts client);
 void AgentAnswer(std::int32_t code);
 void ClientUnsent(int fd, std::size_t bytes);
 void ClientParked(int fd, bool parked, std::uint32_t all);
-void Sent(int row, std::size_t bytes);
-void NodeAnswer(int row, std::size_t bytes, std::int64_t sentAt);
+void Sent(int row, std::size_t bytes, StatsCounts link, int fd, StatsCounts client);
+void NodeAnswer(int row, std::size_t bytes, std::int64_t sentAt, StatsCounts link);
 void Unasked(int row);
 void FailedRequest(int row);
-void LinkCounts(int row, StatsCounts counts, StatsCounts all);
-void ClientCounts(int fd, StatsCounts counts);
+void Counts(int row, StatsCounts link, int fd, StatsCounts client);
 void LinkUnsent(int row, std::size_t bytes);
 void LinkState(int row, std::uint8_t state);
 void ConnectTried(int row);
@@ -64,12 +68,12 @@ int NewLinkStats(const char* name, const char* protocol, const char* address);
 void RenewLinkStats(int row, const char* protocol, const char* address);
 void FreeLinkStats(int row);
 
-// The loop: a pass begins to serve, ends, has a tick.
+// The loop: a pass begins to serve, ends, has a tick. `all`: of all links together.
 inline void StatsPass() {
   if (KeepsStats()) stats::Pass();
 }
-inline void StatsEndPass() {
-  if (KeepsStats()) stats::EndPass();
+inline void StatsEndPass(StatsCounts all) {
+  if (KeepsStats()) stats::EndPass(all);
 }
 inline void StatsTick() {
   if (KeepsStats()) stats::Tick();
@@ -90,15 +94,12 @@ inline void StatsClientClosed(int fd, lumo_stats_reason reason) {
 inline void StatsRequest(int fd, std::int32_t pid, std::size_t bytes, bool management) {
   if (KeepsStats()) stats::Request(fd, pid, bytes, management);
 }
-inline void StatsAnswer(int fd, std::int32_t code, std::size_t bytes) {
-  if (KeepsStats()) stats::Answer(fd, code, bytes);
+inline void StatsAnswer(int fd, const StatsReply& reply, StatsCounts client) {
+  if (KeepsStats()) stats::Answer(fd, reply, client);
 }
 // An answer that the agent made itself to a request for a node; StatsAnswer counts it as well.
 inline void StatsAgentAnswer(std::int32_t code) {
   if (KeepsStats()) stats::AgentAnswer(code);
-}
-inline void StatsClientCounts(int fd, StatsCounts client) {
-  if (KeepsStats()) stats::ClientCounts(fd, client);
 }
 inline void StatsClientUnsent(int fd, std::size_t bytes) {
   if (KeepsStats()) stats::ClientUnsent(fd, bytes);
@@ -108,13 +109,14 @@ inline void StatsClientParked(int fd, bool parked, std::uint32_t all) {
   if (KeepsStats()) stats::ClientParked(fd, parked, all);
 }
 
-// Links.
-inline void StatsSent(int row, std::size_t bytes) {
-  if (KeepsStats()) stats::Sent(row, bytes);
+// Links. Who is told of a request or an answer is told at once what link and connection have now;
+// StatsTellCounts is for what changes otherwise.
+inline void StatsSent(int row, std::size_t bytes, StatsCounts link, int fd, StatsCounts client) {
+  if (KeepsStats()) stats::Sent(row, bytes, link, fd, client);
 }
 // `sentAt`: StatsClock of its request.
-inline void StatsNodeAnswer(int row, std::size_t bytes, std::int64_t sentAt) {
-  if (KeepsStats()) stats::NodeAnswer(row, bytes, sentAt);
+inline void StatsNodeAnswer(int row, std::size_t bytes, std::int64_t sentAt, StatsCounts link) {
+  if (KeepsStats()) stats::NodeAnswer(row, bytes, sentAt, link);
 }
 inline void StatsUnasked(int row) {
   if (KeepsStats()) stats::Unasked(row);
@@ -122,9 +124,8 @@ inline void StatsUnasked(int row) {
 inline void StatsFailedRequest(int row) {
   if (KeepsStats()) stats::FailedRequest(row);
 }
-// `all`: of all links together.
-inline void StatsLinkCounts(int row, StatsCounts link, StatsCounts all) {
-  if (KeepsStats()) stats::LinkCounts(row, link, all);
+inline void StatsTellCounts(int row, StatsCounts link, int fd, StatsCounts client) {
+  if (KeepsStats()) stats::Counts(row, link, fd, client);
 }
 inline void StatsLinkUnsent(int row, std::size_t bytes) {
   if (KeepsStats()) stats::LinkUnsent(row, bytes);

@@ -235,7 +235,8 @@ int SendMsgToLink(const char* file, int line, Link* link, ClientMessage* msg) {
   unsigned char trailer[kTrailerSize];
   std::memcpy(trailer, Trailer(msg), sizeof trailer);
   if (link->Protocol->SendToNetwork(HERE, link, msg) == 0) {
-    StatsSent(link->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize);
+    StatsSent(link->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize, CountsOf(link),
+              msg->ClientSocket, CountsOf(msg->ClientSocket));
     NoteJoined(link, msg, trailer);
     return 0;
   }
@@ -289,7 +290,7 @@ MsgInfo* MarkTheMsgAsReceived(const char* file, int line, int taskName, std::uin
     StatsUnasked(g_DbcI.ServedLink ? g_DbcI.ServedLink->Books.StatsRow : kNoStatsRow);
     return LEAVE(info, "FAILED argument is not in list sended");
   }
-  ReleaseMsgInfo(info);
+  ReleaseAnswered(info);
   return info;
 }
 
@@ -299,9 +300,9 @@ int ReturnAnswerFromNetworkToClient(const char* file, int line, ClientMessage* m
   const MsgInfo* const info =
       MarkTheMsgAsReceived(HERE, msg->TaskName, Get(Trailer(msg), kTrailerAstInd));
   if (!info) return LEAVE(0, "FAILED MarkTheMsgAsReceived");
-  if (g_DbcI.ServedLink)
-    StatsNodeAnswer(g_DbcI.ServedLink->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize,
-                    info->SentAt);
+  if (const Link* const link = g_DbcI.ServedLink)
+    StatsNodeAnswer(link->Books.StatsRow, kCblAt + msg->TrailerOffset + kTrailerSize, info->SentAt,
+                    CountsOf(link));
   msg->ClientSocket = info->Socket;
   return g_DbcI.PutMsg(HERE, msg);
 }

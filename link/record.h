@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "core/dbc.h"
+#include "core/stats.h"
 
 struct Protocol;
 
@@ -52,3 +53,7 @@ struct Link {
 
   LinkBooks Books;
 };
+
+inline StatsCounts CountsOf(const Link* link) {
+  return {link->Books.InFlight, link->Books.Waiting};
+}

@@ -344,8 +344,12 @@ int ServeRecord(const Link* link, LIpcLinkData* data) {
   const MsgInfo* const info =
       MarkTheMsgAsReceived(HERE, record.TaskName, record.AstInd, RequestOf(link, record));
   const std::size_t size = taken > 0 ? kCblAt + msg.TrailerOffset + kTrailerSize : 0;
-  if (info) StatsNodeAnswer(link->Books.StatsRow, size, info->SentAt);
-  if (info && taken > 0) Answer(*info, &msg);
+  if (!info) return 0;
+  StatsNodeAnswer(link->Books.StatsRow, size, info->SentAt, CountsOf(link));
+  if (taken > 0)
+    Answer(*info, &msg);
+  else
+    TellCountsOf(info->Socket);
   return 0;
 }
 

@@ -37,11 +37,11 @@ class WatchedPage : public test::StatsPageTest {
     Exchange(2, 20000);
     StatsRequest(pair_[1], 4343, 108, false);
     StatsAgentAnswer(4006);
-    StatsAnswer(pair_[1], 4006, 108);
-    StatsLinkCounts(one_, {3, 2}, {3, 2});
+    StatsAnswer(pair_[1], {4006, 108, 0}, {0, 0});
+    StatsTellCounts(one_, {3, 2}, -1, {});
     StatsClientParked(pair_[0], true, 1);
     StatsClientUnsent(pair_[0], 5000);
-    StatsEndPass();
+    StatsEndPass({3, 2});
   }
   ~WatchedPage() override {
     close(pair_[0]);
@@ -50,8 +50,8 @@ class WatchedPage : public test::StatsPageTest {
   // Requests of node ONE, answered after so many microseconds.
   void Exchange(int count, std::int64_t microseconds) {
     for (int i = 0; i < count; ++i) {
-      StatsSent(one_, 108);
-      StatsNodeAnswer(one_, 120, StatsClock() - microseconds);
+      StatsSent(one_, 108, {1, 0}, pair_[0], {1, 0});
+      StatsNodeAnswer(one_, 120, StatsClock() - microseconds, {0, 0});
     }
   }
   std::map<std::string, std::string> Environment() const {
@@ -229,7 +229,7 @@ TEST_F(Top, ShowsSortsAndQuitsInATerminal) {
   EXPECT_NE(screen.find("now by requests"), std::string::npos) << screen;
   EXPECT_NE(screen.find("* ONE      up"), std::string::npos) << screen;
   EXPECT_NE(screen.find("4242"), std::string::npos) << screen;
-  StatsLinkCounts(two_, {9, 0}, {12, 2});
+  StatsTellCounts(two_, {9, 0}, -1, {});
   terminal.Press("f");
   ASSERT_TRUE(terminal.WaitFor("now by in flight"));
   EXPECT_TRUE(test::WaitFor([&] { return Order(terminal.Screen()) == "TWO ONE"; }))
@@ -254,7 +254,7 @@ TEST_F(Top, RatesAreOfTheTimeBetweenTwoReadings) {
   ASSERT_TRUE(program.WaitForStdout("\n"));
   Exchange(50, 1000);
   StatsRequest(pair_[1], 4343, 108, false);
-  StatsEndPass();
+  StatsEndPass({3, 2});
   ASSERT_EQ(program.Wait(), 0) << program.Stderr();
   double answers = 0, requests = 0;
   bool latencySeen = false;

@@ -276,12 +276,12 @@ TEST_F(StatsPageRows, PassesAndTicksAreCounted) {
 TEST_F(StatsPageRows, LongestPassIsTheLongest) {
   StatsPass();
   g_Stats.Clock -= 50000;
-  StatsEndPass();
+  StatsEndPass({});
   const std::uint64_t longest = Agent().longest_pass;
   EXPECT_GE(longest, 30000U);  // the coarse clock lags a few milliseconds
   EXPECT_LE(longest, 5000000U);
   StatsPass();
-  StatsEndPass();
+  StatsEndPass({});
   EXPECT_EQ(Agent().longest_pass, longest);
 }
 
@@ -292,11 +292,17 @@ TEST_F(StatsPageRows, ConnectionHasARowWhileItIsOpen) {
   StatsClientOpened(pair[0], 7);
   StatsRequest(pair[0], 99, 108, false);
   StatsRequest(pair[0], 98, 100, true);
-  StatsAnswer(pair[0], 4006, 110);
-  StatsClientCounts(pair[0], {3, 2});
+  StatsSent(kNoStatsRow, 108, {}, pair[0], {1, 2});
+  lumo_stats_client client = Client(row);
+  EXPECT_EQ(client.in_flight, 1U);
+  EXPECT_EQ(client.waiting, 2U);
+  StatsTellCounts(kNoStatsRow, {}, pair[0], {0, 1});
+  EXPECT_EQ(Client(row).waiting, 1U);
+  StatsAnswer(pair[0], {4006, 110, 78}, {3, 2});
+  EXPECT_EQ(Client(row).unsent, 78U);
   StatsClientUnsent(pair[0], 77);
   StatsClientParked(pair[0], true, 1);
-  lumo_stats_client client = Client(row);
+  client = Client(row);
   EXPECT_EQ(client.used, 1U);
   EXPECT_EQ(client.serial, 7U);
   EXPECT_EQ(client.named_pid, 98);
@@ -308,7 +314,7 @@ TEST_F(StatsPageRows, ConnectionHasARowWhileItIsOpen) {
   EXPECT_EQ(client.waiting, 2U);
   EXPECT_EQ(client.unsent, 77U);
   EXPECT_EQ(client.parked, 1U);
-  StatsEndPass();
+  StatsEndPass({});
   lumo_stats_agent agent = Agent();
   EXPECT_EQ(agent.clients, 1U);
   EXPECT_EQ(agent.accepted, 1U);
@@ -334,14 +340,15 @@ TEST_F(StatsPageRows, NumbersThatNoRowHasAreIgnored) {
   for (const int fd : {-1, 1024, 99999}) {
     StatsClientOpened(fd, 1);
     StatsRequest(fd, 1, 1, false);
-    StatsAnswer(fd, 0, 1);
+    StatsAnswer(fd, {0, 1, 0}, {1, 1});
+    StatsTellCounts(0, {}, fd, {1, 1});
     StatsClientClosed(fd, LUMO_STATS_HUNG_UP);
   }
   for (const int row : {-1, 0, 512}) {
-    StatsSent(row, 1);
-    StatsNodeAnswer(row, 1, 0);
+    StatsSent(row, 1, {1, 1}, row, {1, 1});
+    StatsNodeAnswer(row, 1, 0, {1, 1});
     StatsLinkState(row, 1);
-    StatsLinkCounts(row, {1, 1}, {1, 1});
+    StatsTellCounts(row, {1, 1}, row, {1, 1});
   }
   EXPECT_EQ(Agent().clients, 0U);
   lumo_stats_link link;
@@ -360,10 +367,13 @@ TEST_F(StatsPageRows, LinkTellsItsWay) {
   StatsLinkState(row, LUMO_STATS_CONNECTED);
   StatsPass();
   const std::int64_t sent = StatsClock();
-  StatsSent(row, 108);
-  StatsLinkCounts(row, {1, 5}, {2, 6});
+  StatsSent(row, 108, {2, 4}, -1, {});
+  EXPECT_EQ(Link(row).in_flight, 2U);
+  EXPECT_EQ(Link(row).waiting, 4U);
+  StatsTellCounts(row, {2, 3}, -1, {});
+  EXPECT_EQ(Link(row).waiting, 3U);
   g_Stats.Clock = sent + 1000;
-  StatsNodeAnswer(row, 120, sent);
+  StatsNodeAnswer(row, 120, sent, {1, 5});
   StatsUnasked(row);
   StatsWatchdog(row);
   StatsFailedRequest(row);
@@ -393,7 +403,7 @@ TEST_F(StatsPageRows, LinkTellsItsWay) {
   EXPECT_EQ(link.latency_count, 1U);
   EXPECT_EQ(link.latency[lumo_stats_bucket(1000)], 1U);
   EXPECT_EQ(Agent().node_answers, 0U);  // the agent's traffic is shown once a pass
-  StatsEndPass();
+  StatsEndPass({2, 6});
   EXPECT_EQ(Agent().node_answers, 1U);
   EXPECT_EQ(Agent().in_flight, 2U);
   EXPECT_EQ(Agent().waiting, 6U);
@@ -402,7 +412,7 @@ TEST_F(StatsPageRows, LinkTellsItsWay) {
 TEST_F(StatsPageRows, RowOfADeletedLinkServesTheNextOne) {
   const int first = NewLinkStats("ONE", "TCPIP", "");
   const int second = NewLinkStats("TWO", "REZ", nullptr);
-  StatsSent(first, 5);
+  StatsSent(first, 5, {}, -1, {});
   StatsDefaultLink(first);
   const std::uint32_t serial = Link(first).serial;
   FreeLinkStats(first);
@@ -465,11 +475,10 @@ TEST_F(StatsPageRows, ReadersGetEachRowWhole) {
   const int row = NewLinkStats("SRV1", "TCPIP", "");
   std::jthread writer([&](const std::stop_token& stop) {
     for (std::int32_t i = 1; !stop.stop_requested(); ++i) {
-      StatsSent(row, 7);  // bytes_out is 7 times requests
-      StatsLinkCounts(row, {i, i}, {i, i});
-      StatsNodeAnswer(row, 3, StatsClock() - 100);
+      StatsSent(row, 7, {i, i}, -1, {});  // bytes_out is 7 times requests
+      StatsNodeAnswer(row, 3, StatsClock() - 100, {-i, -i});
       StatsRequest(-1, 0, 11, false);
-      StatsEndPass();
+      StatsEndPass({i, i});
       if (i % 256 == 0) std::this_thread::yield();
     }
   });
@@ -502,7 +511,7 @@ TEST_F(StatsPageRows, RowThatIsBeingWrittenIsToldAsSuch) {
   EXPECT_EQ(lumo_stats_read_link(stats_, static_cast<std::uint32_t>(row), &link, sizeof link),
             LUMO_TIMEOUT);
   EXPECT_STREQ(link.name, "SRV1");
-  StatsSent(row, 1);  // the next writer brings the row to rest
+  StatsSent(row, 1, {}, -1, {});  // the next writer brings the row to rest
   EXPECT_EQ(Link(row).requests, 1U);
 }
 
