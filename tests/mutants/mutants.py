@@ -34,8 +34,10 @@ EQUIVALENT = TREE / "tests/mutants/equivalent.txt"
 FOLDERS = ("core", "client", "link", "protocols", "api", "ping", "lib")
 
 LEVEL = "TEST_LOG_LEVEL"
+LEAK_CHECKER = subprocess.run(["c++", "-print-file-name=liblsan.so"], text=True, check=True,
+                              stdout=subprocess.PIPE).stdout.strip()
 STAGES = {
-    "unit": ("tests/unit/unit_tests", {}),
+    "unit": ("tests/unit/unit_tests", {"LD_PRELOAD": LEAK_CHECKER}),
     "lib": ("tests/lib/lib_tests", {}),
     "stats": ("tests/stats/stats_tests", {}),
     "process at level 0": ("tests/process/process_tests", {LEVEL: "0"}),
@@ -144,15 +146,15 @@ def settled(changes):
         return [(change.number, change.choice, change.probes) for some in files for change in some]
 
 
-def chosen(count, seed, only):
+def chosen(count, seed, only, named):
     every = [mutant for folder in FOLDERS for path in sorted((TREE / folder).glob("*.cpp"))
              for mutant in rules.mutants(str(path.relative_to(TREE)), path.read_text())
-             if mutant.path.startswith(only)]
+             if mutant.path.startswith(only) and (not named or mutant.key in named)]
     random.Random(seed).shuffle(every)
     candidates = every[:count + count // 4 + 20]
     sources = [(TREE / path).read_bytes() for path in sorted({mutant.path for mutant in every})]
     own = [(TREE / "tests/mutants" / name).read_bytes() for name in ("rules.py", "mutant.h")]
-    found = kept("chosen", [repr((count, seed, only)).encode(), *own, *sources], lambda: settled(
+    found = kept("chosen", [repr((count, seed, only, named)).encode(), *own, *sources], lambda: settled(
         [Change(mutant, number) for number, mutant in enumerate(candidates)]))
     changes = [Change(candidates[number], number, *how) for number, *how in sorted(found)][:count]
     print(f"{len(every)} places; {len(changes)} chosen by seed {seed}, "
@@ -361,6 +363,7 @@ def main():
     parser.add_argument("--count", type=int, default=300, help="mutants to try in all (300)")
     parser.add_argument("--seed", type=int, default=1, help="which ones (1)")
     parser.add_argument("--only", default="", help="in paths that begin so")
+    parser.add_argument("--named", type=pathlib.Path, help="those that a file names, as results.tsv")
     parser.add_argument("--seconds", type=int, default=10**9, help="begin none after so long")
     parser.add_argument("--again", action="store_true", help="try those again that survived")
     parser.add_argument("--list", action="store_true", help="show them and try none")
@@ -369,11 +372,15 @@ def main():
     results = tried()
     if options.report:
         return report(results)
+    if not os.path.isabs(LEAK_CHECKER):
+        sys.exit("the compiler has no leak checker")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what was begun is put right
     signal.signal(signal.SIGINT, lambda *_: sys.exit(1))
     begin = time.monotonic()
     make_copy()
-    changes = chosen(options.count, options.seed, options.only)
+    lines = options.named.read_text().splitlines() if options.named else []
+    named = sorted({line.split("\t")[0] for line in lines})
+    changes = chosen(options.count, options.seed, options.only, named)
     if options.list:
         print("\n".join(f"{change.mutant.line} {change.mutant.key}" for change in changes))
         return None

@@ -4,7 +4,11 @@
 # tests that come to the place until one fails, and fails again by itself. What nobody notices is
 # printed at the end. Goes on where it was stopped.
 #
-#   tests/mutants/run.sh [--count N] [--seed N] [--only PATH] [--seconds N] [--again] [--list | --report]
+#   tests/mutants/run.sh [--count N] [--seed N] [--only PATH] [--named FILE] [--seconds N] [--again]
+#                        [--list | --report]
+#
+# The unit tests also fail when a change leaves memory behind. Whatever changes in the sources, --named
+# with an earlier results.tsv tries the same ones, as far as their lines are the same.
 #
 # Not part of test.sh: 300 take an hour or two.
 set -euo pipefail
