@@ -7,6 +7,17 @@
 #include "lib/socket_places.h"
 #include "tests/lib/lib_setting.h"
 
+static std::function<void()> afterRefusal;  // of bytes, when a test says so
+extern "C" ssize_t __real_send(int fd, const void* bytes, std::size_t count, int flags);
+extern "C" ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags);
+ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags) {
+  const ssize_t sent = __real_send(fd, bytes, count, flags);
+  const int savedErrno = errno;
+  if (sent < 0 && afterRefusal) afterRefusal();
+  errno = savedErrno;
+  return sent;
+}
+
 namespace {
 
 using test::FakeAgent;
@@ -340,6 +351,20 @@ TEST(Answers, ThatAreNoMessagesEndTheConnection) {
   }
 }
 
+TEST(Answers, ThatFollowSomethingThatIsNoneAreNotTheNextConnections) {
+  FakeAgent agent;
+  auto [connection, peer] = agent.Connect();
+  const lumo_ticket ticket = Send(connection, "SRV", "question");
+  peer.SendBytes(std::string(32768 + 3, '\0'));  // more than is taken at once
+  EXPECT_EQ(connection.Receive(ticket, kAmple).Reason(), LUMO_REASON_BAD_ANSWER);
+  std::thread server([&agent] {
+    Peer next = agent.Accept();
+    if (const auto request = next.ReadRequest()) next.SendMessage(*request);
+  });
+  EXPECT_EQ(connection.Ask("SRV", "again", kAmple).String(0), "again");
+  server.join();
+}
+
 class Sending : public ::testing::Test {
  protected:
   Sending() : pair_(agent_.Connect()), request_("SRV", std::string(8000, 'x')) {}
@@ -409,11 +434,15 @@ TEST_F(Sending, AnAgentThatTakesNothingIsWaitedForNoLongerThanTheDeadline) {
 TEST_F(Sending, ARequestDoesNotOvertakeTheRestOfAnother) {
   TakeInPieces();
   std::size_t sent = Fill().size(), received = 0;
+  // What there is of a request is kept.
+  const auto makeRoom = [&] { received += pair_.Agent.ReadFrame(test::Milliseconds(0)) ? 1 : 0; };
   for (int round = 0; round < 20; ++round) {
-    // Makes room; what there is of a request is kept.
-    if (pair_.Agent.ReadFrame(test::Milliseconds(0))) ++received;
+    makeRoom();
     sent += Fill().size();
   }
+  afterRefusal = makeRoom;  // when the rest has just been refused
+  for (int round = 0; round < 20; ++round) sent += Fill().size();
+  afterRefusal = nullptr;
   EXPECT_GT(received, 2u);
   std::thread flushing([&] { EXPECT_TRUE(pair_.Library.ReceiveAny(kAmple)); });
   std::optional<lumo::Message> last;

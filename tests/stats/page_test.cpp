@@ -234,6 +234,18 @@ TEST_F(StatsPageFile, PageCutShortIsAnErrorAndNoSignal) {
   lumo_stats_close(copy);
 }
 
+TEST_F(StatsPageFile, DirectoryMayBeAsLongAsTheSocketsMayBe) {
+  const std::string folder = folder_.Path().string() + '/';
+  const std::string longest = folder + std::string(227 - folder.size(), 'd');
+  fs::create_directory(longest);
+  setenv("TAVRIN_TMP", longest.c_str(), 1);
+  Begin();
+  EXPECT_TRUE(fs::exists(longest + "/tavrin.4711.stats"));
+  EXPECT_EQ(NewLinkStats("SRV", "TCPIP", ""), 0);
+  End();
+  EXPECT_TRUE(fs::is_empty(longest));
+}
+
 TEST_F(StatsPageFile, PathStandsBesideTheSocket) {
   char path[300];
   EXPECT_EQ(lumo_stats_path(4711, path, sizeof path), LUMO_OK);

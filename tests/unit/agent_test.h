@@ -110,6 +110,8 @@ class FakeProtocol {
   std::function<int(Link*)> OnRead;
   // Carried out by TimerEvent, after it was recorded.
   std::function<void()> OnTimer;
+  // Carried out by DisconnectLink, after it was recorded.
+  std::function<void(Link*)> OnDisconnect;
   // Carried out by ClientDeadEvent, after it was recorded.
   std::function<void(Link*)> OnDead;
   // Carried out by SendToNetwork, after the message was recorded.
@@ -155,8 +157,9 @@ class FakeProtocol {
     return fake->OnRead ? fake->OnRead(link) : fake->ReadResult;
   }
   static int Disconnect(const char*, int, Link* link) {
-    Of("DisconnectLink", link);
+    FakeProtocol* const fake = Of("DisconnectLink", link);
     link->State = kLinkDisconnected;
+    if (fake->OnDisconnect) fake->OnDisconnect(link);
     return 0;
   }
   static int Timer(const char*, int, Link* link) {

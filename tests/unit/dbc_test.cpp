@@ -274,6 +274,20 @@ TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
   EXPECT_EQ(down->Books.Waiting, 0);
 }
 
+// It is not taken down when another one takes over, but is before it is tried again.
+TEST_F(TimerStep, NotesWhatHasFailedOfALinkThatIsStillConnecting) {
+  FakeProtocol& slow = Fake("SLOW");
+  slow.TimerResult = kStatusConnectTimeout;
+  Link* const link = AddLink("A", slow);
+  link->State = kLinkConnecting;
+  g_DbcI.DefaultLink = g_DbcI.CircleStartLink = link;
+  g_DbcI.AutoConnect = 1;
+  EXPECT_EQ(RunLoop(), 7);
+  EXPECT_STREQ(g_DbcI.DefaultLink->NodeName, "STOP");
+  EXPECT_EQ(link->State, kLinkConnecting);
+  EXPECT_EQ(link->Broken, kStatusConnectTimeout);
+}
+
 TEST(Turns, AreOverAfter256Packets) {
   for (int i = 0; i < 256; ++i) {
     EXPECT_FALSE(TurnIsOver()) << i;
@@ -421,11 +435,14 @@ class FailingDescriptors : public testing::Test {
   }
 
   void Tick() const { kill(pid_, SIGALRM); }
+  std::filesystem::path Descriptors() const { return "/proc/" + std::to_string(pid_) + "/fd"; }
+  bool IsOpen(int fd) const {
+    return std::filesystem::is_symlink(Descriptors() / std::to_string(fd));
+  }
   // Of the agent's, below those that it keeps for itself.
   int HighestDescriptor() const {
     int highest = -1;
-    for (const auto& entry :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd")) {
+    for (const auto& entry : std::filesystem::directory_iterator(Descriptors())) {
       const int fd = std::stoi(entry.path().filename());
       if (fd < kMaxDescriptors) highest = std::max(highest, fd);
     }
@@ -599,6 +616,20 @@ TEST_F(FailingDescriptors, ALookThatIsInterruptedIsRepeated) {
   EXPECT_EQ(Stop(), 0);
 }
 
+TEST_F(FailingDescriptors, OneThatCannotBeLookedAtIsClosed) {
+  {
+    const FailingSystemCall noMemory(SystemCall::Select, ENOMEM, 1, 1);
+    Start("A REZ\n");
+  }
+  const lumo::Connection victim = Connect();
+  const int listener = 3;
+  ASSERT_TRUE(IsOpen(listener));
+  CloseInAgent(NewestClient());
+  EXPECT_FALSE(FoundGood(listener));
+  EXPECT_FALSE(IsOpen(listener));
+  EXPECT_EQ(Stop(), 0);
+}
+
 TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
   Server a;
   Start(a.Line("A"));
@@ -623,7 +654,11 @@ TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
 
 TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
   Server a;
-  Start(a.Line("A"));
+  {
+    // What the look at the listener leaves in errno is not the link's.
+    const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
+    Start(a.Line("A"));
+  }
   lumo::Connection client = Connect();
   Ask(client, "A", 1);
   ASSERT_TRUE(a.Accept());

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/blocks.h"
+#include "core/loop.h"
 #include "core/status.h"
 #include "core/stream.h"
 #include "link/joint.h"
@@ -582,6 +583,22 @@ TEST_F(Parking, OfThoseThatLeaveTogetherTheFirstThatIsNotTakenFails) {
   EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
 }
 
+TEST_F(Parking, ALinkThatGoesDownWithWhatLeavesIsNoLongerWrittenTo) {
+  const int own = JoiningLink("A"), other = StreamLink("B");
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, own);
+  HangUp(own);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, other);
+  Fake().OnDisconnect = [other](Link*) {  // B goes down with A
+    UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, other);
+    g_DbcI.ExitStatus = 7;
+  };
+  const lumo::Message request = Request("A", 1);
+  Come(socket_, FrameOf(request));
+  EXPECT_EQ(RunLoop(), 7);
+  ExpectOnlyError(request, 4007, EPIPE);
+  EXPECT_EQ(Fake().Count("ReadyForWrite B"), 0);
+}
+
 TEST_F(Parking, RequestsTravelTogetherWhileTwoMoreHaveRoomInABlock) {
   const int own = JoiningLink("A");
   JoinRequests(true);
@@ -638,6 +655,25 @@ TEST_F(Parking, AParkedConnectionThatIsClosedLeavesNoTrace) {
   UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, next);
   ForgetParkedBehind(g_DbcI.LinkList);
   EXPECT_FALSE(IsRead(next)) << "nothing to release";
+}
+
+TEST_F(Parking, AConnectionWithTheNumberOfOneThatHasHungUpStaysOpen) {
+  BusyLink("A", kLimit + 1);
+  const int first = socket_;
+  Serve("A", 1);
+  const int second = socket_ = Connect();
+  Serve("A", 2);
+  const int third = socket_ = Connect();
+  Serve("A", 3);
+  HangUp(third);
+  CloseAbandonedParked();
+  ASSERT_EQ(socket_ = Connect(), third);
+  Serve("A", 4);
+  CloseClient(first);
+  HangUp(second);
+  CloseAbandonedParked();
+  EXPECT_FALSE(IsOpen(second));
+  EXPECT_TRUE(IsClient(third));
 }
 
 TEST_F(Parking, TheThirtySecondSavedRequestParksItsConnectionAlone) {

@@ -422,6 +422,25 @@ TEST_F(LocalIpc, ReaderWorksWithDescriptorsBeyondThoseOfClients) {
   EXPECT_EQ(MsgInfos(), 0);
 }
 
+TEST_F(LocalIpc, QueueThatNothingWaitsForIsNotTried) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  EXPECT_EQ(RetryQueues(), -1);
+  EXPECT_EQ(Data().RetryAt, 0) << "the clock has been looked at";
+}
+
+// What lies behind the last entry would be taken for one whose answer is being written.
+TEST_F(LocalIpc, OfAFullBoardTheEntriesAloneAreSettled) {
+  Kernel kernel;
+  ConnectTo(kernel);
+  Data().Board->Used = kBoardSlots;
+  Data().Board->Entries[0].Serial = static_cast<std::uint32_t>(BoardState::Writing);
+  g_DbcI.LogLevel = kLogError;
+  const CapturedStderr stderrText;
+  LIpcDisconnectLink("test", 1, link_);
+  EXPECT_EQ(stderrText.Text(), "");
+}
+
 TEST_F(LocalIpc, RequestIsQueuedWithTheReaderAsItsTaskName) {
   Kernel kernel;
   ConnectTo(kernel);

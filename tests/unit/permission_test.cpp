@@ -123,8 +123,11 @@ TEST_F(Permission, RootAndTheAgentsOwnUserAlwaysManage) {
   Ask("64321", nullptr);
   BePeer(0);
   EXPECT_TRUE(MayManage(socket_));
+  const bool isRoot = geteuid() == 0;
+  ASSERT_TRUE(!isRoot || seteuid(kStranger + 1) == 0);
   BePeer(geteuid());
   EXPECT_TRUE(MayManage(socket_));
+  ASSERT_TRUE(!isRoot || seteuid(0) == 0);
 }
 
 TEST_F(Permission, WordThatNamesNobodyIsToldAndPermitsNobody) {
