@@ -338,12 +338,14 @@ TEST(TagsOfAProcess, OneThatWasGivenUpIsParkedUntilItsAnswerComes) {
   peer.SendMessage(*request);
   peer.SendMessage(*second);
   EXPECT_TRUE(connection.Receive(other, kAmple));
-  // Both answers have come: both tags are free again.
-  std::set<std::uint16_t> again;
-  while (const auto tag = tags.Take()) again.insert(*tag);
-  EXPECT_EQ(again, (std::set<std::uint16_t>{request->AstInd(), second->AstInd()}));
-  taken.insert(taken.end(), again.begin(), again.end());
-  for (const std::uint16_t tag : taken) tags.Release(tag);
+  // Both answers have come: both tags are free again, and taken before any that is only retired.
+  for (const std::uint16_t tag : taken) tags.Retire(tag);
+  std::vector<std::uint16_t> again;
+  while (const auto tag = tags.Take()) again.push_back(*tag);
+  ASSERT_EQ(again.size(), taken.size() + 2);
+  EXPECT_EQ((std::set<std::uint16_t>{again[0], again[1]}),
+            (std::set<std::uint16_t>{request->AstInd(), second->AstInd()}));
+  for (const std::uint16_t tag : again) tags.Release(tag);
 }
 
 TEST(TagsOfAProcess, AChildHasItsOwn) {

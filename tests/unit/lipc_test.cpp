@@ -161,9 +161,10 @@ class LocalIpc : public AgentTest {
   }
 
   // A request that is noted as sent and lies in the kernel's queue.
-  ClientMessage Ask(int socket, std::uint16_t astInd, const std::string& text = "request") {
-    ClientMessage msg = MakeRequest(getpid(), socket, astInd, {text});
-    const MsgInfo info = {.Link = link_, .TaskName = getpid(), .Socket = socket, .AstInd = astInd};
+  ClientMessage Ask(int socket, std::uint16_t astInd, const std::string& text = "request",
+                    pid_t task = getpid()) {
+    ClientMessage msg = MakeRequest(task, socket, astInd, {text});
+    const MsgInfo info = {.Link = link_, .TaskName = task, .Socket = socket, .AstInd = astInd};
     EXPECT_EQ(SaveMsgInfo("test", 1, &info), 0);
     EXPECT_EQ(Send(msg), 0);
     return msg;
@@ -503,6 +504,21 @@ TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientThatCameLater) {
   EXPECT_EQ(MsgInfos(), 0);
 }
 
+// Of what such a connection has no room for, a part would be taken.
+TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientWithLittleRoom) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  const int little = 4096;
+  ASSERT_EQ(setsockopt(client.Accepted, SOL_SOCKET, SO_SNDBUF, &little, sizeof little), 0);
+  ConnectTo(kernel);
+  Ask(client.Accepted, 5);
+  AnswerNext(kernel, "handed");
+  ASSERT_TRUE(RecordComes());
+  EXPECT_FALSE(Readable(client.Fd, 0));
+  EXPECT_EQ(Read(), 0);
+  EXPECT_TRUE(HasText(Receive(client), "handed"));
+}
+
 TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
   Kernel kernel;
   ConnectTo(kernel);
@@ -830,6 +846,23 @@ TEST_F(LocalIpc, AnswerThatNobodyAskedForIsDropped) {
   EXPECT_TRUE(stderrText.Contains("The message were not send by the agent. Skip the message"));
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(link_->State, kLinkConnected);
+}
+
+// That is the agent's business, which finds it by itself.
+TEST_F(LocalIpc, ReaderThatFindsAClientDeadTellsNoLink) {
+  Kernel kernel;
+  const Client client = ConnectClient();
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  waitpid(dead, nullptr, 0);
+  AddLink("TOLD")->State = kLinkConnected;
+  Fake().OnDead = [&kernel](Link*) { kernel.Answer(1, "death"); };
+  AddClientPidIntoList("test", 1, g_DbcI.LinkList, dead, client.Accepted);
+  ConnectTo(kernel);
+  Ask(client.Accepted, 5, "request", dead);
+  AnswerNext(kernel);
+  ASSERT_TRUE(RecordComes());
+  EXPECT_EQ(kernel.Messages(), 0);
 }
 
 TEST_F(LocalIpc, AnswerWhoseStringsLeaveTheAreaIsSkipped) {
@@ -1200,7 +1233,12 @@ TEST_F(LocalIpc, HandedAnswerThatIsNotThereBreaksTheLink) {
   ASSERT_TRUE(RecordComes());
   char taken[8192];
   ASSERT_GT(recv(Data().Pair, taken, sizeof taken, MSG_DONTWAIT), 0);
+  g_DbcI.LogLevel = kLogDriver;
+  const CapturedStderr log;
   EXPECT_EQ(Read(), kStatusReceive);
+  EXPECT_TRUE(
+      log.Contains("LIPC.Receive message from child fail. Link \"IPC\". Call:read. Errno 11\n"))
+      << log.Text();
   const std::string failure = Receive(client);
   ASSERT_EQ(failure.size(), 108U);
   EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}),

@@ -368,6 +368,8 @@ TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestWaitingRequestsAreDropped
 }
 
 TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestRequestsInFlightAreDropped) {
+  g_DbcI.LogLevel = kLogError;
+  const CapturedStderr log;
   for (int i = 0; i < 262144; ++i) Note(1, link_, -1);
   Note(2, other_, -1);
   ASSERT_NE(FindMsgInfo(link_, 100, 1), nullptr);
@@ -376,6 +378,15 @@ TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestRequestsInFlightAreDroppe
   EXPECT_NE(FindMsgInfo(link_, 100, 3), nullptr);
   EXPECT_FALSE(InUse(g_DbcI.MsgInfoArray.Items[0])) << "the oldest";
   EXPECT_NE(FindMsgInfo(other_, 100, 2), nullptr) << "each link has its own limit";
+  const auto lines = [&log] {
+    const std::string text = log.Text();
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  Note(4, link_, -1);
+  EXPECT_EQ(lines(), 1) << "told once";
+  ReleaseMsgInfo(FindMsgInfo(link_, 100, 3));
+  for (int i = 0; i < 2; ++i) Note(5, link_, -1);
+  EXPECT_EQ(lines(), 2) << "their number had fallen";
 }
 
 TEST_F(RequestBookkeeping, ARequestIsKnownByItsIdUntilItIsReleased) {
