@@ -140,17 +140,21 @@ Agent::Agent() : program_(AgentProgram()), exchangeId_(RandomExchangeId()) {
 }
 
 Agent::~Agent() {
-  CloseControl();
   if (pid_ <= 0 && SocketFolder() == folder_.Path() / "tmp") pid_ = ListenerOf(SocketPath());
-#ifdef LUMO_COVERAGE  // a killed agent leaves no counts
-  if (Running()) {
-    kill(pid_, SIGTERM);
-    if (ReapWithin(pid_, Milliseconds(1000))) child_ = pid_ = -1;
-  }
-#endif
+  if (Running() && std::getenv("LUMO_STOP_AGENTS")) StopGently();
   if (Running()) Kill();
+  CloseControl();
   KillParent();
   ReportSanitizer();
+}
+
+// What has been closed is served before: it must not be open any more.
+void Agent::StopGently() {
+  Thaw(pid_);
+  for (int trip = 0; trip < 2 && control_; ++trip) lumo::AskManagement(*control_, 100, 0, {}, 1000);
+  kill(pid_, SIGTERM);
+  KillParent();  // its children become ours
+  if (ReapWithin(pid_, Milliseconds(5000))) child_ = pid_ = -1;
 }
 
 Agent& Agent::Nodetab(const std::string& text) {

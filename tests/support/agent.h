@@ -30,7 +30,8 @@
 // * agent.InOnePass([&] { ... }) stops the agent in its wait while events come, so that one pass of
 //   its loop finds them together.
 // * TEST_LOG_LEVEL, in the environment of the tests, is the DBC_LOG of every agent whose test does
-//   not ask for a level of its own; ctest runs the tests at 0 and at 15.
+//   not ask for a level of its own; ctest runs the tests at 0 and at 15. With LUMO_STOP_AGENTS
+//   agents are stopped in order at the end of their test: who is killed tells nothing any more.
 //   LivingProcess and DeadPid() are task names of other processes; text.h looks at texts.
 // * The destructor ends the agent and removes the directory. A sanitizer's report in the log fails
 //   the test.
@@ -167,6 +168,7 @@ class Agent {
   [[noreturn]] void Execute(const CommandLine& command) const;
   std::map<std::string, std::string> FullEnvironment() const;
   bool OpenControl();
+  void StopGently();
   void ReportSanitizer();
 
   TemporaryDirectory folder_;
