@@ -263,8 +263,10 @@ int HandleNetworkMsg(const char* file, int line, ClientMessage* msg) {
   ENTER();
   std::size_t at = kStringsAt;
   for (int i = 0; i < 4; ++i) {
+    // Beyond this nothing need have come, nor been set.
+    const bool counted = at + 2 + kTrailerSize <= kMessageArea;
     const std::size_t units =
-        at + 2 <= kMessageArea ? UnitsOf(Get(Wire(msg) + at, WireField<std::uint16_t>{0})) : 0;
+        counted ? UnitsOf(Get(Wire(msg) + at, WireField<std::uint16_t>{0})) : 0;
     at += 2 * units;
     if (units == 0 || units > kStringUnitsMax || at + kTrailerSize > kMessageArea) {
       LOG(kLogError, "Network packet format is fail.");
