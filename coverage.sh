@@ -20,7 +20,7 @@ if [ "${1:-}" != --quick ]; then
   find build/coverage -name '*.gcda' -delete
   export LUMO_STOP_AGENTS=1  # a killed one leaves no counts
   # The one test looks at the reader's signals; here the reader catches SIGTERM to leave its counts.
-  ctest --test-dir build/coverage --output-on-failure --parallel "$(test_jobs)" -L 'unit|process|stats' \
+  ctest --test-dir build/coverage --output-on-failure --parallel "$(test_jobs)" -L 'unit|process|differential|stats' \
     --exclude-regex 'LocalIpcReader.TheReaderTakesSignalsAsItShould'
 fi
 
