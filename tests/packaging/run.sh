@@ -46,15 +46,16 @@ WaitFor() {
 Ended() { ! grep -q '^State:.[^Z]' "/proc/$1/status" 2>/dev/null; }
 
 # By whoever runs this, in a copy at a place that stays, so that only what has changed is compiled
-# again. dh_clean takes away what a build in the tree itself has left.
+# again. dh_clean takes away what a build in the tree itself has left. Nobody looks at the debugging
+# information here, which would take a part of the compiling.
 BuildPackage() {
   local log=$copy/build.log
   mkdir -p "$copy/tree"
   find "$copy/tree" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
   rm -f "$copy"/*.deb
   tar -c --exclude=./build --exclude=./.git --exclude='./obj-*' . | tar -xC "$copy/tree"
-  (cd "$copy/tree" && dh_clean && DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" \
-    dpkg-buildpackage -b -us -uc -nc) >"$log" 2>&1 || {
+  (cd "$copy/tree" && dh_clean && DEB_CXXFLAGS_STRIP=-g \
+    DEB_BUILD_OPTIONS="nocheck noautodbgsym parallel=$(nproc)" dpkg-buildpackage -b -us -uc -nc) >"$log" 2>&1 || {
     tail -n 30 "$log" >&2
     Fail 'the package does not build'
   }
