@@ -1,10 +1,8 @@
 // What the unit tests of the agent stand on: a fresh state record for every test, protocols whose
-// operations are scripted and recorded, the answers that went to clients, and what was written to
-// a standard stream.
+// operations are scripted and recorded, and the answers that went to clients.
 #pragma once
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,49 +26,9 @@
 #include "core/wait.h"
 #include "link/link.h"
 #include "protocols/protload.h"
+#include "tests/unit/captured_log.h"
 
 inline constexpr char kHere[] = "test";  // the module that calls
-
-// Collects what is written to a descriptor (1 or 2) until it goes out of scope.
-class CapturedStream {
- public:
-  explicit CapturedStream(int fd) : fd_(fd), saved_(dup(fd)), memory_(memfd_create("stream", 0)) {
-    std::fflush(nullptr);
-    dup2(memory_, fd_);
-  }
-  ~CapturedStream() {
-    std::fflush(nullptr);
-    dup2(saved_, fd_);
-    close(saved_);
-    close(memory_);
-  }
-  CapturedStream(const CapturedStream&) = delete;
-  CapturedStream& operator=(const CapturedStream&) = delete;
-
-  std::string Text() const {
-    std::fflush(nullptr);
-    std::string text;
-    char part[4096];
-    for (ssize_t count;
-         (count = pread(memory_, part, sizeof part, static_cast<off_t>(text.size()))) > 0;)
-      text.append(part, static_cast<std::size_t>(count));
-    return text;
-  }
-  bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
-
- private:
-  const int fd_;
-  const int saved_;
-  const int memory_;
-};
-class CapturedStderr : public CapturedStream {
- public:
-  CapturedStderr() : CapturedStream(STDERR_FILENO) {}
-};
-class CapturedStdout : public CapturedStream {
- public:
-  CapturedStdout() : CapturedStream(STDOUT_FILENO) {}
-};
 
 // A protocol for the registry. Every call is recorded as "Operation NODE"; the results are set by
 // the test. Without a script, InitLink accepts any address but "bad" (kept, as a text, in

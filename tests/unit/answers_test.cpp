@@ -10,13 +10,12 @@
 #include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_lines.h"
 
 namespace {
 
-constexpr char kBadFormat[] = "Network packet format is fail.";
-constexpr char kNotSent[] = "The message were not send by the agent. Skip the message";
-constexpr char kFlushFailed[] = " SendMsgToLink from ReadyTcpForWrite failed. errno 0";
+constexpr char kBadFormat[] = "2 link|Network packet format is fail.";
+constexpr char kNotSent[] = "2 link|The message were not send by the agent. Skip the message";
+constexpr char kFlushFailed[] = "15 link| SendMsgToLink from ReadyTcpForWrite failed. errno 0";
 
 // A client's end and the agent's end of a connection.
 class ClientConnection {
@@ -76,12 +75,9 @@ class NetworkAnswer : public AgentTest {
 
   static void ExpectRefused(std::initializer_list<std::uint16_t> counts) {
     ClientMessage msg = WithCounts(counts);
-    g_DbcI.LogLevel = kLogError;
-    CapturedStderr log;
+    const CapturedLog log(kLogError);
     EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
-    EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
-    EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kBadFormat), 1);
-    g_DbcI.LogLevel = 0;
+    EXPECT_EQ(log.Lines(), std::vector<std::string>{kBadFormat});
   }
 
   static void AddInfo(Link* link, std::int32_t task, int socket, std::uint16_t astInd) {
@@ -138,20 +134,16 @@ TEST_F(NetworkAnswer, StringsThatWouldPassAloneAreRefusedWhenTogetherTheyLeaveTh
 
 TEST_F(NetworkAnswer, TheRefusalIsTracedWithItsWord) {
   ClientMessage msg = WithCounts({8187, 0, 0, 0});
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   HandleNetworkMsg("caller", 12, &msg);
-  const std::vector<CapturedLine> lines = CapturedLines(log.Text());
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].Text, "'HandleNetworkMsg' Call from caller:12 ");
-  EXPECT_EQ(lines[1].Text, kBadFormat);
-  EXPECT_EQ(lines[2].Text, "'HandleNetworkMsg' Leave FAILED format");
+  EXPECT_EQ(log.Lines(),
+            (std::vector<std::string>{"15 link|'HandleNetworkMsg' Call from caller:12 ", kBadFormat,
+                                      "15 link|'HandleNetworkMsg' Leave FAILED format"}));
 }
 
 TEST_F(NetworkAnswer, TheRefusalIsNotWrittenBelowLevelTwo) {
   ClientMessage msg = WithCounts({8187, 0, 0, 0});
-  g_DbcI.LogLevel = kLogDefault;
-  CapturedStderr log;
+  const CapturedLog log(kLogDefault);
   EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
   EXPECT_EQ(log.Text(), "");
 }
@@ -183,11 +175,9 @@ TEST_F(NetworkAnswer, TaskNameAndTagMustBothMatch) {
 }
 
 TEST_F(NetworkAnswer, AnAnswerThatMatchesNothingIsReportedAtLevelTwo) {
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
-  EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{kNotSent});
 }
 
 TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
@@ -195,27 +185,18 @@ TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
   AddInfo(link, 10, 5, 1);
   AddInfo(link, 11, 5, 2);
   AddInfo(link, 12, 5, 3);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2"),
-            1);
+  log.ExpectOnce("15 link|MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2");
+  log.ExpectOnce("15 link|MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2");
   EXPECT_FALSE(log.Contains("MsgInfo->TaskName = 12"));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "'MarkTheMsgAsReceived' Leave SUCCESS"),
-            1);
+  log.ExpectOnce("15 link|'MarkTheMsgAsReceived' Leave SUCCESS");
 }
 
 TEST_F(NetworkAnswer, AFailedSearchIsTracedWithItsWord) {
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended"),
-            1);
+  log.ExpectOnce("15 link|'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended");
 }
 
 TEST_F(NetworkAnswer, AReleasedRequestDoesNotMatchAgain) {
@@ -255,15 +236,12 @@ TEST_F(NetworkAnswer, AnAnswerToNoRequestGoesToNobody) {
   Link* const link = AddLink("A");
   AddInfo(link, 4321, 17, 9);
   ClientMessage answer = MakeRequest(4321, -7, 8);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
   EXPECT_TRUE(Answers.empty());
   EXPECT_EQ(Info(0).Link, link);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived"),
-            1);
+  log.ExpectOnce(kNotSent);
+  log.ExpectOnce("15 link|'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived");
 }
 
 TEST_F(NetworkAnswer, OnlyTheTrailerSaysWhoseAnswerItIs) {
@@ -379,8 +357,7 @@ TEST_F(RequestSending, TheRequestIsRecordedBeforeItGoesOut) {
 TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
   ClientConnection client;
   ClientMessage msg = RequestOf(client, 7);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   {
     FailingAllocations none;
     EXPECT_EQ(Send(&msg), -1);
@@ -390,11 +367,8 @@ TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
   EXPECT_TRUE(Fake().Sent.empty());
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "SaveMsgInfo return bad status. Send Error to client"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "link", "'SendMsgToLink' Leave FAILED Save message"), 1);
+  log.ExpectOnce("15 link|SaveMsgInfo return bad status. Send Error to client");
+  log.ExpectOnce("15 link|'SendMsgToLink' Leave FAILED Save message");
 }
 
 TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
@@ -428,8 +402,7 @@ TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
     return 4007;
   };
   ClientMessage failing = RequestOf(third, 4);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Send(&failing), -1);
   ExpectError(first, 1, 4007, EPIPE);
   ExpectError(second, 3, 4007, EPIPE);
@@ -439,11 +412,9 @@ TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
   EXPECT_EQ(other->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 1);
   EXPECT_EQ(Waiting(), 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "Send to network failed"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  A"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'SendMsgToLink' Leave FAILED send(protocol function)"),
-            1);
+  log.ExpectOnce("15 link|Send to network failed");
+  log.ExpectOnce("Disconnect link  A");
+  log.ExpectOnce("15 link|'SendMsgToLink' Leave FAILED send(protocol function)");
 }
 
 TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
@@ -486,18 +457,15 @@ TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
     errno = ECONNRESET;
     return 4007;
   };
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Flush(), kStatusSend);
   EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
   for (std::uint16_t tag = 1; tag <= 3; ++tag) ExpectError(client, tag, 4007, ECONNRESET);
   EXPECT_TRUE(client.Empty());
   EXPECT_EQ(Waiting() + InFlight(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", kFlushFailed), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'SendAllSavedMsgToTheLink' Leave FAILED send message"),
-            1);
+  log.ExpectOnce(kFlushFailed);
+  log.ExpectOnce("15 link|'SendAllSavedMsgToTheLink' Leave FAILED send message");
 }
 
 TEST_F(RequestSending, AFlushWithoutMemoryAnswersOneWith4200AndTheRestWith4007) {

@@ -31,8 +31,7 @@ class ClientReading : public ClientTest {
   // The connection is closed as if the client had hung up, and the log says why.
   void ExpectRefused(const std::string& bytes, const std::string& line) {
     socket_ = Connect();
-    g_DbcI.LogLevel = 2;
-    const CapturedStderr log;
+    const CapturedLog log(kLogError);
     Come(socket_, bytes);
     EXPECT_EQ(Read(), -1);
     EXPECT_TRUE(log.Contains("|" + line + "\n")) << log.Text();
@@ -116,8 +115,7 @@ TEST_F(ClientReading, StringsThatLeaveTheAreaCloseTheConnection) {
 
 TEST_F(ClientReading, AHangUpClosesAndForgetsTheConnection) {
   HangUp(socket_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), -1);
   EXPECT_TRUE(log.Contains("|recv return 0\n"));
   EXPECT_TRUE(log.Contains("|UNREGISTER_SOCKET_FOR_READ_EVENT " + std::to_string(socket_) + "\n"));
@@ -138,8 +136,7 @@ TEST_F(ClientReading, AFailedReceiveLeavesTheConnectionAsItIs) {
   close(Far(socket_));
   const int spare = open("/dev/null", O_RDONLY);  // takes the number that the fixture will close
   EXPECT_EQ(spare, Far(socket_));
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|Receive message from client fail. Call:recv. Errno 104\n"));
@@ -166,8 +163,7 @@ TEST_F(ClientReading, TheTraceTellsEachReceiveAndTheFieldsInOrder) {
   request.LnBufRow = 7;
   request.PrzExe = 0xBEEF;
   Come(socket_, FrameOf(request));
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Read();
   std::string texts;
   const std::string all = log.Text();
@@ -240,8 +236,7 @@ TEST_F(ClientAnswers, TheWholeSizeGoesOutAsLength) {
 
 TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
   ClientMessage msg = Answer();
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Put_(&msg);
   const std::string text = log.Text();
   std::size_t at = 0;
@@ -257,8 +252,7 @@ TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
 
 TEST_F(ClientAnswers, ADeadClientGetsNothing) {
   ClientMessage msg = Answer(EndedProcess());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Put_(&msg), -1);
   EXPECT_TRUE(log.Contains("|The message wasn't send to client. Client is dead\n"));
   EXPECT_TRUE(log.Contains("'PutMsgToClient' Leave FAILED client is not alive\n"));
@@ -306,8 +300,7 @@ TEST_F(ClientAnswers, TaskZeroFailsWheneverAListedClientIsDead) {
 TEST_F(ClientAnswers, AnAnswerToAClosedConnectionFailsWithErrno9) {
   ClientMessage msg = Answer();
   msg.ClientSocket = -1;
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Put_(&msg), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 9\n"));
@@ -316,8 +309,7 @@ TEST_F(ClientAnswers, AnAnswerToAClosedConnectionFailsWithErrno9) {
 TEST_F(ClientAnswers, AFailedSendLeavesTheConnectionToTheReader) {
   HangUp(socket_);
   ClientMessage msg = Answer();
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Put_(&msg), -1);
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
   EXPECT_TRUE(IsOpen(socket_) && IsClient(socket_) && IsRead(socket_));
@@ -326,8 +318,7 @@ TEST_F(ClientAnswers, AFailedSendLeavesTheConnectionToTheReader) {
 TEST_F(ClientAnswers, AClientMayLeaveOneMebibyteUnread) {
   ClientMessage msg = Answer();
   KeepUnsent(kMebibyte - msg.Length - 4);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Put_(&msg), 0);
   EXPECT_EQ(UnsentBytes(socket_), kMebibyte);
   EXPECT_TRUE(IsClient(socket_));
@@ -337,8 +328,7 @@ TEST_F(ClientAnswers, AClientMayLeaveOneMebibyteUnread) {
 TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
   ClientMessage msg = Answer();
   KeepUnsent(kMebibyte - msg.Length - 3);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Put_(&msg), -1);
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 105\n"));
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
@@ -349,8 +339,7 @@ TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
 TEST_F(ClientAnswers, AFailedFlushClosesTheConnection) {
   KeepUnsent(1000);
   HangUp(socket_);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   FlushClient(socket_);
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
@@ -420,8 +409,7 @@ TEST_F(AgentBuiltAnswers, LeaveTheLinkOfASavedRequestAlone) {
 TEST_F(AgentBuiltAnswers, AreTraced) {
   ClientMessage answer;
   const MsgInfo info = {};
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   MakeAnswerFromMsgInfo(kHere, 1, &answer, &info, 4007, 32);
   EXPECT_TRUE(log.Contains("|MakeAnswerFromMsgInfo(TavrinError=4007, SysError=32)\n"));
 }
@@ -442,8 +430,7 @@ class LivingClients : public ClientTest {
 TEST_F(LivingClients, ALivingProcessIsFoundByTheShortTest) {
   Link* const link = AddLink("SRV");
   List(link, EndedProcess());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Test(getpid()), 0);
   EXPECT_TRUE(log.Contains("'TestAliveClient' Leave SUCCESS short test\n"));
   EXPECT_NE(Listed()[0], 0) << "the list is not looked at";
@@ -490,8 +477,7 @@ TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
   const pid_t dead = EndedProcess();
   List(link, dead);
   List(link, getpid());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Listed(), (std::vector<int>{0, getpid()}));
   EXPECT_TRUE(log.Contains("|Test Client \"" + std::to_string(dead) + "\" is dead\n"));
@@ -534,8 +520,7 @@ TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
   for (int check = 1; check < 151; ++check) Test(0);
   EXPECT_EQ(ClientTimeout, 1);
   EXPECT_TRUE(Fake().Calls.empty());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Test(0);
   EXPECT_TRUE(log.Contains("|Client timeout is expire. Disconnect all link.\n"));
   EXPECT_TRUE(log.Contains("Link = A, TavrinErr = 0, SysErr = 0\n"));
@@ -621,18 +606,17 @@ TEST_F(ClientList, AClientIsListedOncePerLinkAndConnection) {
 }
 
 TEST_F(ClientList, EachCaseLeavesWithItsWord) {
-  g_DbcI.LogLevel = 15;
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     Add(link_, 10, 5);
     EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS\n");
   }
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     Add(link_, 10, 5);
     EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS element already exist\n");
   }
-  const CapturedStderr log;
+  const CapturedLog log;
   Add(link_, 11, 5);
   EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS save to exist blank element\n");
 }
@@ -674,8 +658,7 @@ TEST_F(ClientList, OlderEntriesAreDroppedAtEachGrowth) {
 TEST_F(ClientList, WithoutMemoryTheOldListStays) {
   Add(link_, 10, 5);
   Add(link_, 11, 6);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   {
     const FailingAllocations failing;
     EXPECT_EQ(Add(link_, 12, 7), -1);

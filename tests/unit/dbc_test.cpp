@@ -23,7 +23,6 @@
 #include "tests/support/management.h"
 #include "tests/support/wait.h"
 #include "tests/unit/client_fixture.h"
-#include "tests/unit/log_texts.h"
 #include "tests/unit/system_faults.h"
 
 namespace {
@@ -105,26 +104,24 @@ TEST_F(SocketRegistration, DescriptorsBeyondTheSetsAreIgnored) {
 
 TEST_F(SocketRegistration, EachOperationIsTracedAtTheCallersPlace) {
   Link* const link = AddLink("A");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   REGISTER_SOCKET_FOR_WRITE_EVENT("two", 12, 8);
   REGISTER_SOCKET_FOR_THE_LINK("three", 13, 9, link);
   UNREGISTER_SOCKET_FOR_READ_EVENT("four", 14, 10);
   UNREGISTER_SOCKET_FOR_WRITE_EVENT("five", 15, 11);
   UNREGISTER_SOCKET_FOR_THE_LINK("six", 16, 12);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"15 one|REGISTER_SOCKET_FOR_READ_EVENT 7",
-                                         "15 two|REGISTER_SOCKET_FOR_WRITE_EVENT 8",
-                                         "15 three|REGISTER_SOCKET_FOR_THE_LINK 9, A",
-                                         "15 four|UNREGISTER_SOCKET_FOR_READ_EVENT 10",
-                                         "15 five|UNREGISTER_SOCKET_FOR_WRITE_EVENT 11",
-                                         "15 six|UNREGISTER_SOCKET_FOR_THE_LINK 12"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 one|REGISTER_SOCKET_FOR_READ_EVENT 7",
+                                "15 two|REGISTER_SOCKET_FOR_WRITE_EVENT 8",
+                                "15 three|REGISTER_SOCKET_FOR_THE_LINK 9, A",
+                                "15 four|UNREGISTER_SOCKET_FOR_READ_EVENT 10",
+                                "15 five|UNREGISTER_SOCKET_FOR_WRITE_EVENT 11",
+                                "15 six|UNREGISTER_SOCKET_FOR_THE_LINK 12"}));
   EXPECT_TRUE(log.Contains(":  14 "));
 }
 
 TEST_F(SocketRegistration, BelowTheTraceLevelNothingIsWritten) {
-  g_DbcI.LogLevel = 14;
-  CapturedStderr log;
+  const CapturedLog log(14);
   REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   UNREGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   EXPECT_EQ(log.Text(), "");
@@ -224,18 +221,17 @@ TEST_F(UsingALinkAsDefault, NeedsNoDefaultBefore) {
 }
 
 TEST_F(UsingALinkAsDefault, IsTracedWithTheModuleItBelongsTo) {
-  g_DbcI.LogLevel = 15;
   {
-    CapturedStderr log;
+    const CapturedLog log;
     UseTheLinkAsDefault(77, A);
-    EXPECT_EQ(LogTexts(log.Text()),
+    EXPECT_EQ(log.Lines(),
               (Texts{"15 dbc|'UseTheLinkAsDefault' Call from dbc:77 ",
                      "15 dbc|'UseTheLinkAsDefault' Leave FAILED Link is not connected or Link is "
                      "already default"}));
   }
-  CapturedStderr log;
+  const CapturedLog log;
   UseTheLinkAsDefault(78, B);
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
+  EXPECT_EQ(log.Lines().back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
 }
 
 // The step of the timer: with a link whose TimerEvent asks for a stop it is all that the loop does.

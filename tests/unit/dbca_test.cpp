@@ -130,8 +130,7 @@ TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
 
 TEST_F(ManagementCommands, TheTraceShowsTheIntegerArgumentAndTheResult) {
   AddThreeLinks();
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr trace;
+  const CapturedLog trace;
   Command(105, 1);
   EXPECT_TRUE(trace.Contains("|Command dbcapi 1\n"));
   EXPECT_TRUE(trace.Contains("|Return char value \"B       \" return int value 1\n"));
@@ -709,8 +708,7 @@ TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
 TEST_F(ManagementCommands, ACommandsTraceCarriesItsNameAndWord) {
   AddThreeLinks();
   B->State = kLinkConnected;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr trace;
+  const CapturedLog trace;
   Command(124, 1);
   EXPECT_TRUE(trace.Contains("'DelNode' Leave FAIL\n"));
   EXPECT_TRUE(trace.Contains("'ApiDelNode' Leave FAIL\n"));

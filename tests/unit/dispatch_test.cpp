@@ -87,8 +87,7 @@ TEST_F(RequestDispatch, NothingReadYetIsHandled) {
 
 TEST_F(RequestDispatch, AFailedReadIsReported) {
   HangUp(socket_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Handle(), -1);
   EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Call from test:1 (Socket = " +
                            std::to_string(socket_) + " )\n"));
@@ -132,8 +131,7 @@ TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
 TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
   AddLink("A");
   const lumo::Message request = Request("X", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(request), -1);
   ExpectOnlyError(request, 4050, 0);
   ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
@@ -144,8 +142,7 @@ TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
 
 TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
   AddLink("A");
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Serve("ABCDEFGH");
   EXPECT_TRUE(log.Contains("|Node name ABCDEFGH dasn't correspondence"));
 }
@@ -165,8 +162,7 @@ TEST_F(RequestDispatch, WithoutAnyLinkNamedRequestsAreAnsweredWith4050) {
 }
 
 TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(Management(100)), 0);
   EXPECT_EQ(TakeManagementResult(), 1);
   EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Leave SUCCESS DbcApi\n"));
@@ -209,8 +205,7 @@ TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
 
 TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
   AddLink("A");
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   {
     const FailingAllocations failing;
     EXPECT_EQ(Serve("A"), -1);
@@ -222,8 +217,7 @@ TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
 
 TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
   Link* const link = AddLink("A");
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(Request("A", 9, "text")), 0);
   EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "SendToNetwork A"}));
   ASSERT_EQ(Fake().Sent.size(), 1u);
@@ -247,8 +241,7 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
   AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
   const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(request), -1);
   ExpectOnlyError(request, 4006, ECONNREFUSED);
   EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "DisconnectLink A"}));
@@ -309,8 +302,7 @@ TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
     link->State = kLinkConnected;
     return 0;
   };
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve("", 7), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, b);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
@@ -327,8 +319,7 @@ TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
   AddLink("B");
   FailToConnect(4066, 0);
   const lumo::Message request = Request("", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(request), 0);
   ExpectOnlyError(request, 4006, 0);
   EXPECT_TRUE(log.Contains(
@@ -398,8 +389,7 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
 TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
   Link* const link = AddLink("A");
   StayConnecting();
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve("A", 1), 0);
   EXPECT_EQ(Serve("A", 2), 0);
   EXPECT_EQ(SavedTags(link), (std::vector<std::uint16_t>{1, 2}));
@@ -416,8 +406,7 @@ TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
   for (const int code : {4006, 1001}) {
     g_DbcI.Err1001 = code == 1001;
     const lumo::Message request = Request("A", static_cast<std::uint16_t>(code));
-    g_DbcI.LogLevel = 15;
-    const CapturedStderr log;
+    const CapturedLog log;
     EXPECT_EQ(Serve(request), 0);
     ExpectOnlyError(request, code, 115);
     EXPECT_TRUE(log.Contains("|Connection is in progress state. return error to client\n"));
@@ -443,8 +432,7 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
   link->State = kLinkConnected;
   AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   {
     const FailingAllocations failing;
     EXPECT_EQ(Serve(request), -1);
@@ -466,8 +454,7 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
     return 4007;
   };
   const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(request), -1);
   ExpectOnlyError(request, 4007, EPIPE);
   EXPECT_EQ(link->State, kLinkDisconnected);

@@ -9,7 +9,6 @@
 #include "core/status.h"
 #include "lib/message_codec.h"
 #include "tests/unit/client_fixture.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
 
@@ -79,8 +78,7 @@ class LinkTest : public AgentTest {
   // Lines of level 1 and below while `action` runs.
   template <class Action>
   static std::string DefaultLog(Action action) {
-    g_DbcI.LogLevel = 1;
-    CapturedStderr log;
+    const CapturedLog log(kLogDefault);
     action();
     g_DbcI.LogLevel = 0;
     return log.Text();
@@ -107,8 +105,7 @@ TEST_F(DisconnectingALink, IsLoggedOnlyWhenItWasConnected) {
 
 TEST_F(DisconnectingALink, ReturnsZeroAndTracesTheCodes) {
   Link* const link = AddLink("SRV1");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(DisconnectLink("test", 1, link, 4006, 111), 0);
   EXPECT_TRUE(log.Contains("Link = SRV1, TavrinErr = 4006, SysErr = 111")) << log.Text();
   EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS\n"));
@@ -199,8 +196,7 @@ TEST_F(DisconnectingALink, InPingModeHandsTheCodesToTheVerdictAndNothingElse) {
   Save(2, a);
   a->State = kLinkConnected;
   g_DbcI.PingMode = 1;
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   CapturedStdout out;
   EXPECT_EQ(DisconnectLink("test", 1, a, 4006, 111), -1);
   EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS ping\n"));
@@ -274,8 +270,7 @@ TEST_F(MovingTheDefault, WithoutAModeOnlyTakesTheLinkDown) {
 }
 
 TEST_F(MovingTheDefault, WithoutAModeIsTraced) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   EXPECT_TRUE(log.Contains("|Not set flags AUTOCONNECT or AUTOCHANGE\n"));
 }
@@ -469,12 +464,11 @@ TEST_F(MovingTheDefault, ACountThatHasRunOutOrATimeOutThatIsNotSetDoesNotWait) {
 
 TEST_F(MovingTheDefault, TheCircleIsTraced) {
   g_DbcI.AutoConnect = 1;
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   const Texts traced =
-      Beginning(LogTexts(log.Text()), {"15 link|Try", "15 link|Connect", "15 link|Link",
-                                       "15 link|Full", "15 link|Return", "Set", "Try", "Full"});
+      Beginning(log.Lines(), {"15 link|Try", "15 link|Connect", "15 link|Link", "15 link|Full",
+                              "15 link|Return", "Set", "Try", "Full"});
   EXPECT_EQ(traced,
             (Texts{"15 link|Try circle link connect", "Set link  B as default",
                    "Try connect link as default B", "15 link|Connect link B failed",
@@ -486,17 +480,16 @@ TEST_F(MovingTheDefault, TheCircleIsTraced) {
 
 TEST_F(MovingTheDefault, ASuccessAndAWaitAreTraced) {
   g_DbcI.AutoConnect = 1;
-  g_DbcI.LogLevel = 15;
   {
     g_DbcI.AutoConnectTimeout = g_DbcI.CircleTimeCount = 9;
-    CapturedStderr log;
+    const CapturedLog log;
     Fail(A, 4066);
     EXPECT_TRUE(log.Contains("|Full connect cicle failed. Wait timer event\n"));
     EXPECT_TRUE(log.Contains("|Return 0\n"));
     EXPECT_FALSE(log.Contains("Full connect circle failed or timeout expired"));
   }
   Outcomes["B"] = kComesUp;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   EXPECT_TRUE(log.Contains("|Return 0 LINK_CONNECTED\n"));
 }

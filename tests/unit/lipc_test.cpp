@@ -281,9 +281,8 @@ TEST_F(LocalIpc, AddressIsTakenInAnyBase) {
 }
 
 TEST_F(LocalIpc, AddressBelowOneIsOutOfRange) {
-  g_DbcI.LogLevel = kLogTrace;
   for (const char* text : {"0", "-3", "word", ""}) {
-    CapturedStderr stderrText;
+    const CapturedLog stderrText;
     EXPECT_EQ(Init(text), 1) << text;
     EXPECT_TRUE(stderrText.Contains("Leave FAILED  param out of range\n"));
     EXPECT_EQ(link_->DriverData, nullptr);
@@ -303,8 +302,7 @@ TEST_F(LocalIpc, ConnectNeedsTheSegment) {
     key = kernel.Key;
   }
   ASSERT_EQ(Init(std::to_string(key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogDriver);
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(stderrText.Contains("LIPC shmget failed. errno = 2"));
@@ -317,8 +315,7 @@ TEST_F(LocalIpc, ConnectNeedsALivingKernelAndKeepsOneAttachmentAtMost) {
   waitpid(dead, nullptr, 0);
   kernel.SetPid(dead);
   ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogDriver);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_TRUE(stderrText.Contains("LIPC send 0 signal to kernel failed. errno 3"));
   EXPECT_EQ(kernel.Attached(), 1);
@@ -357,15 +354,14 @@ TEST_F(LocalIpc, KernelOfAnotherUserIsAlive) {
 TEST_F(LocalIpc, ConnectNeedsQueueAndSemaphoreAndSaysTheSameForBoth) {
   Kernel kernel;
   ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
   kernel.RemoveSemaphore();
   {
-    CapturedStderr stderrText;
+    const CapturedLog stderrText(kLogDriver);
     EXPECT_EQ(Connect(), kStatusConnect);
     EXPECT_TRUE(stderrText.Contains("LIPC msgget failed. errno 2"));
   }
   kernel.RemoveQueue();
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogDriver);
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_TRUE(stderrText.Contains("LIPC msgget failed. errno 2"));
 }
@@ -492,8 +488,7 @@ TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
   AnswerNext(kernel, "traced");
   ASSERT_TRUE(RecordComes());
   const std::string name = "TaskName = " + std::to_string(getpid());
-  g_DbcI.LogLevel = kLogTrace;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 0);
   g_DbcI.LogLevel = 0;
   EXPECT_TRUE(log.Contains("MsgInfo->" + name + " , MsgInfo->AstInd = 5 " + name + " AstInd = 5\n"))
@@ -805,8 +800,7 @@ TEST_F(LocalIpc, AnswerThatNobodyAskedForIsDropped) {
   ConnectTo(kernel);
   kernel.Answer(Data().ChildPid, BodyOf(MakeRequest(getpid(), 0, 9)));
   ASSERT_TRUE(RecordComes());
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogError);
   EXPECT_EQ(Read(), 0);
   EXPECT_TRUE(stderrText.Contains("The message were not send by the agent. Skip the message"));
   EXPECT_FALSE(Readable(client.Fd, 0));
@@ -873,8 +867,7 @@ TEST_F(LocalIpc, ConnectionThatTheReaderWasWritingToWhenItDiedIsClosed) {
   ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
   ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
   ASSERT_TRUE(RecordComes());
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogError);
   EXPECT_EQ(Read(), kStatusPeerClosed);
   EXPECT_TRUE(stderrText.Contains("The reader has ended while it wrote to a client."));
   char byte;
@@ -1092,8 +1085,7 @@ TEST_F(LocalIpc, TickFindsADeadReader) {
   const pid_t child = Data().ChildPid;
   ASSERT_EQ(kill(child, SIGKILL), 0);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogDriver);
   EXPECT_EQ(LIpcTimerEvent("test", 1, link_), kStatusReaderGone);
   EXPECT_TRUE(stderrText.Contains("LIPC child proccess deaded"));
 }

@@ -178,8 +178,7 @@ TEST_F(LocalSocket, AddressNeedsMemory) {
 TEST_F(LocalSocket, ConnectWithoutAKernelFailsAndMakesTheDirectoryUsable) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
   chmod(directory_.c_str(), 0700);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText;
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(stderrText.Contains("Leave FAILED connect to tavrin MBX=%d. Errno = %d\n"));
@@ -222,8 +221,7 @@ TEST_F(LocalSocket, StopRequestEndsTheGreetingOfAKernelThatHungUp) {
 
 TEST_F(LocalSocket, SocketThatCannotBeMadeFailsTheConnect) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogError);
   FailingSystemCall failing(SystemCall::Socket, EMFILE);
   EXPECT_EQ(Connect(), -1);
   EXPECT_EQ(errno, EMFILE);
@@ -253,8 +251,7 @@ TEST_F(LocalSocket, RefusedBufferSizeLeavesTheSocketOpen) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
   Listen();
   for (const int successes : {0, 1}) {
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr stderrText;
+    const CapturedLog stderrText;
     std::thread kernel([this] { kernel_ = Greet(); });
     int status;
     {
@@ -366,8 +363,7 @@ TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
 
 TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
   ConnectToGreetingKernel();
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText;
   Write(std::string("\4\0\0\0", 4));
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_TRUE(stderrText.Contains("Local tavrin message len is 0 byte"));

@@ -75,15 +75,12 @@ TEST_F(TcpTimer, AnAlivePacketGoesOutWhenTheCountHasRunOut) {
   QuietTicks(10);
   EXPECT_EQ(Data().AliveCount, 0);
   EXPECT_EQ(AlivePackets(), 0u);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 0);
   EXPECT_EQ(AlivePackets(), 1u);
   EXPECT_EQ(Data().AliveCount, 10);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Send Alive packet"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CONNECTIONINFO btPktType = 1, dwParam = 0"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|Send Alive packet");
+  log.ExpectOnce("15 lumo_tcp|Send CONNECTIONINFO btPktType = 1, dwParam = 0");
   g_DbcI.LogLevel = 0;
   QuietTicks(10);
   EXPECT_EQ(AlivePackets(), 0u);
@@ -103,18 +100,15 @@ TEST_F(TcpTimer, AFailedAlivePacketTakesTheLinkDownAndEndsTheTick) {
   Data().AliveCount = 0;
   Data().ReceiveCount = 0;  // the watchdog would report 4065
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   {
     const FailingSystemCall failing(SystemCall::Send, ECONNRESET);
     EXPECT_EQ(Tick(), 0);
   }
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCP.Send the CONNECTIONINFO fail. Call:send. errno 104"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  SRV"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCP.Send the CONNECTIONINFO fail. Call:send. errno 104");
+  log.ExpectOnce("Disconnect link  SRV");
 }
 
 TEST_F(TcpTimer, TheWatchdogExpiresOneTickAfterItsCount) {
@@ -122,14 +116,10 @@ TEST_F(TcpTimer, TheWatchdogExpiresOneTickAfterItsCount) {
   Data().ReceiveCount = 16;
   QuietTicks(16);
   EXPECT_EQ(Data().ReceiveCount, 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 4065);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Link is broken on timeout send"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpTimerEvent' Leave FAILED on timeout send"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Link is broken on timeout send");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED on timeout send");
   EXPECT_EQ(Node->State, kLinkConnected);
 }
 
@@ -146,14 +136,11 @@ TEST_F(TcpTimer, AConnectMayTakeHalfItsSecondsPlusOneTicks) {
   const FailingSystemCall connecting(SystemCall::Connect, EALREADY);
   QuietTicks(6);
   EXPECT_EQ(Data().ConnectCount, 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 4058);
   EXPECT_EQ(connecting.Calls(), 6);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Connect is broken on timeout"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpTimerEvent' Leave FAILED timeount"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Connect is broken on timeout");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED timeount");
   EXPECT_EQ(Node->State, kLinkConnecting);
 }
 
@@ -177,26 +164,19 @@ TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
   for (const int result : {EALREADY, EISCONN, EINPROGRESS}) {
-    g_DbcI.LogLevel = 0;
     UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", __LINE__, fd);
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     const FailingSystemCall connecting(SystemCall::Connect, result);
     EXPECT_EQ(Tick(), 0);
     EXPECT_EQ(connecting.Calls(), 1);
     EXPECT_TRUE(WaitsToWrite(fd));
     const std::string number = std::to_string(fd);
-    int place = -1;
-    for (const std::string& text :
-         {std::string("Connection \"SRV\" is in progress state."), "SET_NOBLOCK_MODE " + number,
-          "SET_NO_DELAY_MODE " + number, std::string("before repeate connect()"),
-          "REGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
-      const int next = PlaceOf(log.Text(), text);
-      EXPECT_GT(next, place) << text;
-      place = next;
-    }
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                            "Connection \"SRV\" is already in progress. Call:connect"),
+    log.ExpectInOrder({"15 lumo_tcp|Connection \"SRV\" is in progress state.",
+                       "15 lumo_tcp|SET_NOBLOCK_MODE " + number,
+                       "15 lumo_tcp|SET_NO_DELAY_MODE " + number,
+                       "15 lumo_tcp|before repeate connect()",
+                       "15 lumo_tcp|REGISTER_SOCKET_FOR_WRITE_EVENT " + number});
+    EXPECT_EQ(log.Count("15 lumo_tcp|Connection \"SRV\" is already in progress. Call:connect"),
               result == EINPROGRESS ? 0 : 1);
   }
 }
@@ -220,50 +200,39 @@ TEST_F(TcpTimer, ARepeatedConnectIsRepeatedWhenInterrupted) {
 TEST_F(TcpTimer, ARepeatedConnectThatFailsGives4006AndClosesTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Connect, ECONNREFUSED);
   EXPECT_EQ(Tick(), 4006);
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
   EXPECT_EQ(LinkOfSocket(fd), nullptr);
   EXPECT_FALSE(WaitsToWrite(fd));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "tcpip. repeate connect(...) return bad status. errno = 111"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpTimerEvent' Leave FAILED repeate connect"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|tcpip. repeate connect(...) return bad status. errno = 111");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED repeate connect");
 }
 
 TEST_F(TcpTimer, AModeThatCannotBeSetAgainGives4002AndClosesTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Fcntl, EPERM);
     EXPECT_EQ(Tick(), 4002);
   }
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          " fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1"),
-            1);
+  log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
 }
 
 TEST_F(TcpTimer, AnOptionThatCannotBeSetAgainGives4002AndKeepsTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSocketOption failing(IPPROTO_TCP, TCP_NODELAY, ENOMEM);
   EXPECT_EQ(Tick(), 4002);
   EXPECT_TRUE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, fd);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "setsockopt(...TCP_NODELAY...) failed. Errno 12"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|setsockopt(...TCP_NODELAY...) failed. Errno 12");
 }
 
 // Out
@@ -279,15 +248,13 @@ TEST_F(TcpTraffic, ARequestGoesOutWithItsMarkAndTheLinksDescriptor) {
   const std::int32_t fd = Data().Socket;
   std::memcpy(&expected[expected.size() - 48 + 4], &fd, sizeof fd);
   expected[expected.size() - 48 + 46] = 3;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
   EXPECT_EQ(ReceiveAll(FarEnd), expected);
   EXPECT_EQ(expected.size(), 112u);
   EXPECT_EQ(Data().AliveCount, 10);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Need write 112 bytes for link \"SRV\""), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "write return 112"), 1);
+  log.ExpectOnce("15 lumo_tcp|Need write 112 bytes for link \"SRV\"");
+  log.ExpectOnce("15 lumo_tcp|write return 112");
 }
 
 TEST_F(TcpTraffic, AnInterruptedWriteIsRepeated) {
@@ -303,36 +270,25 @@ TEST_F(TcpTraffic, AFailedWriteGives4007AndLeavesTheLinkToTheCaller) {
   Connected("1 0 0");
   Data().AliveCount = 3;
   ClientMessage msg = MakeRequest(4711, 9, 1);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Send, EPIPE);
   EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 4007);
   EXPECT_EQ(errno, EPIPE);
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_EQ(Data().AliveCount, 3);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Write into socket failed. Call:write. errno = 32"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpSendToNetwork' Leave FAILED write"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Write into socket failed. Call:write. errno = 32");
+  log.ExpectOnce("15 lumo_tcp|'TcpSendToNetwork' Leave FAILED write");
 }
 
 TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
   Connected("0 0 0");
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const std::uint32_t params[2] = {7, 0x80000001};
   EXPECT_EQ(TcpSendConnectionInfo(42, Data().Socket, params), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 7, 0x80000001}}));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpSendConnectionInfo' Call from lumo_tcp:42 "),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CONNECTIONINFO btPktType = 7, dwParam = -2147483647"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Neeed Send 12 byte of the CONNECTIONINFO"),
-      1);
+  log.ExpectOnce("15 lumo_tcp|'TcpSendConnectionInfo' Call from lumo_tcp:42 ");
+  log.ExpectOnce("15 lumo_tcp|Send CONNECTIONINFO btPktType = 7, dwParam = -2147483647");
+  log.ExpectOnce("15 lumo_tcp|Neeed Send 12 byte of the CONNECTIONINFO");
 }
 
 TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOne) {
@@ -350,30 +306,24 @@ TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOn
 
 TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
   Connected("0 0 0");
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 2, 4711}}));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CKIL packet to server \"SRV\". Pid = 4711"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|Send CKIL packet to server \"SRV\". Pid = 4711");
 }
 
 TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
   Connected("0 0 0");
   int client;
   InFlight(&client);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Send, EPIPE, 0, 1);
     EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 4007);
   }
   EXPECT_EQ(Node->State, kLinkDisconnected);
   ExpectAnswered(client, 4007, EPIPE);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpClientDeadEvent' Leave FAILED send"),
-      1);
+  log.ExpectOnce("15 lumo_tcp|'TcpClientDeadEvent' Leave FAILED send");
   close(client);
 }
 
@@ -383,14 +333,11 @@ TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
   Connected("0 30 0");
   Data().ReceiveCount = 2;
   Deliver(std::string("\x08\0\0\0\xFF\xFF\xFF\xFF\x01\x02\x03\x04", 12));
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 0);
   EXPECT_EQ(Data().ReceiveCount, 16);
   EXPECT_TRUE(Answers.empty());
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave SUCCESS after receive  CONNECTIONINFO"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave SUCCESS after receive  CONNECTIONINFO");
 }
 
 TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
@@ -428,17 +375,13 @@ TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
   int client;
   InFlight(&client);
   DeliverLength(8189);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   ExpectAnswered(client, 4008, 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave FAILED format (length)"),
-            1);
+  log.ExpectOnce(
+      "3 lumo_tcp|TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED format (length)");
   close(client);
 }
 
@@ -446,17 +389,12 @@ TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
   Connected("0 0 0");
   int client;
   InFlight(&client);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   close(Data().Socket);
   EXPECT_EQ(Read(), 4008);
   ExpectAnswered(client, 4008, EBADF);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpReadyForRead' Leave FAILED receive"),
-      1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED receive");
   close(client);
 }
 
@@ -466,13 +404,10 @@ TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
   InFlight(&client);
   shutdown(FarEnd, SHUT_WR);
   errno = ENOTTY;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4009);
   ExpectAnswered(client, 4009, 0);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Connection \"SRV\" is broken. Call:recv"),
-      1);
+  log.ExpectOnce("15 lumo_tcp|Connection \"SRV\" is broken. Call:recv");
   close(client);
 }
 
@@ -483,14 +418,11 @@ TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
   ClientMessage answer = MakeRequest(getpid(), 0, 3);
   Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
   Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108));
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   ExpectAnswered(client, 4008, 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", "Network packet format is fail."), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg"),
-            1);
+  log.ExpectOnce("2 link|Network packet format is fail.");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg");
   close(client);
 }
 
@@ -503,8 +435,7 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
   const int copy = dup(fd);  // as a process that was forked meanwhile may hold one
   DeliverLength(200);
   EXPECT_EQ(Read(), 0);  // half a packet is kept
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_EQ(Data().Socket, -1);
@@ -514,14 +445,9 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
   char byte;
   EXPECT_EQ(recv(FarEnd, &byte, 1, MSG_DONTWAIT), 0);
   close(copy);
-  int place = -1;
-  for (const std::string& text :
-       {"UNREGISTER_SOCKET_FOR_THE_LINK " + number, "UNREGISTER_SOCKET_FOR_READ_EVENT " + number,
-        "UNREGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
-    const int next = PlaceOf(log.Text(), text);
-    EXPECT_GT(next, place) << text;
-    place = next;
-  }
+  log.ExpectInOrder({"15 lumo_tcp|UNREGISTER_SOCKET_FOR_THE_LINK " + number,
+                     "15 lumo_tcp|UNREGISTER_SOCKET_FOR_READ_EVENT " + number,
+                     "15 lumo_tcp|UNREGISTER_SOCKET_FOR_WRITE_EVENT " + number});
 }
 
 TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
@@ -555,14 +481,11 @@ TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
   Connected("0 0 0");
   Node->State = kLinkDisconnected;
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
   EXPECT_TRUE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, fd);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpDisconnectLink' Leave SUCCESS already disconnected"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|'TcpDisconnectLink' Leave SUCCESS already disconnected");
   Node->State = kLinkConnected;
 }
 
@@ -587,8 +510,7 @@ TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
 
 TEST_F(TcpTraffic, UninitOfADisconnectedLinkOnlyFreesItsRecord) {
   ASSERT_EQ(Init("dbhost"), 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->DriverData, nullptr);
   EXPECT_FALSE(log.Contains("DisconnectLink"));

@@ -5,7 +5,6 @@
 
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
 
@@ -110,10 +109,9 @@ TEST_F(NodeTableLine, AnUnsupportedProtocolIsReportedWithTheRaisedWord) {
 }
 
 TEST_F(NodeTableLine, TheRegistrysOwnReportComesFirst) {
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   Parse("node dummy x");
-  EXPECT_EQ(LogTexts(log.Text()),
+  EXPECT_EQ(log.Lines(),
             (Texts{"2 protload|Protocol 'DUMMY' don't support",
                    "The network agent doesn't support protocol  'DUMMY' for node 'node'.",
                    "Node name 'node' skipped"}));
@@ -228,8 +226,7 @@ TEST_F(NodeTableLine, LinksAreAppendedBehindTheLastOfTheCircle) {
 }
 
 TEST_F(NodeTableLine, IsTracedBeforeItIsCut) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Parse("A FAKE  x");
   EXPECT_TRUE(log.Contains("|Nodetab string:\nA FAKE  x\n")) << log.Text();
   EXPECT_TRUE(log.Contains("|'ParseNodetabString' Call from test:1 "));
@@ -384,9 +381,8 @@ TEST_F(NodeTable, TheFileIsClosedWhateverItHolds) {
 
 TEST_F(NodeTable, APathGivenIsTheOnlyPlaceSearchedAndReportedAsItIs) {
   std::ofstream(Path) << "A FAKE 1\n";
-  g_DbcI.LogLevel = 15;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log;
   char found[260] = "untouched";
   std::FILE* const stream = SearchForNodetab("test", 1, found);
   ASSERT_NE(stream, nullptr);
@@ -399,9 +395,8 @@ TEST_F(NodeTable, APathGivenIsTheOnlyPlaceSearchedAndReportedAsItIs) {
 
 TEST_F(NodeTable, APathGivenThatDoesNotOpenEndsTheSearch) {
   unlink(Path.c_str());
-  g_DbcI.LogLevel = 15;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log;
   char found[260] = "untouched";
   EXPECT_EQ(SearchForNodetab("test", 1, found), nullptr);
   EXPECT_STREQ(found, "untouched");

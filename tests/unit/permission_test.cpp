@@ -249,8 +249,7 @@ TEST_F(PermissionDispatch, OnlyCommandsThatChangeSomethingAreRefused) {
 TEST_F(PermissionDispatch, RefusalOfACommandIsOneLine) {
   Ask("64321", nullptr);
   BePeer(kStranger + 1, kOtherGroup, {}, 4711);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_TRUE(IsRefused(Management(119)));
   const std::string text = log.Text();
   EXPECT_NE(text.find("|Management command 119 of process 4711, user 64322 is not permitted\n"),
@@ -263,8 +262,7 @@ TEST_F(PermissionDispatch, ForeignNameIsRefusedWithAnAnswerThoughItsProcessDoesN
   BePeer(geteuid(), kOtherGroup, {}, 4711);
   for (lumo::Message request : {Request({}, 5), Management(102)}) {
     request.TaskName = EndedProcess();
-    g_DbcI.LogLevel = 2;
-    const CapturedStderr log;
+    const CapturedLog log(kLogError);
     EXPECT_TRUE(IsRefused(request));
     const std::string text = log.Text();
     EXPECT_NE(

@@ -157,9 +157,8 @@ TEST_F(PingMode, AFailedChoiceEndsTheSetUp) {
 
 TEST_F(PingMode, AFailedPipeIsAnErrorOfTheAgent) {
   std::ofstream(Path) << "ONE FAKE here\n";
-  g_DbcI.LogLevel = kLogError;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   const int spare = dup(STDERR_FILENO);  // the table can be opened, a pipe needs one more
   close(spare);
   rlimit old;

@@ -7,7 +7,6 @@
 #include "protocols/lumo_tcp.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
 
@@ -108,20 +107,18 @@ TEST_F(Registry, TcpipsIsTakenByThePlaceholder) {
 }
 
 TEST_F(Registry, ThePlaceholdersOwnNameIsNotSupportedEvenWhenItIsLoaded) {
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Add("dummy"), nullptr);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"2 protload|Protocol 'DUMMY' don't support"}));
+  EXPECT_EQ(log.Lines(), (Texts{"2 protload|Protocol 'DUMMY' don't support"}));
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
 }
 
 TEST_F(Registry, NamesAreComparedWhole) {
-  g_DbcI.LogLevel = 2;
   for (const char* name :
        {"TCP", "TCPIPX", "LOCA", "LOCALX", "LOCALSX", "LOCALIX", "REZA", "TS", ""}) {
-    CapturedStderr log;
+    const CapturedLog log(kLogError);
     EXPECT_EQ(Add(name), nullptr) << name;
-    EXPECT_EQ(LogTexts(log.Text()),
+    EXPECT_EQ(log.Lines(),
               (Texts{"2 protload|Protocol '" + std::string(name) + "' don't support"}));
   }
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
@@ -129,8 +126,7 @@ TEST_F(Registry, NamesAreComparedWhole) {
 
 TEST_F(Registry, WithoutMemoryNothingIsLoaded) {
   Protocol* const tcp = Add("TCPIP");
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   Word = "local";
   Protocol* added = tcp;
   {
@@ -138,8 +134,7 @@ TEST_F(Registry, WithoutMemoryNothingIsLoaded) {
     added = AddProtocol("test", 1, Word.data());
   }
   EXPECT_EQ(added, nullptr);
-  EXPECT_EQ(LogTexts(log.Text()),
-            (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
+  EXPECT_EQ(log.Lines(), (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
   EXPECT_EQ(Loaded(), "TCPIP");
 }
 
@@ -151,11 +146,10 @@ TEST_F(Registry, ALoadedProtocolNeedsNoMemory) {
 }
 
 TEST_F(Registry, TheFourDriversAreAskedInTheirOrder) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("Nothing");
   Texts calls;
-  for (const std::string& text : LogTexts(log.Text())) {
+  for (const std::string& text : log.Lines()) {
     if (text.find("InitProtocol' ") == std::string::npos) continue;
     const std::size_t from = text.find(" Call from ");
     calls.push_back(from == std::string::npos ? text : text.substr(0, from));
@@ -171,8 +165,7 @@ TEST_F(Registry, TheFourDriversAreAskedInTheirOrder) {
 }
 
 TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("LOCAL");
   EXPECT_TRUE(log.Contains("'TCPIPInitProtocol' Leave Protocol name is not my"));
   EXPECT_TRUE(log.Contains("'LOCALSInitProtocol' Leave SUCCESS"));
@@ -182,36 +175,32 @@ TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
 
 TEST_F(Registry, TheSearchIsTracedFromTheNameAsWrittenToTheResult) {
   Add("TCPIP");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("tcpip");
-  EXPECT_EQ(
-      LogTexts(log.Text()),
-      (Texts{"15 protload|'AddProtocol' Call from test:5 ", "15 protload|Protocol name = tcpip",
-             "15 protload|Protocol TCPIP already is in list of protocol",
-             "15 protload|'AddProtocol' Leave SUCCESS already load"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 protload|'AddProtocol' Call from test:5 ",
+                                "15 protload|Protocol name = tcpip",
+                                "15 protload|Protocol TCPIP already is in list of protocol",
+                                "15 protload|'AddProtocol' Leave SUCCESS already load"}));
 }
 
 TEST_F(Registry, TheWordsOfTheOtherResults) {
-  g_DbcI.LogLevel = 15;
   {
-    CapturedStderr log;
+    const CapturedLog log;
     Add("nothing");
-    EXPECT_EQ(LogTexts(log.Text()).back(),
-              "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
+    EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
   }
   {
-    CapturedStderr log;
+    const CapturedLog log;
     Add("TSR");
-    EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave SUCCESS");
+    EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave SUCCESS");
   }
-  CapturedStderr log;
+  const CapturedLog log;
   Word = "LOCALS";
   {
     const FailingAllocations failing;
     AddProtocol("test", 5, Word.data());
   }
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave FAILED all mem");
+  EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave FAILED all mem");
 }
 
 TEST_F(Registry, ADriverThatRefusesANameLeavesTheRecordUntouched) {
@@ -235,10 +224,9 @@ TEST_F(Registry, TheLocalDriverItselfAlsoTakesTheShortName) {
 
 TEST_F(Registry, WithoutLinksNoProtocolIsReleased) {
   Protocol* const tcp = Add("TCPIP");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(UninitProtocol("test", 1, tcp), 0);
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'UninitProtocol' Leave SUCCESS not init");
+  EXPECT_EQ(log.Lines().back(), "15 protload|'UninitProtocol' Leave SUCCESS not init");
   EXPECT_EQ(Loaded(), "TCPIP");
 }
 

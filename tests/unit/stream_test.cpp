@@ -431,8 +431,7 @@ TEST_F(BytesOut, WhatThePeerDoesNotTakeIsKeptAndTheDescriptorAwaitsWriting) {
 TEST_F(BytesOut, TheWriteRegistrationHasTheCallersPlace) {
   FillUp();
   UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, Ours());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Send("x");
   EXPECT_TRUE(log.Contains("test:   7"));
   EXPECT_TRUE(log.Contains("|REGISTER_SOCKET_FOR_WRITE_EVENT " + std::to_string(Ours()) + "\n"));

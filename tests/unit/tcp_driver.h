@@ -13,7 +13,6 @@
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"
 #include "tests/unit/agent_test.h"
-#include "tests/unit/log_lines.h"
 #include "tests/unit/system_faults.h"
 
 inline constexpr int kPatienceMs = 15000;
