@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -197,6 +198,14 @@ class FakeClient {
   int ends_[2];
 };
 
+// The number of a process that has just ended.
+inline pid_t EndedProcess() {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  waitpid(pid, nullptr, 0);
+  return pid;
+}
+
 class AgentTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -267,6 +276,18 @@ class AgentTest : public testing::Test {
       if (link == g_DbcI.LinkList) break;
     }
     return names;
+  }
+
+  // The requests that are noted as sent, and those that wait.
+  static int InFlight() {
+    int count = 0;
+    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
+    return count;
+  }
+  static int Waiting() {
+    int count = 0;
+    for (const SavedMessage& saved : g_DbcI.SavedArray) count += InUse(saved);
+    return count;
   }
 
   // Answers that the agent put through g_DbcI.PutMsg, in order.

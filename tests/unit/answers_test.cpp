@@ -324,16 +324,6 @@ class RequestSending : public NetworkAnswer {
     for (const ClientMessage& msg : Fake().Sent) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
     return tags;
   }
-  static int InFlight() {
-    int count = 0;
-    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
-    return count;
-  }
-  static int Waiting() {
-    int count = 0;
-    for (const SavedMessage& saved : g_DbcI.SavedArray) count += InUse(saved);
-    return count;
-  }
 
   Link* Node = nullptr;
 };

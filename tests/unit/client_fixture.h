@@ -3,7 +3,6 @@
 #pragma once
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,14 +11,6 @@
 
 #include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
-
-// The number of a process that has just ended.
-inline pid_t EndedProcess() {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(0);
-  waitpid(pid, nullptr, 0);
-  return pid;
-}
 
 class ClientTest : public AgentTest {
  protected:
