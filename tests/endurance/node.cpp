@@ -1,7 +1,6 @@
 #include "tests/endurance/node.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace endurance {

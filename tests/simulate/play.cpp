@@ -4,9 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <utility>
 #include <vector>
 
 #include "core/loop.h"

@@ -348,10 +348,7 @@ TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
   ClientConnection client;
   ClientMessage msg = RequestOf(client, 7);
   const CapturedLog log;
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Send(&msg), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Send(&msg); }), -1);
   ExpectError(client, 7, 4200, 0);
   EXPECT_TRUE(client.Empty());
   EXPECT_TRUE(Fake().Sent.empty());
@@ -368,10 +365,7 @@ TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
     ASSERT_EQ(Send(&msg), 0);
   }
   ClientMessage third = RequestOf(client, 3);
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Send(&third), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Send(&third); }), -1);
   ExpectError(client, 3, 4200, 0);
   EXPECT_EQ(InFlight(), 2);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
@@ -461,10 +455,7 @@ TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
 TEST_F(RequestSending, AFlushWithoutMemoryAnswersOneWith4200AndTheRestWith4007) {
   ClientConnection client;
   for (std::uint16_t tag = 1; tag <= 2; ++tag) Save(client, tag, Node);
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Flush(), kStatusSend);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Flush(); }), kStatusSend);
   ExpectError(client, 1, 4200, 0);
   ExpectError(client, 2, 4007, 0);
   EXPECT_TRUE(client.Empty());

@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "core/stream.h"
@@ -659,10 +658,7 @@ TEST_F(ClientList, WithoutMemoryTheOldListStays) {
   Add(link_, 10, 5);
   Add(link_, 11, 6);
   const CapturedLog log(kLogError);
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Add(link_, 12, 7), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Add(link_, 12, 7); }), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
   EXPECT_EQ(Shown(), "10/5 11/6 ");

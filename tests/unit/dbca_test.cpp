@@ -1,7 +1,6 @@
 #include "api/dbca.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>

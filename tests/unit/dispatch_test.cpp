@@ -2,7 +2,6 @@
 #include "client/dispatch.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -206,10 +205,7 @@ TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
 TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
   AddLink("A");
   const CapturedLog log(kLogError);
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Serve("A"), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Serve("A"); }), -1);
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
   EXPECT_EQ(Take(socket_), "");
   EXPECT_TRUE(Fake().Calls.empty());
@@ -420,10 +416,7 @@ TEST_F(RequestDispatch, WithoutMemoryToSaveARequestIsAnsweredWith4200) {
   link->State = kLinkConnecting;
   AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
-  {
-    const FailingAllocations failing;
-    Serve(request);
-  }
+  WithoutMemory([&] { return Serve(request); });
   ExpectOnlyError(request, 4200, 0);
 }
 
@@ -433,10 +426,7 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
   AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
   const CapturedLog log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Serve(request), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Serve(request); }), -1);
   ExpectOnlyError(request, 4200, 0);
   EXPECT_EQ(link->State, kLinkDisconnected);
   EXPECT_EQ(Fake().Count("SendToNetwork A"), 0);

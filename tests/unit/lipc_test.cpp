@@ -17,8 +17,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <memory>
-#include <optional>
 #include <random>
 #include <string>
 

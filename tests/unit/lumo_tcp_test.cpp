@@ -202,10 +202,7 @@ TEST_F(TcpAddress, NoTextAtAllIsRefusedAtLevelFour) {
 TEST_F(TcpAddress, WithoutMemoryTheResultIsThree) {
   char address[] = "";  // the memory is asked for before the host is looked at
   CapturedStderr log;
-  {
-    FailingAllocations none;
-    EXPECT_EQ(TcpInitLink("test", __LINE__, Node, address), 3);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return TcpInitLink("test", __LINE__, Node, address); }), 3);
   EXPECT_EQ(log.Text(), "lumo_tcp:Memory for TCP link allocation error\n");
   EXPECT_EQ(Node->DriverData, nullptr);
 }

@@ -1,5 +1,4 @@
 // The node table: its lines, the links made of them and the choice of the default link.
-#include <fcntl.h>
 
 #include <fstream>
 
@@ -38,6 +37,12 @@ class NodeTableTest : public AgentTest {
     Out = out.Text();
     Log = log.Text();
     return result;
+  }
+  // A line of which no link is made: what is written.
+  static void ExpectSkipped(const std::string& line, const std::string& written) {
+    CapturedStderr log;
+    EXPECT_EQ(Parse(line), nullptr) << line;
+    EXPECT_EQ(log.Text(), written);
   }
   static std::string Found() { return "Nodetab found: \"" + Path + "\"\n"; }
 
@@ -84,11 +89,9 @@ TEST_F(NodeTableLine, ANameOfEightCharactersIsTaken) {
 }
 
 TEST_F(NodeTableLine, ANameOfNineCharactersIsSkipped) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("abcdefghi FAKE x"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:Node name 'abcdefghi' is too long. Maximum length is 8 chars\n"
-            "lumo_tcp:Node name 'abcdefghi' skipped\n");
+  ExpectSkipped("abcdefghi FAKE x",
+                "lumo_tcp:Node name 'abcdefghi' is too long. Maximum length is 8 chars\n"
+                "lumo_tcp:Node name 'abcdefghi' skipped\n");
   EXPECT_EQ(g_DbcI.LinkList, nullptr);
   EXPECT_TRUE(Fake().Calls.empty());
 }
@@ -101,11 +104,9 @@ TEST_F(NodeTableLine, ALongNameIsReportedBeforeItsProtocolIsLookedAt) {
 }
 
 TEST_F(NodeTableLine, AnUnsupportedProtocolIsReportedWithTheRaisedWord) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("node dummy x"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'node'.\n"
-            "lumo_tcp:Node name 'node' skipped\n");
+  ExpectSkipped("node dummy x",
+                "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'node'.\n"
+                "lumo_tcp:Node name 'node' skipped\n");
 }
 
 TEST_F(NodeTableLine, TheRegistrysOwnReportComesFirst) {
@@ -118,20 +119,16 @@ TEST_F(NodeTableLine, TheRegistrysOwnReportComesFirst) {
 }
 
 TEST_F(NodeTableLine, AMissingProtocolIsAnUnsupportedOne) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("node\n"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:The network agent doesn't support protocol  '' for node 'node'.\n"
-            "lumo_tcp:Node name 'node' skipped\n");
+  ExpectSkipped("node\n",
+                "lumo_tcp:The network agent doesn't support protocol  '' for node 'node'.\n"
+                "lumo_tcp:Node name 'node' skipped\n");
 }
 
 TEST_F(NodeTableLine, ANameThatStandsBeforeTheLastLinkIsADuplicate) {
   ASSERT_TRUE(Parse("A FAKE 1") && Parse("B FAKE 2"));
-  CapturedStderr log;
-  EXPECT_EQ(Parse("A FAKE 3"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:Dublicate node name found in nodetab file\n"
-            "lumo_tcp:Node name 'A' skip\n");
+  ExpectSkipped("A FAKE 3",
+                "lumo_tcp:Dublicate node name found in nodetab file\n"
+                "lumo_tcp:Node name 'A' skip\n");
   EXPECT_EQ(Circle(), "A B");
   EXPECT_EQ(Fake().Count("InitLink A"), 1);
 }
@@ -181,12 +178,7 @@ TEST_F(NodeTableLine, ALineThatIsNotAddedMakesAnUnattachedLinkAndMayRepeatAName)
 TEST_F(NodeTableLine, WithoutMemoryTheNodeIsSkipped) {
   Buffer = "a FAKE x";
   CapturedStderr log;
-  Link* link;
-  {
-    const FailingAllocations failing;
-    link = ParseNodetabString("test", 1, Buffer.data(), 1);
-  }
-  EXPECT_EQ(link, nullptr);
+  EXPECT_EQ(WithoutMemory([] { return ParseNodetabString("test", 1, Buffer.data(), 1); }), nullptr);
   EXPECT_EQ(log.Text(),
             "lumo_tcp:Memory allocation failed\n"
             "lumo_tcp:Node name 'a' skipped\n");
@@ -196,11 +188,9 @@ TEST_F(NodeTableLine, WithoutMemoryTheNodeIsSkipped) {
 TEST_F(NodeTableLine, AnOddResultOfTheDriverSkipsTheNode) {
   for (const int result : {1, 3, -1}) {
     Fake().InitResult = result;
-    CapturedStderr log;
-    EXPECT_EQ(Parse("NODE FAKE x"), nullptr) << result;
-    EXPECT_EQ(log.Text(),
-              "lumo_tcp:Initialization of link 'NODE' for protocol 'FAKE' failed\n"
-              "lumo_tcp:Node name 'NODE' skipped\n");
+    ExpectSkipped("NODE FAKE x",
+                  "lumo_tcp:Initialization of link 'NODE' for protocol 'FAKE' failed\n"
+                  "lumo_tcp:Node name 'NODE' skipped\n");
   }
   EXPECT_EQ(g_DbcI.LinkList, nullptr);
 }

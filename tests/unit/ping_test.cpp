@@ -53,6 +53,13 @@ class PingMode : public AgentTest {
     Log = log.Text();
     return result;
   }
+  // The pseudo request is handled; what is written goes to Log.
+  int Handle() {
+    CapturedStderr log;
+    const int result = HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
+    Log = log.Text();
+    return result;
+  }
 
   // The verdict's lines for a link named NODE.
   std::string Verdict(int status, int sysErr) {
@@ -67,7 +74,7 @@ class PingMode : public AgentTest {
     return "lumo_tcp:Node \"NODE\" is not alive\nlumo_tcp:" + text + "\n";
   }
 
-  void AskWithoutMemory(std::uint8_t state);
+  int HandleWithoutMemory(std::uint8_t state);
 
   std::string Path, Log;
   bool PipeIsOpen = false;
@@ -296,9 +303,8 @@ TEST_F(PingMode, ARefusedConnectionEndsTheRunWithItsVerdict) {
     return static_cast<int>(kStatusConnect);
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), -1);
-  EXPECT_EQ(log.Text(), NotAlive("Connection refused"));
+  EXPECT_EQ(Handle(), -1);
+  EXPECT_EQ(Log, NotAlive("Connection refused"));
   EXPECT_EQ(g_DbcI.ExitStatus, 6);
 }
 
@@ -309,48 +315,40 @@ TEST_F(PingMode, AnAnswerOfTheNodeEndsTheRunAsAlive) {
     return 0;
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), 0);
-  EXPECT_EQ(log.Text(), "lumo_tcp:Node \"NODE\" is alive\n");
+  EXPECT_EQ(Handle(), 0);
+  EXPECT_EQ(Log, "lumo_tcp:Node \"NODE\" is alive\n");
   EXPECT_EQ(g_DbcI.ExitStatus, -1);
   ASSERT_EQ(Fake().Sent.size(), 1U);
   EXPECT_EQ(std::memcmp(Fake().Sent[0].CBL.Command, "TS T", 4), 0);
 }
 
 // Nobody has been asked: the verdict is that of the code.
-void PingMode::AskWithoutMemory(std::uint8_t state) {
-  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+int PingMode::HandleWithoutMemory(std::uint8_t state) {
   g_DbcI.DefaultLink->State = state;
   CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
-  }
+  const int result = WithoutMemory(
+      [] { return HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]); });
   EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
   EXPECT_EQ(g_DbcI.ExitStatus, 200);
   EXPECT_TRUE(Fake().Sent.empty());
+  return result;
 }
 
 TEST_F(PingMode, ARequestThatCannotBeRecordedAsSentHasTheVerdictOfItsCode) {
-  AskWithoutMemory(kLinkConnected);
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+  HandleWithoutMemory(kLinkConnected);
 }
 
 TEST_F(PingMode, ARequestThatCannotBeSavedHasTheVerdictOfItsCode) {
-  AskWithoutMemory(kLinkConnecting);
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+  HandleWithoutMemory(kLinkConnecting);
 }
 
 TEST_F(PingMode, AClientThatCannotBeListedEndsTheRun) {
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  g_DbcI.DefaultLink->State = kLinkConnected;
-  CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), 0);
-  }
-  EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
-  EXPECT_EQ(g_DbcI.ExitStatus, 200);
-  EXPECT_TRUE(Fake().Sent.empty());
+  EXPECT_EQ(HandleWithoutMemory(kLinkConnected), 0);
 }
 
 // What a node answers is an answer, also one that says what failed.
@@ -364,9 +362,8 @@ TEST_F(PingMode, AFailureThatTheNodeTellsOfMeansAlive) {
     return 0;
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
-  EXPECT_EQ(log.Text(), "lumo_tcp:Node \"NODE\" is alive\n");
+  Handle();
+  EXPECT_EQ(Log, "lumo_tcp:Node \"NODE\" is alive\n");
 }
 
 TEST_F(PingMode, EndingClosesBothEnds) {

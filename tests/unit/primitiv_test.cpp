@@ -117,10 +117,7 @@ TEST_F(RequestBookkeeping, WithoutMemoryASavedRequestIsRefusedAndTheOldOnesStay)
   Save(2, link_);
   SavedMessage* const before = g_DbcI.SavedArray.Items;
   const CapturedLog log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Save(3, link_), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Save(3, link_); }), -1);
   EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave FAILED allocation memory\n"));
   EXPECT_EQ(g_DbcI.SavedArray.Items, before);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
@@ -176,10 +173,7 @@ TEST_F(RequestBookkeeping, WithoutMemoryASentRequestIsNotNotedAndTheOldOnesStay)
   Note(1, link_);
   Note(2, link_);
   const CapturedLog log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Note(3, link_), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Note(3, link_); }), -1);
   EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave FAILED allocat memory\n"));
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
   EXPECT_EQ(SentTags(), (Tags{1, 2}));

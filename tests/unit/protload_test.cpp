@@ -26,7 +26,17 @@ class Registry : public AgentTest {
     return names;
   }
   // Makes a link with the real driver of the line.
-  static Link* Parse(std::string line) { return ParseNodetabString("test", 1, line.data(), 1); }
+  static Link* Parse(std::string line) {
+    Link* const link = ParseNodetabString("test", 1, line.data(), 1);
+    EXPECT_NE(link, nullptr) << line;
+    return link;
+  }
+  // The last line of the log when the protocol is added.
+  static std::string LastWord(const std::string& name) {
+    const CapturedLog log;
+    Add(name);
+    return log.Lines().back();
+  }
   // Links whose protocol is gone get one that can be taken down at the end.
   void GiveAllLinksToFake() {
     Protocol* const fake = &Fake().Record;
@@ -125,15 +135,10 @@ TEST_F(Registry, NamesAreComparedWhole) {
 }
 
 TEST_F(Registry, WithoutMemoryNothingIsLoaded) {
-  Protocol* const tcp = Add("TCPIP");
+  Add("TCPIP");
   const CapturedLog log(kLogError);
   Word = "local";
-  Protocol* added = tcp;
-  {
-    const FailingAllocations failing;
-    added = AddProtocol("test", 1, Word.data());
-  }
-  EXPECT_EQ(added, nullptr);
+  EXPECT_EQ(WithoutMemory([] { return AddProtocol("test", 1, Word.data()); }), nullptr);
   EXPECT_EQ(log.Lines(), (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
   EXPECT_EQ(Loaded(), "TCPIP");
 }
@@ -184,22 +189,11 @@ TEST_F(Registry, TheSearchIsTracedFromTheNameAsWrittenToTheResult) {
 }
 
 TEST_F(Registry, TheWordsOfTheOtherResults) {
-  {
-    const CapturedLog log;
-    Add("nothing");
-    EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
-  }
-  {
-    const CapturedLog log;
-    Add("TSR");
-    EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave SUCCESS");
-  }
+  EXPECT_EQ(LastWord("nothing"), "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
+  EXPECT_EQ(LastWord("TSR"), "15 protload|'AddProtocol' Leave SUCCESS");
   const CapturedLog log;
   Word = "LOCALS";
-  {
-    const FailingAllocations failing;
-    AddProtocol("test", 5, Word.data());
-  }
+  WithoutMemory([] { return AddProtocol("test", 5, Word.data()); });
   EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave FAILED all mem");
 }
 
@@ -234,7 +228,6 @@ TEST_F(Registry, ReleasingAProtocolUninitialisesItsLinksButNotTheLastOfTheCircle
   Link* const a = Parse("A LOCALS 1");
   Link* const b = Parse("B LOCALS 2");
   Link* const c = Parse("C LOCALS 3");
-  ASSERT_TRUE(a && b && c);
   EXPECT_EQ(UninitProtocol("test", 1, g_DbcI.ProtocolList), 0);
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
   EXPECT_EQ(a->DriverData, nullptr);
@@ -247,7 +240,6 @@ TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
   Link* const a = Parse("A TCPIP 127.0.0.1");
   Link* const b = Parse("B LOCALS 2");
   Link* const c = Parse("C TCPIP 127.0.0.1");
-  ASSERT_TRUE(a && b && c);
   EXPECT_EQ(Loaded(), "TCPIP LOCALS");
   UninitProtocol("test", 1, b->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP");
@@ -261,7 +253,6 @@ TEST_F(Registry, ReleasingAProtocolTakesItOutOfAnyPlaceOfTheList) {
   Link* const a = Parse("A TCPIP 127.0.0.1");
   Link* const b = Parse("B LOCALS 2");
   Link* const c = Parse("C TSR");
-  ASSERT_TRUE(a && b && c);
   UninitProtocol("test", 1, b->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP DUMMY");
   UninitProtocol("test", 1, a->Protocol);

@@ -1,7 +1,6 @@
 #include "tests/unit/system_faults.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 #include <string>
 #include <vector>
 
