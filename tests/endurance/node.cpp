@@ -57,8 +57,6 @@ void Node::ComeBack() {
   Touch();
 }
 
-Time Node::NextDue() const { return scheduled_.empty() ? Time::max() : scheduled_.top().Due; }
-
 void Node::Step(Time now) {
   SendDue(now);
   if (Connected() && !settling_ && untilBreak_ <= 0) Break(now);

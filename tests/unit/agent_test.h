@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,7 @@
 #include "core/stream.h"
 #include "core/trace.h"
 #include "core/wait.h"
+#include "lib/message_codec.h"
 #include "link/link.h"
 #include "protocols/protload.h"
 #include "tests/unit/captured_log.h"
@@ -185,26 +185,29 @@ class FakeClient {
 
   int Socket() const { return ends_[0]; }  // the agent's end
 
-  // The next answer (Length as it went over the connection), or false when there is none.
-  bool Next(ClientMessage* answer) const {
-    *answer = {};
-    const ssize_t head = recv(ends_[1], Wire(answer), 4, MSG_DONTWAIT);
-    if (head != 4) return false;
-    const std::size_t rest = answer->Length - 4;
-    return recv(ends_[1], Wire(answer) + 4, rest, MSG_DONTWAIT) == static_cast<ssize_t>(rest);
+  std::string ReceivedBytes() const {
+    std::string bytes(1 << 16, '\0');
+    const ssize_t got = recv(ends_[1], bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+  }
+  // The agent's own answers that have come since the last look: "TAG: CODE, ERRNO".
+  Texts Received() const {
+    Texts answers;
+    const std::string bytes = ReceivedBytes();
+    for (std::size_t at = 0; at < bytes.size(); at += lumo::kEmptyMessage) {
+      const auto answer = lumo::Decode(bytes.substr(at, lumo::kEmptyMessage));
+      if (!answer) return {"not a message"};
+      EXPECT_EQ(answer->TaskName, getpid());
+      answers.push_back(std::to_string(answer->AstInd()) + ": " + std::to_string(answer->CodErr) +
+                        ", " + std::to_string(answer->SysErr));
+    }
+    return answers;
   }
 
  private:
   int ends_[2];
 };
-
-// The number of a process that has just ended.
-inline pid_t EndedProcess() {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(0);
-  waitpid(pid, nullptr, 0);
-  return pid;
-}
 
 class AgentTest : public testing::Test {
  protected:

@@ -12,6 +12,8 @@
 
 #include "core/trace.h"
 
+using Texts = std::vector<std::string>;
+
 // Collects what is written to a descriptor (1 or 2) until it goes out of scope.
 class CapturedStream {
  public:
@@ -55,9 +57,9 @@ class CapturedStdout : public CapturedStream {
 
 // The lines of a log with their headers taken off. A line of level 0 or 1 comes as its text, one
 // with a header as "LEVEL MODULE|text".
-inline std::vector<std::string> LogTexts(const std::string& log) {
+inline Texts LogTexts(const std::string& log) {
   static const std::string kPrefix = "lumo_tcp:";
-  std::vector<std::string> texts;
+  Texts texts;
   std::istringstream lines(log);
   for (std::string line; std::getline(lines, line);) {
     char module[32] = "";
@@ -76,9 +78,8 @@ inline std::vector<std::string> LogTexts(const std::string& log) {
 }
 
 // Those of the lines that begin with one of the prefixes.
-inline std::vector<std::string> Beginning(const std::vector<std::string>& lines,
-                                          const std::vector<std::string>& prefixes) {
-  std::vector<std::string> chosen;
+inline Texts Beginning(const Texts& lines, const Texts& prefixes) {
+  Texts chosen;
   for (const std::string& line : lines) {
     for (const std::string& prefix : prefixes) {
       if (line.rfind(prefix, 0) != 0) continue;
@@ -97,15 +98,15 @@ class CapturedLog : public CapturedStderr {
   }
   ~CapturedLog() { g_DbcI.LogLevel = before_; }
 
-  std::vector<std::string> Lines() const { return LogTexts(Text()); }
+  Texts Lines() const { return LogTexts(Text()); }
   int Count(const std::string& line) const {
-    const std::vector<std::string> lines = Lines();
+    const Texts lines = Lines();
     return static_cast<int>(std::count(lines.begin(), lines.end(), line));
   }
   void ExpectOnce(const std::string& line) const { EXPECT_EQ(Count(line), 1) << line << Shown(); }
   // Each line is there, where it stands first behind those before it.
-  void ExpectInOrder(const std::vector<std::string>& expected) const {
-    const std::vector<std::string> lines = Lines();
+  void ExpectInOrder(const Texts& expected) const {
+    const Texts lines = Lines();
     auto place = lines.begin();
     for (const std::string& line : expected) {
       const auto first = std::find(lines.begin(), lines.end(), line);

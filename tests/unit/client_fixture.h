@@ -8,7 +8,8 @@
 #include <map>
 #include <string>
 
-#include "lib/message_codec.h"
+#include "tests/support/client.h"
+#include "tests/support/process.h"
 #include "tests/unit/agent_test.h"
 
 class ClientTest : public AgentTest {
@@ -66,15 +67,6 @@ class ClientTest : public AgentTest {
   }
   static std::string FrameOf(const lumo::Message& message) {
     return lumo::Encode(message, lumo::Lengths::Client);
-  }
-  // The agent's own answer, as it goes over the connection.
-  static std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr) {
-    lumo::Message answer;
-    answer.TaskName = request.TaskName;
-    answer.CodErr = codErr;
-    answer.SysErr = sysErr;
-    answer.SetAstInd(request.AstInd());
-    return FrameOf(answer);
   }
 
  private:

@@ -250,7 +250,7 @@ TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
 }
 
 TEST_F(ClientAnswers, ADeadClientGetsNothing) {
-  ClientMessage msg = Answer(EndedProcess());
+  ClientMessage msg = Answer(test::DeadPid());
   const CapturedLog log;
   EXPECT_EQ(Put_(&msg), -1);
   EXPECT_TRUE(log.Contains("|The message wasn't send to client. Client is dead\n"));
@@ -260,7 +260,7 @@ TEST_F(ClientAnswers, ADeadClientGetsNothing) {
 
 TEST_F(ClientAnswers, TheRequestsOfADeadClientArePurgedByTheFirstHalfWordOfTheTrailer) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   ClientMessage msg = Answer(dead);  // its AstInd is 9
   Put(Trailer(&msg), kTrailerFirstHalfWord, std::uint16_t{77});
   Note(link, dead, 9);
@@ -277,7 +277,7 @@ TEST_F(ClientAnswers, TheRequestsOfADeadClientArePurgedByTheFirstHalfWordOfTheTr
 TEST_F(ClientAnswers, TheEntriesOfADeadClientAreTakenFromTheList) {
   Link* const link = AddLink("SRV");
   link->State = kLinkConnected;
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   AddClientPidIntoList(kHere, 1, link, dead, socket_);
   ClientMessage msg = Answer(dead);
   EXPECT_EQ(Put_(&msg), -1);
@@ -291,7 +291,7 @@ TEST_F(ClientAnswers, TaskZeroFailsWheneverAListedClientIsDead) {
   AddClientPidIntoList(kHere, 1, AddLink("SRV"), getpid(), socket_);
   msg = Answer(0);
   EXPECT_EQ(Put_(&msg), 0) << "all who are listed live";
-  AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, EndedProcess(), socket_);
+  AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, test::DeadPid(), socket_);
   msg = Answer(0);
   EXPECT_EQ(Put_(&msg), -1);
 }
@@ -428,7 +428,7 @@ class LivingClients : public ClientTest {
 
 TEST_F(LivingClients, ALivingProcessIsFoundByTheShortTest) {
   Link* const link = AddLink("SRV");
-  List(link, EndedProcess());
+  List(link, test::DeadPid());
   const CapturedLog log;
   EXPECT_EQ(Test(getpid()), 0);
   EXPECT_TRUE(log.Contains("'TestAliveClient' Leave SUCCESS short test\n"));
@@ -464,7 +464,7 @@ TEST_F(LivingClients, AProcessOfAnotherUserIsAlive) {
 
 TEST_F(LivingClients, OnlyTheEntriesOfTheProcessAskedForAreTested) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess(), alsoDead = EndedProcess();
+  const pid_t dead = test::DeadPid(), alsoDead = test::DeadPid();
   List(link, dead);
   List(link, alsoDead);
   EXPECT_EQ(Test(dead), 1);
@@ -473,7 +473,7 @@ TEST_F(LivingClients, OnlyTheEntriesOfTheProcessAskedForAreTested) {
 
 TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   List(link, dead);
   List(link, getpid());
   const CapturedLog log;
@@ -488,14 +488,14 @@ TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
 TEST_F(LivingClients, ADeathIsToldForEachConnectionOfTheProcess) {
   Link* const link = AddLink("SRV");
   link->State = kLinkConnected;
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   for (const int socket : {5, 6}) EXPECT_EQ(AddClientPidIntoList(kHere, 1, link, dead, socket), 0);
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Fake().DeadClients, (std::vector<int>{dead, dead}));
 }
 
 TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   Link* const links[] = {AddLink("A"), AddLink("B"), AddLink("C")};
   links[1]->State = kLinkConnected;
   links[2]->State = kLinkConnecting;
@@ -510,7 +510,7 @@ TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
 }
 
-TEST_F(LivingClients, AnUnknownDeadProcessIsDeadAllTheSame) { EXPECT_EQ(Test(EndedProcess()), 1); }
+TEST_F(LivingClients, AnUnknownDeadProcessIsDeadAllTheSame) { EXPECT_EQ(Test(test::DeadPid()), 1); }
 
 TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
   AddLink("A")->State = kLinkConnected;
@@ -523,7 +523,7 @@ TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
   Test(0);
   EXPECT_TRUE(log.Contains("|Client timeout is expire. Disconnect all link.\n"));
   EXPECT_TRUE(log.Contains("Link = A, TavrinErr = 0, SysErr = 0\n"));
-  EXPECT_EQ(Fake().Calls, (std::vector<std::string>{"DisconnectLink A", "DisconnectLink C"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"DisconnectLink A", "DisconnectLink C"}));
 }
 
 TEST_F(LivingClients, TheCountdownThenStandsStillUntilTheNextRequest) {
@@ -551,7 +551,7 @@ TEST_F(LivingClients, TheCountdownRunsOnlyWithoutClients) {
   EXPECT_EQ(ClientTimeout, 150) << "a list without entries in use counts as none";
   Test(getpid());
   EXPECT_EQ(ClientTimeout, 150) << "the short test does not count";
-  List(link, EndedProcess());
+  List(link, test::DeadPid());
   ClientTimeout = 100;
   Test(0);
   EXPECT_EQ(ClientTimeout, 100) << "it was listed when the check began";

@@ -54,6 +54,13 @@ class ManagementCommands : public AgentTest {
     C = AddLink("C");
   }
 
+  // A request of the client that names the node waits for the link.
+  static void Wait(const FakeClient& client, Link* link, const std::string& node) {
+    ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
+    node.copy(request.CBL.Node, sizeof request.CBL.Node);
+    ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, link), 0);
+  }
+
   ClientMessage Answer = {};
   Link *A = nullptr, *B = nullptr, *C = nullptr;
 };
@@ -528,40 +535,28 @@ TEST_F(ManagementCommands, ADeletedNodeIsNotConnectedByADeletionItSetsOff) {
 
 TEST_F(ManagementCommands, RequestsWaitingForADeletedNodeAreToldThatItIsUnknown) {
   AddThreeLinks();
-  FakeClient client;
-  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  std::memcpy(request.CBL.Node, "C       ", 8);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, C), 0);
+  const FakeClient client;
+  Wait(client, C, "C       ");
   EXPECT_EQ(Command(123, 0, "C"), 0);
-  ClientMessage answer;
-  ASSERT_TRUE(client.Next(&answer));
-  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
-  EXPECT_EQ(answer.CBL.SysErr, 0);
+  EXPECT_EQ(client.Received(), Texts{"9: 4050, 0"});
   EXPECT_EQ(GetNextUnsendMsg(nullptr), nullptr);
 }
 
 TEST_F(ManagementCommands, RequestsThatNamedADeletedDefaultAreNotTakenForServed) {
   AddThreeLinks();
-  FakeClient client;
-  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  std::memcpy(request.CBL.Node, "A       ", 8);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  const FakeClient client;
+  Wait(client, A, "A       ");
   EXPECT_EQ(Command(125), 0);
-  ClientMessage answer;
-  ASSERT_TRUE(client.Next(&answer));
-  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
-  EXPECT_FALSE(client.Next(&answer));
+  EXPECT_EQ(client.Received(), Texts{"9: 4050, 0"});
 }
 
 TEST_F(ManagementCommands, RequestsForTheDefaultGoOnWhenItIsDeleted) {
   AddThreeLinks();
-  FakeClient client;
-  const ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  const FakeClient client;
+  Wait(client, A, "");
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
-  ClientMessage answer;
-  EXPECT_FALSE(client.Next(&answer));
+  EXPECT_EQ(client.Received(), Texts{});
 }
 
 TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {

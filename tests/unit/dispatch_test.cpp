@@ -32,7 +32,7 @@ class RequestDispatch : public ClientTest {
     return Serve(Request(node, astInd));
   }
   void ExpectOnlyError(const lumo::Message& request, int codErr, int sysErr) {
-    EXPECT_EQ(Take(socket_), ErrorFrame(request, codErr, sysErr));
+    EXPECT_EQ(Take(socket_), test::ErrorFrame(request, codErr, sysErr));
   }
   static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
     lumo::Message request = Request(node, 3);
@@ -76,7 +76,6 @@ class RequestDispatch : public ClientTest {
 
   int socket_ = -1;
 };
-using Calls = std::vector<std::string>;
 
 TEST_F(RequestDispatch, NothingReadYetIsHandled) {
   AddLink("A");
@@ -101,7 +100,7 @@ TEST_F(RequestDispatch, EmptyNodesGoToTheDefaultLink) {
   Serve(std::string(8, ' '), 2);
   Serve(" A", 3);
   EXPECT_EQ(Fake().Calls,
-            (Calls{"ConnectLink B", "SendToNetwork B", "SendToNetwork B", "SendToNetwork B"}));
+            (Texts{"ConnectLink B", "SendToNetwork B", "SendToNetwork B", "SendToNetwork B"}));
 }
 
 TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
@@ -109,7 +108,7 @@ TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
   AddLink("AB");
   Serve("ab      ");
   Serve(std::string("Ab\0\0", 4), 2);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink AB", "SendToNetwork AB", "SendToNetwork AB"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink AB", "SendToNetwork AB", "SendToNetwork AB"}));
 }
 
 TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
@@ -215,7 +214,7 @@ TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
   Link* const link = AddLink("A");
   const CapturedLog log;
   EXPECT_EQ(Serve(Request("A", 9, "text")), 0);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "SendToNetwork A"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "SendToNetwork A"}));
   ASSERT_EQ(Fake().Sent.size(), 1u);
   EXPECT_EQ(CountedString(Fake().Sent[0], 0), "text");
   const MsgInfo* const info = FindMsgInfo(link, getpid(), 9);
@@ -230,7 +229,7 @@ TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
 TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
   AddLink("A")->State = kLinkConnected;
   EXPECT_EQ(Serve("A"), 0);
-  EXPECT_EQ(Fake().Calls, Calls{"SendToNetwork A"});
+  EXPECT_EQ(Fake().Calls, Texts{"SendToNetwork A"});
 }
 
 TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
@@ -240,7 +239,7 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
   const CapturedLog log;
   EXPECT_EQ(Serve(request), -1);
   ExpectOnlyError(request, 4006, ECONNREFUSED);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "DisconnectLink A"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "DisconnectLink A"}));
   ExpectInOrder(log.Text(),
                 {"Link A is disconnect state. Try up the link", "Connect link A was failed",
                  "MakeAnswerFromMsgInfo(TavrinError=4006, SysError=111)",
@@ -389,7 +388,7 @@ TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
   EXPECT_EQ(Serve("A", 1), 0);
   EXPECT_EQ(Serve("A", 2), 0);
   EXPECT_EQ(SavedTags(link), (std::vector<std::uint16_t>{1, 2}));
-  EXPECT_EQ(Fake().Calls, Calls{"ConnectLink A"}) << "the second finds it connecting";
+  EXPECT_EQ(Fake().Calls, Texts{"ConnectLink A"}) << "the second finds it connecting";
   EXPECT_EQ(Take(socket_), "");
   EXPECT_TRUE(log.Contains(
       "'HandleMessageFromClientQueue' Leave SUCCESS connect in progress. Message saved\n"));

@@ -6,8 +6,6 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 class Dummy : public AgentTest {
  protected:
   static int Init(const char* name) {

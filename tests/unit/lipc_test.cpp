@@ -8,7 +8,6 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/resource.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -17,7 +16,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <random>
 #include <string>
 
 #include "core/mailbox.h"
@@ -27,6 +25,8 @@
 #include "protocols/lipc_board.h"
 #include "protocols/lipc_queue.h"
 #include "protocols/lipc_reader.h"
+#include "tests/support/kernel.h"
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
@@ -41,72 +41,12 @@ bool Readable(int fd, int timeout = static_cast<int>(test::kPatience.count())) {
   return poll(&waiting, 1, timeout) == 1;
 }
 
-// The kernel's objects, under a key of their own.
-class Kernel {
- public:
-  explicit Kernel(std::size_t segmentSize = 4096) {
-    std::random_device random;
-    do {
-      Key = static_cast<int>(random() & 0x3FFFFFFF) | 1;
-      segment_ = shmget(Key, segmentSize, IPC_CREAT | IPC_EXCL | 0666);
-    } while (segment_ < 0);
-    queue_ = msgget(Key, IPC_CREAT | 0666);
-    semaphore_ = semget(Key, 1, IPC_CREAT | 0666);
-    if (segmentSize >= sizeof(pid_t)) SetPid(getpid());
-  }
-  ~Kernel() {
-    RemoveQueue();
-    RemoveSemaphore();
-    shmctl(segment_, IPC_RMID, nullptr);
-  }
-  Kernel(const Kernel&) = delete;
-
-  void SetPid(pid_t pid) {
-    void* const memory = shmat(segment_, nullptr, 0);
-    std::memcpy(memory, &pid, sizeof pid);
-    shmdt(memory);
-  }
-  void RemoveQueue() {
-    if (queue_ >= 0) msgctl(queue_, IPC_RMID, nullptr);
-    queue_ = -1;
-  }
-  void RemoveSemaphore() {
-    if (semaphore_ >= 0) semctl(semaphore_, 0, IPC_RMID);
-    semaphore_ = -1;
-  }
-
-  // The next request, in the wire form without its length word.
-  std::string Take() {
-    QueueMessage msg;
-    const ssize_t size = msgrcv(queue_, &msg, sizeof msg.Body, 1, IPC_NOWAIT);
-    if (size < 0) return {};
-    return std::string(reinterpret_cast<const char*>(msg.Body), static_cast<std::size_t>(size));
-  }
-  void Answer(pid_t reader, const std::string& body) {
-    QueueMessage msg;
-    msg.Type = reader;
-    std::memcpy(msg.Body, body.data(), body.size());
-    ASSERT_EQ(msgsnd(queue_, &msg, body.size(), 0), 0);
-  }
-  int Messages() const {
-    msqid_ds state;
-    return msgctl(queue_, IPC_STAT, &state) == 0 ? static_cast<int>(state.msg_qnum) : -1;
-  }
-  bool HasRoomFor(std::size_t size) const {
-    msqid_ds state;
-    return msgctl(queue_, IPC_STAT, &state) == 0 && state.__msg_cbytes + size <= state.msg_qbytes;
-  }
-  int SemaphoreValue() const { return semctl(semaphore_, 0, GETVAL); }
-  int Attached() const {
-    shmid_ds segment;
-    return shmctl(segment_, IPC_STAT, &segment) == 0 ? static_cast<int>(segment.shm_nattch) : -1;
-  }
-
-  int Key;
-
- private:
-  int segment_, queue_, semaphore_;
-};
+// How often the segment under the key is attached.
+int Attached(const test::IpcKernel& kernel) {
+  shmid_ds segment;
+  const int id = shmget(kernel.Key(), 0, 0);
+  return shmctl(id, IPC_STAT, &segment) == 0 ? static_cast<int>(segment.shm_nattch) : -1;
+}
 
 std::string BodyOf(ClientMessage msg) {
   return std::string(reinterpret_cast<const char*>(Wire(&msg)) + 4, msg.Length);
@@ -143,7 +83,7 @@ class LocalIpc : public AgentTest {
     errno = 0;
     return LIpcConnectLink("test", 1, link_);
   }
-  void InitLink() { ASSERT_EQ(Init(std::to_string(kernel_.Key)), 0); }
+  void InitLink() { ASSERT_EQ(Init(std::to_string(kernel_.Key())), 0); }
   void ConnectLink() {
     InitLink();
     ASSERT_EQ(Connect(), 0);
@@ -194,9 +134,14 @@ class LocalIpc : public AgentTest {
   }
   // The kernel's answer to the oldest request in its queue.
   void AnswerNext(const std::string& text = "answer") {
-    const std::string request = kernel_.Take();
-    ASSERT_FALSE(request.empty());
-    Answer(request, text);
+    const auto request = kernel_.TakeRequest();
+    ASSERT_TRUE(request);
+    EXPECT_TRUE(kernel_.Answer(*request, text));
+  }
+  // The next request, in the wire form without its length word.
+  std::string TakeBody() {
+    const auto request = kernel_.TakeRequest();
+    return request ? lumo::Encode(request->Message, lumo::Lengths::Packet).substr(4) : "none";
   }
   void AskAndAnswer(const Client& client, int tag, const std::string& text = "answer") {
     Ask(client, tag);
@@ -206,14 +151,6 @@ class LocalIpc : public AgentTest {
     for (int tag = 1; tag <= 3; ++tag) Ask(client, tag);
     for (int i = 0; i < 3; ++i) AnswerNext();
     ASSERT_TRUE(RecordsCome(3));
-  }
-  void Answer(const std::string& request, const std::string& text) {
-    ClientMessage asked = {};
-    std::memcpy(Wire(&asked) + 4, request.data(), request.size());
-    ASSERT_EQ(LocateTrailer(&asked, request.size() + 4, kMessageArea), 0);
-    const ClientMessage answer = MakeRequest(Get(Trailer(&asked), kTrailerTaskName), 0,
-                                             Get(Trailer(&asked), kTrailerAstInd), {text});
-    kernel_.Answer(asked.TaskName, BodyOf(answer));
   }
 
   Client ConnectClient() {
@@ -283,7 +220,7 @@ class LocalIpc : public AgentTest {
   void UseATagAgain(const Client& first, const Client& second);
   int FillQueue(const Client& client);
 
-  Kernel kernel_;
+  test::IpcKernel kernel_;
   Protocol protocol_ = {};
   Link* link_ = nullptr;
 
@@ -353,8 +290,8 @@ TEST_F(LocalIpc, AddressNeedsMemory) {
 
 TEST_F(LocalIpc, ConnectNeedsTheSegment) {
   {
-    const Kernel gone;
-    ASSERT_EQ(Init(std::to_string(gone.Key)), 0);
+    const test::IpcKernel gone;
+    ASSERT_EQ(Init(std::to_string(gone.Key())), 0);
   }
   const CapturedLog log(kLogDriver);
   EXPECT_EQ(Connect(), kStatusConnect);
@@ -363,21 +300,23 @@ TEST_F(LocalIpc, ConnectNeedsTheSegment) {
 }
 
 TEST_F(LocalIpc, ConnectNeedsALivingKernelAndKeepsOneAttachmentAtMost) {
-  kernel_.SetPid(EndedProcess());
+  kernel_.SetKernelPid(test::DeadPid());
   InitLink();
   const CapturedLog log(kLogDriver);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_TRUE(log.Contains("LIPC send 0 signal to kernel failed. errno 3"));
-  EXPECT_EQ(kernel_.Attached(), 1);
+  EXPECT_EQ(Attached(kernel_), 1);
   LIpcUninitLink("test", 1, link_);
-  EXPECT_EQ(kernel_.Attached(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 TEST_F(LocalIpc, SegmentWithoutRoomForAProcessIdBelongsToNoKernel) {
-  const Kernel none(2);
-  ASSERT_EQ(Init(std::to_string(none.Key)), 0);
+  kernel_.RemoveSegment();
+  const int small = shmget(kernel_.Key(), 2, IPC_CREAT | 0600);
+  InitLink();
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ESRCH);
+  shmctl(small, IPC_RMID, nullptr);
 }
 
 // While it lives, this process has no right to signal processes of the superuser.
@@ -392,9 +331,9 @@ class OrdinaryUser {
 };
 
 TEST_F(LocalIpc, KernelOfAnotherUserIsAlive) {
-  kernel_.SetPid(1);
-  InitLink();
-  OrdinaryUser user;
+  const OrdinaryUser user;
+  const test::IpcKernel kernel(1);
+  ASSERT_EQ(Init(std::to_string(kernel.Key())), 0);
   ASSERT_EQ(kill(1, 0), -1);
   ASSERT_EQ(errno, EPERM);
   EXPECT_EQ(Connect(), 0);
@@ -471,7 +410,7 @@ TEST_F(LocalIpc, RequestIsQueuedWithTheReaderAsItsTaskName) {
   ASSERT_EQ(Send(msg), 0);
   EXPECT_EQ(msg.Length, 1U);
   EXPECT_EQ(msg.TaskName, 77);
-  EXPECT_EQ(kernel_.Take(), BodyOf(expected));
+  EXPECT_EQ(TakeBody(), BodyOf(expected));
   EXPECT_EQ(kernel_.SemaphoreValue(), 1);
 }
 
@@ -538,9 +477,10 @@ TEST_F(LocalIpc, EachConnectionOfAProcessGetsItsOwnAnswer) {
   ConnectLink();
   Ask(one, 1);
   Ask(two, 2);
-  const std::string requestOne = kernel_.Take(), requestTwo = kernel_.Take();
-  Answer(requestTwo, "second");
-  Answer(requestOne, "first");
+  const auto requestOne = kernel_.TakeRequest(), requestTwo = kernel_.TakeRequest();
+  ASSERT_TRUE(requestOne && requestTwo);
+  kernel_.Answer(*requestTwo, "second");
+  kernel_.Answer(*requestOne, "first");
   ExpectText(two, "second");
   ExpectText(one, "first");
 }
@@ -705,14 +645,14 @@ TEST_F(LocalIpc, PausesBetweenTwoTriesGrowUntilThereIsRoom) {
   EXPECT_LE(RetryOutput(), pause) << "what is not due is not tried";
   FillQueue(kNobody);
   Ask(kNobody, 999);
-  kernel_.Take();
+  kernel_.TakeRequest();
   EXPECT_EQ(Tick(), 0);
   EXPECT_LE(RetryOutput(), 2) << "the tick tries, and something went out";
 }
 
 TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
   ConnectLink();
-  kernel_.SetPid(EndedProcess());
+  kernel_.SetKernelPid(test::DeadPid());
   int status = 0;
   for (int i = 0; i < 100000 && status == 0; ++i) {
     ClientMessage msg = MakeRequest(77, -1, 5, {std::string(1000, 'x')});
@@ -725,7 +665,7 @@ TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
 TEST_F(LocalIpc, KernelThatGoesFailsWhatIsKeptForIt) {
   const Client client = ConnectClientFirst();
   const int asked = FillQueue(client);
-  kernel_.SetPid(EndedProcess());
+  kernel_.SetKernelPid(test::DeadPid());
   RetryNow(&Data());
   EXPECT_EQ(RetryOutput(), 0);
   EXPECT_EQ(link_->State, kLinkDisconnected);
@@ -750,28 +690,28 @@ TEST_F(LocalIpc, WhatWasForAFormerReaderDoesNotFillTheQueue) {
   const pid_t former = Data().ChildPid;
   Reconnect();
   const std::string answer = BodyOf(MakeRequest(77, 0, 5, {std::string(7000, 'x')}));
-  while (kernel_.HasRoomFor(answer.size())) kernel_.Answer(former, answer);
+  while (kernel_.HasRoomFor(answer.size())) kernel_.SendBytes(former, answer);
   Ask(client, 6, std::string(7000, 'y'));
   EXPECT_EQ(link_->Unsent, 0U);
   AnswerNext("answer");
   ExpectText(client, "answer");
-  kernel_.Answer(former, answer);
+  kernel_.SendBytes(former, answer);
   EXPECT_EQ(Tick(), 0);
-  EXPECT_EQ(kernel_.Messages(), 0) << "the tick, too, takes it away";
+  EXPECT_EQ(kernel_.QueuedMessages(), 0) << "the tick, too, takes it away";
 }
 
 TEST_F(LocalIpc, AnswersForAProcessThatLivesAreNotTakenAway) {
   ConnectLink();
   Reconnect();
   Data().Former[0] = getpid();  // its number belongs to somebody else by now
-  kernel_.Answer(getpid(), BodyOf(MakeRequest(77, 0, 5)));
+  kernel_.SendBytes(getpid(), BodyOf(MakeRequest(77, 0, 5)));
   EXPECT_EQ(Tick(), 0);
-  EXPECT_EQ(kernel_.Messages(), 1);
+  EXPECT_EQ(kernel_.QueuedMessages(), 1);
 }
 
 TEST_F(LocalIpc, AnswerThatNobodyAskedForIsDropped) {
   const Client client = ConnectClientFirst();
-  kernel_.Answer(Data().ChildPid, BodyOf(MakeRequest(getpid(), 0, 9)));
+  kernel_.SendBytes(Data().ChildPid, BodyOf(MakeRequest(getpid(), 0, 9)));
   ASSERT_TRUE(RecordComes());
   const CapturedLog log(kLogError);
   EXPECT_EQ(Read(), 0);
@@ -785,7 +725,7 @@ TEST_F(LocalIpc, AnswerWhoseStringsLeaveTheAreaIsSkipped) {
   Ask(client, 5);
   std::string body = BodyOf(MakeRequest(getpid(), 0, 5));
   body[kStringsAt - 4] = body[kStringsAt - 3] = static_cast<char>(0xFF);
-  kernel_.Answer(Data().ChildPid, body);
+  kernel_.SendBytes(Data().ChildPid, body);
   AnswerNext("good");
   ExpectText(client, "good");
 }
@@ -868,7 +808,7 @@ TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
   EXPECT_EQ(Data().PipeRead, pipe);
   EXPECT_EQ(Data().ShmId, -1);
   EXPECT_EQ(Data().Shm, nullptr);
-  EXPECT_EQ(kernel_.Attached(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 TEST_F(LocalIpc, RecordsThatCameTogetherAreReadWithOneCallAndServedOneByOne) {
@@ -1029,7 +969,7 @@ TEST_F(LocalIpc, DisconnectEndsTheReaderAndIsHarmlessTwice) {
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
   EXPECT_EQ(Disconnect(), 0);
-  EXPECT_EQ(kernel_.Attached(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 // As an agent that a shell has started with a job in the background, and then become.
@@ -1088,7 +1028,7 @@ TEST_F(LocalIpc, DeathOfAClientIsTold) {
   ClientMessage expected;
   MakeClientDeathMessage(&expected, 4242);
   expected.TaskName = Data().ChildPid;
-  EXPECT_EQ(kernel_.Take(), BodyOf(expected));
+  EXPECT_EQ(TakeBody(), BodyOf(expected));
 }
 
 class Board : public testing::Test {

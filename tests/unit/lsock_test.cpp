@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "core/mailbox.h"
 #include "core/status.h"
@@ -43,8 +42,6 @@ class LocalSocket : public AgentTest {
     std::free(link_);
     Close(&listener_);
     Close(&kernel_);
-    Close(&client_[0]);
-    Close(&client_[1]);
     MailboxAddress address;
     MakeMailboxAddress(&address, kMbx);
     unlink(address.Path);
@@ -118,18 +115,6 @@ class LocalSocket : public AgentTest {
     ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
   }
 
-  // A request of this process is on its way.
-  void WaitingClient() {
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, client_), 0);
-    AddMsgInfo(getpid(), 5, client_[1]);
-  }
-  // The codes of the agent's own answer that has reached the client; 0, 0: none has.
-  std::pair<int, int> Codes() {
-    unsigned char answer[108];
-    if (recv(client_[0], answer, sizeof answer, MSG_DONTWAIT) != sizeof answer) return {0, 0};
-    return {Get(answer, WireField<std::int32_t>{8}), Get(answer, WireField<std::int32_t>{44})};
-  }
-
   bool Registered(int fd) {
     return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) && LinkOfSocket(fd) == link_;
   }
@@ -139,7 +124,7 @@ class LocalSocket : public AgentTest {
   std::string directory_;
   int listener_ = -1;
   int kernel_ = -1;
-  int client_[2] = {-1, -1};
+  const FakeClient client_;
 };
 
 TEST_F(LocalSocket, ProtocolTakesItsTwoNamesAndNoOther) {
@@ -352,13 +337,13 @@ TEST_F(LocalSocket, AnswerInPiecesIsPutTogether) {
 TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
   ConnectToGreetingKernel();
   const int socket = Data().Socket;
-  WaitingClient();
+  AddMsgInfo(getpid(), 5, client_.Socket());
   Close(&kernel_);
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(LinkOfSocket(socket), nullptr);
   EXPECT_FALSE(FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet));
-  EXPECT_EQ(Codes(), std::pair(int{kStatusReceive}, 0));
+  EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 
 TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
@@ -373,10 +358,10 @@ TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
 
 TEST_F(LocalSocket, LengthBelowItsOwnWordBreaksTheLink) {
   ConnectToGreetingKernel();
-  WaitingClient();
+  AddMsgInfo(getpid(), 5, client_.Socket());
   Write(std::string("\3\0\0\0", 4));
   EXPECT_EQ(Read(), kStatusReceive);
-  EXPECT_EQ(Codes(), std::pair(int{kStatusReceive}, 0));
+  EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 
 TEST_F(LocalSocket, FrameBeyondTheMessageAreaBreaksTheLink) {

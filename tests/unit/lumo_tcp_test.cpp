@@ -14,7 +14,7 @@ class TcpAddress : public TcpDriver {
   void ExpectRefused(const char* text, const char* line) {
     const CapturedLog log(kLogResult);
     EXPECT_EQ(Init(text), 1) << text;
-    EXPECT_EQ(log.Lines(), std::vector<std::string>{line});
+    EXPECT_EQ(log.Lines(), Texts{line});
     EXPECT_EQ(Node->DriverData, nullptr);
   }
   int PortOf(const std::string& word) {
@@ -153,16 +153,16 @@ TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {
 TEST_F(TcpAddress, EachFieldIsTraced) {
   const CapturedLog log;
   ASSERT_EQ(Init("dbhost 0x424 5 30 10"), 0);
-  std::vector<std::string> lines = log.Lines();
+  Texts lines = log.Lines();
   ASSERT_EQ(lines.size(), 7u);
   EXPECT_EQ(lines[0].rfind("15 lumo_tcp|", 0), 0u);
   lines.erase(lines.begin());
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{
-                "15 lumo_tcp|Network address 302010a", "15 lumo_tcp|Port 0x2404 in network order",
-                "15 lumo_tcp|Receive timeout(on dbs side) 100 sec",
-                "15 lumo_tcp|Send timeout(on dbs side) 30 sec",
-                "15 lumo_tcp|Connect timeout 10 sec", "15 lumo_tcp|'TcpInitLink' Leave SUCCESS"}));
+  EXPECT_EQ(
+      lines,
+      (Texts{"15 lumo_tcp|Network address 302010a", "15 lumo_tcp|Port 0x2404 in network order",
+             "15 lumo_tcp|Receive timeout(on dbs side) 100 sec",
+             "15 lumo_tcp|Send timeout(on dbs side) 30 sec", "15 lumo_tcp|Connect timeout 10 sec",
+             "15 lumo_tcp|'TcpInitLink' Leave SUCCESS"}));
 }
 
 TEST_F(TcpAddress, ANameThatDoesNotResolveMayBeANumber) {
@@ -290,7 +290,6 @@ TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
   log.ExpectOnce("15 lumo_tcp|'TcpConnectLink' Leave FAILED too many connections");
   EXPECT_EQ(Node->State, kLinkDisconnected);
   for (const int fd : held) close(fd);
-  close(Listener);
 }
 
 TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
@@ -391,7 +390,7 @@ TEST_F(TcpDriver, ReadyForWriteNeedsAUsableSocket) {
 
 TEST_F(TcpDriver, ARefusedConnectGives4006WithItsError) {
   Connecting("0 0 0");
-  close(Listener);
+  Server.reset();
   ASSERT_EQ(Connect(), 0);
   const int fd = Data().Socket;
   pollfd ready{fd, POLLOUT, 0};

@@ -5,7 +5,6 @@
 #include <cstddef>
 
 #include "core/stream.h"
-#include "lib/message_codec.h"
 #include "tests/unit/tcp_driver.h"
 
 namespace {
@@ -29,24 +28,15 @@ class TcpTimer : public TcpDriver {
 
 class TcpTraffic : public TcpDriver {
  protected:
-  void ExpectAnswered(int client, int codErr, int sysErr) {
-    const std::optional<lumo::Message> answer = lumo::Decode(ReceiveAll(client));
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->CodErr, codErr);
-    EXPECT_EQ(answer->SysErr, sysErr);
-  }
-  // A request in flight on the link; its client's end is returned through `client`.
-  void InFlight(int* client) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    *client = ends[0];
-    AgentEnd = ends[1];
-    const MsgInfo info = {.Link = Node, .TaskName = getpid(), .Socket = ends[1], .AstInd = 3};
+  // A request of the client is in flight on the link.
+  void InFlight() {
+    const MsgInfo info = {
+        .Link = Node, .TaskName = getpid(), .Socket = client_.Socket(), .AstInd = 3};
     ASSERT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
   }
-  void TearDown() override {
-    if (AgentEnd >= 0) close(AgentEnd);
-    TcpDriver::TearDown();
+  void ExpectAnswered(int codErr, int sysErr) const {
+    EXPECT_EQ(client_.Received(),
+              Texts{"3: " + std::to_string(codErr) + ", " + std::to_string(sysErr)});
   }
   int Read() { return TcpReadyForRead("test", __LINE__, Node); }
   void Deliver(const std::string& bytes) const {
@@ -56,7 +46,7 @@ class TcpTraffic : public TcpDriver {
     Deliver(std::string(reinterpret_cast<const char*>(&length), sizeof length));
   }
 
-  int AgentEnd = -1;
+  const FakeClient client_;
 };
 
 // The timer
@@ -183,18 +173,13 @@ TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
 
 TEST_F(TcpTimer, ARepeatedConnectIsRepeatedWhenInterrupted) {
   InProgress("0 0 0");
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(listen(listener, 1), 0);
-  sockaddr_in address = {};
-  socklen_t size = sizeof address;
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  const test::Node server;
   Data().Address = static_cast<std::int32_t>(htonl(INADDR_LOOPBACK));
-  Data().Port = address.sin_port;
+  Data().Port = htons(server.Port());
   const FailingSystemCall interrupted(SystemCall::Connect, EINTR, 0, 2);
   EXPECT_EQ(Tick(), 0);
   EXPECT_EQ(interrupted.Calls(), 3);
   EXPECT_EQ(Node->State, kLinkConnecting);
-  close(listener);
 }
 
 TEST_F(TcpTimer, ARepeatedConnectThatFailsGives4006AndClosesTheSocket) {
@@ -314,17 +299,15 @@ TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
 
 TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Send, EPIPE, 0, 1);
     EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 4007);
   }
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  ExpectAnswered(client, 4007, EPIPE);
+  ExpectAnswered(4007, EPIPE);
   log.ExpectOnce("15 lumo_tcp|'TcpClientDeadEvent' Leave FAILED send");
-  close(client);
 }
 
 // In
@@ -343,18 +326,16 @@ TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
 TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
   Connected("0 30 0");
   Data().ReceiveCount = 2;
-  int client;
-  InFlight(&client);
+  InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3, {"one row"});
   Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), answer.Length + 4));
   PutResult = -1;
   EXPECT_EQ(Read(), -1);
   ASSERT_EQ(Answers.size(), 1u);
   EXPECT_EQ(CountedString(Answers[0], 0), "one row");
-  EXPECT_EQ(Answers[0].ClientSocket, AgentEnd);
+  EXPECT_EQ(Answers[0].ClientSocket, client_.Socket());
   EXPECT_EQ(Data().ReceiveCount, 16);
   EXPECT_EQ(Node->State, kLinkConnected);
-  close(client);
 }
 
 TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
@@ -372,58 +353,50 @@ TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
 
 TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   DeliverLength(8189);
   const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  ExpectAnswered(client, 4008, 0);
+  ExpectAnswered(4008, 0);
   log.ExpectOnce(
       "3 lumo_tcp|TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189");
   log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED format (length)");
-  close(client);
 }
 
 TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   const CapturedLog log;
   close(Data().Socket);
   EXPECT_EQ(Read(), 4008);
-  ExpectAnswered(client, 4008, EBADF);
+  ExpectAnswered(4008, EBADF);
   log.ExpectOnce("3 lumo_tcp|TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9");
   log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED receive");
-  close(client);
 }
 
 TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   shutdown(FarEnd, SHUT_WR);
   errno = ENOTTY;
   const CapturedLog log;
   EXPECT_EQ(Read(), 4009);
-  ExpectAnswered(client, 4009, 0);
+  ExpectAnswered(4009, 0);
   log.ExpectOnce("15 lumo_tcp|Connection \"SRV\" is broken. Call:recv");
-  close(client);
 }
 
 TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3);
   Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
   Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108));
   const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
-  ExpectAnswered(client, 4008, 0);
+  ExpectAnswered(4008, 0);
   log.ExpectOnce("2 link|Network packet format is fail.");
   log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg");
-  close(client);
 }
 
 // The end
@@ -498,14 +471,12 @@ TEST_F(TcpTraffic, ALinkWithoutARecordIsOnlyMarkedDisconnected) {
 TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
   Connected("0 0 0");
   const int fd = Data().Socket;
-  int client;
-  InFlight(&client);
+  InFlight();
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->DriverData, nullptr);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_FALSE(IsOpen(fd));
-  ExpectAnswered(client, 0, 0);
-  close(client);
+  ExpectAnswered(0, 0);
 }
 
 TEST_F(TcpTraffic, UninitOfADisconnectedLinkOnlyFreesItsRecord) {

@@ -172,7 +172,7 @@ TEST_F(Permission, StrictTasksAreTheConnectionsOwnAndThoseOfItsUser) {
   EXPECT_TRUE(MayNameTask(socket_, child));
   EXPECT_FALSE(MayNameTask(socket_, 0));
   EXPECT_FALSE(MayNameTask(socket_, -child));
-  EXPECT_FALSE(MayNameTask(socket_, EndedProcess()));
+  EXPECT_FALSE(MayNameTask(socket_, test::DeadPid()));
   BePeer(kStranger, kOtherGroup, {}, 1000000);
   EXPECT_FALSE(MayNameTask(socket_, child));
   EXPECT_FALSE(MayNameTask(socket_, getpid()));
@@ -227,7 +227,7 @@ class PermissionDispatch : public Permission {
     const int result = HandleMessageFromClientQueue(kHere, 1, socket_);
     const std::string answer = Take(socket_);
     EXPECT_FALSE(answer.empty());
-    const bool refused = answer == ErrorFrame(request, kStatusNotPermitted, EPERM);
+    const bool refused = answer == test::ErrorFrame(request, kStatusNotPermitted, EPERM);
     EXPECT_EQ(result, refused ? -1 : 0);
     return refused;
   }
@@ -261,7 +261,7 @@ TEST_F(PermissionDispatch, ForeignNameIsRefusedWithAnAnswerThoughItsProcessDoesN
   Ask(nullptr, "1");
   BePeer(geteuid(), kOtherGroup, {}, 4711);
   for (lumo::Message request : {Request({}, 5), Management(102)}) {
-    request.TaskName = EndedProcess();
+    request.TaskName = test::DeadPid();
     const CapturedLog log(kLogError);
     EXPECT_TRUE(IsRefused(request));
     const std::string text = log.Text();

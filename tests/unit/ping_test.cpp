@@ -97,7 +97,7 @@ TEST_F(PingMode, TheFirstNodeIsTestedWhenThereIsNoNameAtAll) {
 TEST_F(PingMode, TheNamedNodeIsTestedWithoutRegardToCase) {
   EXPECT_EQ(Choose("ONE FAKE here\nTwo FAKE there\n", "tWO"), 0);
   EXPECT_EQ(Circle(), "TWO");
-  EXPECT_EQ(Fake().Calls, std::vector<std::string>{"InitLink TWO"});
+  EXPECT_EQ(Fake().Calls, Texts{"InitLink TWO"});
 }
 
 TEST_F(PingMode, AMissingTableIsReported) {

@@ -10,8 +10,6 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 class Registry : public AgentTest {
  protected:
   // The protocol, and in `Word` what became of the caller's buffer.
@@ -252,7 +250,7 @@ TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
 TEST_F(Registry, ReleasingAProtocolTakesItOutOfAnyPlaceOfTheList) {
   Link* const a = Parse("A TCPIP 127.0.0.1");
   Link* const b = Parse("B LOCALS 2");
-  Link* const c = Parse("C TSR");
+  Parse("C TSR");
   UninitProtocol("test", 1, b->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP DUMMY");
   UninitProtocol("test", 1, a->Protocol);
