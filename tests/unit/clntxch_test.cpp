@@ -199,6 +199,17 @@ class ClientAnswers : public ClientTest {
     return MakeRequest(task, socket_, 9, {"row"});
   }
   static int Put_(ClientMessage* msg) { return PutMsgToClient(kHere, 1, msg); }
+  int PutAnswer(std::int32_t task = getpid()) const {
+    ClientMessage msg = Answer(task);
+    return Put_(&msg);
+  }
+  // The answer does not go out, with this error in the log.
+  static void ExpectFailure(ClientMessage msg, int error) {
+    const CapturedLog log(kLogError);
+    EXPECT_EQ(Put_(&msg), -1);
+    EXPECT_EQ(log.Lines(),
+              Texts{"2 clntxch|Send to client fail. Call:send. errno " + std::to_string(error)});
+  }
   static void Note(Link* link, std::int32_t task, std::uint16_t astInd) {
     const MsgInfo info = {.Link = link, .TaskName = task, .Socket = 3, .AstInd = astInd};
     ASSERT_EQ(SaveMsgInfo(kHere, 1, &info), 0);
@@ -234,9 +245,8 @@ TEST_F(ClientAnswers, TheWholeSizeGoesOutAsLength) {
 }
 
 TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
-  ClientMessage msg = Answer();
   const CapturedLog log;
-  Put_(&msg);
+  PutAnswer();
   const std::string text = log.Text();
   std::size_t at = 0;
   for (const char* part :
@@ -250,9 +260,8 @@ TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
 }
 
 TEST_F(ClientAnswers, ADeadClientGetsNothing) {
-  ClientMessage msg = Answer(test::DeadPid());
   const CapturedLog log;
-  EXPECT_EQ(Put_(&msg), -1);
+  EXPECT_EQ(PutAnswer(test::DeadPid()), -1);
   EXPECT_TRUE(log.Contains("|The message wasn't send to client. Client is dead\n"));
   EXPECT_TRUE(log.Contains("'PutMsgToClient' Leave FAILED client is not alive\n"));
   EXPECT_EQ(Take(socket_), "");
@@ -279,38 +288,28 @@ TEST_F(ClientAnswers, TheEntriesOfADeadClientAreTakenFromTheList) {
   link->State = kLinkConnected;
   const pid_t dead = test::DeadPid();
   AddClientPidIntoList(kHere, 1, link, dead, socket_);
-  ClientMessage msg = Answer(dead);
-  EXPECT_EQ(Put_(&msg), -1);
+  EXPECT_EQ(PutAnswer(dead), -1);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 0);
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
 }
 
 TEST_F(ClientAnswers, TaskZeroFailsWheneverAListedClientIsDead) {
-  ClientMessage msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), 0) << "nobody is listed";
+  EXPECT_EQ(PutAnswer(0), 0) << "nobody is listed";
   AddClientPidIntoList(kHere, 1, AddLink("SRV"), getpid(), socket_);
-  msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), 0) << "all who are listed live";
+  EXPECT_EQ(PutAnswer(0), 0) << "all who are listed live";
   AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, test::DeadPid(), socket_);
-  msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), -1);
+  EXPECT_EQ(PutAnswer(0), -1);
 }
 
 TEST_F(ClientAnswers, AnAnswerToAClosedConnectionFailsWithErrno9) {
   ClientMessage msg = Answer();
   msg.ClientSocket = -1;
-  const CapturedLog log(kLogError);
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 9\n"));
+  ExpectFailure(msg, EBADF);
 }
 
 TEST_F(ClientAnswers, AFailedSendLeavesTheConnectionToTheReader) {
   HangUp(socket_);
-  ClientMessage msg = Answer();
-  const CapturedLog log(kLogError);
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
+  ExpectFailure(Answer(), EPIPE);
   EXPECT_TRUE(IsOpen(socket_) && IsClient(socket_) && IsRead(socket_));
 }
 
@@ -325,11 +324,9 @@ TEST_F(ClientAnswers, AClientMayLeaveOneMebibyteUnread) {
 }
 
 TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
-  ClientMessage msg = Answer();
+  const ClientMessage msg = Answer();
   KeepUnsent(kMebibyte - msg.Length - 3);
-  const CapturedLog log(kLogError);
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 105\n"));
+  ExpectFailure(msg, ENOBUFS);
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
   EXPECT_FALSE(FD_ISSET(socket_, &g_DbcI.SocketSets.WriteSet));
   EXPECT_EQ(UnsentDescriptors(), 0);
@@ -585,10 +582,13 @@ class ClientList : public ClientTest {
     }
     return text;
   }
-  static std::string LeaveWord(const std::string& log) {
-    const std::string mark = "'AddClientPidIntoList' Leave ";
-    const std::size_t at = log.find(mark);
-    return at == std::string::npos ? "" : log.substr(at + mark.size());
+  // With what word adding the client ends.
+  std::string LeaveWord(int pid) const {
+    const CapturedLog log;
+    Add(link_, pid, 5);
+    const std::string text = log.Text(), mark = "'AddClientPidIntoList' Leave ";
+    const std::size_t at = text.find(mark);
+    return at == std::string::npos ? "" : text.substr(at + mark.size());
   }
 
   Link* link_ = nullptr;
@@ -605,19 +605,9 @@ TEST_F(ClientList, AClientIsListedOncePerLinkAndConnection) {
 }
 
 TEST_F(ClientList, EachCaseLeavesWithItsWord) {
-  {
-    const CapturedLog log;
-    Add(link_, 10, 5);
-    EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS\n");
-  }
-  {
-    const CapturedLog log;
-    Add(link_, 10, 5);
-    EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS element already exist\n");
-  }
-  const CapturedLog log;
-  Add(link_, 11, 5);
-  EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS save to exist blank element\n");
+  EXPECT_EQ(LeaveWord(10), "SUCCESS\n");
+  EXPECT_EQ(LeaveWord(10), "SUCCESS element already exist\n");
+  EXPECT_EQ(LeaveWord(11), "SUCCESS save to exist blank element\n");
 }
 
 TEST_F(ClientList, AFreeElementAheadOfTheClientsOwnIsFilled) {

@@ -10,12 +10,12 @@
 #include <fstream>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "core/loop.h"
 #include "core/turn.h"
+#include "tests/support/agent.h"
 #include "tests/support/connection.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
@@ -310,15 +310,9 @@ TEST_F(LinkThatIsDrained, IsLeftWhenAStopIsAskedForMeanwhile) {
 // The whole program in a child process in which a signal closes a descriptor behind its back.
 class FailingDescriptors : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "lumo-XXXXXX";
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    folder_ = name;
-  }
   void TearDown() override {
     if (pid_ > 0) kill(pid_, SIGKILL);
     if (pid_ > 0) waitpid(pid_, nullptr, 0);
-    std::filesystem::remove_all(folder_);
   }
 
   // Without the trace epoll waits for most descriptors.
@@ -405,11 +399,7 @@ class FailingDescriptors : public testing::Test {
            std::to_string(answer->SysErr);
   }
 
-  std::string Log() const {
-    std::ostringstream text;
-    text << std::ifstream(folder_ / "log").rdbuf();
-    return text.str();
-  }
+  std::string Log() const { return test::ReadFile(folder_ / "log"); }
   int Count(const std::string& text) const {
     const Texts lines = LogTexts(Log());
     return static_cast<int>(std::count(lines.begin(), lines.end(), "15 dbc|" + text));
@@ -456,7 +446,8 @@ class FailingDescriptors : public testing::Test {
   }
   std::string SocketPath() const { return folder_ / "tavrin.7"; }
 
-  std::filesystem::path folder_;
+  const test::TemporaryDirectory directory_;
+  const std::filesystem::path& folder_ = directory_.Path();
   const char* logLevel_ = "15";
   pid_t pid_ = -1;
   std::optional<lumo::Connection> control_;

@@ -8,6 +8,7 @@
 
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/system_faults.h"
 
@@ -223,26 +224,14 @@ TEST_F(ManagementCommands, AnybodyUnlocksAnOldLock) {
 
 class NodetabPathCommand : public ManagementCommands {
  protected:
-  void SetUp() override {
-    ManagementCommands::SetUp();
-    const char* const base = std::getenv("TMPDIR");
-    Directory = std::string(base ? base : "/tmp") + "/dbca_test_XXXXXX";
-    ASSERT_NE(mkdtemp(Directory.data()), nullptr);
-  }
-  void TearDown() override {
-    unlink(Path.c_str());
-    for (; Directory.find("dbca_test_") != std::string::npos;
-         Directory.resize(Directory.rfind('/')))
-      rmdir(Directory.c_str());
-    ManagementCommands::TearDown();
-  }
   void MakeFile(const std::string& name) {
     Path = Directory + "/" + name;
     std::ofstream(Path) << "A FAKE\n";
     g_DbcI.NodetabPath = Path.data();
   }
 
-  std::string Directory, Path;
+  const test::TemporaryDirectory Temporary;
+  std::string Directory = Temporary.Path(), Path;
 };
 
 TEST_F(NodetabPathCommand, ThePathIsReturnedWithItsNulAndNoPadding) {

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <optional>
 #include <string>
 
 #include "core/mailbox.h"
@@ -226,17 +227,15 @@ class LocalIpc : public AgentTest {
 
  private:
   void StartListener() {
-    char name[] = "/tmp/lipcXXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    directory_ = name;
-    setenv("TAVRIN_TMP", name, 1);
+    directory_.emplace();
+    setenv("TAVRIN_TMP", directory_->Path().c_str(), 1);
     g_DbcI.NetMbx = 1;
     CapturedStdout stdoutText;
     ASSERT_EQ(InitialiseClientQueue("test", 1), 0);
   }
   void CloseClients() {
     for (const int fd : clients_) close(fd);
-    if (directory_.empty()) return;
+    if (!directory_) return;
     for (int fd = kFirstDescriptor; fd < FD_SETSIZE; ++fd) {
       if (!FD_ISSET(fd, &g_DbcI.ClientSockets)) continue;
       ForgetDescriptor(fd);
@@ -244,11 +243,10 @@ class LocalIpc : public AgentTest {
     }
     close(g_DbcI.ClientListenSocket);
     UninitClientQueue("test", 1);
-    rmdir(directory_.c_str());
     unsetenv("TAVRIN_TMP");
   }
 
-  std::string directory_;
+  std::optional<test::TemporaryDirectory> directory_;
   std::vector<int> clients_;
 };
 

@@ -14,6 +14,7 @@
 #include "core/mailbox.h"
 #include "core/status.h"
 #include "core/stream.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/system_faults.h"
@@ -26,10 +27,7 @@ class LocalSocket : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    char name[] = "/tmp/lsockXXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    directory_ = name;
-    setenv("TAVRIN_TMP", name, 1);
+    setenv("TAVRIN_TMP", directory_.Path().c_str(), 1);
     link_ = static_cast<Link*>(std::calloc(1, sizeof(Link)));
     ASSERT_EQ(LOCALSInitProtocol("test", 1, &protocol_, "LOCALS", nullptr), 0);
     link_->Protocol = &protocol_;
@@ -42,10 +40,6 @@ class LocalSocket : public AgentTest {
     std::free(link_);
     Close(&listener_);
     Close(&kernel_);
-    MailboxAddress address;
-    MakeMailboxAddress(&address, kMbx);
-    unlink(address.Path);
-    rmdir(directory_.c_str());
     unsetenv("TAVRIN_TMP");
     AgentTest::TearDown();
   }
@@ -121,7 +115,7 @@ class LocalSocket : public AgentTest {
 
   Protocol protocol_ = {};
   Link* link_ = nullptr;
-  std::string directory_;
+  const test::TemporaryDirectory directory_;
   int listener_ = -1;
   int kernel_ = -1;
   const FakeClient client_;
@@ -162,13 +156,13 @@ TEST_F(LocalSocket, AddressNeedsMemory) {
 
 TEST_F(LocalSocket, ConnectWithoutAKernelFailsAndMakesTheDirectoryUsable) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  chmod(directory_.c_str(), 0700);
+  chmod(directory_.Path().c_str(), 0700);
   const CapturedLog stderrText;
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(stderrText.Contains("Leave FAILED connect to tavrin MBX=%d. Errno = %d\n"));
   struct stat status;
-  ASSERT_EQ(stat(directory_.c_str(), &status), 0);
+  ASSERT_EQ(stat(directory_.Path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0777U);
   EXPECT_EQ(link_->State, kLinkDisconnected);
 }

@@ -17,6 +17,12 @@ class TcpAddress : public TcpDriver {
     EXPECT_EQ(log.Lines(), Texts{line});
     EXPECT_EQ(Node->DriverData, nullptr);
   }
+  void ExpectTaken(int port, int receive, int send, int connect) {
+    EXPECT_EQ(Data().Port, htons(static_cast<std::uint16_t>(port)));
+    EXPECT_EQ(Data().ReceiveTimeout, receive);
+    EXPECT_EQ(Data().SendTimeout, send);
+    EXPECT_EQ(Data().ConnectTimeout, connect);
+  }
   int PortOf(const std::string& word) {
     EXPECT_EQ(Init(("dbhost " + word).c_str()), 0);
     return ntohs(static_cast<std::uint16_t>(Data().Port));
@@ -56,10 +62,7 @@ TEST_F(TcpDriver, ItsNineOperationsFillTheRecord) {
 TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
   ASSERT_EQ(Init("dbhost"), 0);
   EXPECT_EQ(Data().Address, static_cast<std::int32_t>(inet_addr("10.1.2.3")));
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 20);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1060, 20, 0, 0);
   EXPECT_EQ(Data().AliveCount, 0);
   EXPECT_EQ(Data().ReceiveCount, 0);
   EXPECT_EQ(Data().ConnectCount, 0);
@@ -68,28 +71,19 @@ TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
 
 TEST_F(TcpAddress, AllFieldsAreTakenInTheirOrder) {
   ASSERT_EQ(Init("dbhost 0x424 5 30 10\n"), 0);
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 100);
-  EXPECT_EQ(Data().SendTimeout, 30);
-  EXPECT_EQ(Data().ConnectTimeout, 10);
+  ExpectTaken(1060, 100, 30, 10);
 }
 
 TEST_F(TcpAddress, AWrittenZeroTurnsKeepAliveOff) {
   ASSERT_EQ(Init("dbhost 0x424 0 0 0"), 0);
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1060, 0, 0, 0);
 }
 
 TEST_F(TcpAddress, AnyWhiteSpaceSeparatesTheFieldsAndIsOverwritten) {
   char address[] = "dbhost\t 1\v2\f3  4 \r\n";
   const OnlyHost host("dbhost", "10.1.2.3");
   ASSERT_EQ(TcpInitLink("test", __LINE__, Node, address), 0);
-  EXPECT_EQ(Data().Port, htons(1));
-  EXPECT_EQ(Data().ReceiveTimeout, 40);
-  EXPECT_EQ(Data().SendTimeout, 3);
-  EXPECT_EQ(Data().ConnectTimeout, 4);
+  ExpectTaken(1, 40, 3, 4);
   EXPECT_STREQ(address, "dbhost");
   for (const char c : address) EXPECT_TRUE(c == '\0' || !isspace(c));
 }
@@ -133,14 +127,11 @@ TEST_F(TcpAddress, OnlyATextThatBeginsWithZeroTurnsKeepAliveOff) {
 
 TEST_F(TcpAddress, SendAndConnectTimeoutsAreNeverNegative) {
   ASSERT_EQ(Init("dbhost 1 1 -30 -10"), 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1, 20, 0, 0);
   ASSERT_EQ(Init("dbhost 1 1 0x1E 012 more words"), 0);
-  EXPECT_EQ(Data().SendTimeout, 30);
-  EXPECT_EQ(Data().ConnectTimeout, 10);
+  ExpectTaken(1, 20, 30, 10);
   ASSERT_EQ(Init("dbhost 1 1 soon later"), 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1, 20, 0, 0);
 }
 
 TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {

@@ -2,6 +2,7 @@
 
 #include <fstream>
 
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 
@@ -12,14 +13,8 @@ class NodeTableTest : public AgentTest {
   void SetUp() override {
     AgentTest::SetUp();
     Fake();
-    std::string name = testing::TempDir() + "nodetab-XXXXXX";
-    close(mkstemp(name.data()));
-    Path = name;
+    Path = directory_.Path() / "nodetab";
     g_DbcI.NodetabPath = Path.data();
-  }
-  void TearDown() override {
-    unlink(Path.c_str());
-    AgentTest::TearDown();
   }
 
   static Link* Parse(const std::string& line, int addToList = 1) {
@@ -45,6 +40,9 @@ class NodeTableTest : public AgentTest {
   static std::string Found() { return "Nodetab found: \"" + Path + "\"\n"; }
 
   inline static std::string Path, Buffer, Out, Log;
+
+ private:
+  const test::TemporaryDirectory directory_;
 };
 
 class NodeTableLine : public NodeTableTest {};

@@ -8,6 +8,7 @@
 
 #include "client/dispatch.h"
 #include "core/status.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 
@@ -19,15 +20,9 @@ class PingMode : public AgentTest {
     AgentTest::SetUp();
     Fake();
     g_DbcI.PingMode = 1;
-    const char* const base = std::getenv("TMPDIR");
-    Path = std::string(base ? base : "/tmp") + "/ping_test_XXXXXX";
-    const int fd = mkstemp(Path.data());
-    ASSERT_GE(fd, 0);
-    close(fd);
     g_DbcI.NodetabPath = Path.data();
   }
   void TearDown() override {
-    unlink(Path.c_str());
     g_DbcI.LogLevel = 0;
     if (PipeIsOpen) DeinitPing("test", __LINE__);
     AgentTest::TearDown();
@@ -76,7 +71,8 @@ class PingMode : public AgentTest {
 
   int HandleWithoutMemory(std::uint8_t state);
 
-  std::string Path, Log;
+  const test::TemporaryDirectory Directory;
+  std::string Path = Directory.Path() / "nodetab", Log;
   bool PipeIsOpen = false;
 };
 
