@@ -34,6 +34,11 @@ class RequestDispatch : public ClientTest {
   void ExpectOnlyError(const lumo::Message& request, int codErr, int sysErr) {
     EXPECT_EQ(Take(socket_), test::ErrorFrame(request, codErr, sysErr));
   }
+  // A request is handled with this result, and answered with an error.
+  void ExpectAnswered(const lumo::Message& request, int result, int codErr, int sysErr) {
+    EXPECT_EQ(Serve(request), result);
+    ExpectOnlyError(request, codErr, sysErr);
+  }
   static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
     lumo::Message request = Request(node, 3);
     request.Command = "DBCA";
@@ -128,10 +133,8 @@ TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
 
 TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
   AddLink("A");
-  const lumo::Message request = Request("X", 7);
   const CapturedLog log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  ExpectAnswered(Request("X", 7), -1, 4050, 0);
   ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
                              "MakeAnswerFromMsgInfo(TavrinError=4050, SysError=0)",
                              "'HandleMessageFromClientQueue' Leave FAILED node name not found"});
@@ -148,15 +151,11 @@ TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
 TEST_F(RequestDispatch, WithoutADefaultLinkItsRequestsAreAnsweredWith4050) {
   AddLink("A");
   g_DbcI.DefaultLink = nullptr;
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  ExpectAnswered(Request("", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, WithoutAnyLinkNamedRequestsAreAnsweredWith4050) {
-  const lumo::Message request = Request("A", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  ExpectAnswered(Request("A", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
@@ -235,10 +234,8 @@ TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
 TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
   AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
-  const lumo::Message request = Request("A", 7);
   const CapturedLog log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ECONNREFUSED);
+  ExpectAnswered(Request("A", 7), -1, 4006, ECONNREFUSED);
   EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "DisconnectLink A"}));
   ExpectInOrder(log.Text(),
                 {"Link A is disconnect state. Try up the link", "Connect link A was failed",
@@ -249,10 +246,8 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
 TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
   AddLink("A");
   FailToConnect(4066, 0);
-  const lumo::Message request = Request("A", 7);
   errno = EIO;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4066, 0);
+  ExpectAnswered(Request("A", 7), -1, 4066, 0);
 }
 
 TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
@@ -271,9 +266,7 @@ TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(SavedTags(g_DbcI.DefaultLink).size(), 0u);
 }
 
@@ -282,9 +275,7 @@ TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("B", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("B", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
 }
 
@@ -313,10 +304,8 @@ TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4066, 0);
-  const lumo::Message request = Request("", 7);
   const CapturedLog log;
-  EXPECT_EQ(Serve(request), 0);
-  ExpectOnlyError(request, 4006, 0);
+  ExpectAnswered(Request("", 7), 0, 4006, 0);
   EXPECT_TRUE(log.Contains(
       "'HandleMessageFromClientQueue' Leave FAILED TryConnectDefultLinkToNextServer\n"));
 }
@@ -336,9 +325,7 @@ TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
   g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
   AddLink("A");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
 }
 
 TEST_F(RequestDispatch, ARequestForTheDownDefaultLinkLoadsTheCircleTimerWithHalfTheTimeout) {
@@ -442,10 +429,8 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
     errno = EPIPE;
     return 4007;
   };
-  const lumo::Message request = Request("A", 7);
   const CapturedLog log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4007, EPIPE);
+  ExpectAnswered(Request("A", 7), -1, 4007, EPIPE);
   EXPECT_EQ(link->State, kLinkDisconnected);
   EXPECT_EQ(RequestsInFlight(), 0);
   ExpectInOrder(log.Text(),
