@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

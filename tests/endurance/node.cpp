@@ -1,7 +1,6 @@
 #include "tests/endurance/node.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace endurance {
@@ -57,8 +56,6 @@ void Node::ComeBack() {
   history().Away = false;
   Touch();
 }
-
-Time Node::NextDue() const { return scheduled_.empty() ? Time::max() : scheduled_.top().Due; }
 
 void Node::Step(Time now) {
   SendDue(now);

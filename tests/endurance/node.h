@@ -47,7 +47,6 @@ class Node {
 
   const std::string& Name() const { return setting_.Name; }
   std::uint64_t Activity() const { return activity_; }
-  Time NextDue() const;
   std::vector<Node*> Others;
 
  protected:

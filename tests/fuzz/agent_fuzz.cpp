@@ -4,15 +4,11 @@
 // the loop the records of the agent, its descriptors and the answers of the clients are checked.
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <vector>
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
 #include "core/init.h"
-#include "core/loop.h"
 #include "core/stream.h"
 #include "link/link.h"
 #include "protocols/lipc.h"
@@ -45,11 +41,6 @@ constexpr int kErrors[] = {EINTR, EIO,    ENOMEM, EMFILE,       EBADF,  ECONNRES
                            EPIPE, ENFILE, EAGAIN, ECONNREFUSED, EACCES, EINVAL};
 
 constexpr int kConnectErrors[] = {ECONNREFUSED, EHOSTUNREACH, ETIMEDOUT, ECONNRESET};
-
-template <class T, std::size_t kSize>
-T Pick(const T (&list)[kSize], unsigned number) {
-  return list[number % kSize];
-}
 
 // The agent ends by itself when the script is over and everything has settled.
 struct Run {
@@ -372,31 +363,18 @@ std::vector<std::string> SomeOptions() {
   return options;
 }
 
-void SetLogLevel(unsigned level) {
-  static char variable[16];
-  std::snprintf(variable, sizeof variable, "DBC_LOG=%u", level);
-  putenv(variable);
-}
-
-void RunAgent(Input* script) {
+void RunScript(Input* script) {
   run = {.Script = script,
          .PassesLeft = kPassesToSettle,
          .QuietPasses = 0,
          .Transfers = 0,
          .AnswersVanish = false,
          .Ticked = false};
-  std::vector<std::string> options = SomeOptions();
-  std::vector<char*> argv;
-  for (std::string& option : options) argv.push_back(option.data());
-  argv.push_back(nullptr);
+  const std::vector<std::string> options = SomeOptions();
   const unsigned how = script->Byte();
-  SetLogLevel((how & 7) == 0 ? 15 : 0);
   world::state.HasEpoll = (how & 8) == 0;
   world::state.Nodetab = SomeNodetab();
-  world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
-  world::state.OnWait = NextWait;
-  AgentMain(static_cast<int>(options.size()), argv.data());
-  world::state.OnWait = nullptr;
+  RunAgent(options, (how & 7) == 0 ? 15 : 0, NextWait);
 }
 
 }  // namespace
@@ -406,7 +384,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   world::Begin();
   peers::Reset();
   StartAgent(0);
-  RunAgent(&script);
+  RunScript(&script);
   EndAgent();
   world::End();
   return 0;

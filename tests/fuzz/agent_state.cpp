@@ -1,12 +1,14 @@
 #include "tests/fuzz/agent_state.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <set>
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
+#include "core/loop.h"
 #include "core/stream.h"
 #include "link/link.h"
 #include "protocols/protload.h"
@@ -119,6 +121,19 @@ void StartAgent(std::uint8_t logLevel) {
   g_DbcI.GetMsg = GetMsgFromClient;
   g_DbcI.PutMsg = PutMsgToClient;
   ClientTimeout = kClientTimeout;
+}
+
+void RunAgent(std::vector<std::string> options, int logLevel, bool (*onWait)()) {
+  static char variable[16];
+  std::snprintf(variable, sizeof variable, "DBC_LOG=%d", logLevel);
+  putenv(variable);
+  std::vector<char*> argv;
+  for (std::string& option : options) argv.push_back(option.data());
+  argv.push_back(nullptr);
+  world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
+  world::state.OnWait = onWait;
+  AgentMain(static_cast<int>(options.size()), argv.data());
+  world::state.OnWait = nullptr;
 }
 
 void EndAgent() {

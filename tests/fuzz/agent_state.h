@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "client/message.h"
 #include "core/dbc.h"
@@ -16,6 +17,9 @@ inline constexpr char kFuzz[] = "fuzz";  // the place that calls come from
 
 // A fresh agent that has no links; the input decides whether it traces.
 void StartAgent(std::uint8_t logLevel);
+
+// Runs the whole program in the simulated system, whose `onWait` goes on with the script.
+void RunAgent(std::vector<std::string> options, int logLevel, bool (*onWait)());
 
 // Takes everything down and frees it.
 void EndAgent();
@@ -88,6 +92,11 @@ class Input {
  private:
   const std::uint8_t *at_, *end_;
 };
+
+template <class T, std::size_t kSize>
+T Pick(const T (&list)[kSize], unsigned number) {
+  return list[number % kSize];
+}
 
 // Frees the records of LOCALI addresses that were refused, which the agent keeps for ever.
 void FreeRefusedRecords();

@@ -10,3 +10,9 @@ inline void CheckLocated(const ClientMessage& msg, std::size_t room) {
   if (msg.Length != msg.TrailerOffset + 52U)
     world::Violated("Length %u does not fit the trailer at %u", msg.Length, msg.TrailerOffset);
 }
+
+// In place of the writer to clients.
+inline int CheckedPut(const char*, int, ClientMessage* msg) {
+  CheckLocated(*msg, kMessageArea);
+  return 0;
+}

@@ -12,11 +12,6 @@
 #include "tests/fuzz/answer_checks.h"
 #include "tests/fuzz/stream_target.h"
 
-inline int CheckedPut(const char*, int, ClientMessage* msg) {
-  CheckLocated(*msg, kMessageArea);
-  return 0;
-}
-
 // Makes the only link, connected over `socket`, with requests in flight.
 inline Link* ConnectedLink(const char* line, int socket) {
   char text[128];

@@ -1,6 +1,5 @@
 // The command line: the first line of the input is NET_MBX, each further line an argument.
 #include <cstdio>
-#include <cstdlib>
 #include <vector>
 
 #include "core/init.h"

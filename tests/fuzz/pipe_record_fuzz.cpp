@@ -18,11 +18,6 @@ namespace {
 constexpr int kStepsMax = 300;
 constexpr std::int32_t kTask = 7;
 
-int CheckedPut(const char*, int, ClientMessage* msg) {
-  CheckLocated(*msg, kMessageArea);
-  return 0;
-}
-
 template <class T>
 std::string BytesOf(const T& value) {
   return {reinterpret_cast<const char*>(&value), sizeof value};

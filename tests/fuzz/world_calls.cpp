@@ -1,6 +1,5 @@
 // The linker directs the agent's system calls here; CMakeLists.txt has the list.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/epoll.h>

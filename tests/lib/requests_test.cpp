@@ -30,8 +30,15 @@ class Requests : public ::testing::Test {
     return ticket;
   }
 
+  // The first request is on its way: the node has it.
+  lumo_ticket StartAndSend() {
+    Start(node_.Line("SRV"));
+    return SendToNode(&request_);
+  }
+
   test::Node node_;
   test::Agent agent_;
+  lumo::Message request_;
   std::optional<liblumo::Connection> connection_;
 };
 
@@ -100,11 +107,9 @@ TEST_F(Requests, EveryFieldGoesOutAndComesBack) {
 }
 
 TEST_F(Requests, TheNodesOwnCodeIsARefusal) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   const std::string words("no\nthanks\0hidden", 16);
-  lumo::Message refusal = test::AnswerTo(request, "", 4050);
+  lumo::Message refusal = test::AnswerTo(request_, "", 4050);
   refusal.Strings[LUMO_ROWS] = words;
   node_.SendMessage(refusal);
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
@@ -122,10 +127,8 @@ TEST_F(Requests, TheNodesOwnCodeIsARefusal) {
 }
 
 TEST_F(Requests, ARefusalWithoutWordsHasItsCode) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
-  node_.Answer(request, "", -7);
+  const lumo_ticket ticket = StartAndSend();
+  node_.Answer(request_, "", -7);
   EXPECT_EQ(connection_->Receive(ticket, kAmple).Words(), "the node refused (code -7)");
 }
 
@@ -154,9 +157,7 @@ TEST_F(Requests, ARefusedConnectionMayBeTriedAgain) {
 }
 
 TEST_F(Requests, ANodeThatHangsUpLeavesItOpenWhatItDid) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   node_.Close();
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
   EXPECT_EQ(answer.Status(), LUMO_ERROR);
@@ -180,9 +181,7 @@ TEST_F(Requests, AFailedCircleLeavesItOpenWhatTheNodeDid) {
 }
 
 TEST_F(Requests, AnAgentThatStopsLeavesItUnsure) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   EXPECT_EQ(agent_.Stop(), 0);
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
   EXPECT_TRUE(answer.Unsure());
@@ -193,15 +192,13 @@ TEST_F(Requests, AnAgentThatStopsLeavesItUnsure) {
 }
 
 TEST_F(Requests, AnAgentThatDiesLeavesItUnsure) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   agent_.Kill();
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
   EXPECT_TRUE(answer.Unsure());
   EXPECT_EQ(answer.Reason(), LUMO_REASON_CONNECTION_LOST);
   EXPECT_FALSE(answer.FromAgent());
-  EXPECT_EQ(lumo_answer_tag(answer.Get()), request.AstInd());
+  EXPECT_EQ(lumo_answer_tag(answer.Get()), request_.AstInd());
   EXPECT_EQ(connection_->Receive(ticket, kAtOnce).Status(), LUMO_NO_TICKET);
 }
 
@@ -249,21 +246,17 @@ TEST_F(Requests, TwoConnectionsNeverShareATag) {
 }
 
 TEST_F(Requests, AReceiveThatIsTooEarlyCanBeRepeated) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   EXPECT_EQ(connection_->Receive(ticket, kAtOnce).Status(), LUMO_TIMEOUT);
   EXPECT_EQ(connection_->Receive(ticket, kSoon).Status(), LUMO_TIMEOUT);
   EXPECT_EQ(connection_->ReceiveAny(kSoon).Status(), LUMO_TIMEOUT);
   EXPECT_EQ(connection_->InFlight(), 1u);
-  node_.Answer(request, "late");
+  node_.Answer(request_, "late");
   EXPECT_EQ(connection_->Receive(ticket, kAmple).String(0), "late");
 }
 
 TEST_F(Requests, ADeadlineIsKept) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   const auto before = test::Clock::now();
   EXPECT_EQ(connection_->Receive(ticket, liblumo::Time(80)).Status(), LUMO_TIMEOUT);
   const auto waited = test::Clock::now() - before;
@@ -369,9 +362,7 @@ TEST_F(Requests, WrongArgumentsAreRefused) {
 
 // The other connection's ticket is not this one's.
 TEST_F(Requests, ATicketBelongsToItsConnection) {
-  Start(node_.Line("SRV"));
-  lumo::Message request;
-  const lumo_ticket ticket = SendToNode(&request);
+  const lumo_ticket ticket = StartAndSend();
   liblumo::Connection other = Open(agent_);
   EXPECT_EQ(other.Receive(ticket, kAtOnce).Status(), LUMO_NO_TICKET);
   EXPECT_EQ(other.ReceiveAny(kAmple).Status(), LUMO_NOTHING_SENT);

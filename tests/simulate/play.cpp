@@ -3,10 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
-#include <utility>
 #include <vector>
 
 #include "core/loop.h"
@@ -48,11 +45,6 @@ struct Stage {
   std::size_t Piece;     // in which the next requests come
 };
 Stage stage;
-
-template <class T, std::size_t kSize>
-T Pick(const T (&list)[kSize], unsigned number) {
-  return list[number % kSize];
-}
 
 int Client(unsigned number) { return peers::Choose(peers::Clients(), number); }
 int Node(unsigned number) { return peers::Choose(peers::Nodes(), number); }
@@ -404,23 +396,10 @@ bool NextWait() {
   return NextStep();
 }
 
-void SetLogLevel(int level) {
-  static char variable[16];
-  std::snprintf(variable, sizeof variable, "DBC_LOG=%d", level);
-  putenv(variable);
-}
-
-void RunAgent(const story::Story& told) {
-  std::vector<std::string> options = told.Options;
-  std::vector<char*> argv;
-  for (std::string& option : options) argv.push_back(option.data());
-  argv.push_back(nullptr);
+void RunStory(const story::Story& told, int logLevel) {
   world::state.HasEpoll = told.Epoll;
   for (const std::string& line : told.Nodes) world::state.Nodetab += line + "\n";
-  world::state.Connects = {world::Plan::Refused};  // nobody serves the agent's own path yet
-  world::state.OnWait = NextWait;
-  AgentMain(static_cast<int>(options.size()), argv.data());
-  world::state.OnWait = nullptr;
+  RunAgent(told.Options, logLevel, NextWait);
   peers::Follow();
 }
 
@@ -432,12 +411,11 @@ play::Played play::Play(const story::Story& told, int logLevel) {
   stage.Piece = SIZE_MAX;
   stage.DefaultTakesAll =
       !told.Edits && (story::Has(told, "-AUTOCONNECT") || !story::Has(told, "-AUTOCHANGE"));
-  SetLogLevel(logLevel);
   world::Begin();
   peers::Reset();
   ledger::Begin(told);
   StartAgent(0);
-  RunAgent(told);
+  RunStory(told, logLevel);
   ledger::End();
   EndAgent();
   world::End();

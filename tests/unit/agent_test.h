@@ -1,10 +1,8 @@
 // What the unit tests of the agent stand on: a fresh state record for every test, protocols whose
-// operations are scripted and recorded, the answers that went to clients, and what was written to
-// a standard stream.
+// operations are scripted and recorded, and the answers that went to clients.
 #pragma once
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,51 +24,12 @@
 #include "core/stream.h"
 #include "core/trace.h"
 #include "core/wait.h"
+#include "lib/message_codec.h"
 #include "link/link.h"
 #include "protocols/protload.h"
+#include "tests/unit/captured_log.h"
 
 inline constexpr char kHere[] = "test";  // the module that calls
-
-// Collects what is written to a descriptor (1 or 2) until it goes out of scope.
-class CapturedStream {
- public:
-  explicit CapturedStream(int fd) : fd_(fd), saved_(dup(fd)), memory_(memfd_create("stream", 0)) {
-    std::fflush(nullptr);
-    dup2(memory_, fd_);
-  }
-  ~CapturedStream() {
-    std::fflush(nullptr);
-    dup2(saved_, fd_);
-    close(saved_);
-    close(memory_);
-  }
-  CapturedStream(const CapturedStream&) = delete;
-  CapturedStream& operator=(const CapturedStream&) = delete;
-
-  std::string Text() const {
-    std::fflush(nullptr);
-    std::string text;
-    char part[4096];
-    for (ssize_t count;
-         (count = pread(memory_, part, sizeof part, static_cast<off_t>(text.size()))) > 0;)
-      text.append(part, static_cast<std::size_t>(count));
-    return text;
-  }
-  bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
-
- private:
-  const int fd_;
-  const int saved_;
-  const int memory_;
-};
-class CapturedStderr : public CapturedStream {
- public:
-  CapturedStderr() : CapturedStream(STDERR_FILENO) {}
-};
-class CapturedStdout : public CapturedStream {
- public:
-  CapturedStdout() : CapturedStream(STDOUT_FILENO) {}
-};
 
 // A protocol for the registry. Every call is recorded as "Operation NODE"; the results are set by
 // the test. Without a script, InitLink accepts any address but "bad" (kept, as a text, in
@@ -229,13 +188,24 @@ class FakeClient {
 
   int Socket() const { return ends_[0]; }  // the agent's end
 
-  // The next answer (Length as it went over the connection), or false when there is none.
-  bool Next(ClientMessage* answer) const {
-    *answer = {};
-    const ssize_t head = recv(ends_[1], Wire(answer), 4, MSG_DONTWAIT);
-    if (head != 4) return false;
-    const std::size_t rest = answer->Length - 4;
-    return recv(ends_[1], Wire(answer) + 4, rest, MSG_DONTWAIT) == static_cast<ssize_t>(rest);
+  std::string ReceivedBytes() const {
+    std::string bytes(1 << 16, '\0');
+    const ssize_t got = recv(ends_[1], bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return bytes;
+  }
+  // The agent's own answers that have come since the last look: "TAG: CODE, ERRNO".
+  Texts Received() const {
+    Texts answers;
+    const std::string bytes = ReceivedBytes();
+    for (std::size_t at = 0; at < bytes.size(); at += lumo::kEmptyMessage) {
+      const auto answer = lumo::Decode(bytes.substr(at, lumo::kEmptyMessage));
+      if (!answer) return {"not a message"};
+      EXPECT_EQ(answer->TaskName, getpid());
+      answers.push_back(std::to_string(answer->AstInd()) + ": " + std::to_string(answer->CodErr) +
+                        ", " + std::to_string(answer->SysErr));
+    }
+    return answers;
   }
 
  private:
@@ -312,6 +282,18 @@ class AgentTest : public testing::Test {
       if (link == g_DbcI.LinkList) break;
     }
     return names;
+  }
+
+  // The requests that are noted as sent, and those that wait.
+  static int InFlight() {
+    int count = 0;
+    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
+    return count;
+  }
+  static int Waiting() {
+    int count = 0;
+    for (const SavedMessage& saved : g_DbcI.SavedArray) count += InUse(saved);
+    return count;
   }
 
   // Answers that the agent put through g_DbcI.PutMsg, in order.

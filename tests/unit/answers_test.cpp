@@ -1,52 +1,18 @@
 // Requests out and answers in, as the link sees them: the format of what comes from the network,
 // the request that an answer belongs to, recording and sending, and the flush of what waited.
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <random>
 
 #include "core/status.h"
-#include "lib/message_codec.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_lines.h"
 
 namespace {
 
-constexpr char kBadFormat[] = "Network packet format is fail.";
-constexpr char kNotSent[] = "The message were not send by the agent. Skip the message";
-constexpr char kFlushFailed[] = " SendMsgToLink from ReadyTcpForWrite failed. errno 0";
-
-// A client's end and the agent's end of a connection.
-class ClientConnection {
- public:
-  ClientConnection() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_), 0); }
-  ~ClientConnection() {
-    close(ends_[0]);
-    close(ends_[1]);
-  }
-  ClientConnection(const ClientConnection&) = delete;
-  ClientConnection& operator=(const ClientConnection&) = delete;
-
-  int AgentEnd() const { return ends_[1]; }
-  // The next answer, or one whose code is -1 when none is there.
-  lumo::Message Next() {
-    std::string frame(108, '\0');
-    const ssize_t got = recv(ends_[0], frame.data(), frame.size(), MSG_DONTWAIT);
-    if (got != static_cast<ssize_t>(frame.size())) return NoAnswer();
-    return lumo::Decode(frame).value_or(NoAnswer());
-  }
-  bool Empty() { return Next().CodErr == -1; }
-
- private:
-  static lumo::Message NoAnswer() {
-    lumo::Message none;
-    none.CodErr = -1;
-    return none;
-  }
-  int ends_[2];
-};
+constexpr char kBadFormat[] = "2 link|Network packet format is fail.";
+constexpr char kNotSent[] = "2 link|The message were not send by the agent. Skip the message";
+constexpr char kFlushFailed[] = "15 link| SendMsgToLink from ReadyTcpForWrite failed. errno 0";
 
 // Answers
 
@@ -76,12 +42,9 @@ class NetworkAnswer : public AgentTest {
 
   static void ExpectRefused(std::initializer_list<std::uint16_t> counts) {
     ClientMessage msg = WithCounts(counts);
-    g_DbcI.LogLevel = kLogError;
-    CapturedStderr log;
+    const CapturedLog log(kLogError);
     EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
-    EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
-    EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kBadFormat), 1);
-    g_DbcI.LogLevel = 0;
+    EXPECT_EQ(log.Lines(), Texts{kBadFormat});
   }
 
   static void AddInfo(Link* link, std::int32_t task, int socket, std::uint16_t astInd) {
@@ -138,20 +101,15 @@ TEST_F(NetworkAnswer, StringsThatWouldPassAloneAreRefusedWhenTogetherTheyLeaveTh
 
 TEST_F(NetworkAnswer, TheRefusalIsTracedWithItsWord) {
   ClientMessage msg = WithCounts({8187, 0, 0, 0});
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   HandleNetworkMsg("caller", 12, &msg);
-  const std::vector<CapturedLine> lines = CapturedLines(log.Text());
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].Text, "'HandleNetworkMsg' Call from caller:12 ");
-  EXPECT_EQ(lines[1].Text, kBadFormat);
-  EXPECT_EQ(lines[2].Text, "'HandleNetworkMsg' Leave FAILED format");
+  EXPECT_EQ(log.Lines(), (Texts{"15 link|'HandleNetworkMsg' Call from caller:12 ", kBadFormat,
+                                "15 link|'HandleNetworkMsg' Leave FAILED format"}));
 }
 
 TEST_F(NetworkAnswer, TheRefusalIsNotWrittenBelowLevelTwo) {
   ClientMessage msg = WithCounts({8187, 0, 0, 0});
-  g_DbcI.LogLevel = kLogDefault;
-  CapturedStderr log;
+  const CapturedLog log(kLogDefault);
   EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
   EXPECT_EQ(log.Text(), "");
 }
@@ -183,11 +141,9 @@ TEST_F(NetworkAnswer, TaskNameAndTagMustBothMatch) {
 }
 
 TEST_F(NetworkAnswer, AnAnswerThatMatchesNothingIsReportedAtLevelTwo) {
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
-  EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
+  EXPECT_EQ(log.Lines(), Texts{kNotSent});
 }
 
 TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
@@ -195,27 +151,18 @@ TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
   AddInfo(link, 10, 5, 1);
   AddInfo(link, 11, 5, 2);
   AddInfo(link, 12, 5, 3);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2"),
-            1);
+  log.ExpectOnce("15 link|MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2");
+  log.ExpectOnce("15 link|MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2");
   EXPECT_FALSE(log.Contains("MsgInfo->TaskName = 12"));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "'MarkTheMsgAsReceived' Leave SUCCESS"),
-            1);
+  log.ExpectOnce("15 link|'MarkTheMsgAsReceived' Leave SUCCESS");
 }
 
 TEST_F(NetworkAnswer, AFailedSearchIsTracedWithItsWord) {
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended"),
-            1);
+  log.ExpectOnce("15 link|'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended");
 }
 
 TEST_F(NetworkAnswer, AReleasedRequestDoesNotMatchAgain) {
@@ -255,15 +202,12 @@ TEST_F(NetworkAnswer, AnAnswerToNoRequestGoesToNobody) {
   Link* const link = AddLink("A");
   AddInfo(link, 4321, 17, 9);
   ClientMessage answer = MakeRequest(4321, -7, 8);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
   EXPECT_TRUE(Answers.empty());
   EXPECT_EQ(Info(0).Link, link);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", kNotSent), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived"),
-            1);
+  log.ExpectOnce(kNotSent);
+  log.ExpectOnce("15 link|'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived");
 }
 
 TEST_F(NetworkAnswer, OnlyTheTrailerSaysWhoseAnswerItIs) {
@@ -324,91 +268,63 @@ class RequestSending : public NetworkAnswer {
     Node->State = kLinkConnected;
   }
 
-  ClientMessage RequestOf(ClientConnection& client, std::uint16_t astInd) {
-    return MakeRequest(getpid(), client.AgentEnd(), astInd, {"select"});
+  ClientMessage RequestOf(const FakeClient& client, std::uint16_t astInd) {
+    return MakeRequest(getpid(), client.Socket(), astInd, {"select"});
   }
   int Send(ClientMessage* msg) { return SendMsgToLink("test", __LINE__, Node, msg); }
-  void Save(ClientConnection& client, std::uint16_t astInd, Link* link) {
+  void Save(const FakeClient& client, std::uint16_t astInd, Link* link) {
     const ClientMessage msg = RequestOf(client, astInd);
     EXPECT_EQ(SaveUnsendMsg("test", __LINE__, &msg, link), 0);
   }
   int Flush() { return SendAllSavedMsgToTheLink("test", __LINE__, Node); }
 
-  static void ExpectError(ClientConnection& client, std::uint16_t astInd, int codErr, int sysErr) {
-    const lumo::Message answer = client.Next();
-    EXPECT_EQ(answer.CodErr, codErr);
-    EXPECT_EQ(answer.SysErr, sysErr);
-    EXPECT_EQ(answer.AstInd(), astInd);
-    EXPECT_EQ(answer.TaskName, getpid());
-  }
   std::vector<std::uint16_t> SentTags() {
     std::vector<std::uint16_t> tags;
     for (const ClientMessage& msg : Fake().Sent) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
     return tags;
-  }
-  static int InFlight() {
-    int count = 0;
-    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
-    return count;
-  }
-  static int Waiting() {
-    int count = 0;
-    for (const SavedMessage& saved : g_DbcI.SavedArray) count += InUse(saved);
-    return count;
   }
 
   Link* Node = nullptr;
 };
 
 TEST_F(RequestSending, TheRequestIsRecordedBeforeItGoesOut) {
-  ClientConnection client;
+  FakeClient client;
   ClientMessage msg = RequestOf(client, 7);
   bool recorded = false;
   Fake().OnSend = [&](Link* link, ClientMessage*) {
     recorded = InFlight() == 1 && Info(0).Link == link && Info(0).TaskName == getpid() &&
-               Info(0).Socket == client.AgentEnd() && Info(0).AstInd == 7;
+               Info(0).Socket == client.Socket() && Info(0).AstInd == 7;
     return 0;
   };
   EXPECT_EQ(Send(&msg), 0);
   EXPECT_TRUE(recorded);
   EXPECT_EQ(InFlight(), 1);
   EXPECT_EQ(Node->State, kLinkConnected);
-  EXPECT_TRUE(client.Empty());
+  EXPECT_EQ(client.Received(), Texts{});
 }
 
 TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
-  ClientConnection client;
+  FakeClient client;
   ClientMessage msg = RequestOf(client, 7);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Send(&msg), -1);
-  }
-  ExpectError(client, 7, 4200, 0);
-  EXPECT_TRUE(client.Empty());
+  const CapturedLog log;
+  EXPECT_EQ(WithoutMemory([&] { return Send(&msg); }), -1);
+  EXPECT_EQ(client.Received(), Texts{"7: 4200, 0"});
   EXPECT_TRUE(Fake().Sent.empty());
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "SaveMsgInfo return bad status. Send Error to client"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "link", "'SendMsgToLink' Leave FAILED Save message"), 1);
+  log.ExpectOnce("15 link|SaveMsgInfo return bad status. Send Error to client");
+  log.ExpectOnce("15 link|'SendMsgToLink' Leave FAILED Save message");
 }
 
 TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
-  ClientConnection client;
+  FakeClient client;
   for (std::uint16_t tag = 1; tag <= 2; ++tag) {
     ClientMessage msg = RequestOf(client, tag);
     ASSERT_EQ(Send(&msg), 0);
   }
   ClientMessage third = RequestOf(client, 3);
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Send(&third), -1);
-  }
-  ExpectError(client, 3, 4200, 0);
+  EXPECT_EQ(WithoutMemory([&] { return Send(&third); }), -1);
+  EXPECT_EQ(client.Received(), Texts{"3: 4200, 0"});
   EXPECT_EQ(InFlight(), 2);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
   EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
@@ -417,7 +333,7 @@ TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
 TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
   Link* const other = AddLink("B");
   other->State = kLinkConnected;
-  ClientConnection first, second, third, elsewhere;
+  FakeClient first, second, third, elsewhere;
   ClientMessage sent = RequestOf(first, 1);
   ASSERT_EQ(Send(&sent), 0);
   ClientMessage sentElsewhere = RequestOf(elsewhere, 2);
@@ -428,26 +344,23 @@ TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
     return 4007;
   };
   ClientMessage failing = RequestOf(third, 4);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Send(&failing), -1);
-  ExpectError(first, 1, 4007, EPIPE);
-  ExpectError(second, 3, 4007, EPIPE);
-  ExpectError(third, 4, 4007, EPIPE);
-  EXPECT_TRUE(first.Empty() && second.Empty() && third.Empty() && elsewhere.Empty());
+  EXPECT_EQ(first.Received(), Texts{"1: 4007, 32"});
+  EXPECT_EQ(second.Received(), Texts{"3: 4007, 32"});
+  EXPECT_EQ(third.Received(), Texts{"4: 4007, 32"});
+  EXPECT_EQ(elsewhere.Received(), Texts{});
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_EQ(other->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 1);
   EXPECT_EQ(Waiting(), 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", "Send to network failed"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  A"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'SendMsgToLink' Leave FAILED send(protocol function)"),
-            1);
+  log.ExpectOnce("15 link|Send to network failed");
+  log.ExpectOnce("Disconnect link  A");
+  log.ExpectOnce("15 link|'SendMsgToLink' Leave FAILED send(protocol function)");
 }
 
 TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
-  ClientConnection client;
+  FakeClient client;
   Save(client, 1, Node);
   Save(client, 2, Node);
   Save(client, 3, Node);
@@ -457,12 +370,12 @@ TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
   EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{4, 2, 3}));
   EXPECT_EQ(Waiting(), 0);
   EXPECT_EQ(InFlight(), 3);
-  EXPECT_TRUE(client.Empty());
+  EXPECT_EQ(client.Received(), Texts{});
 }
 
 TEST_F(RequestSending, RequestsForOtherLinksGoOnWaiting) {
   Link* const other = AddLink("B");
-  ClientConnection client;
+  FakeClient client;
   Save(client, 1, other);
   Save(client, 2, Node);
   Save(client, 3, other);
@@ -479,37 +392,28 @@ TEST_F(RequestSending, AFlushWithNothingWaitingDoesNothing) {
 }
 
 TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
-  ClientConnection client;
+  FakeClient client;
   for (std::uint16_t tag = 1; tag <= 3; ++tag) Save(client, tag, Node);
   Fake().OnSend = [&](Link*, ClientMessage*) {
     if (Fake().Sent.size() < 2) return 0;
     errno = ECONNRESET;
     return 4007;
   };
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Flush(), kStatusSend);
   EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) ExpectError(client, tag, 4007, ECONNRESET);
-  EXPECT_TRUE(client.Empty());
+  EXPECT_EQ(client.Received(), (Texts{"1: 4007, 104", "2: 4007, 104", "3: 4007, 104"}));
   EXPECT_EQ(Waiting() + InFlight(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link", kFlushFailed), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "link",
-                          "'SendAllSavedMsgToTheLink' Leave FAILED send message"),
-            1);
+  log.ExpectOnce(kFlushFailed);
+  log.ExpectOnce("15 link|'SendAllSavedMsgToTheLink' Leave FAILED send message");
 }
 
 TEST_F(RequestSending, AFlushWithoutMemoryAnswersOneWith4200AndTheRestWith4007) {
-  ClientConnection client;
+  FakeClient client;
   for (std::uint16_t tag = 1; tag <= 2; ++tag) Save(client, tag, Node);
-  {
-    FailingAllocations none;
-    EXPECT_EQ(Flush(), kStatusSend);
-  }
-  ExpectError(client, 1, 4200, 0);
-  ExpectError(client, 2, 4007, 0);
-  EXPECT_TRUE(client.Empty());
+  EXPECT_EQ(WithoutMemory([&] { return Flush(); }), kStatusSend);
+  EXPECT_EQ(client.Received(), (Texts{"1: 4200, 0", "2: 4007, 0"}));
   EXPECT_TRUE(Fake().Sent.empty());
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }

@@ -3,23 +3,14 @@
 #pragma once
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <map>
 #include <string>
 
-#include "lib/message_codec.h"
+#include "tests/support/client.h"
+#include "tests/support/process.h"
 #include "tests/unit/agent_test.h"
-
-// The number of a process that has just ended.
-inline pid_t EndedProcess() {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(0);
-  waitpid(pid, nullptr, 0);
-  return pid;
-}
 
 class ClientTest : public AgentTest {
  protected:
@@ -76,15 +67,6 @@ class ClientTest : public AgentTest {
   }
   static std::string FrameOf(const lumo::Message& message) {
     return lumo::Encode(message, lumo::Lengths::Client);
-  }
-  // The agent's own answer, as it goes over the connection.
-  static std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr) {
-    lumo::Message answer;
-    answer.TaskName = request.TaskName;
-    answer.CodErr = codErr;
-    answer.SysErr = sysErr;
-    answer.SetAstInd(request.AstInd());
-    return FrameOf(answer);
   }
 
  private:

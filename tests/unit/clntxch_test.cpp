@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "core/stream.h"
@@ -31,8 +30,7 @@ class ClientReading : public ClientTest {
   // The connection is closed as if the client had hung up, and the log says why.
   void ExpectRefused(const std::string& bytes, const std::string& line) {
     socket_ = Connect();
-    g_DbcI.LogLevel = 2;
-    const CapturedStderr log;
+    const CapturedLog log(kLogError);
     Come(socket_, bytes);
     EXPECT_EQ(Read(), -1);
     EXPECT_TRUE(log.Contains("|" + line + "\n")) << log.Text();
@@ -116,8 +114,7 @@ TEST_F(ClientReading, StringsThatLeaveTheAreaCloseTheConnection) {
 
 TEST_F(ClientReading, AHangUpClosesAndForgetsTheConnection) {
   HangUp(socket_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), -1);
   EXPECT_TRUE(log.Contains("|recv return 0\n"));
   EXPECT_TRUE(log.Contains("|UNREGISTER_SOCKET_FOR_READ_EVENT " + std::to_string(socket_) + "\n"));
@@ -138,8 +135,7 @@ TEST_F(ClientReading, AFailedReceiveLeavesTheConnectionAsItIs) {
   close(Far(socket_));
   const int spare = open("/dev/null", O_RDONLY);  // takes the number that the fixture will close
   EXPECT_EQ(spare, Far(socket_));
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|Receive message from client fail. Call:recv. Errno 104\n"));
@@ -166,8 +162,7 @@ TEST_F(ClientReading, TheTraceTellsEachReceiveAndTheFieldsInOrder) {
   request.LnBufRow = 7;
   request.PrzExe = 0xBEEF;
   Come(socket_, FrameOf(request));
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Read();
   std::string texts;
   const std::string all = log.Text();
@@ -204,6 +199,17 @@ class ClientAnswers : public ClientTest {
     return MakeRequest(task, socket_, 9, {"row"});
   }
   static int Put_(ClientMessage* msg) { return PutMsgToClient(kHere, 1, msg); }
+  int PutAnswer(std::int32_t task = getpid()) const {
+    ClientMessage msg = Answer(task);
+    return Put_(&msg);
+  }
+  // The answer does not go out, with this error in the log.
+  static void ExpectFailure(ClientMessage msg, int error) {
+    const CapturedLog log(kLogError);
+    EXPECT_EQ(Put_(&msg), -1);
+    EXPECT_EQ(log.Lines(),
+              Texts{"2 clntxch|Send to client fail. Call:send. errno " + std::to_string(error)});
+  }
   static void Note(Link* link, std::int32_t task, std::uint16_t astInd) {
     const MsgInfo info = {.Link = link, .TaskName = task, .Socket = 3, .AstInd = astInd};
     ASSERT_EQ(SaveMsgInfo(kHere, 1, &info), 0);
@@ -239,10 +245,8 @@ TEST_F(ClientAnswers, TheWholeSizeGoesOutAsLength) {
 }
 
 TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
-  ClientMessage msg = Answer();
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  Put_(&msg);
+  const CapturedLog log;
+  PutAnswer();
   const std::string text = log.Text();
   std::size_t at = 0;
   for (const char* part :
@@ -256,10 +260,8 @@ TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
 }
 
 TEST_F(ClientAnswers, ADeadClientGetsNothing) {
-  ClientMessage msg = Answer(EndedProcess());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  EXPECT_EQ(Put_(&msg), -1);
+  const CapturedLog log;
+  EXPECT_EQ(PutAnswer(test::DeadPid()), -1);
   EXPECT_TRUE(log.Contains("|The message wasn't send to client. Client is dead\n"));
   EXPECT_TRUE(log.Contains("'PutMsgToClient' Leave FAILED client is not alive\n"));
   EXPECT_EQ(Take(socket_), "");
@@ -267,7 +269,7 @@ TEST_F(ClientAnswers, ADeadClientGetsNothing) {
 
 TEST_F(ClientAnswers, TheRequestsOfADeadClientArePurgedByTheFirstHalfWordOfTheTrailer) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   ClientMessage msg = Answer(dead);  // its AstInd is 9
   Put(Trailer(&msg), kTrailerFirstHalfWord, std::uint16_t{77});
   Note(link, dead, 9);
@@ -284,50 +286,37 @@ TEST_F(ClientAnswers, TheRequestsOfADeadClientArePurgedByTheFirstHalfWordOfTheTr
 TEST_F(ClientAnswers, TheEntriesOfADeadClientAreTakenFromTheList) {
   Link* const link = AddLink("SRV");
   link->State = kLinkConnected;
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   AddClientPidIntoList(kHere, 1, link, dead, socket_);
-  ClientMessage msg = Answer(dead);
-  EXPECT_EQ(Put_(&msg), -1);
+  EXPECT_EQ(PutAnswer(dead), -1);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 0);
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
 }
 
 TEST_F(ClientAnswers, TaskZeroFailsWheneverAListedClientIsDead) {
-  ClientMessage msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), 0) << "nobody is listed";
+  EXPECT_EQ(PutAnswer(0), 0) << "nobody is listed";
   AddClientPidIntoList(kHere, 1, AddLink("SRV"), getpid(), socket_);
-  msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), 0) << "all who are listed live";
-  AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, EndedProcess(), socket_);
-  msg = Answer(0);
-  EXPECT_EQ(Put_(&msg), -1);
+  EXPECT_EQ(PutAnswer(0), 0) << "all who are listed live";
+  AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, test::DeadPid(), socket_);
+  EXPECT_EQ(PutAnswer(0), -1);
 }
 
 TEST_F(ClientAnswers, AnAnswerToAClosedConnectionFailsWithErrno9) {
   ClientMessage msg = Answer();
   msg.ClientSocket = -1;
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 9\n"));
+  ExpectFailure(msg, EBADF);
 }
 
 TEST_F(ClientAnswers, AFailedSendLeavesTheConnectionToTheReader) {
   HangUp(socket_);
-  ClientMessage msg = Answer();
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
+  ExpectFailure(Answer(), EPIPE);
   EXPECT_TRUE(IsOpen(socket_) && IsClient(socket_) && IsRead(socket_));
 }
 
 TEST_F(ClientAnswers, AClientMayLeaveOneMebibyteUnread) {
   ClientMessage msg = Answer();
   KeepUnsent(kMebibyte - msg.Length - 4);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Put_(&msg), 0);
   EXPECT_EQ(UnsentBytes(socket_), kMebibyte);
   EXPECT_TRUE(IsClient(socket_));
@@ -335,12 +324,9 @@ TEST_F(ClientAnswers, AClientMayLeaveOneMebibyteUnread) {
 }
 
 TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
-  ClientMessage msg = Answer();
+  const ClientMessage msg = Answer();
   KeepUnsent(kMebibyte - msg.Length - 3);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
-  EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 105\n"));
+  ExpectFailure(msg, ENOBUFS);
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
   EXPECT_FALSE(FD_ISSET(socket_, &g_DbcI.SocketSets.WriteSet));
   EXPECT_EQ(UnsentDescriptors(), 0);
@@ -349,8 +335,7 @@ TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
 TEST_F(ClientAnswers, AFailedFlushClosesTheConnection) {
   KeepUnsent(1000);
   HangUp(socket_);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   FlushClient(socket_);
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
@@ -420,8 +405,7 @@ TEST_F(AgentBuiltAnswers, LeaveTheLinkOfASavedRequestAlone) {
 TEST_F(AgentBuiltAnswers, AreTraced) {
   ClientMessage answer;
   const MsgInfo info = {};
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   MakeAnswerFromMsgInfo(kHere, 1, &answer, &info, 4007, 32);
   EXPECT_TRUE(log.Contains("|MakeAnswerFromMsgInfo(TavrinError=4007, SysError=32)\n"));
 }
@@ -441,9 +425,8 @@ class LivingClients : public ClientTest {
 
 TEST_F(LivingClients, ALivingProcessIsFoundByTheShortTest) {
   Link* const link = AddLink("SRV");
-  List(link, EndedProcess());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  List(link, test::DeadPid());
+  const CapturedLog log;
   EXPECT_EQ(Test(getpid()), 0);
   EXPECT_TRUE(log.Contains("'TestAliveClient' Leave SUCCESS short test\n"));
   EXPECT_NE(Listed()[0], 0) << "the list is not looked at";
@@ -478,7 +461,7 @@ TEST_F(LivingClients, AProcessOfAnotherUserIsAlive) {
 
 TEST_F(LivingClients, OnlyTheEntriesOfTheProcessAskedForAreTested) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess(), alsoDead = EndedProcess();
+  const pid_t dead = test::DeadPid(), alsoDead = test::DeadPid();
   List(link, dead);
   List(link, alsoDead);
   EXPECT_EQ(Test(dead), 1);
@@ -487,11 +470,10 @@ TEST_F(LivingClients, OnlyTheEntriesOfTheProcessAskedForAreTested) {
 
 TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
   Link* const link = AddLink("SRV");
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   List(link, dead);
   List(link, getpid());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Listed(), (std::vector<int>{0, getpid()}));
   EXPECT_TRUE(log.Contains("|Test Client \"" + std::to_string(dead) + "\" is dead\n"));
@@ -503,14 +485,14 @@ TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
 TEST_F(LivingClients, ADeathIsToldForEachConnectionOfTheProcess) {
   Link* const link = AddLink("SRV");
   link->State = kLinkConnected;
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   for (const int socket : {5, 6}) EXPECT_EQ(AddClientPidIntoList(kHere, 1, link, dead, socket), 0);
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Fake().DeadClients, (std::vector<int>{dead, dead}));
 }
 
 TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
-  const pid_t dead = EndedProcess();
+  const pid_t dead = test::DeadPid();
   Link* const links[] = {AddLink("A"), AddLink("B"), AddLink("C")};
   links[1]->State = kLinkConnected;
   links[2]->State = kLinkConnecting;
@@ -525,7 +507,7 @@ TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
 }
 
-TEST_F(LivingClients, AnUnknownDeadProcessIsDeadAllTheSame) { EXPECT_EQ(Test(EndedProcess()), 1); }
+TEST_F(LivingClients, AnUnknownDeadProcessIsDeadAllTheSame) { EXPECT_EQ(Test(test::DeadPid()), 1); }
 
 TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
   AddLink("A")->State = kLinkConnected;
@@ -534,12 +516,11 @@ TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
   for (int check = 1; check < 151; ++check) Test(0);
   EXPECT_EQ(ClientTimeout, 1);
   EXPECT_TRUE(Fake().Calls.empty());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Test(0);
   EXPECT_TRUE(log.Contains("|Client timeout is expire. Disconnect all link.\n"));
   EXPECT_TRUE(log.Contains("Link = A, TavrinErr = 0, SysErr = 0\n"));
-  EXPECT_EQ(Fake().Calls, (std::vector<std::string>{"DisconnectLink A", "DisconnectLink C"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"DisconnectLink A", "DisconnectLink C"}));
 }
 
 TEST_F(LivingClients, TheCountdownThenStandsStillUntilTheNextRequest) {
@@ -567,7 +548,7 @@ TEST_F(LivingClients, TheCountdownRunsOnlyWithoutClients) {
   EXPECT_EQ(ClientTimeout, 150) << "a list without entries in use counts as none";
   Test(getpid());
   EXPECT_EQ(ClientTimeout, 150) << "the short test does not count";
-  List(link, EndedProcess());
+  List(link, test::DeadPid());
   ClientTimeout = 100;
   Test(0);
   EXPECT_EQ(ClientTimeout, 100) << "it was listed when the check began";
@@ -601,10 +582,13 @@ class ClientList : public ClientTest {
     }
     return text;
   }
-  static std::string LeaveWord(const std::string& log) {
-    const std::string mark = "'AddClientPidIntoList' Leave ";
-    const std::size_t at = log.find(mark);
-    return at == std::string::npos ? "" : log.substr(at + mark.size());
+  // With what word adding the client ends.
+  std::string LeaveWord(int pid) const {
+    const CapturedLog log;
+    Add(link_, pid, 5);
+    const std::string text = log.Text(), mark = "'AddClientPidIntoList' Leave ";
+    const std::size_t at = text.find(mark);
+    return at == std::string::npos ? "" : text.substr(at + mark.size());
   }
 
   Link* link_ = nullptr;
@@ -621,20 +605,9 @@ TEST_F(ClientList, AClientIsListedOncePerLinkAndConnection) {
 }
 
 TEST_F(ClientList, EachCaseLeavesWithItsWord) {
-  g_DbcI.LogLevel = 15;
-  {
-    const CapturedStderr log;
-    Add(link_, 10, 5);
-    EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS\n");
-  }
-  {
-    const CapturedStderr log;
-    Add(link_, 10, 5);
-    EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS element already exist\n");
-  }
-  const CapturedStderr log;
-  Add(link_, 11, 5);
-  EXPECT_EQ(LeaveWord(log.Text()), "SUCCESS save to exist blank element\n");
+  EXPECT_EQ(LeaveWord(10), "SUCCESS\n");
+  EXPECT_EQ(LeaveWord(10), "SUCCESS element already exist\n");
+  EXPECT_EQ(LeaveWord(11), "SUCCESS save to exist blank element\n");
 }
 
 TEST_F(ClientList, AFreeElementAheadOfTheClientsOwnIsFilled) {
@@ -674,12 +647,8 @@ TEST_F(ClientList, OlderEntriesAreDroppedAtEachGrowth) {
 TEST_F(ClientList, WithoutMemoryTheOldListStays) {
   Add(link_, 10, 5);
   Add(link_, 11, 6);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Add(link_, 12, 7), -1);
-  }
+  const CapturedLog log(kLogError);
+  EXPECT_EQ(WithoutMemory([&] { return Add(link_, 12, 7); }), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
   EXPECT_EQ(Shown(), "10/5 11/6 ");

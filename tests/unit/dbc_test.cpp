@@ -2,9 +2,6 @@
 // when a descriptor goes bad.
 #include "core/dbc.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -13,22 +10,20 @@
 #include <fstream>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "core/loop.h"
 #include "core/turn.h"
+#include "tests/support/agent.h"
 #include "tests/support/connection.h"
 #include "tests/support/management.h"
+#include "tests/support/node.h"
 #include "tests/support/wait.h"
 #include "tests/unit/client_fixture.h"
-#include "tests/unit/log_texts.h"
 #include "tests/unit/system_faults.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 bool Reads(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
 bool Writes(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
@@ -105,26 +100,24 @@ TEST_F(SocketRegistration, DescriptorsBeyondTheSetsAreIgnored) {
 
 TEST_F(SocketRegistration, EachOperationIsTracedAtTheCallersPlace) {
   Link* const link = AddLink("A");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   REGISTER_SOCKET_FOR_WRITE_EVENT("two", 12, 8);
   REGISTER_SOCKET_FOR_THE_LINK("three", 13, 9, link);
   UNREGISTER_SOCKET_FOR_READ_EVENT("four", 14, 10);
   UNREGISTER_SOCKET_FOR_WRITE_EVENT("five", 15, 11);
   UNREGISTER_SOCKET_FOR_THE_LINK("six", 16, 12);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"15 one|REGISTER_SOCKET_FOR_READ_EVENT 7",
-                                         "15 two|REGISTER_SOCKET_FOR_WRITE_EVENT 8",
-                                         "15 three|REGISTER_SOCKET_FOR_THE_LINK 9, A",
-                                         "15 four|UNREGISTER_SOCKET_FOR_READ_EVENT 10",
-                                         "15 five|UNREGISTER_SOCKET_FOR_WRITE_EVENT 11",
-                                         "15 six|UNREGISTER_SOCKET_FOR_THE_LINK 12"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 one|REGISTER_SOCKET_FOR_READ_EVENT 7",
+                                "15 two|REGISTER_SOCKET_FOR_WRITE_EVENT 8",
+                                "15 three|REGISTER_SOCKET_FOR_THE_LINK 9, A",
+                                "15 four|UNREGISTER_SOCKET_FOR_READ_EVENT 10",
+                                "15 five|UNREGISTER_SOCKET_FOR_WRITE_EVENT 11",
+                                "15 six|UNREGISTER_SOCKET_FOR_THE_LINK 12"}));
   EXPECT_TRUE(log.Contains(":  14 "));
 }
 
 TEST_F(SocketRegistration, BelowTheTraceLevelNothingIsWritten) {
-  g_DbcI.LogLevel = 14;
-  CapturedStderr log;
+  const CapturedLog log(14);
   REGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   UNREGISTER_SOCKET_FOR_READ_EVENT("one", 11, 7);
   EXPECT_EQ(log.Text(), "");
@@ -224,18 +217,17 @@ TEST_F(UsingALinkAsDefault, NeedsNoDefaultBefore) {
 }
 
 TEST_F(UsingALinkAsDefault, IsTracedWithTheModuleItBelongsTo) {
-  g_DbcI.LogLevel = 15;
   {
-    CapturedStderr log;
+    const CapturedLog log;
     UseTheLinkAsDefault(77, A);
-    EXPECT_EQ(LogTexts(log.Text()),
+    EXPECT_EQ(log.Lines(),
               (Texts{"15 dbc|'UseTheLinkAsDefault' Call from dbc:77 ",
                      "15 dbc|'UseTheLinkAsDefault' Leave FAILED Link is not connected or Link is "
                      "already default"}));
   }
-  CapturedStderr log;
+  const CapturedLog log;
   UseTheLinkAsDefault(78, B);
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
+  EXPECT_EQ(log.Lines().back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
 }
 
 // The step of the timer: with a link whose TimerEvent asks for a stop it is all that the loop does.
@@ -270,7 +262,7 @@ TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
   const ClientMessage request = MakeRequest(getpid(), socket, 5);
   ASSERT_EQ(SaveUnsendMsg("test", 1, &request, down), 0);
   EXPECT_EQ(RunLoop(), 7);
-  EXPECT_EQ(Take(socket), ErrorFrame(Request("DOWN", 5), 4006, 0));
+  EXPECT_EQ(Take(socket), test::ErrorFrame(Request("DOWN", 5), 4006, 0));
   EXPECT_EQ(down->Books.Waiting, 0);
 }
 
@@ -329,75 +321,12 @@ TEST_F(LinkThatIsDrained, IsLeftWhenAStopIsAskedForMeanwhile) {
   EXPECT_EQ(Fake().Count("ReadyForRead A"), 1);
 }
 
-// A server that is asked but answers only when told.
-class Server {
- public:
-  Server() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        listen(listener_, 4) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
-      ADD_FAILURE() << "no server can be made";
-    port_ = ntohs(address.sin_port);
-  }
-  ~Server() {
-    close(listener_);
-    close(socket_);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-
-  std::string Line(const std::string& name) const {
-    return name + " TCPIP 127.0.0.1 " + std::to_string(port_) + " 0 0 0\n";
-  }
-  bool Accept() {
-    if (!Readable(listener_)) return false;
-    close(socket_);
-    socket_ = accept(listener_, nullptr, nullptr);
-    return socket_ >= 0;
-  }
-  // The next request, to be sent back as its own answer.
-  std::string Request() const {
-    std::string bytes(lumo::kEmptyMessage, '\0');
-    std::size_t come = 0;
-    while (come < bytes.size() && Readable(socket_)) {
-      const ssize_t got = recv(socket_, bytes.data() + come, bytes.size() - come, 0);
-      if (got <= 0) break;
-      come += static_cast<std::size_t>(got);
-    }
-    bytes.resize(come);
-    return bytes;
-  }
-  void Send(const std::string& bytes, int flags = 0) const {
-    EXPECT_EQ(send(socket_, bytes.data(), bytes.size(), flags | MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
-
- private:
-  static bool Readable(int fd) {
-    pollfd ready = {fd, POLLIN, 0};
-    return poll(&ready, 1, static_cast<int>(test::kPatience.count())) > 0;
-  }
-  const int listener_;
-  int socket_ = -1;
-  int port_ = 0;
-};
-
 // The whole program in a child process in which a signal closes a descriptor behind its back.
 class FailingDescriptors : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "lumo-XXXXXX";
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    folder_ = name;
-  }
   void TearDown() override {
     if (pid_ > 0) kill(pid_, SIGKILL);
     if (pid_ > 0) waitpid(pid_, nullptr, 0);
-    std::filesystem::remove_all(folder_);
   }
 
   // Without the trace epoll waits for most descriptors.
@@ -463,6 +392,20 @@ class FailingDescriptors : public testing::Test {
     request.SetAstInd(tag);
     EXPECT_TRUE(client.SendFrame(lumo::Encode(request, lumo::Lengths::Client)));
   }
+  // The request reaches the node over a new connection; it is not answered.
+  static void Reach(test::Node& node, lumo::Connection& client, const std::string& name,
+                    std::uint16_t tag) {
+    Ask(client, name, tag);
+    ASSERT_TRUE(node.Accept());
+    ASSERT_TRUE(node.ReadRequest());
+  }
+  // The node sends the next request back as its own answer, which the client gets.
+  static void ExpectServed(test::Node& node, lumo::Connection& client, std::uint16_t tag) {
+    const auto request = node.ReadRequest();
+    ASSERT_TRUE(request);
+    node.SendMessage(*request);
+    EXPECT_EQ(Answer(client), std::to_string(tag) + ": 0, 0");
+  }
   // The next answer: "TAG: CODE, ERRNO".
   static std::string Answer(lumo::Connection& client) {
     const std::optional<std::string> frame =
@@ -473,11 +416,7 @@ class FailingDescriptors : public testing::Test {
            std::to_string(answer->SysErr);
   }
 
-  std::string Log() const {
-    std::ostringstream text;
-    text << std::ifstream(folder_ / "log").rdbuf();
-    return text.str();
-  }
+  std::string Log() const { return test::ReadFile(folder_ / "log"); }
   int Count(const std::string& text) const {
     const Texts lines = LogTexts(Log());
     return static_cast<int>(std::count(lines.begin(), lines.end(), "15 dbc|" + text));
@@ -524,7 +463,8 @@ class FailingDescriptors : public testing::Test {
   }
   std::string SocketPath() const { return folder_ / "tavrin.7"; }
 
-  std::filesystem::path folder_;
+  const test::TemporaryDirectory directory_;
+  const std::filesystem::path& folder_ = directory_.Path();
   const char* logLevel_ = "15";
   pid_t pid_ = -1;
   std::optional<lumo::Connection> control_;
@@ -534,57 +474,49 @@ class WaitsOfTheAgent : public FailingDescriptors {};
 
 TEST_F(WaitsOfTheAgent, AnAnswerThatIsThereAtOnceNeedsNone) {
   const AnswersAtOnce system;
-  Server a;
+  test::Node a;
   StartWithoutTrace(a.Line("A"));
   lumo::Connection client = Connect();
-  const auto Serve = [&](std::uint16_t tag) {
-    a.Send(a.Request());
-    EXPECT_EQ(Answer(client), std::to_string(tag) + ": 0, 0");
-  };
   Ask(client, "A", 1);
   ASSERT_TRUE(a.Accept());
-  Serve(1);
+  ExpectServed(a, client, 1);
   const int before = system.Waits();
   for (std::uint16_t tag = 2; tag < 42; ++tag) {
     Ask(client, "A", tag);
-    Serve(tag);
+    ExpectServed(a, client, tag);
   }
   EXPECT_LE(system.Waits() - before, 45) << "one for each request";
   EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, WithoutTheTraceALinksIsNoticedAtTheNextTick) {
-  Server a;
+  test::Node a;
   StartWithoutTrace(a.Line("A"));
   lumo::Connection client = Connect();
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ASSERT_FALSE(a.Request().empty());
+  Reach(a, client, "A", 1);
   CloseInAgent(HighestDescriptor());
   Tick();
   EXPECT_EQ(Answer(client), "1: 4005, 9");
   Ask(client, "A", 2);
   ASSERT_TRUE(a.Accept());
-  a.Send(a.Request());
-  EXPECT_EQ(Answer(client), "2: 0, 0");
+  ExpectServed(a, client, 2);
   EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
-  Server a, b;
+  test::Node a, b;
   Start(a.Line("A") + b.Line("B"));
   lumo::Connection client = Connect();
   const int clientFd = NewestClient();
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ASSERT_FALSE(a.Request().empty());
+  Reach(a, client, "A", 1);
   Ask(client, "B", 2);
   ASSERT_TRUE(b.Accept());
-  const std::string request = b.Request();
+  const auto request = b.ReadRequest();  // the link is up
+  ASSERT_TRUE(request);
   const int fdA = DescriptorOfLink("A"), fdB = DescriptorOfLink("B");
   CloseInAgent(fdA);
   EXPECT_EQ(Answer(client), "1: 4005, 9");
-  b.Send(request);
+  b.SendMessage(*request);
   EXPECT_EQ(Answer(client), "2: 0, 0");
   EXPECT_TRUE(FoundGood(fdB));
   EXPECT_TRUE(FoundGood(clientFd));
@@ -592,14 +524,13 @@ TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
   EXPECT_FALSE(Beginning(LogTexts(Log()), {"Disconnect link  A"}).empty());
   Ask(client, "A", 3);
   ASSERT_TRUE(a.Accept());
-  a.Send(a.Request());
-  EXPECT_EQ(Answer(client), "3: 0, 0");
+  ExpectServed(a, client, 3);
   EXPECT_EQ(Stop(), 0);
 }
 
 // The first call of select is the wait that fails, each next one looks at one descriptor.
 TEST_F(FailingDescriptors, ALookThatIsInterruptedIsRepeated) {
-  Server a;
+  test::Node a;
   {
     const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
     Start(a.Line("A"));
@@ -610,8 +541,7 @@ TEST_F(FailingDescriptors, ALookThatIsInterruptedIsRepeated) {
   EXPECT_TRUE(FoundGood(3)) << "the listener was looked at first";
   Ask(client, "A", 1);
   ASSERT_TRUE(a.Accept());
-  a.Send(a.Request());
-  EXPECT_EQ(Answer(client), "1: 0, 0");
+  ExpectServed(a, client, 1);
   EXPECT_EQ(Connect().AgentPid(), client.AgentPid());
   EXPECT_EQ(Stop(), 0);
 }
@@ -631,7 +561,7 @@ TEST_F(FailingDescriptors, OneThatCannotBeLookedAtIsClosed) {
 }
 
 TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
-  Server a;
+  test::Node a;
   Start(a.Line("A"));
   lumo::Connection client = Connect();
   lumo::Connection victim = Connect();
@@ -653,19 +583,17 @@ TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
 }
 
 TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
-  Server a;
+  test::Node a;
   {
     // What the look at the listener leaves in errno is not the link's.
     const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
     Start(a.Line("A"));
   }
   lumo::Connection client = Connect();
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ASSERT_FALSE(a.Request().empty());
+  Reach(a, client, "A", 1);
   lumo::Connection victim = Connect();
   const int victimFd = NewestClient();
-  a.Send("!", MSG_OOB);
+  EXPECT_EQ(send(a.Socket(), "!", 1, MSG_OOB), 1);
   CloseInAgent(victimFd);
   EXPECT_EQ(Answer(client), "1: 4005, 9");
   EXPECT_FALSE(FoundGood(DescriptorOfLink("A")));
@@ -673,12 +601,10 @@ TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
 }
 
 TEST_F(FailingDescriptors, ANumberThatAnotherLinkHasTakenMeanwhileIsNotClosed) {
-  Server a, b;
+  test::Node a, b;
   Start(a.Line("A") + b.Line("B"));
   lumo::Connection client = Connect();
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ASSERT_FALSE(a.Request().empty());
+  Reach(a, client, "A", 1);
   const lumo::Answer deletion = lumo::DeleteNodeByName(Control(), "A");
   ASSERT_TRUE(deletion && deletion->Result == lumo::kDeletionPending);
   const int fdA = DescriptorOfLink("A");
@@ -687,8 +613,7 @@ TEST_F(FailingDescriptors, ANumberThatAnotherLinkHasTakenMeanwhileIsNotClosed) {
   ASSERT_EQ(DescriptorOfLink("B"), fdA);
   ASSERT_TRUE(b.Accept());
   Ask(client, "", 2);
-  b.Send(b.Request());
-  EXPECT_EQ(Answer(client), "2: 0, 0");
+  ExpectServed(b, client, 2);
   EXPECT_EQ(Stop(), 0);
 }
 

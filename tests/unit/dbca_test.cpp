@@ -1,7 +1,6 @@
 #include "api/dbca.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -9,6 +8,7 @@
 
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/system_faults.h"
 
@@ -53,6 +53,13 @@ class ManagementCommands : public AgentTest {
     A = AddLink("A");
     B = AddLink("B");
     C = AddLink("C");
+  }
+
+  // A request of the client that names the node waits for the link.
+  static void Wait(const FakeClient& client, Link* link, const std::string& node) {
+    ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
+    node.copy(request.CBL.Node, sizeof request.CBL.Node);
+    ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, link), 0);
   }
 
   ClientMessage Answer = {};
@@ -130,8 +137,7 @@ TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
 
 TEST_F(ManagementCommands, TheTraceShowsTheIntegerArgumentAndTheResult) {
   AddThreeLinks();
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr trace;
+  const CapturedLog trace;
   Command(105, 1);
   EXPECT_TRUE(trace.Contains("|Command dbcapi 1\n"));
   EXPECT_TRUE(trace.Contains("|Return char value \"B       \" return int value 1\n"));
@@ -218,26 +224,14 @@ TEST_F(ManagementCommands, AnybodyUnlocksAnOldLock) {
 
 class NodetabPathCommand : public ManagementCommands {
  protected:
-  void SetUp() override {
-    ManagementCommands::SetUp();
-    const char* const base = std::getenv("TMPDIR");
-    Directory = std::string(base ? base : "/tmp") + "/dbca_test_XXXXXX";
-    ASSERT_NE(mkdtemp(Directory.data()), nullptr);
-  }
-  void TearDown() override {
-    unlink(Path.c_str());
-    for (; Directory.find("dbca_test_") != std::string::npos;
-         Directory.resize(Directory.rfind('/')))
-      rmdir(Directory.c_str());
-    ManagementCommands::TearDown();
-  }
   void MakeFile(const std::string& name) {
     Path = Directory + "/" + name;
     std::ofstream(Path) << "A FAKE\n";
     g_DbcI.NodetabPath = Path.data();
   }
 
-  std::string Directory, Path;
+  const test::TemporaryDirectory Temporary;
+  std::string Directory = Temporary.Path(), Path;
 };
 
 TEST_F(NodetabPathCommand, ThePathIsReturnedWithItsNulAndNoPadding) {
@@ -530,40 +524,28 @@ TEST_F(ManagementCommands, ADeletedNodeIsNotConnectedByADeletionItSetsOff) {
 
 TEST_F(ManagementCommands, RequestsWaitingForADeletedNodeAreToldThatItIsUnknown) {
   AddThreeLinks();
-  FakeClient client;
-  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  std::memcpy(request.CBL.Node, "C       ", 8);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, C), 0);
+  const FakeClient client;
+  Wait(client, C, "C       ");
   EXPECT_EQ(Command(123, 0, "C"), 0);
-  ClientMessage answer;
-  ASSERT_TRUE(client.Next(&answer));
-  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
-  EXPECT_EQ(answer.CBL.SysErr, 0);
+  EXPECT_EQ(client.Received(), Texts{"9: 4050, 0"});
   EXPECT_EQ(GetNextUnsendMsg(nullptr), nullptr);
 }
 
 TEST_F(ManagementCommands, RequestsThatNamedADeletedDefaultAreNotTakenForServed) {
   AddThreeLinks();
-  FakeClient client;
-  ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  std::memcpy(request.CBL.Node, "A       ", 8);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  const FakeClient client;
+  Wait(client, A, "A       ");
   EXPECT_EQ(Command(125), 0);
-  ClientMessage answer;
-  ASSERT_TRUE(client.Next(&answer));
-  EXPECT_EQ(answer.CBL.CodErr, kStatusUnknownNode);
-  EXPECT_FALSE(client.Next(&answer));
+  EXPECT_EQ(client.Received(), Texts{"9: 4050, 0"});
 }
 
 TEST_F(ManagementCommands, RequestsForTheDefaultGoOnWhenItIsDeleted) {
   AddThreeLinks();
-  FakeClient client;
-  const ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, A), 0);
+  const FakeClient client;
+  Wait(client, A, "");
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
-  ClientMessage answer;
-  EXPECT_FALSE(client.Next(&answer));
+  EXPECT_EQ(client.Received(), Texts{});
 }
 
 TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {
@@ -709,8 +691,7 @@ TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
 TEST_F(ManagementCommands, ACommandsTraceCarriesItsNameAndWord) {
   AddThreeLinks();
   B->State = kLinkConnected;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr trace;
+  const CapturedLog trace;
   Command(124, 1);
   EXPECT_TRUE(trace.Contains("'DelNode' Leave FAIL\n"));
   EXPECT_TRUE(trace.Contains("'ApiDelNode' Leave FAIL\n"));

@@ -2,7 +2,6 @@
 #include "client/dispatch.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -34,7 +33,12 @@ class RequestDispatch : public ClientTest {
     return Serve(Request(node, astInd));
   }
   void ExpectOnlyError(const lumo::Message& request, int codErr, int sysErr) {
-    EXPECT_EQ(Take(socket_), ErrorFrame(request, codErr, sysErr));
+    EXPECT_EQ(Take(socket_), test::ErrorFrame(request, codErr, sysErr));
+  }
+  // A request is handled with this result, and answered with an error.
+  void ExpectAnswered(const lumo::Message& request, int result, int codErr, int sysErr) {
+    EXPECT_EQ(Serve(request), result);
+    ExpectOnlyError(request, codErr, sysErr);
   }
   static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
     lumo::Message request = Request(node, 3);
@@ -78,7 +82,6 @@ class RequestDispatch : public ClientTest {
 
   int socket_ = -1;
 };
-using Calls = std::vector<std::string>;
 
 TEST_F(RequestDispatch, NothingReadYetIsHandled) {
   AddLink("A");
@@ -88,8 +91,7 @@ TEST_F(RequestDispatch, NothingReadYetIsHandled) {
 
 TEST_F(RequestDispatch, AFailedReadIsReported) {
   HangUp(socket_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Handle(), -1);
   EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Call from test:1 (Socket = " +
                            std::to_string(socket_) + " )\n"));
@@ -104,7 +106,7 @@ TEST_F(RequestDispatch, EmptyNodesGoToTheDefaultLink) {
   Serve(std::string(8, ' '), 2);
   Serve(" A", 3);
   EXPECT_EQ(Fake().Calls,
-            (Calls{"ConnectLink B", "SendToNetwork B", "SendToNetwork B", "SendToNetwork B"}));
+            (Texts{"ConnectLink B", "SendToNetwork B", "SendToNetwork B", "SendToNetwork B"}));
 }
 
 TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
@@ -112,7 +114,7 @@ TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
   AddLink("AB");
   Serve("ab      ");
   Serve(std::string("Ab\0\0", 4), 2);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink AB", "SendToNetwork AB", "SendToNetwork AB"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink AB", "SendToNetwork AB", "SendToNetwork AB"}));
 }
 
 TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
@@ -132,11 +134,8 @@ TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
 
 TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
   AddLink("A");
-  const lumo::Message request = Request("X", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  const CapturedLog log;
+  ExpectAnswered(Request("X", 7), -1, 4050, 0);
   ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
                              "MakeAnswerFromMsgInfo(TavrinError=4050, SysError=0)",
                              "'HandleMessageFromClientQueue' Leave FAILED node name not found"});
@@ -145,8 +144,7 @@ TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
 
 TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
   AddLink("A");
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Serve("ABCDEFGH");
   EXPECT_TRUE(log.Contains("|Node name ABCDEFGH dasn't correspondence"));
 }
@@ -154,20 +152,15 @@ TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
 TEST_F(RequestDispatch, WithoutADefaultLinkItsRequestsAreAnsweredWith4050) {
   AddLink("A");
   g_DbcI.DefaultLink = nullptr;
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  ExpectAnswered(Request("", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, WithoutAnyLinkNamedRequestsAreAnsweredWith4050) {
-  const lumo::Message request = Request("A", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4050, 0);
+  ExpectAnswered(Request("A", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(Management(100)), 0);
   EXPECT_EQ(TakeManagementResult(), 1);
   EXPECT_TRUE(log.Contains("'HandleMessageFromClientQueue' Leave SUCCESS DbcApi\n"));
@@ -210,12 +203,8 @@ TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
 
 TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
   AddLink("A");
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Serve("A"), -1);
-  }
+  const CapturedLog log(kLogError);
+  EXPECT_EQ(WithoutMemory([&] { return Serve("A"); }), -1);
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
   EXPECT_EQ(Take(socket_), "");
   EXPECT_TRUE(Fake().Calls.empty());
@@ -223,10 +212,9 @@ TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
 
 TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
   Link* const link = AddLink("A");
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve(Request("A", 9, "text")), 0);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "SendToNetwork A"}));
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "SendToNetwork A"}));
   ASSERT_EQ(Fake().Sent.size(), 1u);
   EXPECT_EQ(CountedString(Fake().Sent[0], 0), "text");
   const MsgInfo* const info = FindMsgInfo(link, getpid(), 9);
@@ -241,18 +229,15 @@ TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
 TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
   AddLink("A")->State = kLinkConnected;
   EXPECT_EQ(Serve("A"), 0);
-  EXPECT_EQ(Fake().Calls, Calls{"SendToNetwork A"});
+  EXPECT_EQ(Fake().Calls, Texts{"SendToNetwork A"});
 }
 
 TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
   AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
-  const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ECONNREFUSED);
-  EXPECT_EQ(Fake().Calls, (Calls{"ConnectLink A", "DisconnectLink A"}));
+  const CapturedLog log;
+  ExpectAnswered(Request("A", 7), -1, 4006, ECONNREFUSED);
+  EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "DisconnectLink A"}));
   ExpectInOrder(log.Text(),
                 {"Link A is disconnect state. Try up the link", "Connect link A was failed",
                  "MakeAnswerFromMsgInfo(TavrinError=4006, SysError=111)",
@@ -262,10 +247,8 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
 TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
   AddLink("A");
   FailToConnect(4066, 0);
-  const lumo::Message request = Request("A", 7);
   errno = EIO;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4066, 0);
+  ExpectAnswered(Request("A", 7), -1, 4066, 0);
 }
 
 TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
@@ -284,9 +267,7 @@ TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(SavedTags(g_DbcI.DefaultLink).size(), 0u);
 }
 
@@ -295,9 +276,7 @@ TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("B", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("B", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
 }
 
@@ -310,8 +289,7 @@ TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
     link->State = kLinkConnected;
     return 0;
   };
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve("", 7), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, b);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
@@ -327,11 +305,8 @@ TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
   AddLink("A");
   AddLink("B");
   FailToConnect(4066, 0);
-  const lumo::Message request = Request("", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  EXPECT_EQ(Serve(request), 0);
-  ExpectOnlyError(request, 4006, 0);
+  const CapturedLog log;
+  ExpectAnswered(Request("", 7), 0, 4006, 0);
   EXPECT_TRUE(log.Contains(
       "'HandleMessageFromClientQueue' Leave FAILED TryConnectDefultLinkToNextServer\n"));
 }
@@ -351,9 +326,7 @@ TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
   g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
   AddLink("A");
   FailToConnect(4006, ENETUNREACH);
-  const lumo::Message request = Request("", 7);
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4006, ENETUNREACH);
+  ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
 }
 
 TEST_F(RequestDispatch, ARequestForTheDownDefaultLinkLoadsTheCircleTimerWithHalfTheTimeout) {
@@ -399,12 +372,11 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
 TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
   Link* const link = AddLink("A");
   StayConnecting();
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Serve("A", 1), 0);
   EXPECT_EQ(Serve("A", 2), 0);
   EXPECT_EQ(SavedTags(link), (std::vector<std::uint16_t>{1, 2}));
-  EXPECT_EQ(Fake().Calls, Calls{"ConnectLink A"}) << "the second finds it connecting";
+  EXPECT_EQ(Fake().Calls, Texts{"ConnectLink A"}) << "the second finds it connecting";
   EXPECT_EQ(Take(socket_), "");
   EXPECT_TRUE(log.Contains(
       "'HandleMessageFromClientQueue' Leave SUCCESS connect in progress. Message saved\n"));
@@ -417,8 +389,7 @@ TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
   for (const int code : {4006, 1001}) {
     g_DbcI.Err1001 = code == 1001;
     const lumo::Message request = Request("A", static_cast<std::uint16_t>(code));
-    g_DbcI.LogLevel = 15;
-    const CapturedStderr log;
+    const CapturedLog log;
     EXPECT_EQ(Serve(request), 0);
     ExpectOnlyError(request, code, 115);
     EXPECT_TRUE(log.Contains("|Connection is in progress state. return error to client\n"));
@@ -432,10 +403,7 @@ TEST_F(RequestDispatch, WithoutMemoryToSaveARequestIsAnsweredWith4200) {
   link->State = kLinkConnecting;
   AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
-  {
-    const FailingAllocations failing;
-    Serve(request);
-  }
+  WithoutMemory([&] { return Serve(request); });
   ExpectOnlyError(request, 4200, 0);
 }
 
@@ -444,12 +412,8 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
   link->State = kLinkConnected;
   AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Serve(request), -1);
-  }
+  const CapturedLog log;
+  EXPECT_EQ(WithoutMemory([&] { return Serve(request); }), -1);
   ExpectOnlyError(request, 4200, 0);
   EXPECT_EQ(link->State, kLinkDisconnected);
   EXPECT_EQ(Fake().Count("SendToNetwork A"), 0);
@@ -466,11 +430,8 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
     errno = EPIPE;
     return 4007;
   };
-  const lumo::Message request = Request("A", 7);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  EXPECT_EQ(Serve(request), -1);
-  ExpectOnlyError(request, 4007, EPIPE);
+  const CapturedLog log;
+  ExpectAnswered(Request("A", 7), -1, 4007, EPIPE);
   EXPECT_EQ(link->State, kLinkDisconnected);
   EXPECT_EQ(RequestsInFlight(), 0);
   ExpectInOrder(log.Text(),

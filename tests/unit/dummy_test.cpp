@@ -3,11 +3,8 @@
 
 #include "protocols/ssl_dbc.h"
 #include "tests/unit/agent_test.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class Dummy : public AgentTest {
  protected:
@@ -42,11 +39,10 @@ TEST_F(Dummy, AnyOtherNameIsRefusedAndTheRecordStaysUntouched) {
 }
 
 TEST_F(Dummy, TheSetUpIsTracedWithItsResult) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Init("TSR");
   Init("TS");
-  const Texts texts = LogTexts(log.Text());
+  const Texts texts = log.Lines();
   ASSERT_EQ(texts.size(), 4u);
   EXPECT_EQ(texts[0].rfind("15 dummy|'DUMMYInitProtocol' Call from test:7 ", 0), 0u) << texts[0];
   EXPECT_EQ(texts[1], "15 dummy|'DUMMYInitProtocol' Leave SUCCESS");
@@ -55,8 +51,7 @@ TEST_F(Dummy, TheSetUpIsTracedWithItsResult) {
 
 TEST_F(Dummy, EveryOperationButTheConnectReturnsZeroAndTracesNothing) {
   ASSERT_EQ(Init("REZ"), 0);
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Link link = {};
   ClientMessage msg = {};
   char address[] = "anything";
@@ -105,19 +100,17 @@ TEST_F(Dummy, TheConnectReturns4066AtEveryTraceLevel) {
 
 TEST_F(Dummy, TheConnectIsTracedWithItsWord) {
   Link link = {};
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   DummyConnectLink("link", 42, &link);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"15 dummy|'DummyConnectLink' Call from link:42 ",
-                                         "15 dummy|'DummyConnectLink' Leave FAILED:unsupport"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 dummy|'DummyConnectLink' Call from link:42 ",
+                                "15 dummy|'DummyConnectLink' Leave FAILED:unsupport"}));
 }
 
 TEST_F(Dummy, TheSecureProtocolsStubFails) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TCPIPSInitProtocol("test", 3), -1);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"15 ssl_dbc|'TCPIPSInitProtocol' Call from test:3 ",
-                                         "15 ssl_dbc|'TCPIPSInitProtocol' Leave FAILED"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 ssl_dbc|'TCPIPSInitProtocol' Call from test:3 ",
+                                "15 ssl_dbc|'TCPIPSInitProtocol' Leave FAILED"}));
 }
 
 }  // namespace

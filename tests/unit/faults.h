@@ -14,6 +14,13 @@ class FailingAllocations {
   FailingAllocations& operator=(const FailingAllocations&) = delete;
 };
 
+// What a call comes to that no memory can be allocated in.
+template <class Call>
+auto WithoutMemory(Call call) {
+  const FailingAllocations failing;
+  return call();
+}
+
 // Nothing is left to keep bytes in.
 class NoMemory {
  public:

@@ -67,10 +67,7 @@ TEST_F(GrowArrays, AFailedGrowthLeavesTheArrayAsItWas) {
   Grow(items_);
   items_.Items[1] = {9, 9};
   Item* const before = items_.Items;
-  {
-    FailingAllocations failing;
-    EXPECT_EQ(Grow(items_), nullptr);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Grow(items_); }), nullptr);
   EXPECT_EQ(items_.Items, before);
   EXPECT_EQ(items_.Capacity, 2);
   EXPECT_EQ(items_.Items[1].Value, 9);

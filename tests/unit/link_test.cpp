@@ -1,35 +1,19 @@
 // Taking links down and moving the default link: who is answered, with what, and who is asked to
 // connect.
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <map>
-#include <optional>
 
 #include "core/status.h"
-#include "lib/message_codec.h"
 #include "tests/unit/client_fixture.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 // A client connection that is read by the test, and requests that came on it.
 class LinkTest : public AgentTest {
  protected:
-  void SetUp() override {
-    AgentTest::SetUp();
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, Ends), 0);
-  }
-  void TearDown() override {
-    AgentTest::TearDown();
-    close(Ends[0]);
-    close(Ends[1]);
-  }
-
   ClientMessage Request(std::uint16_t tag, const std::string& node = {}) const {
-    ClientMessage msg = MakeRequest(getpid(), Ends[0], tag, {"text " + std::to_string(tag)});
+    ClientMessage msg =
+        MakeRequest(getpid(), client_.Socket(), tag, {"text " + std::to_string(tag)});
     std::memcpy(msg.CBL.Node, node.data(), node.size());
     return msg;
   }
@@ -40,29 +24,13 @@ class LinkTest : public AgentTest {
   }
   // A request that went to the link.
   void Sent(std::uint16_t tag, Link* link) const {
-    const MsgInfo info = {.Link = link, .TaskName = getpid(), .Socket = Ends[0], .AstInd = tag};
+    const MsgInfo info = {
+        .Link = link, .TaskName = getpid(), .Socket = client_.Socket(), .AstInd = tag};
     ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
   }
 
-  std::string ReceivedBytes() const {
-    std::string bytes(1 << 16, '\0');
-    const ssize_t got = recv(Ends[1], bytes.data(), bytes.size(), MSG_DONTWAIT);
-    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    return bytes;
-  }
-  // What the client has received since the last look: "TAG: CODE, ERRNO".
-  Texts Received() const {
-    Texts answers;
-    const std::string bytes = ReceivedBytes();
-    for (std::size_t at = 0; at < bytes.size(); at += lumo::kEmptyMessage) {
-      const std::optional<lumo::Message> answer =
-          lumo::Decode(bytes.substr(at, lumo::kEmptyMessage));
-      if (!answer) return {"not a message"};
-      answers.push_back(std::to_string(answer->AstInd()) + ": " + std::to_string(answer->CodErr) +
-                        ", " + std::to_string(answer->SysErr));
-    }
-    return answers;
-  }
+  std::string ReceivedBytes() const { return client_.ReceivedBytes(); }
+  Texts Received() const { return client_.Received(); }
   // The tags of the requests that wait for the link.
   static std::vector<int> Waiting(const Link* link) {
     std::vector<int> tags;
@@ -79,14 +47,21 @@ class LinkTest : public AgentTest {
   // Lines of level 1 and below while `action` runs.
   template <class Action>
   static std::string DefaultLog(Action action) {
-    g_DbcI.LogLevel = 1;
-    CapturedStderr log;
+    const CapturedLog log(kLogDefault);
     action();
     g_DbcI.LogLevel = 0;
     return log.Text();
   }
 
-  int Ends[2] = {-1, -1};  // the agent's, the client's
+  // The nodes of the circle, two or three, all of one protocol.
+  void AddNodes(int count) {
+    A = AddLink("A");
+    B = AddLink("B");
+    if (count == 3) C = AddLink("C");
+  }
+
+  Link *A = nullptr, *B = nullptr, *C = nullptr;
+  const FakeClient client_;
 };
 
 class DisconnectingALink : public LinkTest {};
@@ -107,58 +82,54 @@ TEST_F(DisconnectingALink, IsLoggedOnlyWhenItWasConnected) {
 
 TEST_F(DisconnectingALink, ReturnsZeroAndTracesTheCodes) {
   Link* const link = AddLink("SRV1");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(DisconnectLink("test", 1, link, 4006, 111), 0);
   EXPECT_TRUE(log.Contains("Link = SRV1, TavrinErr = 4006, SysErr = 111")) << log.Text();
   EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS\n"));
 }
 
 TEST_F(DisconnectingALink, AnswersEveryRequestThatWentToItAndClearsItsRecord) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Sent(1, a);
-  Sent(2, b);
-  Sent(3, a);
-  DisconnectLink("test", 1, a, 4008, 104);
+  AddNodes(2);
+  Sent(1, A);
+  Sent(2, B);
+  Sent(3, A);
+  DisconnectLink("test", 1, A, 4008, 104);
   EXPECT_EQ(Received(), (Texts{"1: 4008, 104", "3: 4008, 104"}));
   for (const int slot : {0, 2}) {
     const MsgInfo& info = g_DbcI.MsgInfoArray.Items[slot];
     EXPECT_EQ(info.Link, nullptr);
     EXPECT_TRUE(info.TaskName == 0 && info.Socket == 0 && info.AstInd == 0) << slot;
   }
-  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, b);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, B);
 }
 
 TEST_F(DisconnectingALink, AnswersEveryRequestThatWaitsForIt) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Save(1, a);
-  Save(2, b, "B");
-  Save(3, a, "A");
-  DisconnectLink("test", 1, a, 4006, 111);
+  AddNodes(2);
+  Save(1, A);
+  Save(2, B, "B");
+  Save(3, A, "A");
+  DisconnectLink("test", 1, A, 4006, 111);
   EXPECT_EQ(Received(), (Texts{"1: 4006, 111", "3: 4006, 111"}));
-  EXPECT_EQ(Waiting(a), std::vector<int>{});
-  EXPECT_EQ(Waiting(b), std::vector<int>{2});
+  EXPECT_EQ(Waiting(A), std::vector<int>{});
+  EXPECT_EQ(Waiting(B), std::vector<int>{2});
 }
 
 // An answer looks for dead clients, and what that sets off may come back to the link.
 TEST_F(DisconnectingALink, AnswersEachRequestOnceWhateverAnAnswerSetsOff) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  b->State = kLinkConnected;
-  const pid_t dead = EndedProcess();
-  ASSERT_EQ(AddClientPidIntoList("test", 1, b, dead, 77), 0);
-  Fake().OnDead = [&](Link*) { DisconnectLink("test", 1, a, 4007, 32); };
-  Save(1, a);
-  Save(2, a);
-  Sent(3, a);
+  AddNodes(2);
+  B->State = kLinkConnected;
+  const pid_t dead = test::DeadPid();
+  ASSERT_EQ(AddClientPidIntoList("test", 1, B, dead, 77), 0);
+  Fake().OnDead = [&](Link*) { DisconnectLink("test", 1, A, 4007, 32); };
+  Save(1, A);
+  Save(2, A);
+  Sent(3, A);
   ClientMessage first = Request(4);
   first.TaskName = 0;  // the name of no process: all clients are looked at
-  ASSERT_EQ(SaveUnsendMsg("test", 1, &first, a), 0);
-  DisconnectLink("test", 1, a, 4008, 104);
-  EXPECT_EQ(a->Books.Waiting, 0);
-  EXPECT_EQ(a->Books.InFlight, 0);
+  ASSERT_EQ(SaveUnsendMsg("test", 1, &first, A), 0);
+  DisconnectLink("test", 1, A, 4008, 104);
+  EXPECT_EQ(A->Books.Waiting, 0);
+  EXPECT_EQ(A->Books.InFlight, 0);
   Texts answers = Received();
   std::sort(answers.begin(), answers.end());
   EXPECT_EQ(answers, (Texts{"1: 4008, 104", "2: 4008, 104", "3: 4008, 104"}));
@@ -199,8 +170,7 @@ TEST_F(DisconnectingALink, InPingModeHandsTheCodesToTheVerdictAndNothingElse) {
   Save(2, a);
   a->State = kLinkConnected;
   g_DbcI.PingMode = 1;
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   CapturedStdout out;
   EXPECT_EQ(DisconnectLink("test", 1, a, 4006, 111), -1);
   EXPECT_TRUE(log.Contains("|'DisconnectLink' Leave SUCCESS ping\n"));
@@ -222,13 +192,12 @@ TEST_F(DisconnectingALink, CarriesOutAPendingRedefinition) {
 }
 
 TEST_F(DisconnectingALink, CarriesOutAPendingDeletionAfterItsRequestsWereAnswered) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  g_DbcI.DefaultLink = g_DbcI.CircleStartLink = a;
-  b->State = kLinkConnected;
-  b->DeletePending = 1;
-  Sent(1, b);
-  DisconnectLink("test", 1, b, 4009, 0);
+  AddNodes(2);
+  g_DbcI.DefaultLink = g_DbcI.CircleStartLink = A;
+  B->State = kLinkConnected;
+  B->DeletePending = 1;
+  Sent(1, B);
+  DisconnectLink("test", 1, B, 4009, 0);
   EXPECT_EQ(Received(), (Texts{"1: 4009, 0"}));
   EXPECT_EQ(Circle(), "A");
 }
@@ -240,9 +209,7 @@ class MovingTheDefault : public LinkTest {
   // Three links in the circle A, B, C; A is the default and the start of the circle.
   void SetUp() override {
     LinkTest::SetUp();
-    A = AddLink("A", Fake());
-    B = AddLink("B", Fake());
-    C = AddLink("C", Fake());
+    AddNodes(3);
     for (const char* name : {"A", "B", "C"}) Outcomes[name] = kStatusConnect;
     Fake().OnConnect = [this](Link* link) {
       const int outcome = Outcomes[link->NodeName];
@@ -260,7 +227,6 @@ class MovingTheDefault : public LinkTest {
   int Connects(const char* name) { return Fake().Count(std::string("ConnectLink ") + name); }
   int Disconnects(const char* name) { return Fake().Count(std::string("DisconnectLink ") + name); }
 
-  Link *A = nullptr, *B = nullptr, *C = nullptr;
   std::map<std::string, int> Outcomes;  // of a connect: a status, or one of the two above
 };
 
@@ -274,8 +240,7 @@ TEST_F(MovingTheDefault, WithoutAModeOnlyTakesTheLinkDown) {
 }
 
 TEST_F(MovingTheDefault, WithoutAModeIsTraced) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   EXPECT_TRUE(log.Contains("|Not set flags AUTOCONNECT or AUTOCHANGE\n"));
 }
@@ -469,12 +434,11 @@ TEST_F(MovingTheDefault, ACountThatHasRunOutOrATimeOutThatIsNotSetDoesNotWait) {
 
 TEST_F(MovingTheDefault, TheCircleIsTraced) {
   g_DbcI.AutoConnect = 1;
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   const Texts traced =
-      Beginning(LogTexts(log.Text()), {"15 link|Try", "15 link|Connect", "15 link|Link",
-                                       "15 link|Full", "15 link|Return", "Set", "Try", "Full"});
+      Beginning(log.Lines(), {"15 link|Try", "15 link|Connect", "15 link|Link", "15 link|Full",
+                              "15 link|Return", "Set", "Try", "Full"});
   EXPECT_EQ(traced,
             (Texts{"15 link|Try circle link connect", "Set link  B as default",
                    "Try connect link as default B", "15 link|Connect link B failed",
@@ -486,17 +450,16 @@ TEST_F(MovingTheDefault, TheCircleIsTraced) {
 
 TEST_F(MovingTheDefault, ASuccessAndAWaitAreTraced) {
   g_DbcI.AutoConnect = 1;
-  g_DbcI.LogLevel = 15;
   {
     g_DbcI.AutoConnectTimeout = g_DbcI.CircleTimeCount = 9;
-    CapturedStderr log;
+    const CapturedLog log;
     Fail(A, 4066);
     EXPECT_TRUE(log.Contains("|Full connect cicle failed. Wait timer event\n"));
     EXPECT_TRUE(log.Contains("|Return 0\n"));
     EXPECT_FALSE(log.Contains("Full connect circle failed or timeout expired"));
   }
   Outcomes["B"] = kComesUp;
-  CapturedStderr log;
+  const CapturedLog log;
   Fail(A, 4066);
   EXPECT_TRUE(log.Contains("|Return 0 LINK_CONNECTED\n"));
 }
@@ -609,16 +572,15 @@ TEST_F(OneLink, TheModesDoNotApply) {
 class ReconnectionRules : public LinkTest {};
 
 TEST_F(ReconnectionRules, OnlyTheDefaultLinksFailureMovesTheDefaultAndOnlyInAMode) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  EXPECT_FALSE(ReconnectionFollows(a));
+  AddNodes(2);
+  EXPECT_FALSE(ReconnectionFollows(A));
   g_DbcI.AutoChange = 1;
-  EXPECT_TRUE(ReconnectionFollows(a));
-  EXPECT_FALSE(ReconnectionFollows(b));
+  EXPECT_TRUE(ReconnectionFollows(A));
+  EXPECT_FALSE(ReconnectionFollows(B));
   g_DbcI.AutoChange = 0;
   g_DbcI.AutoConnect = 1;
-  EXPECT_TRUE(ReconnectionFollows(a));
-  EXPECT_FALSE(ReconnectionFollows(b));
+  EXPECT_TRUE(ReconnectionFollows(A));
+  EXPECT_FALSE(ReconnectionFollows(B));
 }
 
 TEST_F(ReconnectionRules, AConnectBeginsWithoutAStaleErrno) {
@@ -644,49 +606,44 @@ TEST_F(ReconnectionRules, WhileTheAgentIsStoppingAConnectIsRefused) {
 }
 
 TEST_F(ReconnectionRules, OnlyRequestsForTheDefaultThatWaitForTheLinkAreMoved) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Link* const c = AddLink("C");
-  Save(1, a);
-  Save(2, a, " A");
-  Save(3, a, "A");
-  Save(4, c);
-  MoveDefaultRequests(a, b);
-  EXPECT_EQ(Waiting(b), (std::vector<int>{1, 2}));
-  EXPECT_EQ(Waiting(a), std::vector<int>{3});
-  EXPECT_EQ(Waiting(c), std::vector<int>{4});
+  AddNodes(3);
+  Save(1, A);
+  Save(2, A, " A");
+  Save(3, A, "A");
+  Save(4, C);
+  MoveDefaultRequests(A, B);
+  EXPECT_EQ(Waiting(B), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Waiting(A), std::vector<int>{3});
+  EXPECT_EQ(Waiting(C), std::vector<int>{4});
 }
 
 class StrandedRequests : public LinkTest {};
 
 TEST_F(StrandedRequests, AreThoseWhoseLinkIsDownWithNothingUnderWay) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Link* const c = AddLink("C");
-  b->State = kLinkConnecting;
-  c->State = kLinkConnected;
-  Save(1, a, "A");
-  Save(2, b, "B");
-  Save(3, c, "C");
+  AddNodes(3);
+  B->State = kLinkConnecting;
+  C->State = kLinkConnected;
+  Save(1, A, "A");
+  Save(2, B, "B");
+  Save(3, C, "C");
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
-  EXPECT_EQ(Waiting(a), std::vector<int>{});
-  EXPECT_EQ(Waiting(b), std::vector<int>{2});
-  EXPECT_EQ(Waiting(c), std::vector<int>{3});
+  EXPECT_EQ(Waiting(A), std::vector<int>{});
+  EXPECT_EQ(Waiting(B), std::vector<int>{2});
+  EXPECT_EQ(Waiting(C), std::vector<int>{3});
 }
 
 TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
+  AddNodes(2);
   g_DbcI.AutoConnect = 1;
   g_DbcI.Err1001 = 1;
   g_DbcI.AutoConnectTimeout = 4;
   g_DbcI.CircleTimeCount = 1;
-  Save(1, a);
-  Save(2, b, "B");
+  Save(1, A);
+  Save(2, B, "B");
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"2: 1001, 0"}));
-  EXPECT_EQ(Waiting(a), std::vector<int>{1});
+  EXPECT_EQ(Waiting(A), std::vector<int>{1});
   g_DbcI.CircleTimeCount = 0;
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"1: 1001, 0"}));
@@ -695,25 +652,24 @@ TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
 class RetiringALink : public LinkTest {};
 
 TEST_F(RetiringALink, TellsWaitingClientsThatTheNodeIsUnknownAndForgetsWhatWasSent) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Save(1, b, "B");
-  Save(2, a);
-  Sent(3, b);
-  Sent(4, a);
-  ASSERT_EQ(AddClientPidIntoList("test", 1, b, getpid(), Ends[0]), 0);
-  g_DbcI.ServedLink = b;
-  a->Next = a;
-  std::free(b->DriverData);
-  b->DriverData = nullptr;
-  RetireLink(b);
+  AddNodes(2);
+  Save(1, B, "B");
+  Save(2, A);
+  Sent(3, B);
+  Sent(4, A);
+  ASSERT_EQ(AddClientPidIntoList("test", 1, B, getpid(), client_.Socket()), 0);
+  g_DbcI.ServedLink = B;
+  A->Next = A;
+  std::free(B->DriverData);
+  B->DriverData = nullptr;
+  RetireLink(B);
   EXPECT_EQ(Received(), (Texts{"1: 4050, 0"}));
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].Link, nullptr);
-  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, a);
+  EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Link, A);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Link, nullptr);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, getpid());
   EXPECT_EQ(g_DbcI.ServedLink, nullptr);
-  EXPECT_STREQ(b->NodeName, "B") << "it stays readable until the next pass";
+  EXPECT_STREQ(B->NodeName, "B") << "it stays readable until the next pass";
   FreeRetiredLinks();
 }
 

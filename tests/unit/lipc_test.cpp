@@ -8,7 +8,6 @@
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/resource.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -17,9 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <memory>
 #include <optional>
-#include <random>
 #include <string>
 
 #include "core/mailbox.h"
@@ -29,6 +26,8 @@
 #include "protocols/lipc_board.h"
 #include "protocols/lipc_queue.h"
 #include "protocols/lipc_reader.h"
+#include "tests/support/kernel.h"
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
@@ -43,72 +42,12 @@ bool Readable(int fd, int timeout = static_cast<int>(test::kPatience.count())) {
   return poll(&waiting, 1, timeout) == 1;
 }
 
-// The kernel's objects, under a key of their own.
-class Kernel {
- public:
-  explicit Kernel(std::size_t segmentSize = 4096) {
-    std::random_device random;
-    do {
-      Key = static_cast<int>(random() & 0x3FFFFFFF) | 1;
-      segment_ = shmget(Key, segmentSize, IPC_CREAT | IPC_EXCL | 0666);
-    } while (segment_ < 0);
-    queue_ = msgget(Key, IPC_CREAT | 0666);
-    semaphore_ = semget(Key, 1, IPC_CREAT | 0666);
-    if (segmentSize >= sizeof(pid_t)) SetPid(getpid());
-  }
-  ~Kernel() {
-    RemoveQueue();
-    RemoveSemaphore();
-    shmctl(segment_, IPC_RMID, nullptr);
-  }
-  Kernel(const Kernel&) = delete;
-
-  void SetPid(pid_t pid) {
-    void* const memory = shmat(segment_, nullptr, 0);
-    std::memcpy(memory, &pid, sizeof pid);
-    shmdt(memory);
-  }
-  void RemoveQueue() {
-    if (queue_ >= 0) msgctl(queue_, IPC_RMID, nullptr);
-    queue_ = -1;
-  }
-  void RemoveSemaphore() {
-    if (semaphore_ >= 0) semctl(semaphore_, 0, IPC_RMID);
-    semaphore_ = -1;
-  }
-
-  // The next request, in the wire form without its length word.
-  std::string Take() {
-    QueueMessage msg;
-    const ssize_t size = msgrcv(queue_, &msg, sizeof msg.Body, 1, IPC_NOWAIT);
-    if (size < 0) return {};
-    return std::string(reinterpret_cast<const char*>(msg.Body), static_cast<std::size_t>(size));
-  }
-  void Answer(pid_t reader, const std::string& body) {
-    QueueMessage msg;
-    msg.Type = reader;
-    std::memcpy(msg.Body, body.data(), body.size());
-    ASSERT_EQ(msgsnd(queue_, &msg, body.size(), 0), 0);
-  }
-  int Messages() const {
-    msqid_ds state;
-    return msgctl(queue_, IPC_STAT, &state) == 0 ? static_cast<int>(state.msg_qnum) : -1;
-  }
-  bool HasRoomFor(std::size_t size) const {
-    msqid_ds state;
-    return msgctl(queue_, IPC_STAT, &state) == 0 && state.__msg_cbytes + size <= state.msg_qbytes;
-  }
-  int SemaphoreValue() const { return semctl(semaphore_, 0, GETVAL); }
-  int Attached() const {
-    shmid_ds segment;
-    return shmctl(segment_, IPC_STAT, &segment) == 0 ? static_cast<int>(segment.shm_nattch) : -1;
-  }
-
-  int Key;
-
- private:
-  int segment_, queue_, semaphore_;
-};
+// How often the segment under the key is attached.
+int Attached(const test::IpcKernel& kernel) {
+  shmid_ds segment;
+  const int id = shmget(kernel.Key(), 0, 0);
+  return shmctl(id, IPC_STAT, &segment) == 0 ? static_cast<int>(segment.shm_nattch) : -1;
+}
 
 std::string BodyOf(ClientMessage msg) {
   return std::string(reinterpret_cast<const char*>(Wire(&msg)) + 4, msg.Length);
@@ -145,13 +84,29 @@ class LocalIpc : public AgentTest {
     errno = 0;
     return LIpcConnectLink("test", 1, link_);
   }
-  void ConnectTo(const Kernel& kernel) {
-    ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
+  void InitLink() { ASSERT_EQ(Init(std::to_string(kernel_.Key())), 0); }
+  void ConnectLink() {
+    InitLink();
+    ASSERT_EQ(Connect(), 0);
+  }
+  int Disconnect() { return LIpcDisconnectLink("test", 1, link_); }
+  void Reconnect() {
+    Disconnect();
     ASSERT_EQ(Connect(), 0);
   }
   int Send(ClientMessage& msg) { return LIpcSendToNetwork("test", 1, link_, &msg); }
   int Read() { return LIpcReadyForRead("test", 1, link_); }
+  int Tick() { return LIpcTimerEvent("test", 1, link_); }
   bool RecordComes() { return FrameWaits(Data().PipeRead) || Readable(Data().PipeRead); }
+  // The reader's next record comes, or its end, and is read.
+  void ReadRecord(int status = 0) {
+    ASSERT_TRUE(RecordComes());
+    EXPECT_EQ(Read(), status);
+  }
+  void KillReader() {
+    ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
+    ASSERT_TRUE(RecordComes());
+  }
   bool RecordsCome(int count) {
     return test::WaitFor([&] {
       int bytes = 0;
@@ -160,35 +115,45 @@ class LocalIpc : public AgentTest {
     });
   }
 
-  // A request that is noted as sent and lies in the kernel's queue.
-  ClientMessage Ask(int socket, std::uint16_t astInd, const std::string& text = "request",
-                    pid_t task = getpid()) {
-    ClientMessage msg = MakeRequest(task, socket, astInd, {text});
-    const MsgInfo info = {.Link = link_, .TaskName = task, .Socket = socket, .AstInd = astInd};
-    EXPECT_EQ(SaveMsgInfo("test", 1, &info), 0);
-    EXPECT_EQ(Send(msg), 0);
-    return msg;
-  }
-  // The kernel's answer to the oldest request in its queue.
-  void AnswerNext(Kernel& kernel, const std::string& text = "answer") {
-    const std::string request = kernel.Take();
-    ASSERT_FALSE(request.empty());
-    Answer(kernel, request, text);
-  }
-  void Answer(Kernel& kernel, const std::string& request, const std::string& text) {
-    ClientMessage asked = {};
-    std::memcpy(Wire(&asked) + 4, request.data(), request.size());
-    ASSERT_EQ(LocateTrailer(&asked, request.size() + 4, kMessageArea), 0);
-    const ClientMessage answer = MakeRequest(Get(Trailer(&asked), kTrailerTaskName), 0,
-                                             Get(Trailer(&asked), kTrailerAstInd), {text});
-    kernel.Answer(asked.TaskName, BodyOf(answer));
-  }
-
   // A client's end of a connection that the agent has accepted.
   struct Client {
     int Fd;
     int Accepted;
   };
+  static constexpr Client kNobody = {-1, -1};
+
+  // A request that is noted as sent and lies in the kernel's queue.
+  void Ask(const Client& client, int tag, const std::string& text = "request") {
+    const auto astInd = static_cast<std::uint16_t>(tag);
+    ClientMessage msg = MakeRequest(getpid(), client.Accepted, astInd, {text});
+    Note(client.Accepted, getpid(), astInd);
+    EXPECT_EQ(Send(msg), 0);
+  }
+  void Note(int socket, int task, std::uint16_t astInd) {
+    const MsgInfo info = {.Link = link_, .TaskName = task, .Socket = socket, .AstInd = astInd};
+    ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
+  }
+  // The kernel's answer to the oldest request in its queue.
+  void AnswerNext(const std::string& text = "answer") {
+    const auto request = kernel_.TakeRequest();
+    ASSERT_TRUE(request);
+    EXPECT_TRUE(kernel_.Answer(*request, text));
+  }
+  // The next request, in the wire form without its length word.
+  std::string TakeBody() {
+    const auto request = kernel_.TakeRequest();
+    return request ? lumo::Encode(request->Message, lumo::Lengths::Packet).substr(4) : "none";
+  }
+  void AskAndAnswer(const Client& client, int tag, const std::string& text = "answer") {
+    Ask(client, tag);
+    AnswerNext(text);
+  }
+  void AskAndAnswerThree(const Client& client) {
+    for (int tag = 1; tag <= 3; ++tag) Ask(client, tag);
+    for (int i = 0; i < 3; ++i) AnswerNext();
+    ASSERT_TRUE(RecordsCome(3));
+  }
+
   Client ConnectClient() {
     if (g_DbcI.ClientListenSocket < 0) StartListener();
     MailboxAddress address;
@@ -206,6 +171,29 @@ class LocalIpc : public AgentTest {
     clients_.push_back(fd);
     return {fd, accepted};
   }
+  // A client that the reader can answer itself, as its connection was there before the link's.
+  Client ConnectClientFirst() {
+    const Client client = ConnectClient();
+    ConnectLink();
+    return client;
+  }
+  // One that is answered by way of the agent.
+  Client ConnectClientAfterwards() {
+    ConnectLink();
+    return ConnectClient();
+  }
+  void HangUp(const Client& client) {
+    shutdown(client.Fd, SHUT_RDWR);
+    ASSERT_TRUE(Readable(client.Accepted));
+    ClientMessage msg;
+    EXPECT_EQ(GetMsgFromClient("test", 1, &msg, client.Accepted), -1);
+  }
+
+  void BeginToWriteAsTheReader(std::uint16_t tag) {
+    BoardRequest request;
+    ASSERT_TRUE(BoardClaim(Data().Board, getpid(), tag, &request));
+    ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
+  }
 
   // One whole message at the client; empty: none comes.
   static std::string Receive(const Client& client, int timeout = 15000) {
@@ -217,34 +205,37 @@ class LocalIpc : public AgentTest {
       return {};
     return frame;
   }
-  static bool HasText(const std::string& frame, const std::string& text) {
-    return frame.size() > 54 + text.size() && frame.compare(54, text.size(), text) == 0;
+  static void ExpectText(const Client& client, const std::string& text) {
+    const std::string frame = Receive(client);
+    ASSERT_EQ(frame.size(), 108 + (text.size() + 1) / 2 * 2);
+    EXPECT_EQ(frame.substr(54, text.size()), text);
   }
-  static int MsgInfos() {
-    int count = 0;
-    for (const MsgInfo& info : g_DbcI.MsgInfoArray) count += InUse(info);
-    return count;
+  static void ExpectFailure(const Client& client, int codErr, int sysErr = 0) {
+    const std::string failure = Receive(client);
+    ASSERT_EQ(failure.size(), 108U);
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(failure.data());
+    EXPECT_EQ(Get(bytes, WireField<int>{8}), codErr);
+    EXPECT_EQ(Get(bytes, WireField<int>{44}), sysErr);
   }
 
-  void UseATagAgain(Kernel& kernel, const Client& first, const Client& second);
-  int FillQueue(int socket);
+  void UseATagAgain(const Client& first, const Client& second);
+  int FillQueue(const Client& client);
 
+  test::IpcKernel kernel_;
   Protocol protocol_ = {};
   Link* link_ = nullptr;
 
  private:
   void StartListener() {
-    char name[] = "/tmp/lipcXXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    directory_ = name;
-    setenv("TAVRIN_TMP", name, 1);
+    directory_.emplace();
+    setenv("TAVRIN_TMP", directory_->Path().c_str(), 1);
     g_DbcI.NetMbx = 1;
     CapturedStdout stdoutText;
     ASSERT_EQ(InitialiseClientQueue("test", 1), 0);
   }
   void CloseClients() {
     for (const int fd : clients_) close(fd);
-    if (directory_.empty()) return;
+    if (!directory_) return;
     for (int fd = kFirstDescriptor; fd < FD_SETSIZE; ++fd) {
       if (!FD_ISSET(fd, &g_DbcI.ClientSockets)) continue;
       ForgetDescriptor(fd);
@@ -252,11 +243,10 @@ class LocalIpc : public AgentTest {
     }
     close(g_DbcI.ClientListenSocket);
     UninitClientQueue("test", 1);
-    rmdir(directory_.c_str());
     unsetenv("TAVRIN_TMP");
   }
 
-  std::string directory_;
+  std::optional<test::TemporaryDirectory> directory_;
   std::vector<int> clients_;
 };
 
@@ -282,11 +272,10 @@ TEST_F(LocalIpc, AddressIsTakenInAnyBase) {
 }
 
 TEST_F(LocalIpc, AddressBelowOneIsOutOfRange) {
-  g_DbcI.LogLevel = kLogTrace;
   for (const char* text : {"0", "-3", "word", ""}) {
-    CapturedStderr stderrText;
+    const CapturedLog log;
     EXPECT_EQ(Init(text), 1) << text;
-    EXPECT_TRUE(stderrText.Contains("Leave FAILED  param out of range\n"));
+    EXPECT_TRUE(log.Contains("Leave FAILED  param out of range\n"));
     EXPECT_EQ(link_->DriverData, nullptr);
   }
 }
@@ -298,40 +287,34 @@ TEST_F(LocalIpc, AddressNeedsMemory) {
 }
 
 TEST_F(LocalIpc, ConnectNeedsTheSegment) {
-  int key;
   {
-    Kernel kernel;
-    key = kernel.Key;
+    const test::IpcKernel gone;
+    ASSERT_EQ(Init(std::to_string(gone.Key())), 0);
   }
-  ASSERT_EQ(Init(std::to_string(key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
+  const CapturedLog log(kLogDriver);
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ENOENT);
-  EXPECT_TRUE(stderrText.Contains("LIPC shmget failed. errno = 2"));
+  EXPECT_TRUE(log.Contains("LIPC shmget failed. errno = 2"));
 }
 
 TEST_F(LocalIpc, ConnectNeedsALivingKernelAndKeepsOneAttachmentAtMost) {
-  Kernel kernel;
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  waitpid(dead, nullptr, 0);
-  kernel.SetPid(dead);
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
+  kernel_.SetKernelPid(test::DeadPid());
+  InitLink();
+  const CapturedLog log(kLogDriver);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_TRUE(stderrText.Contains("LIPC send 0 signal to kernel failed. errno 3"));
-  EXPECT_EQ(kernel.Attached(), 1);
+  EXPECT_TRUE(log.Contains("LIPC send 0 signal to kernel failed. errno 3"));
+  EXPECT_EQ(Attached(kernel_), 1);
   LIpcUninitLink("test", 1, link_);
-  EXPECT_EQ(kernel.Attached(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 TEST_F(LocalIpc, SegmentWithoutRoomForAProcessIdBelongsToNoKernel) {
-  Kernel kernel(2);
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
+  kernel_.RemoveSegment();
+  const int small = shmget(kernel_.Key(), 2, IPC_CREAT | 0600);
+  InitLink();
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ESRCH);
+  shmctl(small, IPC_RMID, nullptr);
 }
 
 // While it lives, this process has no right to signal processes of the superuser.
@@ -346,45 +329,40 @@ class OrdinaryUser {
 };
 
 TEST_F(LocalIpc, KernelOfAnotherUserIsAlive) {
-  Kernel kernel;
-  kernel.SetPid(1);
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
-  OrdinaryUser user;
+  const OrdinaryUser user;
+  const test::IpcKernel kernel(1);
+  ASSERT_EQ(Init(std::to_string(kernel.Key())), 0);
   ASSERT_EQ(kill(1, 0), -1);
   ASSERT_EQ(errno, EPERM);
   EXPECT_EQ(Connect(), 0);
 }
 
 TEST_F(LocalIpc, ConnectNeedsQueueAndSemaphoreAndSaysTheSameForBoth) {
-  Kernel kernel;
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  kernel.RemoveSemaphore();
+  InitLink();
+  kernel_.RemoveSemaphore();
   {
-    CapturedStderr stderrText;
+    const CapturedLog log(kLogDriver);
     EXPECT_EQ(Connect(), kStatusConnect);
-    EXPECT_TRUE(stderrText.Contains("LIPC msgget failed. errno 2"));
+    EXPECT_TRUE(log.Contains("LIPC msgget failed. errno 2"));
   }
-  kernel.RemoveQueue();
-  CapturedStderr stderrText;
+  kernel_.RemoveQueue();
+  const CapturedLog log(kLogDriver);
   EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_TRUE(stderrText.Contains("LIPC msgget failed. errno 2"));
+  EXPECT_TRUE(log.Contains("LIPC msgget failed. errno 2"));
 }
 
 TEST_F(LocalIpc, ConnectStartsAReaderAndRegistersItsPipe) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   EXPECT_EQ(link_->State, kLinkConnected);
   EXPECT_GT(Data().ChildPid, 0);
   EXPECT_EQ(LinkOfSocket(Data().PipeRead), link_);
   EXPECT_TRUE(FD_ISSET(Data().PipeRead, &g_DbcI.SocketSets.ReadSet));
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
+  EXPECT_EQ(Tick(), 0);
 }
 
 // Only the end that the agent reads from is a link's descriptor: the last one of the table will do.
 TEST_F(LocalIpc, PipeBeyondTheTableIsRefused) {
-  Kernel kernel;
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
+  InitLink();
   std::vector<int> fillers;
   while (fillers.empty() || fillers.back() < kMaxDescriptors - 1) fillers.push_back(dup(0));
   EXPECT_EQ(Connect(), kStatusDescriptor);
@@ -402,8 +380,7 @@ TEST_F(LocalIpc, PipeBeyondTheTableIsRefused) {
 
 // The reader keeps its own ends wherever they are.
 TEST_F(LocalIpc, ReaderWorksWithDescriptorsBeyondThoseOfClients) {
-  Kernel kernel;
-  ASSERT_EQ(Init(std::to_string(kernel.Key)), 0);
+  InitLink();
   const rlimit many = {FD_SETSIZE + 64, FD_SETSIZE + 64};
   rlimit before;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -415,36 +392,30 @@ TEST_F(LocalIpc, ReaderWorksWithDescriptorsBeyondThoseOfClients) {
   fillers.erase(fillers.begin());
   ASSERT_EQ(Connect(), 0);
   for (const int fd : fillers) close(fd);
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "answer");
-  EXPECT_TRUE(HasText(Receive(client), "answer"));
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_EQ(MsgInfos(), 0);
+  AskAndAnswer(client, 5, "answer");
+  ExpectText(client, "answer");
+  ReadRecord();
+  EXPECT_EQ(InFlight(), 0);
 }
 
 TEST_F(LocalIpc, QueueThatNothingWaitsForIsNotTried) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   EXPECT_EQ(RetryQueues(), -1);
   EXPECT_EQ(Data().RetryAt, 0) << "the clock has been looked at";
 }
 
 // What lies behind the last entry would be taken for one whose answer is being written.
 TEST_F(LocalIpc, OfAFullBoardTheEntriesAloneAreSettled) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   Data().Board->Used = kBoardSlots;
   Data().Board->Entries[0].Serial = static_cast<std::uint32_t>(BoardState::Writing);
-  g_DbcI.LogLevel = kLogError;
-  const CapturedStderr stderrText;
+  const CapturedLog log(kLogError);
   LIpcDisconnectLink("test", 1, link_);
-  EXPECT_EQ(stderrText.Text(), "");
+  EXPECT_EQ(log.Text(), "");
 }
 
 TEST_F(LocalIpc, RequestIsQueuedWithTheReaderAsItsTaskName) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   ClientMessage msg = MakeRequest(77, -1, 5, {"abc"});
   Put(Trailer(&msg), kTrailerTaskName, 0);
   ClientMessage expected = msg;
@@ -453,14 +424,13 @@ TEST_F(LocalIpc, RequestIsQueuedWithTheReaderAsItsTaskName) {
   ASSERT_EQ(Send(msg), 0);
   EXPECT_EQ(msg.Length, 1U);
   EXPECT_EQ(msg.TaskName, 77);
-  EXPECT_EQ(kernel.Take(), BodyOf(expected));
-  EXPECT_EQ(kernel.SemaphoreValue(), 1);
+  EXPECT_EQ(TakeBody(), BodyOf(expected));
+  EXPECT_EQ(kernel_.SemaphoreValue(), 1);
 }
 
 TEST_F(LocalIpc, RequestWithoutAQueueFailsAndStaysAsChanged) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  kernel.RemoveQueue();
+  ConnectLink();
+  kernel_.RemoveQueue();
   ClientMessage msg = MakeRequest(77, -1, 5);
   EXPECT_EQ(Send(msg), kStatusSend);
   EXPECT_EQ(msg.Length, 1U);
@@ -468,67 +438,51 @@ TEST_F(LocalIpc, RequestWithoutAQueueFailsAndStaysAsChanged) {
 }
 
 TEST_F(LocalIpc, RequestWithoutASemaphoreFails) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  kernel.RemoveSemaphore();
+  ConnectLink();
+  kernel_.RemoveSemaphore();
   ClientMessage msg = MakeRequest(77, -1, 5);
   EXPECT_EQ(Send(msg), kStatusSend);
   EXPECT_EQ(msg.TaskName, 77);
 }
 
 TEST_F(LocalIpc, AnswerGoesStraightToAClientThatWasThereFirst) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "straight");
-  const std::string frame = Receive(client);
-  EXPECT_TRUE(HasText(frame, "straight"));
-  EXPECT_EQ(frame.size(), 108U + 8U);
-  EXPECT_EQ(MsgInfos(), 1);
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_EQ(MsgInfos(), 0);
+  const Client client = ConnectClientFirst();
+  AskAndAnswer(client, 5, "straight");
+  ExpectText(client, "straight");
+  EXPECT_EQ(InFlight(), 1);
+  ReadRecord();
+  EXPECT_EQ(InFlight(), 0);
 }
 
 TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientThatCameLater) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "handed");
+  const Client client = ConnectClientAfterwards();
+  AskAndAnswer(client, 5, "handed");
   ASSERT_TRUE(RecordComes());
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(client), "handed"));
-  EXPECT_EQ(MsgInfos(), 0);
+  ExpectText(client, "handed");
+  EXPECT_EQ(InFlight(), 0);
 }
 
 // Of what such a connection has no room for, a part would be taken.
 TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientWithLittleRoom) {
-  Kernel kernel;
   const Client client = ConnectClient();
   const int little = 4096;
   ASSERT_EQ(setsockopt(client.Accepted, SOL_SOCKET, SO_SNDBUF, &little, sizeof little), 0);
-  ConnectTo(kernel);
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "handed");
+  ConnectLink();
+  AskAndAnswer(client, 5, "handed");
   ASSERT_TRUE(RecordComes());
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(client), "handed"));
+  ExpectText(client, "handed");
 }
 
 TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "traced");
+  const Client client = ConnectClientAfterwards();
+  AskAndAnswer(client, 5, "traced");
   ASSERT_TRUE(RecordComes());
   const std::string name = "TaskName = " + std::to_string(getpid());
-  g_DbcI.LogLevel = kLogTrace;
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 0);
   g_DbcI.LogLevel = 0;
   EXPECT_TRUE(log.Contains("MsgInfo->" + name + " , MsgInfo->AstInd = 5 " + name + " AstInd = 5\n"))
@@ -536,81 +490,66 @@ TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
 }
 
 TEST_F(LocalIpc, ConnectionWithAnOldNumberIsNotTakenForTheOldOne) {
-  Kernel kernel;
-  const Client first = ConnectClient();
-  ConnectTo(kernel);
-  shutdown(first.Fd, SHUT_RDWR);
-  ASSERT_TRUE(Readable(first.Accepted));
-  ClientMessage msg;
-  EXPECT_EQ(GetMsgFromClient("test", 1, &msg, first.Accepted), -1);
+  const Client first = ConnectClientFirst();
+  HangUp(first);
   const Client second = ConnectClient();
   ASSERT_EQ(second.Accepted, first.Accepted);
-  Ask(second.Accepted, 5);
-  AnswerNext(kernel, "second");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(second), "second"));
+  AskAndAnswer(second, 5, "second");
+  ReadRecord();
+  ExpectText(second, "second");
 }
 
 TEST_F(LocalIpc, EachConnectionOfAProcessGetsItsOwnAnswer) {
-  Kernel kernel;
   const Client one = ConnectClient(), two = ConnectClient();
-  ConnectTo(kernel);
-  Ask(one.Accepted, 1);
-  Ask(two.Accepted, 2);
-  const std::string requestOne = kernel.Take(), requestTwo = kernel.Take();
-  Answer(kernel, requestTwo, "second");
-  Answer(kernel, requestOne, "first");
-  EXPECT_TRUE(HasText(Receive(two), "second"));
-  EXPECT_TRUE(HasText(Receive(one), "first"));
+  ConnectLink();
+  Ask(one, 1);
+  Ask(two, 2);
+  const auto requestOne = kernel_.TakeRequest(), requestTwo = kernel_.TakeRequest();
+  ASSERT_TRUE(requestOne && requestTwo);
+  kernel_.Answer(*requestTwo, "second");
+  kernel_.Answer(*requestOne, "first");
+  ExpectText(two, "second");
+  ExpectText(one, "first");
 }
 
 // An earlier request has left a hole among the records: the one asked last has the first of them.
 TEST_F(LocalIpc, OfTwoConnectionsWithOneTagEachGetsOneAnswerInTheOrderOfTheRequests) {
-  Kernel kernel;
-  const Client early = ConnectClient();
-  ConnectTo(kernel);
+  const Client early = ConnectClientFirst();
   const Client late = ConnectClient();
   for (const bool lateFirst : {false, true}) {
     const Client& one = lateFirst ? late : early;
     const Client& two = lateFirst ? early : late;
-    MsgInfo other = {.Link = link_, .TaskName = 1, .Socket = -1, .AstInd = 1};
-    ASSERT_EQ(SaveMsgInfo("test", 1, &other), 0);
-    Ask(one.Accepted, 1);
+    Note(-1, 1, 1);
+    Ask(one, 1);
     ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
-    Ask(two.Accepted, 1);
+    Ask(two, 1);
     ASSERT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, two.Accepted);
-    AnswerNext(kernel, "first");
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
-    EXPECT_TRUE(HasText(Receive(one), "first"));
+    AnswerNext("first");
+    ReadRecord();
+    ExpectText(one, "first");
     EXPECT_FALSE(Readable(two.Fd, 0));
-    AnswerNext(kernel, "second");
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
-    EXPECT_TRUE(HasText(Receive(two), "second"));
+    AnswerNext("second");
+    ReadRecord();
+    ExpectText(two, "second");
     EXPECT_FALSE(Readable(one.Fd, 0));
-    EXPECT_EQ(MsgInfos(), 0);
+    EXPECT_EQ(InFlight(), 0);
   }
 }
 
 // The board has no room for the requests between the two.
 TEST_F(LocalIpc, OneTagBeyondTheBoardIsAnsweredInTheOrderOfTheRequestsToo) {
-  Kernel kernel;
   const Client one = ConnectClient(), two = ConnectClient();
-  ConnectTo(kernel);
+  ConnectLink();
   for (std::int32_t i = 0; i < kBoardSlots; ++i) {
-    const MsgInfo other = {.Link = link_, .TaskName = 1, .Socket = -1, .AstInd = 1};
-    ASSERT_EQ(SaveMsgInfo("test", 1, &other), 0);
+    Note(-1, 1, 1);
   }
-  Ask(one.Accepted, 1);
+  Ask(one, 1);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
-  Ask(two.Accepted, 1);
+  Ask(two, 1);
   for (const Client& client : {one, two}) {
-    AnswerNext(kernel, "answer");
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
-    EXPECT_TRUE(HasText(Receive(client), "answer"));
+    AnswerNext("answer");
+    ReadRecord();
+    ExpectText(client, "answer");
     EXPECT_FALSE(Readable(one.Fd, 0));
     EXPECT_FALSE(Readable(two.Fd, 0));
   }
@@ -618,25 +557,22 @@ TEST_F(LocalIpc, OneTagBeyondTheBoardIsAnsweredInTheOrderOfTheRequestsToo) {
 
 // The answer to the request with tag 5 of `first` has been delivered, the agent has not read of it,
 // and `second` has used the tag again: its record stands before the older one's.
-void LocalIpc::UseATagAgain(Kernel& kernel, const Client& first, const Client& second) {
-  Ask(first.Accepted, 4);
-  Ask(first.Accepted, 5);
-  AnswerNext(kernel);
+void LocalIpc::UseATagAgain(const Client& first, const Client& second) {
+  Ask(first, 4);
+  AskAndAnswer(first, 5);
+  Receive(first);
+  ReadRecord();
+  AnswerNext();
   Receive(first);
   ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  AnswerNext(kernel);
-  Receive(first);
-  ASSERT_TRUE(RecordComes());
-  Ask(second.Accepted, 5);
+  Ask(second, 5);
   ASSERT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, second.Accepted);
 }
 
 TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnection) {
-  Kernel kernel;
   const Client first = ConnectClient(), second = ConnectClient();
-  ConnectTo(kernel);
-  UseATagAgain(kernel, first, second);
+  ConnectLink();
+  UseATagAgain(first, second);
   EXPECT_EQ(Read(), 0);
   DisconnectLink("test", 1, link_, 4444, 0);
   EXPECT_EQ(Receive(second).size(), 108U) << "the failure is told to who still waits";
@@ -644,81 +580,67 @@ TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnection) {
 }
 
 TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheLinkGoesDown) {
-  Kernel kernel;
   const Client first = ConnectClient(), second = ConnectClient();
-  ConnectTo(kernel);
-  UseATagAgain(kernel, first, second);
+  ConnectLink();
+  UseATagAgain(first, second);
   DisconnectLink("test", 1, link_, 4444, 0);
   EXPECT_EQ(Receive(second).size(), 108U);
   EXPECT_FALSE(Readable(first.Fd, 0));
 }
 
 TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheFirstIsClosed) {
-  Kernel kernel;
-  const Client first = ConnectClient();
-  ConnectTo(kernel);
+  const Client first = ConnectClientFirst();
   const Client second = ConnectClient();
-  UseATagAgain(kernel, first, second);
-  shutdown(first.Fd, SHUT_RDWR);
-  ASSERT_TRUE(Readable(first.Accepted));
-  ClientMessage msg;
-  EXPECT_EQ(GetMsgFromClient("test", 1, &msg, first.Accepted), -1);
+  UseATagAgain(first, second);
+  HangUp(first);
   EXPECT_EQ(Read(), 0);
-  AnswerNext(kernel, "second");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(second), "second"));
+  AnswerNext("second");
+  ReadRecord();
+  ExpectText(second, "second");
 }
 
 TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
+  const Client client = ConnectClientFirst();
   const std::string text(1500, 's');
   int asked = 0;
   while (UnsentBytes(client.Accepted) == 0) {
     ASSERT_LT(asked, 1000);
-    Ask(client.Accepted, static_cast<std::uint16_t>(++asked));
-    AnswerNext(kernel, text);
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
+    Ask(client, ++asked);
+    AnswerNext(text);
+    ReadRecord();
   }
-  Ask(client.Accepted, static_cast<std::uint16_t>(++asked));
-  AnswerNext(kernel, text);
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
+  Ask(client, ++asked);
+  AnswerNext(text);
+  ReadRecord();
   for (int got = 0; got < asked; ++got) {
-    EXPECT_TRUE(HasText(Receive(client), text));
+    ExpectText(client, text);
     EXPECT_EQ(FlushBytes("test", 1, client.Accepted), 0);
   }
   EXPECT_EQ(UnsentBytes(client.Accepted), 0U);
-  EXPECT_EQ(MsgInfos(), 0);
+  EXPECT_EQ(InFlight(), 0);
 }
 
 // Requests over the link until one finds the queue full: how many there are then.
-int LocalIpc::FillQueue(int socket) {
+int LocalIpc::FillQueue(const Client& client) {
   int asked = 0;
   while (link_->Unsent == 0 && asked < 1000 && !HasFatalFailure())
-    Ask(socket, static_cast<std::uint16_t>(++asked), std::string(4000, 'x'));
+    Ask(client, ++asked, std::string(4000, 'x'));
   return asked;
 }
 
 TEST_F(LocalIpc, WhatFindsTheQueueFullIsKeptInOrderAndGoesOutWhenThereIsRoom) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
+  const Client client = ConnectClientFirst();
   ASSERT_NE(RetryOutput, nullptr);
   EXPECT_EQ(RetryOutput(), -1);
-  int asked = FillQueue(client.Accepted);
-  for (int i = 0; i < 3; ++i) Ask(client.Accepted, static_cast<std::uint16_t>(++asked));
+  int asked = FillQueue(client);
+  for (int i = 0; i < 3; ++i) Ask(client, ++asked);
   EXPECT_GT(link_->Unsent, 4000U);
   EXPECT_GT(RetryOutput(), 0);
-  const int queued = kernel.SemaphoreValue();
+  const int queued = kernel_.SemaphoreValue();
   EXPECT_LT(queued, asked);
   for (int i = 1; i <= asked; ++i) {
-    AnswerNext(kernel);
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
+    AnswerNext();
+    ReadRecord();
     RetryOutput();  // as before each wait
     const std::string answer = Receive(client);
     ASSERT_FALSE(answer.empty()) << i;
@@ -727,16 +649,15 @@ TEST_F(LocalIpc, WhatFindsTheQueueFullIsKeptInOrderAndGoesOutWhenThereIsRoom) {
             kTrailerAstInd),
         i);
   }
-  EXPECT_EQ(kernel.SemaphoreValue(), asked) << "the kernel is woken once for each";
+  EXPECT_EQ(kernel_.SemaphoreValue(), asked) << "the kernel is woken once for each";
   EXPECT_EQ(link_->Unsent, 0U);
   EXPECT_EQ(RetryOutput(), -1);
-  EXPECT_EQ(MsgInfos(), 0);
+  EXPECT_EQ(InFlight(), 0);
 }
 
 TEST_F(LocalIpc, PausesBetweenTwoTriesGrowUntilThereIsRoom) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  FillQueue(-1);
+  ConnectLink();
+  FillQueue(kNobody);
   const auto tryAgain = [&] {
     RetryNow(&Data());
     return RetryOutput();
@@ -749,20 +670,16 @@ TEST_F(LocalIpc, PausesBetweenTwoTriesGrowUntilThereIsRoom) {
   }
   EXPECT_LE(pause, 100);
   EXPECT_LE(RetryOutput(), pause) << "what is not due is not tried";
-  FillQueue(-1);
-  Ask(-1, 999);
-  kernel.Take();
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
+  FillQueue(kNobody);
+  Ask(kNobody, 999);
+  kernel_.TakeRequest();
+  EXPECT_EQ(Tick(), 0);
   EXPECT_LE(RetryOutput(), 2) << "the tick tries, and something went out";
 }
 
 TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  waitpid(dead, nullptr, 0);
-  kernel.SetPid(dead);
+  ConnectLink();
+  kernel_.SetKernelPid(test::DeadPid());
   int status = 0;
   for (int i = 0; i < 100000 && status == 0; ++i) {
     ClientMessage msg = MakeRequest(77, -1, 5, {std::string(1000, 'x')});
@@ -773,32 +690,22 @@ TEST_F(LocalIpc, FullQueueOfADeadKernelFailsTheRequest) {
 }
 
 TEST_F(LocalIpc, KernelThatGoesFailsWhatIsKeptForIt) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
-  const int asked = FillQueue(client.Accepted);
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  waitpid(dead, nullptr, 0);
-  kernel.SetPid(dead);
+  const Client client = ConnectClientFirst();
+  const int asked = FillQueue(client);
+  kernel_.SetKernelPid(test::DeadPid());
   RetryNow(&Data());
   EXPECT_EQ(RetryOutput(), 0);
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(link_->Unsent, 0U);
   for (int i = 0; i < asked; ++i) {
-    const std::string failure = Receive(client);
-    ASSERT_EQ(failure.size(), 108U);
-    const unsigned char* const bytes = reinterpret_cast<const unsigned char*>(failure.data());
-    EXPECT_EQ(Get(bytes, WireField<int>{8}), kStatusSend);
-    EXPECT_EQ(Get(bytes, WireField<int>{44}), EAGAIN);
+    ExpectFailure(client, kStatusSend, EAGAIN);
   }
   EXPECT_EQ(RetryOutput(), -1);
 }
 
 TEST_F(LocalIpc, MessageThatCannotBeKeptFails) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  FillQueue(-1);
+  ConnectLink();
+  FillQueue(kNobody);
   ClientMessage msg = MakeRequest(77, -1, 5);
   const FailingAllocations failing;
   EXPECT_EQ(Send(msg), kStatusSend);
@@ -806,188 +713,150 @@ TEST_F(LocalIpc, MessageThatCannotBeKeptFails) {
 }
 
 TEST_F(LocalIpc, WhatWasForAFormerReaderDoesNotFillTheQueue) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
+  const Client client = ConnectClientFirst();
   const pid_t former = Data().ChildPid;
-  LIpcDisconnectLink("test", 1, link_);
-  ASSERT_EQ(Connect(), 0);
+  Reconnect();
   const std::string answer = BodyOf(MakeRequest(77, 0, 5, {std::string(7000, 'x')}));
-  while (kernel.HasRoomFor(answer.size())) kernel.Answer(former, answer);
-  Ask(client.Accepted, 6, std::string(7000, 'y'));
+  while (kernel_.HasRoomFor(answer.size())) kernel_.SendBytes(former, answer);
+  Ask(client, 6, std::string(7000, 'y'));
   EXPECT_EQ(link_->Unsent, 0U);
-  AnswerNext(kernel, "answer");
-  EXPECT_TRUE(HasText(Receive(client), "answer"));
-  kernel.Answer(former, answer);
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
-  EXPECT_EQ(kernel.Messages(), 0) << "the tick, too, takes it away";
+  AnswerNext("answer");
+  ExpectText(client, "answer");
+  kernel_.SendBytes(former, answer);
+  EXPECT_EQ(Tick(), 0);
+  EXPECT_EQ(kernel_.QueuedMessages(), 0) << "the tick, too, takes it away";
 }
 
 TEST_F(LocalIpc, AnswersForAProcessThatLivesAreNotTakenAway) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  LIpcDisconnectLink("test", 1, link_);
-  ASSERT_EQ(Connect(), 0);
+  ConnectLink();
+  Reconnect();
   Data().Former[0] = getpid();  // its number belongs to somebody else by now
-  kernel.Answer(getpid(), BodyOf(MakeRequest(77, 0, 5)));
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), 0);
-  EXPECT_EQ(kernel.Messages(), 1);
+  kernel_.SendBytes(getpid(), BodyOf(MakeRequest(77, 0, 5)));
+  EXPECT_EQ(Tick(), 0);
+  EXPECT_EQ(kernel_.QueuedMessages(), 1);
 }
 
 TEST_F(LocalIpc, AnswerThatNobodyAskedForIsDropped) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
-  kernel.Answer(Data().ChildPid, BodyOf(MakeRequest(getpid(), 0, 9)));
+  const Client client = ConnectClientFirst();
+  kernel_.SendBytes(Data().ChildPid, BodyOf(MakeRequest(getpid(), 0, 9)));
   ASSERT_TRUE(RecordComes());
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(stderrText.Contains("The message were not send by the agent. Skip the message"));
+  EXPECT_TRUE(log.Contains("The message were not send by the agent. Skip the message"));
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(link_->State, kLinkConnected);
 }
 
 // That is the agent's business, which finds it by itself.
 TEST_F(LocalIpc, ReaderThatFindsAClientDeadTellsNoLink) {
-  Kernel kernel;
   const Client client = ConnectClient();
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  waitpid(dead, nullptr, 0);
+  const pid_t dead = test::DeadPid();
   AddLink("TOLD")->State = kLinkConnected;
-  Fake().OnDead = [&kernel](Link*) { kernel.Answer(1, "death"); };
+  Fake().OnDead = [this](Link*) { kernel_.SendBytes(1, "death"); };
   AddClientPidIntoList("test", 1, g_DbcI.LinkList, dead, client.Accepted);
-  ConnectTo(kernel);
-  Ask(client.Accepted, 5, "request", dead);
-  AnswerNext(kernel);
+  ConnectLink();
+  ClientMessage msg = MakeRequest(dead, client.Accepted, 5);
+  Note(client.Accepted, dead, 5);
+  EXPECT_EQ(Send(msg), 0);
+  AnswerNext();
   ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(kernel.Messages(), 0);
+  EXPECT_EQ(kernel_.QueuedMessages(), 0);
 }
 
 TEST_F(LocalIpc, AnswerWhoseStringsLeaveTheAreaIsSkipped) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
-  Ask(client.Accepted, 5);
+  const Client client = ConnectClientFirst();
+  Ask(client, 5);
   std::string body = BodyOf(MakeRequest(getpid(), 0, 5));
   body[kStringsAt - 4] = body[kStringsAt - 3] = static_cast<char>(0xFF);
-  kernel.Answer(Data().ChildPid, body);
-  AnswerNext(kernel, "good");
-  EXPECT_TRUE(HasText(Receive(client), "good"));
+  kernel_.SendBytes(Data().ChildPid, body);
+  AnswerNext("good");
+  ExpectText(client, "good");
 }
 
 TEST_F(LocalIpc, RequestAnsweredByTheReaderIsNotAnsweredAgainWhenTheLinkGoesDown) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
-  Ask(client.Accepted, 1);
-  Ask(client.Accepted, 2);
-  AnswerNext(kernel, "answered");
-  EXPECT_TRUE(HasText(Receive(client), "answered"));
+  const Client client = ConnectClientFirst();
+  Ask(client, 1);
+  AskAndAnswer(client, 2, "answered");
+  ExpectText(client, "answered");
   EXPECT_EQ(DisconnectLink("test", 1, link_, 4444, 0), 0);
-  const std::string failure = Receive(client);
-  ASSERT_EQ(failure.size(), 108U);
-  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}), 4444);
+  ExpectFailure(client, 4444);
   EXPECT_FALSE(Readable(client.Fd, 0));
-  EXPECT_EQ(MsgInfos(), 0);
+  EXPECT_EQ(InFlight(), 0);
 }
 
 TEST_F(LocalIpc, FlushIsPutOffWhileTheReaderWritesAndTheReaderStaysOutAfterwards) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
+  const Client client = ConnectClientFirst();
   ASSERT_NE(MayFlush, nullptr);
   Data().Board->Writer[client.Accepted] = 1;  // as the reader does
   EXPECT_FALSE(MayFlush(client.Accepted));
   Data().Board->Writer[client.Accepted] = 0;
-  Ask(client.Accepted, 1);
+  Ask(client, 1);
   EXPECT_TRUE(MayFlush(client.Accepted));
-  AnswerNext(kernel, "by way of the agent");
+  AnswerNext("by way of the agent");
   ASSERT_TRUE(RecordComes());
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(client), "by way of the agent"));
-  Ask(client.Accepted, 2);
-  AnswerNext(kernel, "straight again");
-  EXPECT_TRUE(HasText(Receive(client), "straight again"));
+  ExpectText(client, "by way of the agent");
+  AskAndAnswer(client, 2, "straight again");
+  ExpectText(client, "straight again");
 }
 
 // Puts the reader out of its work in the middle of writing the answer to the first client.
 TEST_F(LocalIpc, ConnectionThatTheReaderWasWritingToWhenItDiedIsClosed) {
-  Kernel kernel;
   const Client client = ConnectClient(), other = ConnectClient();
-  ConnectTo(kernel);
-  Ask(client.Accepted, 1);
-  Ask(other.Accepted, 2);
-  BoardRequest request;
-  ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 1, &request));
-  ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
-  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
-  ASSERT_TRUE(RecordComes());
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  ConnectLink();
+  Ask(client, 1);
+  Ask(other, 2);
+  BeginToWriteAsTheReader(1);
+  KillReader();
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Read(), kStatusPeerClosed);
-  EXPECT_TRUE(stderrText.Contains("The reader has ended while it wrote to a client."));
+  EXPECT_TRUE(log.Contains("The reader has ended while it wrote to a client."));
   char byte;
   EXPECT_EQ(recv(client.Fd, &byte, 1, 0), 0) << "neither an answer nor a failure";
   EXPECT_FALSE(FD_ISSET(client.Accepted, &g_DbcI.ClientSockets));
   EXPECT_EQ(Receive(other).size(), 108U);
-  EXPECT_EQ(MsgInfos(), 0);
+  EXPECT_EQ(InFlight(), 0);
 }
 
 // Another connection may have the number by now, which the reader has nothing to do with.
 TEST_F(LocalIpc, ConnectionWithTheNumberOfOneThatTheReaderWasWritingToStays) {
-  Kernel kernel;
-  const Client first = ConnectClient();
-  ConnectTo(kernel);
-  Ask(first.Accepted, 1);
-  BoardRequest request;
-  ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 1, &request));
-  ASSERT_TRUE(BoardBeginWrite(Data().Board, request));
+  const Client first = ConnectClientFirst();
+  Ask(first, 1);
+  BeginToWriteAsTheReader(1);
   CloseClient(first.Accepted);
   const Client second = ConnectClient();
   ASSERT_EQ(second.Accepted, first.Accepted);
-  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
-  ASSERT_TRUE(RecordComes());
+  KillReader();
   EXPECT_EQ(Read(), kStatusPeerClosed);
   EXPECT_TRUE(FD_ISSET(second.Accepted, &g_DbcI.ClientSockets));
   EXPECT_FALSE(Readable(second.Fd, 0));
 }
 
 TEST_F(LocalIpc, DeadReaderBreaksTheLinkWithTheNextRead) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const int pipe = Data().PipeRead;
   const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
-  ASSERT_TRUE(RecordComes());
+  Ask(client, 5);
+  KillReader();
   errno = 77;
   {
     const FailingSystemCall interrupted(SystemCall::Read, EINTR, 0, 1);
     EXPECT_EQ(Read(), kStatusPeerClosed);
     EXPECT_EQ(interrupted.Calls(), 2);
   }
-  const std::string failure = Receive(client);
-  ASSERT_EQ(failure.size(), 108U);
-  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{44}), 0)
-      << "the error is of something else";
+  ExpectFailure(client, kStatusPeerClosed, 0);  // errno was of something else
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(LinkOfSocket(pipe), nullptr);
   EXPECT_EQ(Data().PipeRead, pipe);
   EXPECT_EQ(Data().ShmId, -1);
   EXPECT_EQ(Data().Shm, nullptr);
-  EXPECT_EQ(kernel.Attached(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 TEST_F(LocalIpc, RecordsThatCameTogetherAreReadWithOneCallAndServedOneByOne) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) Ask(client.Accepted, tag);
-  for (int i = 0; i < 3; ++i) AnswerNext(kernel);
-  ASSERT_TRUE(RecordsCome(3));
+  const Client client = ConnectClientAfterwards();
+  AskAndAnswerThree(client);
   for (int left = 2; left >= 0; --left) {
     EXPECT_EQ(Read(), 0);
     EXPECT_EQ(RequestsInFlight(), left);
@@ -997,19 +866,14 @@ TEST_F(LocalIpc, RecordsThatCameTogetherAreReadWithOneCallAndServedOneByOne) {
 }
 
 TEST_F(LocalIpc, RecordsOfALinkThatGoesDownAreForgotten) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
+  const Client client = ConnectClientAfterwards();
   const int pipe = Data().PipeRead;
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) Ask(client.Accepted, tag);
-  for (int i = 0; i < 3; ++i) AnswerNext(kernel);
-  ASSERT_TRUE(RecordsCome(3));
+  AskAndAnswerThree(client);
   EXPECT_EQ(Read(), 0);
-  EXPECT_EQ(LIpcDisconnectLink("test", 1, link_), 0);
+  EXPECT_EQ(Disconnect(), 0);
   EXPECT_FALSE(FrameWaits(pipe));
   EXPECT_EQ(Connect(), 0);
-  Ask(client.Accepted, 4);
-  AnswerNext(kernel);
+  AskAndAnswer(client, 4);
   ASSERT_TRUE(RecordsCome(1));
   const int before = RequestsInFlight();
   EXPECT_EQ(Read(), 0);
@@ -1017,36 +881,30 @@ TEST_F(LocalIpc, RecordsOfALinkThatGoesDownAreForgotten) {
 }
 
 TEST_F(LocalIpc, AnswersOfADeadReaderStillReachTheirClients) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "last words");
+  const Client client = ConnectClientAfterwards();
+  AskAndAnswer(client, 5, "last words");
   ASSERT_TRUE(RecordComes());
   PipeRecord record;
   ASSERT_EQ(read(Data().PipeRead, &record, sizeof record),
             static_cast<ssize_t>(sizeof record));  // as if it had not been written
-  ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
-  ASSERT_TRUE(RecordComes());
+  KillReader();
   EXPECT_EQ(Read(), kStatusPeerClosed);
-  EXPECT_TRUE(HasText(Receive(client), "last words"));
+  ExpectText(client, "last words");
   EXPECT_FALSE(Readable(client.Fd, 0));
 }
 
 // The child counts its calls from its start on.
 TEST_F(LocalIpc, ReaderGoesOnWhateverSignalsCome) {
   for (const SystemCall call : {SystemCall::MsgReceive, SystemCall::Send, SystemCall::Write}) {
-    Kernel kernel;
+    SCOPED_TRACE(static_cast<int>(call));
     {
       const FailingSystemCall interrupted(call, EINTR, 0, 2);
-      ConnectTo(kernel);
+      ConnectLink();
     }
     const Client client = ConnectClient();
-    Ask(client.Accepted, 5);
-    AnswerNext(kernel, "handed");
-    ASSERT_TRUE(RecordComes());
-    EXPECT_EQ(Read(), 0);
-    EXPECT_TRUE(HasText(Receive(client), "handed")) << static_cast<int>(call);
+    AskAndAnswer(client, 5, "handed");
+    ReadRecord();
+    ExpectText(client, "handed");
     const pid_t reader = Data().ChildPid;
     LIpcUninitLink("test", 1, link_);
     waitpid(reader, nullptr, 0);
@@ -1054,18 +912,16 @@ TEST_F(LocalIpc, ReaderGoesOnWhateverSignalsCome) {
 }
 
 TEST_F(LocalIpc, AgentGoesOnWhateverSignalsCome) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
+  const Client client = ConnectClientAfterwards();
   {
     const FailingSystemCall send(SystemCall::MsgSend, EINTR, 0, 2),
         wake(SystemCall::SemOp, EINTR, 0, 2);
-    Ask(client.Accepted, 5);
+    Ask(client, 5);
     EXPECT_EQ(send.Calls(), 3);
     EXPECT_EQ(wake.Calls(), 3);
   }
-  EXPECT_EQ(kernel.SemaphoreValue(), 1);
-  AnswerNext(kernel, "handed");
+  EXPECT_EQ(kernel_.SemaphoreValue(), 1);
+  AnswerNext("handed");
   ASSERT_TRUE(RecordComes());
   {
     const FailingSystemCall record(SystemCall::Read, EINTR, 0, 2),
@@ -1074,53 +930,43 @@ TEST_F(LocalIpc, AgentGoesOnWhateverSignalsCome) {
     EXPECT_EQ(record.Calls(), 3);
     EXPECT_EQ(answer.Calls(), 3);
   }
-  EXPECT_TRUE(HasText(Receive(client), "handed"));
+  ExpectText(client, "handed");
 }
 
 TEST_F(LocalIpc, HalfARecordOfAFormerReaderIsForgotten) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   Data().RecordsEnd = 4;
-  LIpcDisconnectLink("test", 1, link_);
-  ASSERT_EQ(Connect(), 0);
+  Reconnect();
   const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "whole");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(client), "whole"));
+  AskAndAnswer(client, 5, "whole");
+  ReadRecord();
+  ExpectText(client, "whole");
 }
 
 TEST_F(LocalIpc, ReaderMayWriteAgainWhenAllIsAnsweredThatItMayNotChooseAmong) {
-  Kernel kernel;
-  const Client client = ConnectClient();
-  ConnectTo(kernel);
+  const Client client = ConnectClientFirst();
   Data().Board->AgentDecides = true;
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "straight");
-  EXPECT_TRUE(HasText(Receive(client), "straight"));
+  AskAndAnswer(client, 5, "straight");
+  ExpectText(client, "straight");
 }
 
 TEST_F(LocalIpc, AnswerIsNotForARequestToWhichTheReaderHasOne) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const Client first = ConnectClient(), second = ConnectClient();
-  Ask(first.Accepted, 5);
-  Ask(second.Accepted, 5);
+  Ask(first, 5);
+  Ask(second, 5);
   BoardRequest request;
   ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 5, &request));
   ASSERT_EQ(request.Socket, first.Accepted);
   Data().Board->AgentDecides = true;
-  AnswerNext(kernel, "second");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), 0);
-  EXPECT_TRUE(HasText(Receive(second), "second"));
+  AnswerNext("second");
+  ReadRecord();
+  ExpectText(second, "second");
 }
 
 // A reader that still lives would take a later request for one that is closed already.
 TEST_F(LocalIpc, ReaderMayChooseAmongNoneAfterTheParting) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   int parted[2];
   ASSERT_EQ(pipe(parted), 0);
   const ReaderBoard* const board = Data().Board;
@@ -1129,7 +975,7 @@ TEST_F(LocalIpc, ReaderMayChooseAmongNoneAfterTheParting) {
     char byte;
     _exit(read(parted[0], &byte, 1) == 1 && board->AgentDecides ? 0 : 1);
   }
-  LIpcDisconnectLink("test", 1, link_);
+  Disconnect();
   EXPECT_EQ(write(parted[1], "", 1), 1);
   int status = -1;
   EXPECT_EQ(waitpid(looker, &status, 0), looker);
@@ -1139,21 +985,18 @@ TEST_F(LocalIpc, ReaderMayChooseAmongNoneAfterTheParting) {
 }
 
 TEST_F(LocalIpc, TickFindsADeadReader) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const pid_t child = Data().ChildPid;
   ASSERT_EQ(kill(child, SIGKILL), 0);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr stderrText;
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), kStatusReaderGone);
-  EXPECT_TRUE(stderrText.Contains("LIPC child proccess deaded"));
+  const CapturedLog log(kLogDriver);
+  EXPECT_EQ(Tick(), kStatusReaderGone);
+  EXPECT_TRUE(log.Contains("LIPC child proccess deaded"));
 }
 
 TEST_F(LocalIpc, ReaderEndsWithTheQueue) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  kernel.RemoveQueue();
+  ConnectLink();
+  kernel_.RemoveQueue();
   int status = -1;
   ASSERT_EQ(waitpid(Data().ChildPid, &status, 0), Data().ChildPid);
   EXPECT_TRUE(WIFEXITED(status));
@@ -1161,25 +1004,23 @@ TEST_F(LocalIpc, ReaderEndsWithTheQueue) {
 }
 
 TEST_F(LocalIpc, DisconnectEndsTheReaderAndIsHarmlessTwice) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const pid_t child = Data().ChildPid;
-  EXPECT_EQ(LIpcDisconnectLink("test", 1, link_), 0);
+  EXPECT_EQ(Disconnect(), 0);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
-  EXPECT_EQ(LIpcDisconnectLink("test", 1, link_), 0);
-  EXPECT_EQ(kernel.Attached(), 0);
+  EXPECT_EQ(Disconnect(), 0);
+  EXPECT_EQ(Attached(kernel_), 0);
 }
 
 // As an agent that a shell has started with a job in the background, and then become.
 TEST_F(LocalIpc, ChildrenThatAreNoReadersAreNotWaitedFor) {
-  Kernel kernel;
   const pid_t other = fork();
   if (other == 0) pause();
   const auto begin = std::chrono::steady_clock::now();
-  ConnectTo(kernel);
+  ConnectLink();
   const auto patience = std::chrono::milliseconds(900);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, patience);
   kill(other, SIGKILL);
@@ -1187,72 +1028,52 @@ TEST_F(LocalIpc, ChildrenThatAreNoReadersAreNotWaitedFor) {
 }
 
 TEST_F(LocalIpc, ReaderThatIsStillEndingIsWaitedForBeforeTheNext) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const pid_t former = Data().ChildPid;
-  LIpcDisconnectLink("test", 1, link_);
-  ASSERT_EQ(Connect(), 0);
+  Reconnect();
   EXPECT_EQ(kill(former, 0), -1) << "gone, and collected";
   EXPECT_NE(Data().ChildPid, former);
 }
 
 TEST_F(LocalIpc, ProcessThatHasTheNumberOfAReaderIsNotTakenForIt) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   const pid_t reader = Data().ChildPid;
   ASSERT_EQ(kill(reader, SIGKILL), 0);
   ASSERT_EQ(waitpid(reader, nullptr, 0), reader);
   Data().ChildPid = getpid();
-  EXPECT_EQ(LIpcTimerEvent("test", 1, link_), kStatusReaderGone);
-  LIpcDisconnectLink("test", 1, link_);  // else this process would be told to end
+  EXPECT_EQ(Tick(), kStatusReaderGone);
+  Disconnect();  // else this process would be told to end
   Data().ChildPid = 0;
 }
 
 TEST_F(LocalIpc, AnswerThatCannotBeHandedOverBreaksTheLink) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
+  const Client client = ConnectClientAfterwards();
   ASSERT_EQ(shutdown(Data().Pair, SHUT_RDWR), 0);
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "to nobody");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_EQ(Read(), kStatusPeerClosed);
-  const std::string failure = Receive(client);
-  ASSERT_EQ(failure.size(), 108U);
-  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}),
-            kStatusPeerClosed);
+  AskAndAnswer(client, 5, "to nobody");
+  ReadRecord(kStatusPeerClosed);
+  ExpectFailure(client, kStatusPeerClosed);
 }
 
 // Without this every answer handed over later would go to the request before its own.
 TEST_F(LocalIpc, HandedAnswerThatIsNotThereBreaksTheLink) {
-  Kernel kernel;
-  ConnectTo(kernel);
-  const Client client = ConnectClient();
-  Ask(client.Accepted, 5);
-  AnswerNext(kernel, "lost");
+  const Client client = ConnectClientAfterwards();
+  AskAndAnswer(client, 5, "lost");
   ASSERT_TRUE(RecordComes());
   char taken[8192];
   ASSERT_GT(recv(Data().Pair, taken, sizeof taken, MSG_DONTWAIT), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  const CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   EXPECT_EQ(Read(), kStatusReceive);
-  EXPECT_TRUE(
-      log.Contains("LIPC.Receive message from child fail. Link \"IPC\". Call:read. Errno 11\n"))
-      << log.Text();
-  const std::string failure = Receive(client);
-  ASSERT_EQ(failure.size(), 108U);
-  EXPECT_EQ(Get(reinterpret_cast<const unsigned char*>(failure.data()), WireField<int>{8}),
-            kStatusReceive);
+  log.ExpectOnce("3 lipc|LIPC.Receive message from child fail. Link \"IPC\". Call:read. Errno 11");
+  ExpectFailure(client, kStatusReceive, EAGAIN);
 }
 
 TEST_F(LocalIpc, DeathOfAClientIsTold) {
-  Kernel kernel;
-  ConnectTo(kernel);
+  ConnectLink();
   ASSERT_EQ(LIpcClientDeadEvent("test", 1, link_, 4242), 0);
   ClientMessage expected;
   MakeClientDeathMessage(&expected, 4242);
   expected.TaskName = Data().ChildPid;
-  EXPECT_EQ(kernel.Take(), BodyOf(expected));
+  EXPECT_EQ(TakeBody(), BodyOf(expected));
 }
 
 class Board : public testing::Test {

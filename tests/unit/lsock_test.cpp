@@ -10,11 +10,11 @@
 #include <cerrno>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "core/mailbox.h"
 #include "core/status.h"
 #include "core/stream.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/system_faults.h"
@@ -27,10 +27,7 @@ class LocalSocket : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    char name[] = "/tmp/lsockXXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    directory_ = name;
-    setenv("TAVRIN_TMP", name, 1);
+    setenv("TAVRIN_TMP", directory_.Path().c_str(), 1);
     link_ = static_cast<Link*>(std::calloc(1, sizeof(Link)));
     ASSERT_EQ(LOCALSInitProtocol("test", 1, &protocol_, "LOCALS", nullptr), 0);
     link_->Protocol = &protocol_;
@@ -43,12 +40,6 @@ class LocalSocket : public AgentTest {
     std::free(link_);
     Close(&listener_);
     Close(&kernel_);
-    Close(&client_[0]);
-    Close(&client_[1]);
-    MailboxAddress address;
-    MakeMailboxAddress(&address, kMbx);
-    unlink(address.Path);
-    rmdir(directory_.c_str());
     unsetenv("TAVRIN_TMP");
     AgentTest::TearDown();
   }
@@ -118,28 +109,16 @@ class LocalSocket : public AgentTest {
     ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
   }
 
-  // A request of this process is on its way.
-  void WaitingClient() {
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, client_), 0);
-    AddMsgInfo(getpid(), 5, client_[1]);
-  }
-  // The codes of the agent's own answer that has reached the client; 0, 0: none has.
-  std::pair<int, int> Codes() {
-    unsigned char answer[108];
-    if (recv(client_[0], answer, sizeof answer, MSG_DONTWAIT) != sizeof answer) return {0, 0};
-    return {Get(answer, WireField<std::int32_t>{8}), Get(answer, WireField<std::int32_t>{44})};
-  }
-
   bool Registered(int fd) {
     return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) && LinkOfSocket(fd) == link_;
   }
 
   Protocol protocol_ = {};
   Link* link_ = nullptr;
-  std::string directory_;
+  const test::TemporaryDirectory directory_;
   int listener_ = -1;
   int kernel_ = -1;
-  int client_[2] = {-1, -1};
+  const FakeClient client_;
 };
 
 TEST_F(LocalSocket, ProtocolTakesItsTwoNamesAndNoOther) {
@@ -177,14 +156,13 @@ TEST_F(LocalSocket, AddressNeedsMemory) {
 
 TEST_F(LocalSocket, ConnectWithoutAKernelFailsAndMakesTheDirectoryUsable) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  chmod(directory_.c_str(), 0700);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr stderrText;
+  chmod(directory_.Path().c_str(), 0700);
+  const CapturedLog stderrText;
   EXPECT_EQ(Connect(), kStatusConnect);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(stderrText.Contains("Leave FAILED connect to tavrin MBX=%d. Errno = %d\n"));
   struct stat status;
-  ASSERT_EQ(stat(directory_.c_str(), &status), 0);
+  ASSERT_EQ(stat(directory_.Path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0777U);
   EXPECT_EQ(link_->State, kLinkDisconnected);
 }
@@ -222,8 +200,7 @@ TEST_F(LocalSocket, StopRequestEndsTheGreetingOfAKernelThatHungUp) {
 
 TEST_F(LocalSocket, SocketThatCannotBeMadeFailsTheConnect) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  g_DbcI.LogLevel = kLogError;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText(kLogError);
   FailingSystemCall failing(SystemCall::Socket, EMFILE);
   EXPECT_EQ(Connect(), -1);
   EXPECT_EQ(errno, EMFILE);
@@ -253,8 +230,7 @@ TEST_F(LocalSocket, RefusedBufferSizeLeavesTheSocketOpen) {
   ASSERT_EQ(Init(std::to_string(kMbx)), 0);
   Listen();
   for (const int successes : {0, 1}) {
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr stderrText;
+    const CapturedLog stderrText;
     std::thread kernel([this] { kernel_ = Greet(); });
     int status;
     {
@@ -355,19 +331,18 @@ TEST_F(LocalSocket, AnswerInPiecesIsPutTogether) {
 TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
   ConnectToGreetingKernel();
   const int socket = Data().Socket;
-  WaitingClient();
+  AddMsgInfo(getpid(), 5, client_.Socket());
   Close(&kernel_);
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(LinkOfSocket(socket), nullptr);
   EXPECT_FALSE(FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet));
-  EXPECT_EQ(Codes(), std::pair(int{kStatusReceive}, 0));
+  EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 
 TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
   ConnectToGreetingKernel();
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr stderrText;
+  const CapturedLog stderrText;
   Write(std::string("\4\0\0\0", 4));
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_TRUE(stderrText.Contains("Local tavrin message len is 0 byte"));
@@ -377,10 +352,10 @@ TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
 
 TEST_F(LocalSocket, LengthBelowItsOwnWordBreaksTheLink) {
   ConnectToGreetingKernel();
-  WaitingClient();
+  AddMsgInfo(getpid(), 5, client_.Socket());
   Write(std::string("\3\0\0\0", 4));
   EXPECT_EQ(Read(), kStatusReceive);
-  EXPECT_EQ(Codes(), std::pair(int{kStatusReceive}, 0));
+  EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 
 TEST_F(LocalSocket, FrameBeyondTheMessageAreaBreaksTheLink) {

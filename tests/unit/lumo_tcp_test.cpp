@@ -11,13 +11,17 @@ namespace {
 
 class TcpAddress : public TcpDriver {
  protected:
-  void ExpectRefused(const char* text, int result, int level, const char* line) {
-    g_DbcI.LogLevel = static_cast<std::uint8_t>(level);
-    CapturedStderr log;
-    EXPECT_EQ(Init(text), result) << text;
-    EXPECT_EQ(CapturedLines(log.Text()).size(), 1u);
-    EXPECT_EQ(CountCaptured(log.Text(), level, "lumo_tcp", line), 1) << log.Text();
+  void ExpectRefused(const char* text, const char* line) {
+    const CapturedLog log(kLogResult);
+    EXPECT_EQ(Init(text), 1) << text;
+    EXPECT_EQ(log.Lines(), Texts{line});
     EXPECT_EQ(Node->DriverData, nullptr);
+  }
+  void ExpectTaken(int port, int receive, int send, int connect) {
+    EXPECT_EQ(Data().Port, htons(static_cast<std::uint16_t>(port)));
+    EXPECT_EQ(Data().ReceiveTimeout, receive);
+    EXPECT_EQ(Data().SendTimeout, send);
+    EXPECT_EQ(Data().ConnectTimeout, connect);
   }
   int PortOf(const std::string& word) {
     EXPECT_EQ(Init(("dbhost " + word).c_str()), 0);
@@ -32,12 +36,9 @@ class TcpAddress : public TcpDriver {
 TEST_F(TcpDriver, OnlyItsOwnNameIsAccepted) {
   for (const char* name : {"TCPIPS", "tcpip", "TCPI", "LOCALS", "ATCPIP", ""}) {
     Protocol protocol = {};
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     EXPECT_EQ(TCPIPInitProtocol("test", __LINE__, &protocol, name, &g_DbcI.SocketSets), -1);
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                            "'TCPIPInitProtocol' Leave Protocol name is not my"),
-              1);
+    log.ExpectOnce("15 lumo_tcp|'TCPIPInitProtocol' Leave Protocol name is not my");
     EXPECT_EQ(protocol.Name, nullptr);
     EXPECT_EQ(protocol.InitLink, nullptr);
   }
@@ -61,10 +62,7 @@ TEST_F(TcpDriver, ItsNineOperationsFillTheRecord) {
 TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
   ASSERT_EQ(Init("dbhost"), 0);
   EXPECT_EQ(Data().Address, static_cast<std::int32_t>(inet_addr("10.1.2.3")));
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 20);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1060, 20, 0, 0);
   EXPECT_EQ(Data().AliveCount, 0);
   EXPECT_EQ(Data().ReceiveCount, 0);
   EXPECT_EQ(Data().ConnectCount, 0);
@@ -73,28 +71,19 @@ TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
 
 TEST_F(TcpAddress, AllFieldsAreTakenInTheirOrder) {
   ASSERT_EQ(Init("dbhost 0x424 5 30 10\n"), 0);
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 100);
-  EXPECT_EQ(Data().SendTimeout, 30);
-  EXPECT_EQ(Data().ConnectTimeout, 10);
+  ExpectTaken(1060, 100, 30, 10);
 }
 
 TEST_F(TcpAddress, AWrittenZeroTurnsKeepAliveOff) {
   ASSERT_EQ(Init("dbhost 0x424 0 0 0"), 0);
-  EXPECT_EQ(Data().Port, htons(1060));
-  EXPECT_EQ(Data().ReceiveTimeout, 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1060, 0, 0, 0);
 }
 
 TEST_F(TcpAddress, AnyWhiteSpaceSeparatesTheFieldsAndIsOverwritten) {
   char address[] = "dbhost\t 1\v2\f3  4 \r\n";
   const OnlyHost host("dbhost", "10.1.2.3");
   ASSERT_EQ(TcpInitLink("test", __LINE__, Node, address), 0);
-  EXPECT_EQ(Data().Port, htons(1));
-  EXPECT_EQ(Data().ReceiveTimeout, 40);
-  EXPECT_EQ(Data().SendTimeout, 3);
-  EXPECT_EQ(Data().ConnectTimeout, 4);
+  ExpectTaken(1, 40, 3, 4);
   EXPECT_STREQ(address, "dbhost");
   for (const char c : address) EXPECT_TRUE(c == '\0' || !isspace(c));
 }
@@ -138,14 +127,11 @@ TEST_F(TcpAddress, OnlyATextThatBeginsWithZeroTurnsKeepAliveOff) {
 
 TEST_F(TcpAddress, SendAndConnectTimeoutsAreNeverNegative) {
   ASSERT_EQ(Init("dbhost 1 1 -30 -10"), 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1, 20, 0, 0);
   ASSERT_EQ(Init("dbhost 1 1 0x1E 012 more words"), 0);
-  EXPECT_EQ(Data().SendTimeout, 30);
-  EXPECT_EQ(Data().ConnectTimeout, 10);
+  ExpectTaken(1, 20, 30, 10);
   ASSERT_EQ(Init("dbhost 1 1 soon later"), 0);
-  EXPECT_EQ(Data().SendTimeout, 0);
-  EXPECT_EQ(Data().ConnectTimeout, 0);
+  ExpectTaken(1, 20, 0, 0);
 }
 
 TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {
@@ -156,57 +142,50 @@ TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {
 }
 
 TEST_F(TcpAddress, EachFieldIsTraced) {
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   ASSERT_EQ(Init("dbhost 0x424 5 30 10"), 0);
-  std::vector<std::string> texts;
-  for (const CapturedLine& line : CapturedLines(log.Text())) {
-    EXPECT_EQ(line.Level, kLogTrace);
-    EXPECT_EQ(line.Module, "lumo_tcp");
-    texts.push_back(line.Text);
-  }
-  ASSERT_EQ(texts.size(), 7u);
-  EXPECT_EQ(texts[1], "Network address 302010a");
-  EXPECT_EQ(texts[2], "Port 0x2404 in network order");
-  EXPECT_EQ(texts[3], "Receive timeout(on dbs side) 100 sec");
-  EXPECT_EQ(texts[4], "Send timeout(on dbs side) 30 sec");
-  EXPECT_EQ(texts[5], "Connect timeout 10 sec");
-  EXPECT_EQ(texts[6], "'TcpInitLink' Leave SUCCESS");
+  Texts lines = log.Lines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[0].rfind("15 lumo_tcp|", 0), 0u);
+  lines.erase(lines.begin());
+  EXPECT_EQ(
+      lines,
+      (Texts{"15 lumo_tcp|Network address 302010a", "15 lumo_tcp|Port 0x2404 in network order",
+             "15 lumo_tcp|Receive timeout(on dbs side) 100 sec",
+             "15 lumo_tcp|Send timeout(on dbs side) 30 sec", "15 lumo_tcp|Connect timeout 10 sec",
+             "15 lumo_tcp|'TcpInitLink' Leave SUCCESS"}));
 }
 
 TEST_F(TcpAddress, ANameThatDoesNotResolveMayBeANumber) {
   for (const char* text : {"127.0.0.1", "0x7f.0.0.1", "127.1", "0x7f000001", "2130706433"}) {
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     ASSERT_EQ(Init(text), 0) << text;
     EXPECT_EQ(Data().Address, static_cast<std::int32_t>(htonl(INADDR_LOOPBACK))) << text;
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Network address 0x100007f"), 1);
+    log.ExpectOnce("15 lumo_tcp|Network address 0x100007f");
   }
 }
 
 TEST_F(TcpAddress, AHostThatIsNoAddressIsRefused) {
-  ExpectRefused("no_such_host 1060", 1, kLogResult, "'no_such_' is not a valid tcp address");
-  ExpectRefused("1.2.3.4.5", 1, kLogResult, "'1.2.3.4.' is not a valid tcp address");
-  ExpectRefused("ab", 1, kLogResult, "'ab' is not a valid tcp address");
+  ExpectRefused("no_such_host 1060", "'no_such_' is not a valid tcp address");
+  ExpectRefused("1.2.3.4.5", "'1.2.3.4.' is not a valid tcp address");
+  ExpectRefused("ab", "'ab' is not a valid tcp address");
 }
 
 TEST_F(TcpAddress, TheAllOnesAddressIsRefused) {
-  ExpectRefused("255.255.255.255", 1, kLogResult, "'255.255.' is not a valid tcp address");
+  ExpectRefused("255.255.255.255", "'255.255.' is not a valid tcp address");
 }
 
 TEST_F(TcpAddress, AnEmptyHostIsRefused) {
-  ExpectRefused("", 1, kLogResult, "Tcp address is empty");
-  ExpectRefused(" \t\n", 1, kLogResult, "Tcp address is empty");
+  ExpectRefused("", "Tcp address is empty");
+  ExpectRefused(" \t\n", "Tcp address is empty");
 }
 
 TEST_F(TcpAddress, NoTextAtAllIsRefusedAtLevelFour) {
-  g_DbcI.LogLevel = 4;
-  CapturedStderr log;
+  const CapturedLog log(4);
   EXPECT_EQ(TcpInitLink("test", __LINE__, Node, nullptr), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), 4, "lumo_tcp", "NULL nodetab string"), 1);
+  log.ExpectOnce("4 lumo_tcp|NULL nodetab string");
   EXPECT_EQ(Node->DriverData, nullptr);
-  g_DbcI.LogLevel = 3;
-  CapturedStderr quiet;
+  const CapturedLog quiet(kLogDriver);
   EXPECT_EQ(TcpInitLink("test", __LINE__, Node, nullptr), 1);
   EXPECT_EQ(quiet.Text(), "");
 }
@@ -214,10 +193,7 @@ TEST_F(TcpAddress, NoTextAtAllIsRefusedAtLevelFour) {
 TEST_F(TcpAddress, WithoutMemoryTheResultIsThree) {
   char address[] = "";  // the memory is asked for before the host is looked at
   CapturedStderr log;
-  {
-    FailingAllocations none;
-    EXPECT_EQ(TcpInitLink("test", __LINE__, Node, address), 3);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return TcpInitLink("test", __LINE__, Node, address); }), 3);
   EXPECT_EQ(log.Text(), "lumo_tcp:Memory for TCP link allocation error\n");
   EXPECT_EQ(Node->DriverData, nullptr);
 }
@@ -226,8 +202,7 @@ TEST_F(TcpAddress, WithoutMemoryTheResultIsThree) {
 
 TEST_F(TcpDriver, AConnectSetsTheSocketUpAndWaitsForIt) {
   Connecting("5 30 10");
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   ConnectAndWait();
   const int fd = Data().Socket;
   EXPECT_EQ(Node->State, kLinkConnecting);
@@ -240,24 +215,18 @@ TEST_F(TcpDriver, AConnectSetsTheSocketUpAndWaitsForIt) {
   EXPECT_EQ(SocketOption(fd, SOL_SOCKET, SO_SNDBUF), 2 * 8188);  // the system doubles it
   EXPECT_EQ(SocketOption(fd, SOL_SOCKET, SO_RCVBUF), 2 * 8188);
   const std::string number = std::to_string(fd);
-  int place = -1;
-  for (const std::string& text :
-       {std::string("Connect link \"SRV\""), "SET_NOBLOCK_MODE " + number,
-        "SET_SOCKET_BUFFERS " + number, "SET_NO_DELAY_MODE " + number,
-        std::string("before connect()"), "REGISTER_SOCKET_FOR_THE_LINK " + number + ", SRV",
-        "REGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
-    const int next = PlaceOf(log.Text(), text);
-    EXPECT_GT(next, place) << text;
-    place = next;
-  }
+  log.ExpectInOrder({"15 lumo_tcp|Connect link \"SRV\"", "15 lumo_tcp|SET_NOBLOCK_MODE " + number,
+                     "15 lumo_tcp|SET_SOCKET_BUFFERS " + number,
+                     "15 lumo_tcp|SET_NO_DELAY_MODE " + number, "15 lumo_tcp|before connect()",
+                     "15 lumo_tcp|REGISTER_SOCKET_FOR_THE_LINK " + number + ", SRV",
+                     "15 lumo_tcp|REGISTER_SOCKET_FOR_WRITE_EVENT " + number});
 }
 
 TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
   Connecting("5 30 10");
   ConnectAndWait();
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(ReadyForWrite(), 0);
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_FALSE(WaitsToWrite(fd));
@@ -267,19 +236,12 @@ TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
   EXPECT_EQ(Data().ReceiveCount, 16);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)),
             (std::vector<ControlWords>{{8, 0, 5}, {8, 1, 0x001E5555}}));
-  int place = -1;
-  for (const std::string& text :
-       {"SET_BLOCK_MODE " + std::to_string(fd), std::string("Prepare send ReceiveTimeout"),
-        std::string("Send CONNECTIONINFO btPktType = 0, dwParam = 5"),
-        std::string("Prepare send SendTimeout"),
-        std::string("Send CONNECTIONINFO btPktType = 1, dwParam = 1987925")}) {
-    const int next = PlaceOf(log.Text(), text);
-    EXPECT_GT(next, place) << text;
-    place = next;
-  }
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Neeed Send 12 byte of the CONNECTIONINFO"),
-      2);
+  log.ExpectInOrder({"15 lumo_tcp|SET_BLOCK_MODE " + std::to_string(fd),
+                     "15 lumo_tcp|Prepare send ReceiveTimeout",
+                     "15 lumo_tcp|Send CONNECTIONINFO btPktType = 0, dwParam = 5",
+                     "15 lumo_tcp|Prepare send SendTimeout",
+                     "15 lumo_tcp|Send CONNECTIONINFO btPktType = 1, dwParam = 1987925"});
+  EXPECT_EQ(log.Count("15 lumo_tcp|Neeed Send 12 byte of the CONNECTIONINFO"), 2);
 }
 
 TEST_F(TcpDriver, WithoutTimeoutsNothingIsAnnounced) {
@@ -293,20 +255,17 @@ TEST_F(TcpDriver, WithoutTimeoutsNothingIsAnnounced) {
 
 TEST_F(TcpDriver, ASocketThatCannotBeMadeGives4001) {
   ASSERT_EQ(Init("dbhost"), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   const FailingSystemCall failing(SystemCall::Socket, EMFILE);
   EXPECT_EQ(Connect(), 4001);
   EXPECT_EQ(errno, EMFILE);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "tcpip. Connect. socket(PF_INET..) return bad status. errno = 24"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|tcpip. Connect. socket(PF_INET..) return bad status. errno = 24");
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }
 
 TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
   Connecting("0 0 0");
-  CapturedStderr log;  // opens descriptors of its own
+  const CapturedLog log;  // opens descriptors of its own
   std::vector<int> held;
   do held.push_back(open("/dev/null", O_RDONLY));
   while (held.back() < 253 && held.back() >= 0);
@@ -316,26 +275,19 @@ TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
   DisconnectLink("test", __LINE__, Node, 0, 0);
   held.push_back(open("/dev/null", O_RDONLY));
   ASSERT_EQ(held.back(), 254);
-  g_DbcI.LogLevel = kLogTrace;
   EXPECT_EQ(Connect(), 4052);
   EXPECT_FALSE(IsOpen(255));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "tcpip. Connect. socket(PF_INET..) return too big value = 255"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpConnectLink' Leave FAILED too many connections"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|tcpip. Connect. socket(PF_INET..) return too big value = 255");
+  log.ExpectOnce("15 lumo_tcp|'TcpConnectLink' Leave FAILED too many connections");
   EXPECT_EQ(Node->State, kLinkDisconnected);
   for (const int fd : held) close(fd);
-  close(Listener);
 }
 
 TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
   ASSERT_EQ(Init("dbhost"), 0);
   const int next = dup(0);
   close(next);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const int used = dup(0);
   close(used);
   {
@@ -344,9 +296,7 @@ TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
     EXPECT_EQ(errno, EPERM);
   }
   EXPECT_FALSE(IsOpen(used));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          " fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1"),
-            1);
+  log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }
 
@@ -355,22 +305,21 @@ TEST_F(TcpDriver, AnOptionThatCannotBeSetGives4002AndLeavesTheSocketOpen) {
   const struct {
     int Level, Name;
     const char* Line;
-  } options[] = {{SOL_SOCKET, SO_SNDBUF, "setsockopt(SO_SNDBUF) failed. Errno 12"},
-                 {SOL_SOCKET, SO_RCVBUF, "setsockopt(SO_RCVBUF) failed. Errno 12"},
-                 {IPPROTO_TCP, TCP_NODELAY, "setsockopt(...TCP_NODELAY...) failed. Errno 12"}};
+  } options[] = {
+      {SOL_SOCKET, SO_SNDBUF, "15 lumo_tcp|setsockopt(SO_SNDBUF) failed. Errno 12"},
+      {SOL_SOCKET, SO_RCVBUF, "15 lumo_tcp|setsockopt(SO_RCVBUF) failed. Errno 12"},
+      {IPPROTO_TCP, TCP_NODELAY, "15 lumo_tcp|setsockopt(...TCP_NODELAY...) failed. Errno 12"}};
   for (const auto& option : options) {
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     const int next = dup(0);
     close(next);
     const FailingSocketOption failing(option.Level, option.Name, ENOMEM);
     EXPECT_EQ(Connect(), 4002);
     EXPECT_EQ(errno, ENOMEM);
     int written = 0;
-    for (const auto& other : options)
-      written += CountCaptured(log.Text(), kLogTrace, "lumo_tcp", other.Line);
+    for (const auto& other : options) written += log.Count(other.Line);
     EXPECT_EQ(written, 1);
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", option.Line), 1);
+    log.ExpectOnce(option.Line);
     EXPECT_EQ(Node->State, kLinkDisconnected);
     EXPECT_EQ(close(next), 0);
   }
@@ -393,17 +342,14 @@ TEST_F(TcpDriver, ASegmentSizeThatIsRefusedChangesNothing) {
 
 TEST_F(TcpDriver, AConnectThatFailsAtOnceGives4006AndClosesTheSocket) {
   ASSERT_EQ(Init("dbhost"), 0);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   const int next = dup(0);
   close(next);
   const FailingSystemCall failing(SystemCall::Connect, ENETUNREACH);
   EXPECT_EQ(Connect(), 4006);
   EXPECT_EQ(errno, ENETUNREACH);
   EXPECT_FALSE(IsOpen(next));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "tcpip. connect(...) return bad status. errno = 101"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|tcpip. connect(...) return bad status. errno = 101");
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }
 
@@ -424,14 +370,10 @@ TEST_F(TcpDriver, ReadyForWriteNeedsAUsableSocket) {
   for (const auto& [socket, state] : bad) {
     Data().Socket = socket;
     Node->State = state;
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     EXPECT_EQ(ReadyForWrite(), 4052);
-    EXPECT_EQ(
-        CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Argument of ReadyTcpForWrite is bad"), 1);
-    EXPECT_EQ(
-        CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpReadyForWrite' Leave FAILED inv arg"),
-        1);
+    log.ExpectOnce("15 lumo_tcp|Argument of ReadyTcpForWrite is bad");
+    log.ExpectOnce("15 lumo_tcp|'TcpReadyForWrite' Leave FAILED inv arg");
   }
   Data().Socket = -1;
   Node->State = kLinkDisconnected;
@@ -439,21 +381,18 @@ TEST_F(TcpDriver, ReadyForWriteNeedsAUsableSocket) {
 
 TEST_F(TcpDriver, ARefusedConnectGives4006WithItsError) {
   Connecting("0 0 0");
-  close(Listener);
+  Server.reset();
   ASSERT_EQ(Connect(), 0);
   const int fd = Data().Socket;
   pollfd ready{fd, POLLOUT, 0};
   ASSERT_EQ(poll(&ready, 1, kPatienceMs), 1);
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   errno = 0;
   EXPECT_EQ(ReadyForWrite(), 4006);
   EXPECT_EQ(errno, ECONNREFUSED);
-  EXPECT_EQ(
-      CountCaptured(
-          log.Text(), kLogDriver, "lumo_tcp",
-          "TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 111. errno 0"),
-      1);
+  log.ExpectOnce(
+      "3 lumo_tcp|TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 111. errno "
+      "0");
   EXPECT_EQ(Node->State, kLinkConnecting);
   EXPECT_FALSE(WaitsToWrite(fd)) << "it would be taken for connected";
 }
@@ -461,23 +400,20 @@ TEST_F(TcpDriver, ARefusedConnectGives4006WithItsError) {
 TEST_F(TcpDriver, AnErrorThatCannotBeReadGives4006) {
   Connected("0 0 0");
   Node->State = kLinkConnecting;
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   close(Data().Socket);
   EXPECT_EQ(ReadyForWrite(), 4006);
   EXPECT_EQ(errno, 0);
-  EXPECT_EQ(CountCaptured(
-                log.Text(), kLogDriver, "lumo_tcp",
-                "TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 0. errno 9"),
-            1);
+  log.ExpectOnce(
+      "3 lumo_tcp|TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 0. errno "
+      "9");
 }
 
 TEST_F(TcpDriver, ABlockingModeThatCannotBeSetGives4002AndClosesTheSocket) {
   Connecting("0 0 0");
   ConnectAndWait();
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Fcntl, EPERM, 1);
     EXPECT_EQ(ReadyForWrite(), 4002);
@@ -487,29 +423,23 @@ TEST_F(TcpDriver, ABlockingModeThatCannotBeSetGives4002AndClosesTheSocket) {
   EXPECT_EQ(Data().Socket, -1);
   EXPECT_EQ(LinkOfSocket(fd), nullptr);
   EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          " fcntl(...F_SETFL, ~O_NONBLOCK) return bad status. errno = 1"),
-            1);
+  log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, ~O_NONBLOCK) return bad status. errno = 1");
 }
 
 TEST_F(TcpDriver, AnAnnouncementThatCannotBeSentGives4007) {
-  const char* const words[] = {"'TcpReadyForWrite' Leave FAILED send connectioninfo",
-                               "'TcpReadyForWrite' Leave FAILED send connection info"};
+  const char* const words[] = {"15 lumo_tcp|'TcpReadyForWrite' Leave FAILED send connectioninfo",
+                               "15 lumo_tcp|'TcpReadyForWrite' Leave FAILED send connection info"};
   for (int successes = 0; successes < 2; ++successes) {
     Connecting("5 30 10");
     ConnectAndWait();
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     {
       const FailingSystemCall failing(SystemCall::Send, EPIPE, successes);
       EXPECT_EQ(ReadyForWrite(), 4007);
       EXPECT_EQ(errno, EPIPE);
     }
-    EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                            "TCP.Send the CONNECTIONINFO fail. Call:send. errno 32"),
-              1);
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", words[successes]), 1);
-    g_DbcI.LogLevel = 0;
+    log.ExpectOnce("3 lumo_tcp|TCP.Send the CONNECTIONINFO fail. Call:send. errno 32");
+    log.ExpectOnce(words[successes]);
     DisconnectLink("test", __LINE__, Node, 0, 0);
     close(FarEnd);
     FarEnd = -1;

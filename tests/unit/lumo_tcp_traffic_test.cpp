@@ -5,7 +5,6 @@
 #include <cstddef>
 
 #include "core/stream.h"
-#include "lib/message_codec.h"
 #include "tests/unit/tcp_driver.h"
 
 namespace {
@@ -29,24 +28,15 @@ class TcpTimer : public TcpDriver {
 
 class TcpTraffic : public TcpDriver {
  protected:
-  void ExpectAnswered(int client, int codErr, int sysErr) {
-    const std::optional<lumo::Message> answer = lumo::Decode(ReceiveAll(client));
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->CodErr, codErr);
-    EXPECT_EQ(answer->SysErr, sysErr);
-  }
-  // A request in flight on the link; its client's end is returned through `client`.
-  void InFlight(int* client) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    *client = ends[0];
-    AgentEnd = ends[1];
-    const MsgInfo info = {.Link = Node, .TaskName = getpid(), .Socket = ends[1], .AstInd = 3};
+  // A request of the client is in flight on the link.
+  void InFlight() {
+    const MsgInfo info = {
+        .Link = Node, .TaskName = getpid(), .Socket = client_.Socket(), .AstInd = 3};
     ASSERT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
   }
-  void TearDown() override {
-    if (AgentEnd >= 0) close(AgentEnd);
-    TcpDriver::TearDown();
+  void ExpectAnswered(int codErr, int sysErr) const {
+    EXPECT_EQ(client_.Received(),
+              Texts{"3: " + std::to_string(codErr) + ", " + std::to_string(sysErr)});
   }
   int Read() { return TcpReadyForRead("test", __LINE__, Node); }
   void Deliver(const std::string& bytes) const {
@@ -56,7 +46,7 @@ class TcpTraffic : public TcpDriver {
     Deliver(std::string(reinterpret_cast<const char*>(&length), sizeof length));
   }
 
-  int AgentEnd = -1;
+  const FakeClient client_;
 };
 
 // The timer
@@ -75,15 +65,12 @@ TEST_F(TcpTimer, AnAlivePacketGoesOutWhenTheCountHasRunOut) {
   QuietTicks(10);
   EXPECT_EQ(Data().AliveCount, 0);
   EXPECT_EQ(AlivePackets(), 0u);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 0);
   EXPECT_EQ(AlivePackets(), 1u);
   EXPECT_EQ(Data().AliveCount, 10);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Send Alive packet"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CONNECTIONINFO btPktType = 1, dwParam = 0"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|Send Alive packet");
+  log.ExpectOnce("15 lumo_tcp|Send CONNECTIONINFO btPktType = 1, dwParam = 0");
   g_DbcI.LogLevel = 0;
   QuietTicks(10);
   EXPECT_EQ(AlivePackets(), 0u);
@@ -103,18 +90,15 @@ TEST_F(TcpTimer, AFailedAlivePacketTakesTheLinkDownAndEndsTheTick) {
   Data().AliveCount = 0;
   Data().ReceiveCount = 0;  // the watchdog would report 4065
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogDriver;
-  CapturedStderr log;
+  const CapturedLog log(kLogDriver);
   {
     const FailingSystemCall failing(SystemCall::Send, ECONNRESET);
     EXPECT_EQ(Tick(), 0);
   }
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCP.Send the CONNECTIONINFO fail. Call:send. errno 104"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDefault, "link", "Disconnect link  SRV"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCP.Send the CONNECTIONINFO fail. Call:send. errno 104");
+  log.ExpectOnce("Disconnect link  SRV");
 }
 
 TEST_F(TcpTimer, TheWatchdogExpiresOneTickAfterItsCount) {
@@ -122,14 +106,10 @@ TEST_F(TcpTimer, TheWatchdogExpiresOneTickAfterItsCount) {
   Data().ReceiveCount = 16;
   QuietTicks(16);
   EXPECT_EQ(Data().ReceiveCount, 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 4065);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Link is broken on timeout send"), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpTimerEvent' Leave FAILED on timeout send"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Link is broken on timeout send");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED on timeout send");
   EXPECT_EQ(Node->State, kLinkConnected);
 }
 
@@ -146,14 +126,11 @@ TEST_F(TcpTimer, AConnectMayTakeHalfItsSecondsPlusOneTicks) {
   const FailingSystemCall connecting(SystemCall::Connect, EALREADY);
   QuietTicks(6);
   EXPECT_EQ(Data().ConnectCount, 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Tick(), 4058);
   EXPECT_EQ(connecting.Calls(), 6);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp", "TCPIP.Connect is broken on timeout"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpTimerEvent' Leave FAILED timeount"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Connect is broken on timeout");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED timeount");
   EXPECT_EQ(Node->State, kLinkConnecting);
 }
 
@@ -177,93 +154,70 @@ TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
   for (const int result : {EALREADY, EISCONN, EINPROGRESS}) {
-    g_DbcI.LogLevel = 0;
     UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", __LINE__, fd);
-    g_DbcI.LogLevel = kLogTrace;
-    CapturedStderr log;
+    const CapturedLog log;
     const FailingSystemCall connecting(SystemCall::Connect, result);
     EXPECT_EQ(Tick(), 0);
     EXPECT_EQ(connecting.Calls(), 1);
     EXPECT_TRUE(WaitsToWrite(fd));
     const std::string number = std::to_string(fd);
-    int place = -1;
-    for (const std::string& text :
-         {std::string("Connection \"SRV\" is in progress state."), "SET_NOBLOCK_MODE " + number,
-          "SET_NO_DELAY_MODE " + number, std::string("before repeate connect()"),
-          "REGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
-      const int next = PlaceOf(log.Text(), text);
-      EXPECT_GT(next, place) << text;
-      place = next;
-    }
-    EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                            "Connection \"SRV\" is already in progress. Call:connect"),
+    log.ExpectInOrder({"15 lumo_tcp|Connection \"SRV\" is in progress state.",
+                       "15 lumo_tcp|SET_NOBLOCK_MODE " + number,
+                       "15 lumo_tcp|SET_NO_DELAY_MODE " + number,
+                       "15 lumo_tcp|before repeate connect()",
+                       "15 lumo_tcp|REGISTER_SOCKET_FOR_WRITE_EVENT " + number});
+    EXPECT_EQ(log.Count("15 lumo_tcp|Connection \"SRV\" is already in progress. Call:connect"),
               result == EINPROGRESS ? 0 : 1);
   }
 }
 
 TEST_F(TcpTimer, ARepeatedConnectIsRepeatedWhenInterrupted) {
   InProgress("0 0 0");
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(listen(listener, 1), 0);
-  sockaddr_in address = {};
-  socklen_t size = sizeof address;
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  const test::Node server;
   Data().Address = static_cast<std::int32_t>(htonl(INADDR_LOOPBACK));
-  Data().Port = address.sin_port;
+  Data().Port = htons(server.Port());
   const FailingSystemCall interrupted(SystemCall::Connect, EINTR, 0, 2);
   EXPECT_EQ(Tick(), 0);
   EXPECT_EQ(interrupted.Calls(), 3);
   EXPECT_EQ(Node->State, kLinkConnecting);
-  close(listener);
 }
 
 TEST_F(TcpTimer, ARepeatedConnectThatFailsGives4006AndClosesTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Connect, ECONNREFUSED);
   EXPECT_EQ(Tick(), 4006);
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
   EXPECT_EQ(LinkOfSocket(fd), nullptr);
   EXPECT_FALSE(WaitsToWrite(fd));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "tcpip. repeate connect(...) return bad status. errno = 111"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpTimerEvent' Leave FAILED repeate connect"),
-            1);
+  log.ExpectOnce("3 lumo_tcp|tcpip. repeate connect(...) return bad status. errno = 111");
+  log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED repeate connect");
 }
 
 TEST_F(TcpTimer, AModeThatCannotBeSetAgainGives4002AndClosesTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Fcntl, EPERM);
     EXPECT_EQ(Tick(), 4002);
   }
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          " fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1"),
-            1);
+  log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
 }
 
 TEST_F(TcpTimer, AnOptionThatCannotBeSetAgainGives4002AndKeepsTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSocketOption failing(IPPROTO_TCP, TCP_NODELAY, ENOMEM);
   EXPECT_EQ(Tick(), 4002);
   EXPECT_TRUE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, fd);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "setsockopt(...TCP_NODELAY...) failed. Errno 12"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|setsockopt(...TCP_NODELAY...) failed. Errno 12");
 }
 
 // Out
@@ -279,15 +233,13 @@ TEST_F(TcpTraffic, ARequestGoesOutWithItsMarkAndTheLinksDescriptor) {
   const std::int32_t fd = Data().Socket;
   std::memcpy(&expected[expected.size() - 48 + 4], &fd, sizeof fd);
   expected[expected.size() - 48 + 46] = 3;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
   EXPECT_EQ(ReceiveAll(FarEnd), expected);
   EXPECT_EQ(expected.size(), 112u);
   EXPECT_EQ(Data().AliveCount, 10);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Need write 112 bytes for link \"SRV\""), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "write return 112"), 1);
+  log.ExpectOnce("15 lumo_tcp|Need write 112 bytes for link \"SRV\"");
+  log.ExpectOnce("15 lumo_tcp|write return 112");
 }
 
 TEST_F(TcpTraffic, AnInterruptedWriteIsRepeated) {
@@ -303,36 +255,25 @@ TEST_F(TcpTraffic, AFailedWriteGives4007AndLeavesTheLinkToTheCaller) {
   Connected("1 0 0");
   Data().AliveCount = 3;
   ClientMessage msg = MakeRequest(4711, 9, 1);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Send, EPIPE);
   EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 4007);
   EXPECT_EQ(errno, EPIPE);
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_EQ(Data().AliveCount, 3);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Write into socket failed. Call:write. errno = 32"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpSendToNetwork' Leave FAILED write"), 1);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Write into socket failed. Call:write. errno = 32");
+  log.ExpectOnce("15 lumo_tcp|'TcpSendToNetwork' Leave FAILED write");
 }
 
 TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
   Connected("0 0 0");
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   const std::uint32_t params[2] = {7, 0x80000001};
   EXPECT_EQ(TcpSendConnectionInfo(42, Data().Socket, params), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 7, 0x80000001}}));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpSendConnectionInfo' Call from lumo_tcp:42 "),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CONNECTIONINFO btPktType = 7, dwParam = -2147483647"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Neeed Send 12 byte of the CONNECTIONINFO"),
-      1);
+  log.ExpectOnce("15 lumo_tcp|'TcpSendConnectionInfo' Call from lumo_tcp:42 ");
+  log.ExpectOnce("15 lumo_tcp|Send CONNECTIONINFO btPktType = 7, dwParam = -2147483647");
+  log.ExpectOnce("15 lumo_tcp|Neeed Send 12 byte of the CONNECTIONINFO");
 }
 
 TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOne) {
@@ -350,31 +291,23 @@ TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOn
 
 TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
   Connected("0 0 0");
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 2, 4711}}));
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "Send CKIL packet to server \"SRV\". Pid = 4711"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|Send CKIL packet to server \"SRV\". Pid = 4711");
 }
 
 TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  InFlight();
+  const CapturedLog log;
   {
     const FailingSystemCall failing(SystemCall::Send, EPIPE, 0, 1);
     EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 4007);
   }
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  ExpectAnswered(client, 4007, EPIPE);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpClientDeadEvent' Leave FAILED send"),
-      1);
-  close(client);
+  ExpectAnswered(4007, EPIPE);
+  log.ExpectOnce("15 lumo_tcp|'TcpClientDeadEvent' Leave FAILED send");
 }
 
 // In
@@ -383,31 +316,26 @@ TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
   Connected("0 30 0");
   Data().ReceiveCount = 2;
   Deliver(std::string("\x08\0\0\0\xFF\xFF\xFF\xFF\x01\x02\x03\x04", 12));
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 0);
   EXPECT_EQ(Data().ReceiveCount, 16);
   EXPECT_TRUE(Answers.empty());
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave SUCCESS after receive  CONNECTIONINFO"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave SUCCESS after receive  CONNECTIONINFO");
 }
 
 TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
   Connected("0 30 0");
   Data().ReceiveCount = 2;
-  int client;
-  InFlight(&client);
+  InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3, {"one row"});
   Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), answer.Length + 4));
   PutResult = -1;
   EXPECT_EQ(Read(), -1);
   ASSERT_EQ(Answers.size(), 1u);
   EXPECT_EQ(CountedString(Answers[0], 0), "one row");
-  EXPECT_EQ(Answers[0].ClientSocket, AgentEnd);
+  EXPECT_EQ(Answers[0].ClientSocket, client_.Socket());
   EXPECT_EQ(Data().ReceiveCount, 16);
   EXPECT_EQ(Node->State, kLinkConnected);
-  close(client);
 }
 
 TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
@@ -425,73 +353,50 @@ TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
 
 TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   DeliverLength(8189);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  ExpectAnswered(client, 4008, 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189"),
-            1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave FAILED format (length)"),
-            1);
-  close(client);
+  ExpectAnswered(4008, 0);
+  log.ExpectOnce(
+      "3 lumo_tcp|TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED format (length)");
 }
 
 TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  InFlight();
+  const CapturedLog log;
   close(Data().Socket);
   EXPECT_EQ(Read(), 4008);
-  ExpectAnswered(client, 4008, EBADF);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogDriver, "lumo_tcp",
-                          "TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9"),
-            1);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "'TcpReadyForRead' Leave FAILED receive"),
-      1);
-  close(client);
+  ExpectAnswered(4008, EBADF);
+  log.ExpectOnce("3 lumo_tcp|TCPIP.Receive network message fail. Link \"SRV\". Call:recv. Errno 9");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED receive");
 }
 
 TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   shutdown(FarEnd, SHUT_WR);
   errno = ENOTTY;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4009);
-  ExpectAnswered(client, 4009, 0);
-  EXPECT_EQ(
-      CountCaptured(log.Text(), kLogTrace, "lumo_tcp", "Connection \"SRV\" is broken. Call:recv"),
-      1);
-  close(client);
+  ExpectAnswered(4009, 0);
+  log.ExpectOnce("15 lumo_tcp|Connection \"SRV\" is broken. Call:recv");
 }
 
 TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
   Connected("0 0 0");
-  int client;
-  InFlight(&client);
+  InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3);
   Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
   Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108));
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
-  ExpectAnswered(client, 4008, 0);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogError, "link", "Network packet format is fail."), 1);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg"),
-            1);
-  close(client);
+  ExpectAnswered(4008, 0);
+  log.ExpectOnce("2 link|Network packet format is fail.");
+  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg");
 }
 
 // The end
@@ -503,8 +408,7 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
   const int copy = dup(fd);  // as a process that was forked meanwhile may hold one
   DeliverLength(200);
   EXPECT_EQ(Read(), 0);  // half a packet is kept
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_EQ(Data().Socket, -1);
@@ -514,14 +418,9 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
   char byte;
   EXPECT_EQ(recv(FarEnd, &byte, 1, MSG_DONTWAIT), 0);
   close(copy);
-  int place = -1;
-  for (const std::string& text :
-       {"UNREGISTER_SOCKET_FOR_THE_LINK " + number, "UNREGISTER_SOCKET_FOR_READ_EVENT " + number,
-        "UNREGISTER_SOCKET_FOR_WRITE_EVENT " + number}) {
-    const int next = PlaceOf(log.Text(), text);
-    EXPECT_GT(next, place) << text;
-    place = next;
-  }
+  log.ExpectInOrder({"15 lumo_tcp|UNREGISTER_SOCKET_FOR_THE_LINK " + number,
+                     "15 lumo_tcp|UNREGISTER_SOCKET_FOR_READ_EVENT " + number,
+                     "15 lumo_tcp|UNREGISTER_SOCKET_FOR_WRITE_EVENT " + number});
 }
 
 TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
@@ -555,14 +454,11 @@ TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
   Connected("0 0 0");
   Node->State = kLinkDisconnected;
   const int fd = Data().Socket;
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
   EXPECT_TRUE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, fd);
-  EXPECT_EQ(CountCaptured(log.Text(), kLogTrace, "lumo_tcp",
-                          "'TcpDisconnectLink' Leave SUCCESS already disconnected"),
-            1);
+  log.ExpectOnce("15 lumo_tcp|'TcpDisconnectLink' Leave SUCCESS already disconnected");
   Node->State = kLinkConnected;
 }
 
@@ -575,20 +471,17 @@ TEST_F(TcpTraffic, ALinkWithoutARecordIsOnlyMarkedDisconnected) {
 TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
   Connected("0 0 0");
   const int fd = Data().Socket;
-  int client;
-  InFlight(&client);
+  InFlight();
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->DriverData, nullptr);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_FALSE(IsOpen(fd));
-  ExpectAnswered(client, 0, 0);
-  close(client);
+  ExpectAnswered(0, 0);
 }
 
 TEST_F(TcpTraffic, UninitOfADisconnectedLinkOnlyFreesItsRecord) {
   ASSERT_EQ(Init("dbhost"), 0);
-  g_DbcI.LogLevel = kLogTrace;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->DriverData, nullptr);
   EXPECT_FALSE(log.Contains("DisconnectLink"));

@@ -1,29 +1,20 @@
 // The node table: its lines, the links made of them and the choice of the default link.
-#include <fcntl.h>
 
 #include <fstream>
 
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class NodeTableTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
     Fake();
-    std::string name = testing::TempDir() + "nodetab-XXXXXX";
-    close(mkstemp(name.data()));
-    Path = name;
+    Path = directory_.Path() / "nodetab";
     g_DbcI.NodetabPath = Path.data();
-  }
-  void TearDown() override {
-    unlink(Path.c_str());
-    AgentTest::TearDown();
   }
 
   static Link* Parse(const std::string& line, int addToList = 1) {
@@ -40,9 +31,18 @@ class NodeTableTest : public AgentTest {
     Log = log.Text();
     return result;
   }
+  // A line of which no link is made: what is written.
+  static void ExpectSkipped(const std::string& line, const std::string& written) {
+    CapturedStderr log;
+    EXPECT_EQ(Parse(line), nullptr) << line;
+    EXPECT_EQ(log.Text(), written);
+  }
   static std::string Found() { return "Nodetab found: \"" + Path + "\"\n"; }
 
   inline static std::string Path, Buffer, Out, Log;
+
+ private:
+  const test::TemporaryDirectory directory_;
 };
 
 class NodeTableLine : public NodeTableTest {};
@@ -85,11 +85,9 @@ TEST_F(NodeTableLine, ANameOfEightCharactersIsTaken) {
 }
 
 TEST_F(NodeTableLine, ANameOfNineCharactersIsSkipped) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("abcdefghi FAKE x"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:Node name 'abcdefghi' is too long. Maximum length is 8 chars\n"
-            "lumo_tcp:Node name 'abcdefghi' skipped\n");
+  ExpectSkipped("abcdefghi FAKE x",
+                "lumo_tcp:Node name 'abcdefghi' is too long. Maximum length is 8 chars\n"
+                "lumo_tcp:Node name 'abcdefghi' skipped\n");
   EXPECT_EQ(g_DbcI.LinkList, nullptr);
   EXPECT_TRUE(Fake().Calls.empty());
 }
@@ -102,38 +100,31 @@ TEST_F(NodeTableLine, ALongNameIsReportedBeforeItsProtocolIsLookedAt) {
 }
 
 TEST_F(NodeTableLine, AnUnsupportedProtocolIsReportedWithTheRaisedWord) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("node dummy x"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'node'.\n"
-            "lumo_tcp:Node name 'node' skipped\n");
+  ExpectSkipped("node dummy x",
+                "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'node'.\n"
+                "lumo_tcp:Node name 'node' skipped\n");
 }
 
 TEST_F(NodeTableLine, TheRegistrysOwnReportComesFirst) {
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   Parse("node dummy x");
-  EXPECT_EQ(LogTexts(log.Text()),
+  EXPECT_EQ(log.Lines(),
             (Texts{"2 protload|Protocol 'DUMMY' don't support",
                    "The network agent doesn't support protocol  'DUMMY' for node 'node'.",
                    "Node name 'node' skipped"}));
 }
 
 TEST_F(NodeTableLine, AMissingProtocolIsAnUnsupportedOne) {
-  CapturedStderr log;
-  EXPECT_EQ(Parse("node\n"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:The network agent doesn't support protocol  '' for node 'node'.\n"
-            "lumo_tcp:Node name 'node' skipped\n");
+  ExpectSkipped("node\n",
+                "lumo_tcp:The network agent doesn't support protocol  '' for node 'node'.\n"
+                "lumo_tcp:Node name 'node' skipped\n");
 }
 
 TEST_F(NodeTableLine, ANameThatStandsBeforeTheLastLinkIsADuplicate) {
   ASSERT_TRUE(Parse("A FAKE 1") && Parse("B FAKE 2"));
-  CapturedStderr log;
-  EXPECT_EQ(Parse("A FAKE 3"), nullptr);
-  EXPECT_EQ(log.Text(),
-            "lumo_tcp:Dublicate node name found in nodetab file\n"
-            "lumo_tcp:Node name 'A' skip\n");
+  ExpectSkipped("A FAKE 3",
+                "lumo_tcp:Dublicate node name found in nodetab file\n"
+                "lumo_tcp:Node name 'A' skip\n");
   EXPECT_EQ(Circle(), "A B");
   EXPECT_EQ(Fake().Count("InitLink A"), 1);
 }
@@ -183,12 +174,7 @@ TEST_F(NodeTableLine, ALineThatIsNotAddedMakesAnUnattachedLinkAndMayRepeatAName)
 TEST_F(NodeTableLine, WithoutMemoryTheNodeIsSkipped) {
   Buffer = "a FAKE x";
   CapturedStderr log;
-  Link* link;
-  {
-    const FailingAllocations failing;
-    link = ParseNodetabString("test", 1, Buffer.data(), 1);
-  }
-  EXPECT_EQ(link, nullptr);
+  EXPECT_EQ(WithoutMemory([] { return ParseNodetabString("test", 1, Buffer.data(), 1); }), nullptr);
   EXPECT_EQ(log.Text(),
             "lumo_tcp:Memory allocation failed\n"
             "lumo_tcp:Node name 'a' skipped\n");
@@ -198,11 +184,9 @@ TEST_F(NodeTableLine, WithoutMemoryTheNodeIsSkipped) {
 TEST_F(NodeTableLine, AnOddResultOfTheDriverSkipsTheNode) {
   for (const int result : {1, 3, -1}) {
     Fake().InitResult = result;
-    CapturedStderr log;
-    EXPECT_EQ(Parse("NODE FAKE x"), nullptr) << result;
-    EXPECT_EQ(log.Text(),
-              "lumo_tcp:Initialization of link 'NODE' for protocol 'FAKE' failed\n"
-              "lumo_tcp:Node name 'NODE' skipped\n");
+    ExpectSkipped("NODE FAKE x",
+                  "lumo_tcp:Initialization of link 'NODE' for protocol 'FAKE' failed\n"
+                  "lumo_tcp:Node name 'NODE' skipped\n");
   }
   EXPECT_EQ(g_DbcI.LinkList, nullptr);
 }
@@ -228,8 +212,7 @@ TEST_F(NodeTableLine, LinksAreAppendedBehindTheLastOfTheCircle) {
 }
 
 TEST_F(NodeTableLine, IsTracedBeforeItIsCut) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Parse("A FAKE  x");
   EXPECT_TRUE(log.Contains("|Nodetab string:\nA FAKE  x\n")) << log.Text();
   EXPECT_TRUE(log.Contains("|'ParseNodetabString' Call from test:1 "));
@@ -384,9 +367,8 @@ TEST_F(NodeTable, TheFileIsClosedWhateverItHolds) {
 
 TEST_F(NodeTable, APathGivenIsTheOnlyPlaceSearchedAndReportedAsItIs) {
   std::ofstream(Path) << "A FAKE 1\n";
-  g_DbcI.LogLevel = 15;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log;
   char found[260] = "untouched";
   std::FILE* const stream = SearchForNodetab("test", 1, found);
   ASSERT_NE(stream, nullptr);
@@ -399,9 +381,8 @@ TEST_F(NodeTable, APathGivenIsTheOnlyPlaceSearchedAndReportedAsItIs) {
 
 TEST_F(NodeTable, APathGivenThatDoesNotOpenEndsTheSearch) {
   unlink(Path.c_str());
-  g_DbcI.LogLevel = 15;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log;
   char found[260] = "untouched";
   EXPECT_EQ(SearchForNodetab("test", 1, found), nullptr);
   EXPECT_STREQ(found, "untouched");

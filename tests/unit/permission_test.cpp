@@ -31,8 +31,6 @@ int lookUps;
 
 extern "C" {
 int __real_getsockopt(int socket, int level, int name, void* value, socklen_t* size);
-int __wrap_getsockopt(int socket, int level, int name, void* value, socklen_t* size);
-
 int __wrap_getsockopt(int socket, int level, int name, void* value, socklen_t* size) {
   if (!fakePeer || level != SOL_SOCKET || (name != SO_PEERCRED && name != SO_PEERGROUPS))
     return __real_getsockopt(socket, level, name, value, size);
@@ -77,6 +75,10 @@ class Permission : public ClientTest {
     fakePeer = FakePeer{{pid, user, group}, groups};
     ForgetPermissions(socket_);
   }
+  bool MayManageAs(uid_t user, gid_t group = kOtherGroup, const std::vector<gid_t>& groups = {}) {
+    BePeer(user, group, groups);
+    return MayManage(socket_);
+  }
   int socket_ = -1;
 };
 
@@ -94,16 +96,11 @@ TEST_F(Permission, UnsetEverybodyMayEverythingAndNothingIsLookedUp) {
 
 TEST_F(Permission, ManagersAreUsersAndGroupsByNumber) {
   Ask("64321, @64322", nullptr);
-  BePeer(kStranger);
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(kStranger + 1);
-  EXPECT_FALSE(MayManage(socket_));
-  BePeer(kStranger + 1, kGroup);
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(kStranger + 1, kOtherGroup, {7, kGroup, 8});
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(kStranger + 1, kOtherGroup, {7, kStranger, 8});
-  EXPECT_FALSE(MayManage(socket_));
+  EXPECT_TRUE(MayManageAs(kStranger));
+  EXPECT_FALSE(MayManageAs(kStranger + 1));
+  EXPECT_TRUE(MayManageAs(kStranger + 1, kGroup));
+  EXPECT_TRUE(MayManageAs(kStranger + 1, kOtherGroup, {7, kGroup, 8}));
+  EXPECT_FALSE(MayManageAs(kStranger + 1, kOtherGroup, {7, kStranger, 8}));
 }
 
 TEST_F(Permission, ManagersAreUsersAndGroupsByName) {
@@ -111,22 +108,17 @@ TEST_F(Permission, ManagersAreUsersAndGroupsByName) {
   const group* const games = getgrnam("games");
   ASSERT_TRUE(daemon && games);
   Ask("daemon @games", nullptr);
-  BePeer(daemon->pw_uid);
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(kStranger, games->gr_gid);
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(games->gr_gid + 1000);
-  EXPECT_FALSE(MayManage(socket_));
+  EXPECT_TRUE(MayManageAs(daemon->pw_uid));
+  EXPECT_TRUE(MayManageAs(kStranger, games->gr_gid));
+  EXPECT_FALSE(MayManageAs(games->gr_gid + 1000));
 }
 
 TEST_F(Permission, RootAndTheAgentsOwnUserAlwaysManage) {
   Ask("64321", nullptr);
-  BePeer(0);
-  EXPECT_TRUE(MayManage(socket_));
+  EXPECT_TRUE(MayManageAs(0));
   const bool isRoot = geteuid() == 0;
   ASSERT_TRUE(!isRoot || seteuid(kStranger + 1) == 0);
-  BePeer(geteuid());
-  EXPECT_TRUE(MayManage(socket_));
+  EXPECT_TRUE(MayManageAs(geteuid()));
   ASSERT_TRUE(!isRoot || seteuid(0) == 0);
 }
 
@@ -137,8 +129,7 @@ TEST_F(Permission, WordThatNamesNobodyIsToldAndPermitsNobody) {
             "lumo_tcp:LUMO_MANAGERS: 'no-such-user' is no user, group or number\n"
             "lumo_tcp:LUMO_MANAGERS: '@no-such-group' is no user, group or number\n"
             "lumo_tcp:LUMO_MANAGERS: '@' is no user, group or number\n");
-  BePeer(kStranger);
-  EXPECT_FALSE(MayManage(socket_));
+  EXPECT_FALSE(MayManageAs(kStranger));
 }
 
 TEST_F(Permission, MoreManagersThanThereIsRoomForAreTold) {
@@ -147,10 +138,8 @@ TEST_F(Permission, MoreManagersThanThereIsRoomForAreTold) {
   const CapturedStderr log;
   Ask(list.c_str(), nullptr);
   EXPECT_EQ(log.Text(), "lumo_tcp:LUMO_MANAGERS: '65' is one too many\n");
-  BePeer(64);
-  EXPECT_TRUE(MayManage(socket_));
-  BePeer(65);
-  EXPECT_FALSE(MayManage(socket_));
+  EXPECT_TRUE(MayManageAs(64));
+  EXPECT_FALSE(MayManageAs(65));
 }
 
 TEST_F(Permission, ManagerIsLookedUpOnceForAConnection) {
@@ -165,39 +154,29 @@ TEST_F(Permission, ManagerIsLookedUpOnceForAConnection) {
 
 TEST_F(Permission, StrictTasksAreTheConnectionsOwnAndThoseOfItsUser) {
   Ask(nullptr, "1");
-  const pid_t child = fork();
-  if (child == 0) {
-    pause();
-    _exit(0);
-  }
+  test::LivingProcess child;
   BePeer(geteuid(), kOtherGroup, {}, 1000000);
   EXPECT_TRUE(MayNameTask(socket_, 1000000));  // its own, seen or not
-  EXPECT_TRUE(MayNameTask(socket_, child));
+  EXPECT_TRUE(MayNameTask(socket_, child.Pid()));
   EXPECT_FALSE(MayNameTask(socket_, 0));
-  EXPECT_FALSE(MayNameTask(socket_, -child));
-  EXPECT_FALSE(MayNameTask(socket_, EndedProcess()));
+  EXPECT_FALSE(MayNameTask(socket_, -child.Pid()));
+  EXPECT_FALSE(MayNameTask(socket_, test::DeadPid()));
   BePeer(kStranger, kOtherGroup, {}, 1000000);
-  EXPECT_FALSE(MayNameTask(socket_, child));
+  EXPECT_FALSE(MayNameTask(socket_, child.Pid()));
   EXPECT_FALSE(MayNameTask(socket_, getpid()));
   EXPECT_EQ(lookUps, 2);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
 }
 
 TEST_F(Permission, NameIsLookedUpOnceForAConnection) {
   Ask(nullptr, "1");
-  const pid_t child = fork();
-  if (child == 0) {
-    pause();
-    _exit(0);
-  }
+  test::LivingProcess child;
+  const pid_t pid = child.Pid();
   BePeer(geteuid());
-  EXPECT_TRUE(MayNameTask(socket_, child));
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  EXPECT_TRUE(MayNameTask(socket_, child));  // not looked for again
+  EXPECT_TRUE(MayNameTask(socket_, pid));
+  child.Kill();
+  EXPECT_TRUE(MayNameTask(socket_, pid));  // not looked for again
   ForgetPermissions(socket_);
-  EXPECT_FALSE(MayNameTask(socket_, child));
+  EXPECT_FALSE(MayNameTask(socket_, pid));
 }
 
 TEST_F(Permission, StrictTasksThatAreNeitherZeroNorOneAreToldAndUnset) {
@@ -230,7 +209,7 @@ class PermissionDispatch : public Permission {
     const int result = HandleMessageFromClientQueue(kHere, 1, socket_);
     const std::string answer = Take(socket_);
     EXPECT_FALSE(answer.empty());
-    const bool refused = answer == ErrorFrame(request, kStatusNotPermitted, EPERM);
+    const bool refused = answer == test::ErrorFrame(request, kStatusNotPermitted, EPERM);
     EXPECT_EQ(result, refused ? -1 : 0);
     return refused;
   }
@@ -252,30 +231,22 @@ TEST_F(PermissionDispatch, OnlyCommandsThatChangeSomethingAreRefused) {
 TEST_F(PermissionDispatch, RefusalOfACommandIsOneLine) {
   Ask("64321", nullptr);
   BePeer(kStranger + 1, kOtherGroup, {}, 4711);
-  g_DbcI.LogLevel = 2;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_TRUE(IsRefused(Management(119)));
-  const std::string text = log.Text();
-  EXPECT_NE(text.find("|Management command 119 of process 4711, user 64322 is not permitted\n"),
-            std::string::npos);
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_EQ(log.Lines(),
+            Texts{"2 clntxch|Management command 119 of process 4711, user 64322 is not permitted"});
 }
 
 TEST_F(PermissionDispatch, ForeignNameIsRefusedWithAnAnswerThoughItsProcessDoesNotLive) {
   Ask(nullptr, "1");
   BePeer(geteuid(), kOtherGroup, {}, 4711);
   for (lumo::Message request : {Request({}, 5), Management(102)}) {
-    request.TaskName = EndedProcess();
-    g_DbcI.LogLevel = 2;
-    const CapturedStderr log;
+    request.TaskName = test::DeadPid();
+    const CapturedLog log(kLogError);
     EXPECT_TRUE(IsRefused(request));
-    const std::string text = log.Text();
-    EXPECT_NE(
-        text.find("|Request in the name of process " + std::to_string(request.TaskName) +
-                  " from process 4711, user " + std::to_string(geteuid()) + " is not permitted\n"),
-        std::string::npos)
-        << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+    EXPECT_EQ(log.Lines(),
+              Texts{"2 clntxch|Request in the name of process " + std::to_string(request.TaskName) +
+                    " from process 4711, user " + std::to_string(geteuid()) + " is not permitted"});
   }
   EXPECT_FALSE(IsRefused(Management(102)));
 }

@@ -8,6 +8,7 @@
 
 #include "client/dispatch.h"
 #include "core/status.h"
+#include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 
@@ -19,15 +20,9 @@ class PingMode : public AgentTest {
     AgentTest::SetUp();
     Fake();
     g_DbcI.PingMode = 1;
-    const char* const base = std::getenv("TMPDIR");
-    Path = std::string(base ? base : "/tmp") + "/ping_test_XXXXXX";
-    const int fd = mkstemp(Path.data());
-    ASSERT_GE(fd, 0);
-    close(fd);
     g_DbcI.NodetabPath = Path.data();
   }
   void TearDown() override {
-    unlink(Path.c_str());
     g_DbcI.LogLevel = 0;
     if (PipeIsOpen) DeinitPing("test", __LINE__);
     AgentTest::TearDown();
@@ -53,6 +48,13 @@ class PingMode : public AgentTest {
     Log = log.Text();
     return result;
   }
+  // The pseudo request is handled; what is written goes to Log.
+  int Handle() {
+    CapturedStderr log;
+    const int result = HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
+    Log = log.Text();
+    return result;
+  }
 
   // The verdict's lines for a link named NODE.
   std::string Verdict(int status, int sysErr) {
@@ -67,9 +69,10 @@ class PingMode : public AgentTest {
     return "lumo_tcp:Node \"NODE\" is not alive\nlumo_tcp:" + text + "\n";
   }
 
-  void AskWithoutMemory(std::uint8_t state);
+  int HandleWithoutMemory(std::uint8_t state);
 
-  std::string Path, Log;
+  const test::TemporaryDirectory Directory;
+  std::string Path = Directory.Path() / "nodetab", Log;
   bool PipeIsOpen = false;
 };
 
@@ -90,7 +93,7 @@ TEST_F(PingMode, TheFirstNodeIsTestedWhenThereIsNoNameAtAll) {
 TEST_F(PingMode, TheNamedNodeIsTestedWithoutRegardToCase) {
   EXPECT_EQ(Choose("ONE FAKE here\nTwo FAKE there\n", "tWO"), 0);
   EXPECT_EQ(Circle(), "TWO");
-  EXPECT_EQ(Fake().Calls, std::vector<std::string>{"InitLink TWO"});
+  EXPECT_EQ(Fake().Calls, Texts{"InitLink TWO"});
 }
 
 TEST_F(PingMode, AMissingTableIsReported) {
@@ -157,9 +160,8 @@ TEST_F(PingMode, AFailedChoiceEndsTheSetUp) {
 
 TEST_F(PingMode, AFailedPipeIsAnErrorOfTheAgent) {
   std::ofstream(Path) << "ONE FAKE here\n";
-  g_DbcI.LogLevel = kLogError;
   CapturedStdout out;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   const int spare = dup(STDERR_FILENO);  // the table can be opened, a pipe needs one more
   close(spare);
   rlimit old;
@@ -297,9 +299,8 @@ TEST_F(PingMode, ARefusedConnectionEndsTheRunWithItsVerdict) {
     return static_cast<int>(kStatusConnect);
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), -1);
-  EXPECT_EQ(log.Text(), NotAlive("Connection refused"));
+  EXPECT_EQ(Handle(), -1);
+  EXPECT_EQ(Log, NotAlive("Connection refused"));
   EXPECT_EQ(g_DbcI.ExitStatus, 6);
 }
 
@@ -310,48 +311,40 @@ TEST_F(PingMode, AnAnswerOfTheNodeEndsTheRunAsAlive) {
     return 0;
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), 0);
-  EXPECT_EQ(log.Text(), "lumo_tcp:Node \"NODE\" is alive\n");
+  EXPECT_EQ(Handle(), 0);
+  EXPECT_EQ(Log, "lumo_tcp:Node \"NODE\" is alive\n");
   EXPECT_EQ(g_DbcI.ExitStatus, -1);
   ASSERT_EQ(Fake().Sent.size(), 1U);
   EXPECT_EQ(std::memcmp(Fake().Sent[0].CBL.Command, "TS T", 4), 0);
 }
 
 // Nobody has been asked: the verdict is that of the code.
-void PingMode::AskWithoutMemory(std::uint8_t state) {
-  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+int PingMode::HandleWithoutMemory(std::uint8_t state) {
   g_DbcI.DefaultLink->State = state;
   CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
-  }
+  const int result = WithoutMemory(
+      [] { return HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]); });
   EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
   EXPECT_EQ(g_DbcI.ExitStatus, 200);
   EXPECT_TRUE(Fake().Sent.empty());
+  return result;
 }
 
 TEST_F(PingMode, ARequestThatCannotBeRecordedAsSentHasTheVerdictOfItsCode) {
-  AskWithoutMemory(kLinkConnected);
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+  HandleWithoutMemory(kLinkConnected);
 }
 
 TEST_F(PingMode, ARequestThatCannotBeSavedHasTheVerdictOfItsCode) {
-  AskWithoutMemory(kLinkConnecting);
+  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
+  ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
+  HandleWithoutMemory(kLinkConnecting);
 }
 
 TEST_F(PingMode, AClientThatCannotBeListedEndsTheRun) {
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  g_DbcI.DefaultLink->State = kLinkConnected;
-  CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]), 0);
-  }
-  EXPECT_EQ(log.Text(), NotAlive("Agent internal status 4200:0"));
-  EXPECT_EQ(g_DbcI.ExitStatus, 200);
-  EXPECT_TRUE(Fake().Sent.empty());
+  EXPECT_EQ(HandleWithoutMemory(kLinkConnected), 0);
 }
 
 // What a node answers is an answer, also one that says what failed.
@@ -365,9 +358,8 @@ TEST_F(PingMode, AFailureThatTheNodeTellsOfMeansAlive) {
     return 0;
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
-  CapturedStderr log;
-  HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
-  EXPECT_EQ(log.Text(), "lumo_tcp:Node \"NODE\" is alive\n");
+  Handle();
+  EXPECT_EQ(Log, "lumo_tcp:Node \"NODE\" is alive\n");
 }
 
 TEST_F(PingMode, EndingClosesBothEnds) {

@@ -100,15 +100,14 @@ TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSavedIsTaken) {
 TEST_F(RequestBookkeeping, SavingLeavesWithTheWordOfItsCase) {
   const std::string existing =
       "'SaveUnsendMsg' Leave SUCCESS save in exist element of SavedArray\n";
-  g_DbcI.LogLevel = 15;
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     Save(1, link_);
     EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Call from test:1 \n"));
     EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave SUCCESS\n"));
     EXPECT_FALSE(log.Contains(existing));
   }
-  const CapturedStderr log;
+  const CapturedLog log;
   Save(2, link_);
   EXPECT_TRUE(log.Contains(existing));
 }
@@ -117,12 +116,8 @@ TEST_F(RequestBookkeeping, WithoutMemoryASavedRequestIsRefusedAndTheOldOnesStay)
   Save(1, link_);
   Save(2, link_);
   SavedMessage* const before = g_DbcI.SavedArray.Items;
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Save(3, link_), -1);
-  }
+  const CapturedLog log;
+  EXPECT_EQ(WithoutMemory([&] { return Save(3, link_); }), -1);
   EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave FAILED allocation memory\n"));
   EXPECT_EQ(g_DbcI.SavedArray.Items, before);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
@@ -137,8 +132,7 @@ TEST_F(RequestBookkeeping, AFreeElementNeedsNoMemory) {
 
 TEST_F(RequestBookkeeping, TheWalkOverSavedRequestsWritesNoTrace) {
   Save(1, link_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   GetNextUnsendMsg(GetNextUnsendMsg(nullptr));
   EXPECT_EQ(log.Text(), "");
 }
@@ -165,13 +159,12 @@ TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSentIsTaken) {
 }
 
 TEST_F(RequestBookkeeping, NotingASentRequestLeavesWithTheWordOfItsCase) {
-  g_DbcI.LogLevel = 15;
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     Note(1, link_);
     EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS\n"));
   }
-  const CapturedStderr log;
+  const CapturedLog log;
   Note(2, link_);
   EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS save in exist array element\n"));
 }
@@ -179,12 +172,8 @@ TEST_F(RequestBookkeeping, NotingASentRequestLeavesWithTheWordOfItsCase) {
 TEST_F(RequestBookkeeping, WithoutMemoryASentRequestIsNotNotedAndTheOldOnesStay) {
   Note(1, link_);
   Note(2, link_);
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Note(3, link_), -1);
-  }
+  const CapturedLog log;
+  EXPECT_EQ(WithoutMemory([&] { return Note(3, link_); }), -1);
   EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave FAILED allocat memory\n"));
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
   EXPECT_EQ(SentTags(), (Tags{1, 2}));
@@ -192,15 +181,14 @@ TEST_F(RequestBookkeeping, WithoutMemoryASentRequestIsNotNotedAndTheOldOnesStay)
 
 TEST_F(RequestBookkeeping, TheWalkOverSentRequestsEndsWithItsWord) {
   Note(1, link_);
-  g_DbcI.LogLevel = 15;
   MsgInfo* first;
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     first = GetNextMsgInfo(kHere, 1, nullptr);
     ASSERT_NE(first, nullptr);
     EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave SUCCESS\n"));
   }
-  const CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(GetNextMsgInfo(kHere, 1, first), nullptr);
   EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave FAILED not found\n"));
 }
@@ -347,8 +335,7 @@ TEST_F(RequestBookkeeping, WhatConnectionsAndLinksHaveIsCounted) {
 }
 
 TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestWaitingRequestsAreDropped) {
-  g_DbcI.LogLevel = kLogError;
-  const CapturedStderr log;
+  const CapturedLog log(kLogError);
   for (std::uint16_t tag = 1; tag <= 1030; ++tag) {
     Save(tag, link_, 7);
     ForgetConnection(7);
@@ -448,13 +435,12 @@ TEST_F(ActiveLinks, ASingleLinkIsYieldedOnce) {
 TEST_F(ActiveLinks, TheWalkLeavesWithItsWords) {
   Link* const link = AddLink("A");
   link->State = kLinkConnected;
-  g_DbcI.LogLevel = 15;
   {
-    const CapturedStderr log;
+    const CapturedLog log;
     GetNextActiveLink(kHere, 1, nullptr);
     EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave SUSSESS\n"));
   }
-  const CapturedStderr log;
+  const CapturedLog log;
   GetNextActiveLink(kHere, 1, link);
   EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave FAILED link not found\n"));
 }

@@ -7,11 +7,8 @@
 #include "protocols/lumo_tcp.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
-#include "tests/unit/log_texts.h"
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class Registry : public AgentTest {
  protected:
@@ -27,7 +24,17 @@ class Registry : public AgentTest {
     return names;
   }
   // Makes a link with the real driver of the line.
-  static Link* Parse(std::string line) { return ParseNodetabString("test", 1, line.data(), 1); }
+  static Link* Parse(std::string line) {
+    Link* const link = ParseNodetabString("test", 1, line.data(), 1);
+    EXPECT_NE(link, nullptr) << line;
+    return link;
+  }
+  // The last line of the log when the protocol is added.
+  static std::string LastWord(const std::string& name) {
+    const CapturedLog log;
+    Add(name);
+    return log.Lines().back();
+  }
   // Links whose protocol is gone get one that can be taken down at the end.
   void GiveAllLinksToFake() {
     Protocol* const fake = &Fake().Record;
@@ -108,38 +115,29 @@ TEST_F(Registry, TcpipsIsTakenByThePlaceholder) {
 }
 
 TEST_F(Registry, ThePlaceholdersOwnNameIsNotSupportedEvenWhenItIsLoaded) {
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  const CapturedLog log(kLogError);
   EXPECT_EQ(Add("dummy"), nullptr);
-  EXPECT_EQ(LogTexts(log.Text()), (Texts{"2 protload|Protocol 'DUMMY' don't support"}));
+  EXPECT_EQ(log.Lines(), (Texts{"2 protload|Protocol 'DUMMY' don't support"}));
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
 }
 
 TEST_F(Registry, NamesAreComparedWhole) {
-  g_DbcI.LogLevel = 2;
   for (const char* name :
        {"TCP", "TCPIPX", "LOCA", "LOCALX", "LOCALSX", "LOCALIX", "REZA", "TS", ""}) {
-    CapturedStderr log;
+    const CapturedLog log(kLogError);
     EXPECT_EQ(Add(name), nullptr) << name;
-    EXPECT_EQ(LogTexts(log.Text()),
+    EXPECT_EQ(log.Lines(),
               (Texts{"2 protload|Protocol '" + std::string(name) + "' don't support"}));
   }
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
 }
 
 TEST_F(Registry, WithoutMemoryNothingIsLoaded) {
-  Protocol* const tcp = Add("TCPIP");
-  g_DbcI.LogLevel = 2;
-  CapturedStderr log;
+  Add("TCPIP");
+  const CapturedLog log(kLogError);
   Word = "local";
-  Protocol* added = tcp;
-  {
-    const FailingAllocations failing;
-    added = AddProtocol("test", 1, Word.data());
-  }
-  EXPECT_EQ(added, nullptr);
-  EXPECT_EQ(LogTexts(log.Text()),
-            (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
+  EXPECT_EQ(WithoutMemory([] { return AddProtocol("test", 1, Word.data()); }), nullptr);
+  EXPECT_EQ(log.Lines(), (Texts{"2 protload|Error allocation memory for protocol LOCALS data"}));
   EXPECT_EQ(Loaded(), "TCPIP");
 }
 
@@ -151,11 +149,10 @@ TEST_F(Registry, ALoadedProtocolNeedsNoMemory) {
 }
 
 TEST_F(Registry, TheFourDriversAreAskedInTheirOrder) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("Nothing");
   Texts calls;
-  for (const std::string& text : LogTexts(log.Text())) {
+  for (const std::string& text : log.Lines()) {
     if (text.find("InitProtocol' ") == std::string::npos) continue;
     const std::size_t from = text.find(" Call from ");
     calls.push_back(from == std::string::npos ? text : text.substr(0, from));
@@ -171,8 +168,7 @@ TEST_F(Registry, TheFourDriversAreAskedInTheirOrder) {
 }
 
 TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("LOCAL");
   EXPECT_TRUE(log.Contains("'TCPIPInitProtocol' Leave Protocol name is not my"));
   EXPECT_TRUE(log.Contains("'LOCALSInitProtocol' Leave SUCCESS"));
@@ -182,36 +178,21 @@ TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
 
 TEST_F(Registry, TheSearchIsTracedFromTheNameAsWrittenToTheResult) {
   Add("TCPIP");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   Add("tcpip");
-  EXPECT_EQ(
-      LogTexts(log.Text()),
-      (Texts{"15 protload|'AddProtocol' Call from test:5 ", "15 protload|Protocol name = tcpip",
-             "15 protload|Protocol TCPIP already is in list of protocol",
-             "15 protload|'AddProtocol' Leave SUCCESS already load"}));
+  EXPECT_EQ(log.Lines(), (Texts{"15 protload|'AddProtocol' Call from test:5 ",
+                                "15 protload|Protocol name = tcpip",
+                                "15 protload|Protocol TCPIP already is in list of protocol",
+                                "15 protload|'AddProtocol' Leave SUCCESS already load"}));
 }
 
 TEST_F(Registry, TheWordsOfTheOtherResults) {
-  g_DbcI.LogLevel = 15;
-  {
-    CapturedStderr log;
-    Add("nothing");
-    EXPECT_EQ(LogTexts(log.Text()).back(),
-              "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
-  }
-  {
-    CapturedStderr log;
-    Add("TSR");
-    EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave SUCCESS");
-  }
-  CapturedStderr log;
+  EXPECT_EQ(LastWord("nothing"), "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
+  EXPECT_EQ(LastWord("TSR"), "15 protload|'AddProtocol' Leave SUCCESS");
+  const CapturedLog log;
   Word = "LOCALS";
-  {
-    const FailingAllocations failing;
-    AddProtocol("test", 5, Word.data());
-  }
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'AddProtocol' Leave FAILED all mem");
+  WithoutMemory([] { return AddProtocol("test", 5, Word.data()); });
+  EXPECT_EQ(log.Lines().back(), "15 protload|'AddProtocol' Leave FAILED all mem");
 }
 
 TEST_F(Registry, ADriverThatRefusesANameLeavesTheRecordUntouched) {
@@ -235,10 +216,9 @@ TEST_F(Registry, TheLocalDriverItselfAlsoTakesTheShortName) {
 
 TEST_F(Registry, WithoutLinksNoProtocolIsReleased) {
   Protocol* const tcp = Add("TCPIP");
-  g_DbcI.LogLevel = 15;
-  CapturedStderr log;
+  const CapturedLog log;
   EXPECT_EQ(UninitProtocol("test", 1, tcp), 0);
-  EXPECT_EQ(LogTexts(log.Text()).back(), "15 protload|'UninitProtocol' Leave SUCCESS not init");
+  EXPECT_EQ(log.Lines().back(), "15 protload|'UninitProtocol' Leave SUCCESS not init");
   EXPECT_EQ(Loaded(), "TCPIP");
 }
 
@@ -246,7 +226,6 @@ TEST_F(Registry, ReleasingAProtocolUninitialisesItsLinksButNotTheLastOfTheCircle
   Link* const a = Parse("A LOCALS 1");
   Link* const b = Parse("B LOCALS 2");
   Link* const c = Parse("C LOCALS 3");
-  ASSERT_TRUE(a && b && c);
   EXPECT_EQ(UninitProtocol("test", 1, g_DbcI.ProtocolList), 0);
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
   EXPECT_EQ(a->DriverData, nullptr);
@@ -259,7 +238,6 @@ TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
   Link* const a = Parse("A TCPIP 127.0.0.1");
   Link* const b = Parse("B LOCALS 2");
   Link* const c = Parse("C TCPIP 127.0.0.1");
-  ASSERT_TRUE(a && b && c);
   EXPECT_EQ(Loaded(), "TCPIP LOCALS");
   UninitProtocol("test", 1, b->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP");
@@ -272,8 +250,7 @@ TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
 TEST_F(Registry, ReleasingAProtocolTakesItOutOfAnyPlaceOfTheList) {
   Link* const a = Parse("A TCPIP 127.0.0.1");
   Link* const b = Parse("B LOCALS 2");
-  Link* const c = Parse("C TSR");
-  ASSERT_TRUE(a && b && c);
+  Parse("C TSR");
   UninitProtocol("test", 1, b->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP DUMMY");
   UninitProtocol("test", 1, a->Protocol);

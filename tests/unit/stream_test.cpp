@@ -64,6 +64,20 @@ class Streams : public AgentTest {
     EXPECT_EQ(send(Far(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
   FrameRead Read(const FrameFormat& format = kCounting) { return ReadFrame(Ours(), area_, format); }
+  void ExpectFrame(const std::string& frame, const FrameFormat& format) {
+    EXPECT_EQ(Read(format), FrameRead::Whole);
+    EXPECT_EQ(Area(frame.size()), frame);
+  }
+  // The frame comes byte by byte.
+  void ComeInBytes(const std::string& frame, const FrameFormat& format) {
+    for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
+      Come(frame.substr(i, 1));
+      EXPECT_EQ(Read(format), FrameRead::Later) << i;
+      EXPECT_FALSE(FrameWaits(Ours()));
+    }
+    Come(frame.substr(frame.size() - 1));
+    ExpectFrame(frame, format);
+  }
   std::string Area(std::size_t size) const {
     return std::string(reinterpret_cast<const char*>(area_), size);
   }
@@ -91,6 +105,16 @@ class Streams : public AgentTest {
     return all;
   }
 
+  // All that is kept goes out: what the far end gets.
+  std::string TakeAll() const {
+    std::string came = Take();
+    while (UnsentBytes(Ours()) > 0) {
+      EXPECT_EQ(Flush(), 0);
+      came += Take();
+    }
+    return came;
+  }
+
  private:
   int pair_[2] = {-1, -1};
   unsigned char area_[8192];
@@ -107,8 +131,7 @@ class FramesIn : public Streams {
 
 TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
   Come(Frame(10, "abcdef"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(Area(10), Frame(10, "abcdef"));
+  ExpectFrame(Frame(10, "abcdef"), kCounting);
   EXPECT_EQ(receives, (std::vector<int>{4, 6}));
   EXPECT_EQ(lengths, std::vector<int>{6});
 }
@@ -130,8 +153,7 @@ TEST_F(FramesIn, TheSecondOfALookShowsItsOwnLength) {
 
 TEST_F(FramesIn, TheLengthWordMayNotCountItself) {
   Come(Frame(6, "abcdef") + "rest");
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
-  EXPECT_EQ(Area(10), Frame(6, "abcdef"));
+  ExpectFrame(Frame(6, "abcdef"), kPlain);
 }
 
 TEST_F(FramesIn, TheSizeCountsTheLengthWord) {
@@ -148,14 +170,7 @@ TEST_F(FramesIn, NothingComeYetIsLaterAndTracesNothing) {
 }
 
 TEST_F(FramesIn, AFrameThatComesByteByByteIsPutTogether) {
-  const std::string frame = Frame(9, "12345");
-  for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
-    Come(frame.substr(i, 1));
-    EXPECT_EQ(Read(), FrameRead::Later) << i;
-  }
-  Come(frame.substr(frame.size() - 1));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(Area(9), frame);
+  ComeInBytes(Frame(9, "12345"), kCounting);
   EXPECT_EQ(lengths, std::vector<int>{5}) << "the length is told once";
 }
 
@@ -163,10 +178,8 @@ TEST_F(FramesIn, TheNextFrameBeginsAnew) {
   Come(Frame(9, "12345").substr(0, 6));
   EXPECT_EQ(Read(), FrameRead::Later);
   Come("345" + Frame(6, "xy"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(Area(9), Frame(9, "12345"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(Area(6), Frame(6, "xy"));
+  ExpectFrame(Frame(9, "12345"), kCounting);
+  ExpectFrame(Frame(6, "xy"), kCounting);
 }
 
 TEST_F(FramesIn, HalfAFrameAndTheEndIsClosed) {
@@ -272,8 +285,7 @@ TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
   EXPECT_EQ(Read(), FrameRead::Later);
   ForgetDescriptor(Ours());
   Come(Frame(6, "xy"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(Area(6), Frame(6, "xy"));
+  ExpectFrame(Frame(6, "xy"), kCounting);
 }
 
 // What has come is taken with one call, whatever the stream is.
@@ -287,8 +299,7 @@ TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
   EXPECT_FALSE(Waits());
   for (const char* body : {"a", "bb", "ccc"}) {
     const std::string text = body;
-    EXPECT_EQ(Read(kPlain), FrameRead::Whole);
-    EXPECT_EQ(Area(4 + text.size()), Frame(static_cast<std::uint32_t>(text.size()), text));
+    ExpectFrame(Frame(static_cast<std::uint32_t>(text.size()), text), kPlain);
     EXPECT_EQ(Waits(), text != "ccc");
   }
   EXPECT_EQ(Read(kPlain), FrameRead::Later);
@@ -300,29 +311,15 @@ TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
   EXPECT_FALSE(Waits());
   EXPECT_EQ(Read(kPlain), FrameRead::Later);
   Come("xx");
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
-  EXPECT_EQ(Area(10), Frame(6, "halfxx"));
+  ExpectFrame(Frame(6, "halfxx"), kPlain);
 }
 
-TEST_F(FramesAhead, MayComeByteByByte) {
-  const std::string frame = Frame(5, "12345");
-  for (std::size_t i = 0; i + 1 < frame.size(); ++i) {
-    Come(frame.substr(i, 1));
-    EXPECT_EQ(Read(kPlain), FrameRead::Later) << i;
-    EXPECT_FALSE(Waits());
-  }
-  Come(frame.substr(frame.size() - 1));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
-  EXPECT_EQ(Area(9), frame);
-}
+TEST_F(FramesAhead, MayComeByteByByte) { ComeInBytes(Frame(5, "12345"), kPlain); }
 
 TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
   for (int round = 0; round < 5; ++round) {
     for (char c = 'a'; c < 'f'; ++c) Come(Frame(8188, std::string(8188, c)));
-    for (char c = 'a'; c < 'f'; ++c) {
-      ASSERT_EQ(Read(kPlain), FrameRead::Whole);
-      ASSERT_EQ(Area(8192), Frame(8188, std::string(8188, c)));
-    }
+    for (char c = 'a'; c < 'f'; ++c) ExpectFrame(Frame(8188, std::string(8188, c)), kPlain);
   }
   EXPECT_FALSE(Waits());
 }
@@ -365,8 +362,7 @@ TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
   ForgetDescriptor(Ours());
   EXPECT_FALSE(Waits());
   Come(Frame(1, "c"));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
-  EXPECT_EQ(Area(5), Frame(1, "c"));
+  ExpectFrame(Frame(1, "c"), kPlain);
 }
 
 TEST_F(FramesAhead, ALookTakesThemAndTellsOfTheEnd) {
@@ -431,8 +427,7 @@ TEST_F(BytesOut, WhatThePeerDoesNotTakeIsKeptAndTheDescriptorAwaitsWriting) {
 TEST_F(BytesOut, TheWriteRegistrationHasTheCallersPlace) {
   FillUp();
   UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, Ours());
-  g_DbcI.LogLevel = 15;
-  const CapturedStderr log;
+  const CapturedLog log;
   Send("x");
   EXPECT_TRUE(log.Contains("test:   7"));
   EXPECT_TRUE(log.Contains("|REGISTER_SOCKET_FOR_WRITE_EVENT " + std::to_string(Ours()) + "\n"));
@@ -446,10 +441,7 @@ TEST_F(BytesOut, KeepTheirOrder) {
   EXPECT_EQ(Send("last", &kTraced), 0) << "the peer takes again, but what is kept goes first";
   EXPECT_TRUE(sends.empty());
   all += "last";
-  while (UnsentBytes(Ours()) > 0) {
-    ASSERT_EQ(Flush(), 0);
-    came += Take();
-  }
+  came += TakeAll();
   EXPECT_TRUE(came == all);
   EXPECT_EQ(UnsentDescriptors(), 0);
   EXPECT_FALSE(AwaitsWriting());
@@ -526,10 +518,7 @@ TEST_F(BytesOut, WithoutMemoryWhatThePeerDoesNotTakeFails) {
 TEST_F(BytesOut, WithoutMemoryWhatIsKeptStays) {
   FillUp();
   const std::size_t before = UnsentBytes(Ours());
-  {
-    const FailingAllocations failing;
-    EXPECT_EQ(Send(std::string(100000, 'x')), -1);
-  }
+  EXPECT_EQ(WithoutMemory([&] { return Send(std::string(100000, 'x')); }), -1);
   EXPECT_EQ(UnsentBytes(Ours()), before);
 }
 
@@ -607,12 +596,7 @@ TEST_F(BytesTogether, MayBeMoreThanABlock) {
     all += frame;
   }
   EXPECT_EQ(Release(), 0);
-  std::string came = Take();
-  while (UnsentBytes(Ours()) > 0) {
-    ASSERT_EQ(Flush(), 0);
-    came += Take();
-  }
-  EXPECT_TRUE(came == all);
+  EXPECT_TRUE(TakeAll() == all);
 }
 
 TEST_F(BytesTogether, AreKeptForEachLink) {
@@ -669,12 +653,7 @@ TEST_F(BytesTogether, DoNotOvertakeWhatIsKeptForThePeer) {
   JoinOutput(true);
   EXPECT_EQ(Send("behind"), 0);
   EXPECT_EQ(NextJoined(), -1);
-  std::string came = Take();
-  while (UnsentBytes(Ours()) > 0) {
-    ASSERT_EQ(Flush(), 0);
-    came += Take();
-  }
-  EXPECT_TRUE(came == all + "behind");
+  EXPECT_TRUE(TakeAll() == all + "behind");
 }
 
 TEST_F(BytesTogether, ThatThePeerDoesNotTakeAwaitWriting) {

@@ -1,7 +1,6 @@
 #include "tests/unit/system_faults.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -149,25 +148,6 @@ std::time_t __real_time(std::time_t* seconds);
 int __real_semop(int set, sembuf* operations, std::size_t count);
 int __real_epoll_wait(int epoll, epoll_event* events, int room, int wait);
 hostent* __real_gethostbyname(const char* name);
-
-int __wrap_socket(int domain, int type, int protocol);
-int __wrap_fcntl(int fd, int command, ...);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t size);
-int __wrap_connect(int fd, const sockaddr* address, socklen_t size);
-ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags);
-ssize_t __wrap_recv(int fd, void* bytes, std::size_t count, int flags);
-ssize_t __wrap_read(int fd, void* bytes, std::size_t count);
-ssize_t __wrap___recv_chk(int fd, void* bytes, std::size_t count, std::size_t room, int flags);
-ssize_t __wrap___read_chk(int fd, void* bytes, std::size_t count, std::size_t room);
-ssize_t __wrap_write(int fd, const void* bytes, std::size_t count);
-int __wrap_select(int end, fd_set* read, fd_set* write, fd_set* other, timeval* limit);
-int __wrap_shutdown(int fd, int how);
-int __wrap_msgsnd(int queue, const void* message, std::size_t size, int flags);
-ssize_t __wrap_msgrcv(int queue, void* message, std::size_t size, long type, int flags);
-std::time_t __wrap_time(std::time_t* seconds);
-int __wrap_semop(int set, sembuf* operations, std::size_t count);
-int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int wait);
-hostent* __wrap_gethostbyname(const char* name);
 
 int __wrap_socket(int domain, int type, int protocol) {
   return Fails(SystemCall::Socket) ? -1 : __real_socket(domain, type, protocol);

@@ -6,14 +6,14 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"
+#include "tests/support/node.h"
 #include "tests/unit/agent_test.h"
-#include "tests/unit/log_lines.h"
 #include "tests/unit/system_faults.h"
 
 inline constexpr int kPatienceMs = 15000;
@@ -81,17 +81,10 @@ class TcpDriver : public AgentTest {
     REGISTER_SOCKET_FOR_THE_LINK("test", __LINE__, ends[1], Node);
     REGISTER_SOCKET_FOR_READ_EVENT("test", __LINE__, ends[1]);
   }
-  // A link whose connect has begun, to a listener of ours.
+  // A link whose connect has begun, to a server of ours.
   void Connecting(const char* timeouts) {
-    Listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ASSERT_EQ(bind(Listener, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(listen(Listener, 4), 0);
-    ASSERT_EQ(getsockname(Listener, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    const std::string text = "127.0.0.1 " + std::to_string(ntohs(address.sin_port)) + " ";
+    Server.emplace();
+    const std::string text = "127.0.0.1 " + std::to_string(Server->Port()) + " ";
     ASSERT_EQ(Init((text + timeouts).c_str()), 0);
   }
   int Connect() { return TcpConnectLink("test", __LINE__, Node); }
@@ -100,9 +93,9 @@ class TcpDriver : public AgentTest {
     ASSERT_EQ(Connect(), 0);
     pollfd ready{Data().Socket, POLLOUT, 0};
     ASSERT_EQ(poll(&ready, 1, kPatienceMs), 1);
-    FarEnd = accept(Listener, nullptr, nullptr);
-    close(Listener);
-    ASSERT_GE(FarEnd, 0);
+    ASSERT_TRUE(Server->Accept());
+    FarEnd = dup(Server->Socket());
+    Server.reset();
   }
   int ReadyForWrite() { return TcpReadyForWrite("test", __LINE__, Node); }
   int Tick() { return TcpTimerEvent("test", __LINE__, Node); }
@@ -114,5 +107,6 @@ class TcpDriver : public AgentTest {
 
   Protocol Driver = {};
   Link* Node = nullptr;
-  int FarEnd = -1, Listener = -1;
+  int FarEnd = -1;
+  std::optional<test::Node> Server;  // while it listens
 };

@@ -47,6 +47,13 @@ class Waiting : public AgentTest {
   }
   bool Found() const { return FD_ISSET(ends_[0], &g_Ready.Read); }
 
+  // Something comes, and the wait finds it among so many events.
+  void ExpectFound(bool atOnce, int events = 1) {
+    ASSERT_EQ(write(ends_[1], "x", 1), 1);
+    EXPECT_EQ(Wait(atOnce), events);
+    EXPECT_TRUE(Found());
+  }
+
   int ends_[2] = {};
   struct sigaction formerAction_ = {};
 };
@@ -54,24 +61,18 @@ class Waiting : public AgentTest {
 TEST_F(Waiting, HasNoEndButAnEventOrASignal) {
   EXPECT_EQ(Wait(false), kInterrupted);
   EXPECT_EQ(errno, EINTR);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(Found());
+  ExpectFound(false);
 }
 
 TEST_F(Waiting, OnlyLooksWhenItIsToldTo) {
   EXPECT_EQ(Wait(true), 0);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(true), 1);
-  EXPECT_TRUE(Found());
+  ExpectFound(true);
 }
 
 TEST_F(Waiting, FindsInputBehindEpollToo) {
   PrepareWait();
   EXPECT_EQ(Wait(true), 0);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(Found());
+  ExpectFound(false);
 }
 
 TEST_F(Waiting, BehindEpollHasNoEndButAnEventOrASignal) {
@@ -85,9 +86,7 @@ TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
   REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, ends_[1]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(FD_ISSET(ends_[1], &g_Ready.Write));
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 2);
-  EXPECT_TRUE(Found());
+  ExpectFound(false, 2);
 }
 
 TEST_F(Waiting, OneDescriptorMayWaitForBothBehindEpoll) {
@@ -223,9 +222,7 @@ TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
   PrepareWait();
   setrlimit(RLIMIT_NOFILE, &former);
   EXPECT_EQ(OpenDescriptors(), before);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(Found());
+  ExpectFound(false);
 }
 
 // Else a signal would write to whatever gets its number.
@@ -281,9 +278,7 @@ TEST_P(WakingUp, EndsTheNextWaitOnce) {
 TEST_P(WakingUp, IsNoEventBesideOthers) {
   Prepare();
   WakeUp();
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(Found());
+  ExpectFound(false);
   for (int fd = 0; fd < FD_SETSIZE; ++fd) EXPECT_EQ(FD_ISSET(fd, &g_Ready.Read), fd == ends_[0]);
 }
 
