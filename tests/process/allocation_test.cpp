@@ -15,8 +15,6 @@
 #include <vector>
 
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"

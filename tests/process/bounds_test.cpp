@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
@@ -18,12 +17,11 @@ namespace {
 constexpr int kMostWaiting = 1024;  // for a link, of connections that have gone
 
 // Clients that ask a node which is still connecting, and hang up.
-class HangUps : public testing::Test {
+class HangUps : public AgentTest {
  protected:
   void SetUp() override {
     node_.Stall();
-    agent_.Nodetab(node_.Line("SLOW") + echo_.Line("SRV"));
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(node_.Line("SLOW") + echo_.Line("SRV"));
     AskAndHangUp(1);  // so that the link has its socket
     agent_.Barrier();
     idle_ = OpenDescriptors(agent_.Pid());
@@ -47,7 +45,6 @@ class HangUps : public testing::Test {
 
   Node node_{Node::Start::Bound};
   EchoNode echo_;
-  Agent agent_;
   int asked_ = 0, idle_ = 0;
 };
 

@@ -7,14 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 #include "tests/support/text.h"
 
 namespace test {
 namespace {
+
+using ClientTimeout = AgentTest;
 
 constexpr std::size_t kMarkInTrailer = 46, kSocketInTrailer = 4, kTrailerSize = 48;
 
@@ -32,11 +33,11 @@ std::string PacketOf(const lumo::Message& request, const std::string& received) 
 }
 
 // An agent with one connected node, and a client.
-class ClientMessages : public testing::Test {
+class ClientMessages : public AgentTest {
  protected:
   void SetUp() override {
-    agent_.Nodetab(node_.Line("SRV")).LogLevel("2");
-    ASSERT_TRUE(agent_.Start());
+    agent_.LogLevel("2");
+    StartAgent(node_.Line("SRV"));
     client_.emplace(agent_);
     const lumo::Message request = client_->Send("SRV", "first");
     ASSERT_TRUE(node_.Accept());
@@ -77,7 +78,6 @@ class ClientMessages : public testing::Test {
   int Lines(const std::string& text) { return agent_.CountLogged(2, "clntxch", text); }
 
   Node node_;
-  Agent agent_;
   std::optional<Client> client_;
 };
 
@@ -99,9 +99,8 @@ TEST_F(ClientMessages, EveryFieldOfAnAnswerReachesTheClientUnchanged) {
 
 TEST_F(ClientMessages, TheTaskNameOfAnAnswerIsTheTrailers) {
   const lumo::Message request = client_->Send("SRV");
-  const auto received = node_.ReadRequest();
-  ASSERT_TRUE(received);
-  lumo::Message answer = AnswerTo(*received, "row");
+  const auto received = node_.ExpectRequest();
+  lumo::Message answer = AnswerTo(received, "row");
   answer.TaskName = 4711;
   node_.SendMessage(answer);
   client_->ExpectAnswer(request);
@@ -333,46 +332,41 @@ TEST_F(DeadClients, AnAnswerToTaskZeroFailsWhileADeadClientIsListed) {
   client.ExpectError(client.Send("NOBODY"), 4050, 0);
 }
 
-TEST(ClientTimeout, WithoutClientsTheLinksAreDisconnectedAtThe151stTick) {
+TEST_F(ClientTimeout, WithoutClientsTheLinksAreDisconnectedAtThe151stTick) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).LogLevel("1");
-  ASSERT_TRUE(agent.Start());
+  agent_.LogLevel("1");
+  StartAgent(node.Line("SRV"));
   LivingProcess process;
-  Client client(agent, process.Pid());
+  Client client(agent_, process.Pid());
   client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
-  agent.Ticks(3);  // with a client listed they do not count
+  node.ExpectFirstRequest();
+  agent_.Ticks(3);  // with a client listed they do not count
   process.Kill();
-  agent.Tick();
+  agent_.Tick();
   EXPECT_TRUE(node.ReadControl()) << "the client is found dead";
-  agent.Ticks(150);
+  agent_.Ticks(150);
   EXPECT_TRUE(node.Silent(Milliseconds(0)));
-  EXPECT_FALSE(agent.Logged(1, "", "Disconnect link  SRV"));
-  agent.Tick();
+  EXPECT_FALSE(agent_.Logged(1, "", "Disconnect link  SRV"));
+  agent_.Tick();
   EXPECT_TRUE(node.ReadEnd(Milliseconds(0)));
-  EXPECT_EQ(agent.CountLogged(1, "", "Disconnect link  SRV"), 1);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.CountLogged(1, "", "Disconnect link  SRV"), 1);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(ClientTimeout, ARequestStartsTheCountAnew) {
+TEST_F(ClientTimeout, ARequestStartsTheCountAnew) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  agent.Ticks(100);
+  StartAgent(node.Line("SRV"));
+  agent_.Ticks(100);
   LivingProcess process;
-  Client client(agent, process.Pid());
+  Client client(agent_, process.Pid());
   client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
   process.Kill();
-  agent.Tick();
+  agent_.Tick();
   EXPECT_TRUE(node.ReadControl());
-  agent.Ticks(60);
+  agent_.Ticks(60);
   EXPECT_TRUE(node.Silent(Milliseconds(0)));
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

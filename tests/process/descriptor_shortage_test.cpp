@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/process.h"
 
 namespace test {
@@ -18,11 +17,11 @@ namespace {
 
 constexpr rlim_t kLimit = 64;
 
-class DescriptorShortage : public testing::Test {
+class DescriptorShortage : public AgentTest {
  protected:
   void SetUp() override {
     agent_.Limit(RLIMIT_NOFILE, kLimit);
-    ASSERT_TRUE(agent_.Start());
+    StartAgent();
     agent_.Barrier();
   }
   void TearDown() override {
@@ -52,7 +51,6 @@ class DescriptorShortage : public testing::Test {
   }
   static bool IsGreeted(int connection) { return ReadRaw(connection, 60).size() == 60; }
 
-  Agent agent_;
   std::vector<int> connections_;
 };
 

@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "tests/process/reconnection.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
@@ -21,28 +20,24 @@
 namespace test {
 namespace {
 
+using Dispatch = AgentTest;
+
 constexpr char kSendFailed9[] = "Send to client fail. Call:send. errno 9";
 
-TEST(Dispatch, ARequestReachesTheNodeThatItNames) {
+TEST_F(Dispatch, ARequestReachesTheNodeThatItNames) {
   EchoNode a, b;
-  Agent agent;
-  agent.Nodetab(a.Line("A") + b.Line("B"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(a.Line("A") + b.Line("B"));
   EXPECT_EQ(client.Ask("B", "to b").Strings[0], "to b");
   EXPECT_EQ(client.Ask("A", "to a").Strings[0], "to a");
   EXPECT_EQ(client.Ask("B", "to b again").Strings[0], "to b again");
   EXPECT_EQ(a.Served(), 1);
   EXPECT_EQ(b.Served(), 2);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
+TEST_F(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
   EchoNode a, b;
-  Agent agent;
-  agent.Nodetab(a.Line("AB") + b.Line("ABCDEFGH"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(a.Line("AB") + b.Line("ABCDEFGH"));
   int served = 0;
   for (const std::string name : {"AB", "ab", "ab      ", "aB cd", "AB \xFFyz"}) {
     client.Ask(name, "text");
@@ -52,15 +47,13 @@ TEST(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
   EXPECT_EQ(b.Served(), 1);
   client.ExpectError(client.Send("ABC"), 4050, 0);
   client.ExpectError(client.Send("ABCDEFG"), 4050, 0);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
+TEST_F(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
   EchoNode a, b;
-  Agent agent;
-  agent.Nodetab(a.Line("A") + b.Line("B")).Options({"-DEFAULT", "B"});
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Options({"-DEFAULT", "B"});
+  Client client = StartWithClient(a.Line("A") + b.Line("B"));
   int served = 0;
   for (const std::string& name :
        {std::string(), std::string(8, ' '), std::string(" A"), std::string("\0A", 2)}) {
@@ -68,26 +61,21 @@ TEST(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
     EXPECT_EQ(b.Served(), ++served) << testing::PrintToString(name);
   }
   EXPECT_EQ(a.Served(), 0);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, AnUnknownNodeIsAnsweredWith4050) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(Dispatch, AnUnknownNodeIsAnsweredWith4050) {
+  agent_.Trace();
+  Client client = StartWithClient();
   client.ExpectError(client.Send("NOBODY"), 4050, 0);
-  EXPECT_TRUE(agent.Logged(
+  EXPECT_TRUE(agent_.Logged(
       15, "clntxch", "Node name NOBODY dasn't correspondence to the nodetab file information"));
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
+TEST_F(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("SRV"));
   for (const char* name : {"", "SRV", "NOBODY"}) {
     lumo::Message request = lumo::ManagementRequest(100);
     request.Node = name;
@@ -100,25 +88,24 @@ TEST(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
     EXPECT_EQ(answer->Result, 1) << name;
   }
   EXPECT_EQ(node.Served(), 0);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, WithoutAnyLinkOnlyManagementIsServed) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  const lumo::Answer deleted = lumo::DeleteDefaultNode(agent.Control());
+TEST_F(Dispatch, WithoutAnyLinkOnlyManagementIsServed) {
+  StartAgent();
+  const lumo::Answer deleted = lumo::DeleteDefaultNode(agent_.Control());
   ASSERT_TRUE(deleted);
   EXPECT_EQ(deleted->Result, lumo::kDone);
-  Client client(agent);
+  Client client(agent_);
   client.ExpectError(client.Send(""), 4050, 0);
   client.ExpectError(client.Send("NOWHERE"), 4050, 0);
   const lumo::Answer count = lumo::CountNodes(client.Connection());
   ASSERT_TRUE(count);
   EXPECT_EQ(count->Result, 0);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, AnUnsupportedProtocolIsAnsweredWith4066AndNoSystemError) {
+TEST_F(Dispatch, AnUnsupportedProtocolIsAnsweredWith4066AndNoSystemError) {
   for (const char* level : {"0", "15"}) {
     Agent agent;
     agent.LogLevel(level);
@@ -130,7 +117,7 @@ TEST(Dispatch, AnUnsupportedProtocolIsAnsweredWith4066AndNoSystemError) {
   }
 }
 
-TEST(Dispatch, AFailedConnectIsAnsweredWithItsOwnErrorAtEveryTraceLevel) {
+TEST_F(Dispatch, AFailedConnectIsAnsweredWithItsOwnErrorAtEveryTraceLevel) {
   for (const char* level : {"0", "2", "15"}) {
     Agent agent;
     LocalKernel kernel(agent);
@@ -145,31 +132,29 @@ TEST(Dispatch, AFailedConnectIsAnsweredWithItsOwnErrorAtEveryTraceLevel) {
   }
 }
 
-TEST(Dispatch, RequestsWaitWhileTheirLinkConnects) {
+TEST_F(Dispatch, RequestsWaitWhileTheirLinkConnects) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).Trace();
-  ASSERT_TRUE(agent.Start());
+  agent_.Trace();
+  StartAgent(node.Line("SRV"));
   node.Stall();
-  Client client(agent);
+  Client client(agent_);
   std::vector<lumo::Message> requests;
   for (const char* name : {"", "SRV", ""}) requests.push_back(client.Send(name, "text"));
   client.ExpectNothing();
-  EXPECT_TRUE(agent.LogContains("Leave SUCCESS connect in progress. Message saved"));
+  EXPECT_TRUE(agent_.LogContains("Leave SUCCESS connect in progress. Message saved"));
   node.Unstall();
-  agent.Tick();
+  agent_.Tick();
   ASSERT_TRUE(node.Accept());
   for (const lumo::Message& request : requests) {
-    const auto received = node.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->AstInd(), request.AstInd());
-    node.Answer(*received, "row");
+    const auto received = node.ExpectRequest();
+    EXPECT_EQ(received.AstInd(), request.AstInd());
+    node.Answer(received, "row");
     client.ExpectAnswer(request);
   }
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
+TEST_F(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
   for (const bool err1001 : {false, true}) {
     Node node;
     Agent agent;
@@ -187,68 +172,61 @@ TEST(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
     ASSERT_TRUE(node.Accept());
     agent.Barrier();
     const lumo::Message request = client.Send("SRV", "now");
-    const auto received = node.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->Strings[0], "now") << "the requests answered before are not sent";
-    node.Answer(*received);
+    const auto received = node.ExpectRequest();
+    EXPECT_EQ(received.Strings[0], "now") << "the requests answered before are not sent";
+    node.Answer(received);
     client.ExpectAnswer(request);
     EXPECT_EQ(agent.Stop(), 0);
   }
 }
 
-TEST(Dispatch, ARequestForAFailedDefaultFollowsItToTheNextNode) {
+TEST_F(Dispatch, ARequestForAFailedDefaultFollowsItToTheNextNode) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B")).Option("-AUTOCONNECT").Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Option("-AUTOCONNECT").Trace();
+  Client client = StartWithClient("A REZ\n" + node.Line("B"));
   EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
-  EXPECT_TRUE(agent.Logged(15, "clntxch", "It's default link. Try set new default link"));
-  EXPECT_TRUE(agent.Logged(1, "", "Set link  B as default"));
+  EXPECT_TRUE(agent_.Logged(15, "clntxch", "It's default link. Try set new default link"));
+  EXPECT_TRUE(agent_.Logged(1, "", "Set link  B as default"));
   client.ExpectError(client.Send("A"), 4066, 0);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, TheStepsOfARequestAreTraced) {
+TEST_F(Dispatch, TheStepsOfARequestAreTraced) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Trace();
+  Client client = StartWithClient(node.Line("SRV"));
   client.Ask("SRV", "one");
   client.Ask("SRV", "two");
   for (const char* text :
        {"Link SRV is disconnect state. Try up the link",
         "Link SRV is already connect state. Try send message", "Link SRV SUCESS send message"})
-    EXPECT_EQ(agent.CountLogged(15, "clntxch", text), 1) << text;
-  EXPECT_EQ(agent.Stop(), 0);
+    EXPECT_EQ(agent_.CountLogged(15, "clntxch", text), 1) << text;
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Dispatch, AClientIsReportedDeadToEveryNodeThatItUsed) {
+TEST_F(Dispatch, AClientIsReportedDeadToEveryNodeThatItUsed) {
   Node a, b;
-  Agent agent;
-  agent.Nodetab(a.Line("A") + b.Line("B"));
-  ASSERT_TRUE(agent.Start());
+  StartAgent(a.Line("A") + b.Line("B"));
   LivingProcess process;
   const auto pid = static_cast<std::uint32_t>(process.Pid());
-  Client client(agent, process.Pid());
+  Client client(agent_, process.Pid());
   client.Send("A");
   client.Send("B");
   ASSERT_TRUE(a.Accept() && b.Accept());
   ASSERT_TRUE(a.ReadRequest() && b.ReadRequest());
   process.Kill();
-  agent.Tick();
+  agent_.Tick();
   EXPECT_EQ(a.ReadControl(), (Control{2, pid}));
   EXPECT_EQ(b.ReadControl(), (Control{2, pid}));
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // A client hangs up with a request under way, and another gets the number of its connection.
-class ReusedConnection : public testing::Test {
+class ReusedConnection : public AgentTest {
  protected:
   void SetUp() override {
-    agent_.Nodetab(node_.Line("SRV")).Trace();
-    ASSERT_TRUE(agent_.Start());
+    agent_.Trace();
+    StartAgent(node_.Line("SRV"));
   }
   void TearDown() override { EXPECT_EQ(agent_.Stop(), 0); }
 
@@ -267,26 +245,22 @@ class ReusedConnection : public testing::Test {
   }
 
   Node node_;
-  Agent agent_;
 };
 
 TEST_F(ReusedConnection, ALateAnswerReachesNobody) {
   std::optional<Client> first(std::in_place, agent_);
   first->Send("SRV", "first");
-  ASSERT_TRUE(node_.Accept());
-  const auto late = node_.ReadRequest();
-  ASSERT_TRUE(late);
+  const auto late = node_.ExpectFirstRequest();
   first.reset();
   agent_.Barrier();
   Client second(agent_);
   ExpectSameSocket(second);
-  const auto received = node_.ReadRequest();
-  ASSERT_TRUE(received);
+  const auto received = node_.ExpectRequest();
   // The same tag is no matter: only the oldest request with it is answered.
-  node_.Answer(*late, "for nobody");
+  node_.Answer(late, "for nobody");
   ASSERT_TRUE(WaitFor([&] { return agent_.Logged(2, "clntxch", kSendFailed9); }));
   second.ExpectNothing();
-  node_.Answer(*received, "for the second");
+  node_.Answer(received, "for the second");
   const std::optional<lumo::Message> answer = second.Receive();
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->Strings[0], "for the second");
@@ -296,8 +270,7 @@ TEST_F(ReusedConnection, ALateAnswerReachesNobody) {
 TEST_F(ReusedConnection, ABrokenLinkTellsNobodyOfTheFirstOnesRequest) {
   std::optional<Client> first(std::in_place, agent_);
   first->Send("SRV", "first");
-  ASSERT_TRUE(node_.Accept());
-  ASSERT_TRUE(node_.ReadRequest());
+  node_.ExpectFirstRequest();
   const std::string socket = LastSocket();
   first.reset();
   agent_.Barrier();
@@ -326,10 +299,9 @@ TEST_F(ReusedConnection, AnAnswerToASavedRequestReachesNobody) {
   agent_.Tick();
   ASSERT_TRUE(node_.Accept());
   for (const char* text : {"first", "second"}) {
-    const auto received = node_.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->Strings[0], text);
-    node_.Answer(*received, text);
+    const auto received = node_.ExpectRequest();
+    EXPECT_EQ(received.Strings[0], text);
+    node_.Answer(received, text);
   }
   const std::optional<lumo::Message> answer = second.Receive();
   ASSERT_TRUE(answer);
@@ -340,15 +312,14 @@ TEST_F(ReusedConnection, AnAnswerToASavedRequestReachesNobody) {
 
 // The default node K is a local kernel, T another node; neither is there yet. The client has left
 // so many answers unread that the next ones but for a few close its connection.
-class ClosedInHand : public testing::Test {
+class ClosedInHand : public AgentTest {
  protected:
   static constexpr int kWaiting = 30;  // requests: their answers are more than what is left
   static constexpr long kBound = 1 << 20, kLeft = 2000;
 
   void SetUp() override {
-    agent_.Nodetab(k_.Line("K") + t_.Line("T"));
     agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60000"});
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(k_.Line("K") + t_.Line("T"));
     client_.emplace(agent_);
     LeaveUnread();
     for (int i = 0; i < kWaiting; ++i) client_->Send({}, "waits");
@@ -386,7 +357,6 @@ class ClosedInHand : public testing::Test {
     ASSERT_TRUE(k_.Greet());
   }
 
-  Agent agent_;
   LateKernel k_{agent_};
   Node t_{Node::Start::Bound};
   std::optional<Client> client_;
@@ -400,14 +370,11 @@ TEST_F(ClosedInHand, ARequestIsNotSavedForANumberThatIsInUseAgain) {
   t_.Listen();
   client_->Send({}, "in hand");
   Refuse();
-  ASSERT_TRUE(t_.Accept());
-  const auto received = t_.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->Strings[0], "in hand");
-  t_.Answer(*received, "too late");
+  const auto received = t_.ExpectFirstRequest();
+  EXPECT_EQ(received.Strings[0], "in hand");
+  t_.Answer(received, "too late");
   Client other(agent_);
-  const lumo::Message request = other.Send({}, "afterwards");
-  ExpectServedBy(t_, "T", other, request);
+  ExpectServedBy(t_, "T", other, other.Send({}, "afterwards"));
   EXPECT_TRUE(t_.Silent(Milliseconds(0))) << "the node gets an answer";
   EXPECT_EQ(agent_.Stop(), 0);
 }

@@ -8,13 +8,14 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/text.h"
 
 namespace test {
 namespace {
+
+using FullLog = AgentTest;
 
 // The agent's standard error: a pipe that can be filled and emptied.
 class LogPipe {
@@ -53,66 +54,62 @@ class LogPipe {
   int ends_[2] = {-1, -1};
 };
 
-TEST(FullLog, HoldsUpNeitherTheStartNorTheClientsNorTheStop) {
+TEST_F(FullLog, HoldsUpNeitherTheStartNorTheClientsNorTheStop) {
   EchoNode node;
   LogPipe log;
   log.Fill();
-  Agent agent;  // which has something to say at every level
-  agent.Nodetab("BAD TCPIP\n" + node.Line("A")).LogInto(log.WriteEnd());
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  // which has something to say at every level
+  agent_.LogInto(log.WriteEnd());
+  Client client = StartWithClient("BAD TCPIP\n" + node.Line("A"));
   for (int i = 0; i < 100; ++i) client.Ask("A", std::to_string(i));
-  agent.Tick();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Tick();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(FullLog, ThatFillsInTheMiddleHoldsNobodyUp) {
+TEST_F(FullLog, ThatFillsInTheMiddleHoldsNobodyUp) {
   EchoNode node;
   LogPipe log;
-  Agent agent;
-  agent.Nodetab(node.Line("A")).LogInto(log.WriteEnd()).Option("-NODAEMON");
-  agent.Spawn();
+  agent_.Nodetab(node.Line("A")).LogInto(log.WriteEnd()).Option("-NODAEMON");
+  agent_.Spawn();
   ASSERT_TRUE(WaitFor([&] {
     log.Take();
-    return std::filesystem::exists(agent.SocketPath());
+    return std::filesystem::exists(agent_.SocketPath());
   }));
-  ASSERT_TRUE(agent.WaitUntilReady());
-  for (int i = 0; i < 100; ++i) Client(agent).Ask("A", std::to_string(i));
-  EXPECT_EQ(agent.Stop(), 0);
+  ASSERT_TRUE(agent_.WaitUntilReady());
+  for (int i = 0; i < 100; ++i) Client(agent_).Ask("A", std::to_string(i));
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(FullLog, TellsHowManyLinesWereLostAsSoonAsItIsReadAgain) {
+TEST_F(FullLog, TellsHowManyLinesWereLostAsSoonAsItIsReadAgain) {
   constexpr char kHangUp[] = "Client message reading failed";
   LogPipe log;
-  Agent agent;
-  agent.LogLevel("2").LogInto(log.WriteEnd());
-  ASSERT_TRUE(agent.Start());
+  agent_.LogLevel("2").LogInto(log.WriteEnd());
+  StartAgent();
   log.Take();
   log.Fill();
   for (int i = 0; i < 37 && !HasFailure(); ++i) {
-    Client(agent).Close();
-    agent.Barrier();
+    Client(agent_).Close();
+    agent_.Barrier();
   }
   EXPECT_EQ(log.Take(), "");
-  Client(agent).Close();
-  agent.Barrier();
+  Client(agent_).Close();
+  agent_.Barrier();
   const std::string text = log.Take();
   EXPECT_EQ(Count(text, kHangUp), 1u) << text;
   EXPECT_TRUE(Matches(Lines(text).front(), ".*[^0-9]37([^0-9].*)?")) << text;
-  Client(agent).Close();
-  agent.Barrier();
+  Client(agent_).Close();
+  agent_.Barrier();
   EXPECT_EQ(Lines(log.Take()).size(), 1u) << "told once";
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(FullLog, IsWaitedForNoLongerThanUntilAStop) {
+TEST_F(FullLog, IsWaitedForNoLongerThanUntilAStop) {
   LogPipe log;
-  Agent agent;
-  agent.LogLevel("2").LogInto(log.WriteEnd());
-  ASSERT_TRUE(agent.Start());
+  agent_.LogLevel("2").LogInto(log.WriteEnd());
+  StartAgent();
   log.Fill();
-  Client(agent).Close();
-  EXPECT_EQ(agent.Stop(), 0);
+  Client(agent_).Close();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

@@ -12,41 +12,42 @@
 #include <string>
 
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
 
+using Interruption = AgentTest;
+using WaitTrace = AgentTest;
+
 bool Pending(pid_t pid, int signal) {
   const std::string mask = ProcessStatus(pid, "ShdPnd");
   return !mask.empty() && (std::stoull(mask, nullptr, 16) >> (signal - 1) & 1) != 0;
 }
 
-TEST(Interruption, DoesNotCutTheNodeTableShort) {
+TEST_F(Interruption, DoesNotCutTheNodeTableShort) {
   const AwaitedSignal ifTheAgentReadsNoMore(SIGPIPE);
-  Agent agent;
-  std::filesystem::remove(agent.NodetabPath());
-  ASSERT_EQ(mkfifo(agent.NodetabPath().c_str(), 0600), 0);
-  agent.Option("-NODAEMON").Spawn();
+  std::filesystem::remove(agent_.NodetabPath());
+  ASSERT_EQ(mkfifo(agent_.NodetabPath().c_str(), 0600), 0);
+  agent_.Option("-NODAEMON").Spawn();
   int table = -1;
   ASSERT_TRUE(WaitFor([&] {
-    table = open(agent.NodetabPath().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    table = open(agent_.NodetabPath().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     return table >= 0;
   }));
   for (const std::string line : {"A REZ\n", "B REZ\n", "C REZ\n"}) {
     ASSERT_EQ(write(table, line.data(), line.size()), static_cast<ssize_t>(line.size()));
     // The line is taken, and the agent waits for more when the alarm comes.
-    ASSERT_TRUE(WaitFor([&] { return BlockedInCall(agent.Pid()) == SYS_read; })) << agent.Log();
-    agent.Signal(SIGALRM);
-    ASSERT_TRUE(WaitFor([&] { return !Pending(agent.Pid(), SIGALRM); }));
+    ASSERT_TRUE(WaitFor([&] { return BlockedInCall(agent_.Pid()) == SYS_read; })) << agent_.Log();
+    agent_.Signal(SIGALRM);
+    ASSERT_TRUE(WaitFor([&] { return !Pending(agent_.Pid(), SIGALRM); }));
   }
   close(table);
-  ASSERT_TRUE(agent.WaitUntilReady());
-  EXPECT_EQ(Manager(agent).Names(), "A B C");
-  EXPECT_EQ(agent.Stop(), 0);
+  ASSERT_TRUE(agent_.WaitUntilReady());
+  EXPECT_EQ(Manager(agent_).Names(), "A B C");
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // Sends a process a stop signal, and another before each system call that it still makes, its
@@ -92,48 +93,41 @@ class StoppedAgainAndAgain {
   int signals_ = 0;
 };
 
-TEST(Interruption, ByFurtherStopSignalsDoesNotChangeTheExitStatus) {
-  Agent agent;
-  agent.Trace().Environment("ASAN_OPTIONS",
-                            "detect_leaks=0");  // leaks are not looked for under trace
-  ASSERT_TRUE(agent.Start());
-  EXPECT_GT(StoppedAgainAndAgain(agent.Pid()).Signals(), 10);
-  EXPECT_EQ(agent.Wait(), 0);
+TEST_F(Interruption, ByFurtherStopSignalsDoesNotChangeTheExitStatus) {
+  agent_.Trace().Environment("ASAN_OPTIONS",
+                             "detect_leaks=0");  // leaks are not looked for under trace
+  StartAgent();
+  EXPECT_GT(StoppedAgainAndAgain(agent_.Pid()).Signals(), 10);
+  EXPECT_EQ(agent_.Wait(), 0);
 }
 
 // A wait is traced with the number of what is served after it, wherever it comes from.
-TEST(WaitTrace, CountsPacketsThatCameTogether) {
+TEST_F(WaitTrace, CountsPacketsThatCameTogether) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A")).Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Trace();
+  Client client = StartWithClient(node.Line("A"));
   const lumo::Message request = client.Send("A");
-  ASSERT_TRUE(node.Accept());
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  agent.InOnePass([&] {
+  const auto received = node.ExpectFirstRequest();
+  agent_.InOnePass([&] {
     for (int i = 0; i < 5; ++i) node.SendControl({1, 0});
-    node.Answer(*received);
+    node.Answer(received);
     node.Arrived();
   });
   client.ExpectAnswer(request);
-  agent.Barrier();
-  EXPECT_FALSE(agent.LogContains("select return 0\n")) << agent.Log();
+  agent_.Barrier();
+  EXPECT_FALSE(agent_.LogContains("select return 0\n")) << agent_.Log();
 }
 
-TEST(WaitTrace, CountsRequestsThatCameTogether) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
-  agent.Barrier();
-  agent.InOnePass([&] {
+TEST_F(WaitTrace, CountsRequestsThatCameTogether) {
+  agent_.Trace();
+  Client client = StartWithClient();
+  agent_.Barrier();
+  agent_.InOnePass([&] {
     for (int i = 0; i < 5; ++i) client.Send("X");
   });
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(client.Receive());
-  agent.Barrier();
-  EXPECT_FALSE(agent.LogContains("select return 0\n")) << agent.Log();
+  agent_.Barrier();
+  EXPECT_FALSE(agent_.LogContains("select return 0\n")) << agent_.Log();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <optional>
 
+#include "tests/process/local_kernel.h"
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/kernel.h"
@@ -33,6 +34,12 @@ struct IpcSetting {
   pid_t Use() { return Use(&*Application); }
   // Starts, brings the link up and returns the reader.
   pid_t Connect() { return Start() ? Use() : 0; }
+  // A request that the kernel has read.
+  lumo::Message InFlight() {
+    const lumo::Message request = Application->Send("K");
+    Kernel.ExpectRequest();
+    return request;
+  }
   // The reader waits for the next answer, and the agent knows of those that it gave.
   void Settle(pid_t reader) {
     EXPECT_TRUE(WaitFor([&] { return ProcessStatus(reader, "State").rfind('S', 0) == 0; }));
@@ -48,5 +55,7 @@ struct IpcSetting {
   Agent Subject;
   std::optional<Client> Application;
 };
+
+class IpcTest : public testing::Test, protected IpcSetting {};
 
 }  // namespace test

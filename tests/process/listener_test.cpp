@@ -3,7 +3,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,16 +12,19 @@
 #include <cstring>
 
 #include "tests/process/usual_directory.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 
 namespace test {
 namespace {
 
+using Greeting = AgentTest;
+using ClientSocket = AgentTest;
+using ManyClients = AgentTest;
+
 constexpr std::size_t kGreetingSize = 60;
 
-std::string Greeting(std::uint32_t length, std::int32_t pid) {
+std::string GreetingOf(std::uint32_t length, std::int32_t pid) {
   std::string greeting(kGreetingSize, '\0');
   std::memcpy(greeting.data(), &length, sizeof length);
   std::memcpy(greeting.data() + 4, &pid, sizeof pid);
@@ -39,7 +41,7 @@ bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 // Something else than an agent that listens where an agent would.
 class Impostor {
  public:
-  explicit Impostor(const Agent& agent) : listener_(Bind(agent.SocketPath())) {}
+  explicit Impostor(const Agent& agent) : listener_(BoundAt(agent.SocketPath())) {}
   ~Impostor() {
     if (connection_ >= 0) close(connection_);
     close(listener_);
@@ -47,14 +49,6 @@ class Impostor {
   Impostor(const Impostor&) = delete;
   Impostor& operator=(const Impostor&) = delete;
 
-  static int Bind(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path - 1));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    return fd;
-  }
   void Listen() { ASSERT_EQ(listen(listener_, 4), 0); }
   bool Accept() {
     connection_ = AcceptWithin(listener_, kPatience);
@@ -73,75 +67,68 @@ class Impostor {
   int listener_, connection_ = -1;
 };
 
-TEST(Greeting, Is60BytesWithTheProcessIdAndTheLengthWord56) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  const int connection = ConnectRaw(agent.SocketPath());
-  EXPECT_EQ(ReadRaw(connection, kGreetingSize), Greeting(56, agent.Pid()));
-  agent.Barrier();
+TEST_F(Greeting, Is60BytesWithTheProcessIdAndTheLengthWord56) {
+  StartAgent();
+  const int connection = ConnectRaw(agent_.SocketPath());
+  EXPECT_EQ(ReadRaw(connection, kGreetingSize), GreetingOf(56, agent_.Pid()));
+  agent_.Barrier();
   EXPECT_EQ(ReadRaw(connection, 1, Milliseconds(0)), "") << "more than the greeting was sent";
   close(connection);
 }
 
-TEST(Greeting, OfADaemonNamesTheDaemon) {
-  Agent agent;
-  const std::string pidFile = agent.Folder() / "agent.pid";
-  ASSERT_TRUE(agent.Options({"-PIDFILE", pidFile}).StartDaemon());
-  const int connection = ConnectRaw(agent.SocketPath());
-  EXPECT_EQ(ReadRaw(connection, kGreetingSize), Greeting(56, std::stoi(ReadFile(pidFile))));
+TEST_F(Greeting, OfADaemonNamesTheDaemon) {
+  const std::string pidFile = agent_.Folder() / "agent.pid";
+  ASSERT_TRUE(agent_.Options({"-PIDFILE", pidFile}).StartDaemon());
+  const int connection = ConnectRaw(agent_.SocketPath());
+  EXPECT_EQ(ReadRaw(connection, kGreetingSize), GreetingOf(56, std::stoi(ReadFile(pidFile))));
   close(connection);
 }
 
-TEST(Greeting, IsTracedWithItsSize) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  EXPECT_TRUE(agent.Logged(15, "clntxch", "Neeed Send 60 init bytes to client"));
+TEST_F(Greeting, IsTracedWithItsSize) {
+  agent_.Trace();
+  StartAgent();
+  EXPECT_TRUE(agent_.Logged(15, "clntxch", "Neeed Send 60 init bytes to client"));
 }
 
-TEST(Greeting, ToAClientThatIsGoneIsAFailedSendAndTheAgentGoesOn) {
-  Agent agent;
-  agent.LogLevel("2");
-  ASSERT_TRUE(agent.Start());
-  const int before = OpenDescriptors(agent.Pid());
-  Freeze(agent.Pid());
-  close(ConnectRaw(agent.SocketPath()));
-  Thaw(agent.Pid());
-  agent.Barrier();
+TEST_F(Greeting, ToAClientThatIsGoneIsAFailedSendAndTheAgentGoesOn) {
+  agent_.LogLevel("2");
+  StartAgent();
+  const int before = OpenDescriptors(agent_.Pid());
+  Freeze(agent_.Pid());
+  close(ConnectRaw(agent_.SocketPath()));
+  Thaw(agent_.Pid());
+  agent_.Barrier();
   EXPECT_TRUE(
-      agent.Logged(2, "clntxch", "Send to client fail. Call:send. errno " + std::to_string(EPIPE)))
-      << agent.Log();
-  EXPECT_EQ(OpenDescriptors(agent.Pid()), before) << "the connection is not closed";
-  Client(agent).ExpectNothing();
+      agent_.Logged(2, "clntxch", "Send to client fail. Call:send. errno " + std::to_string(EPIPE)))
+      << agent_.Log();
+  EXPECT_EQ(OpenDescriptors(agent_.Pid()), before) << "the connection is not closed";
+  Client(agent_).ExpectNothing();
 }
 
-TEST(ClientSocket, IsAnnouncedAndOpenToEverybody) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  EXPECT_NE(agent.Stdout().find("The agent has used communication identifier (NET_MBX) " +
-                                std::to_string(agent.ExchangeId()) + "\n"),
+TEST_F(ClientSocket, IsAnnouncedAndOpenToEverybody) {
+  agent_.Trace();
+  StartAgent();
+  EXPECT_NE(agent_.Stdout().find("The agent has used communication identifier (NET_MBX) " +
+                                 std::to_string(agent_.ExchangeId()) + "\n"),
             std::string::npos);
-  EXPECT_EQ(ModeOf(agent.SocketPath()), 0777u);
-  EXPECT_TRUE(agent.LogContains("|SET_SOCKET_BUFFERS "));
+  EXPECT_EQ(ModeOf(agent_.SocketPath()), 0777u);
+  EXPECT_TRUE(agent_.LogContains("|SET_SOCKET_BUFFERS "));
 }
 
-TEST(ClientSocket, DirectoryIsModedAnewOnEveryStart) {
-  Agent agent;
-  ASSERT_EQ(chmod(agent.SocketFolder().c_str(), 0700), 0);
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(ModeOf(agent.SocketFolder()), 01777u);
+TEST_F(ClientSocket, DirectoryIsModedAnewOnEveryStart) {
+  ASSERT_EQ(chmod(agent_.SocketFolder().c_str(), 0700), 0);
+  StartAgent();
+  EXPECT_EQ(ModeOf(agent_.SocketFolder()), 01777u);
 }
 
-TEST(ClientSocket, DirectoryIsMadeWhenThereIsNone) {
-  Agent agent;
-  agent.Environment("TAVRIN_TMP", agent.Folder() / "new");
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(ModeOf(agent.Folder() / "new"), 01777u);
-  EXPECT_TRUE(Exists(agent.Folder() / "new" / ("tavrin." + std::to_string(agent.ExchangeId()))));
+TEST_F(ClientSocket, DirectoryIsMadeWhenThereIsNone) {
+  agent_.Environment("TAVRIN_TMP", agent_.Folder() / "new");
+  StartAgent();
+  EXPECT_EQ(ModeOf(agent_.Folder() / "new"), 01777u);
+  EXPECT_TRUE(Exists(agent_.Folder() / "new" / ("tavrin." + std::to_string(agent_.ExchangeId()))));
 }
 
-TEST(ClientSocket, DirectoryVariableOf228CharactersIsIgnored) {
+TEST_F(ClientSocket, DirectoryVariableOf228CharactersIsIgnored) {
   const UsualDirectory usual;
   Agent agent;
   agent.Environment("TAVRIN_TMP", std::string(228, 'x'));
@@ -153,21 +140,20 @@ TEST(ClientSocket, DirectoryVariableOf228CharactersIsIgnored) {
 }
 
 // The system takes no such path, so that the start fails, but it is the path that was asked for.
-TEST(ClientSocket, DirectoryVariableOf227CharactersIsUsed) {
-  Agent agent;
+TEST_F(ClientSocket, DirectoryVariableOf227CharactersIsUsed) {
   const std::string directory =
-      agent.Folder().string() + "/" + std::string(226 - agent.Folder().string().size(), 'x');
+      agent_.Folder().string() + "/" + std::string(226 - agent_.Folder().string().size(), 'x');
   ASSERT_EQ(directory.size(), 227u);
-  agent.Environment("TAVRIN_TMP", directory).LogLevel("2").Option("-NODAEMON");
-  EXPECT_EQ(agent.Run(), 255);
-  EXPECT_TRUE(agent.Logged(
+  agent_.Environment("TAVRIN_TMP", directory).LogLevel("2").Option("-NODAEMON");
+  EXPECT_EQ(agent_.Run(), 255);
+  EXPECT_TRUE(agent_.Logged(
       2, "clntxch",
-      "Call bind socket to " + agent.SocketPath() + " failed. Errno " + std::to_string(EINVAL)))
-      << agent.Log();
+      "Call bind socket to " + agent_.SocketPath() + " failed. Errno " + std::to_string(EINVAL)))
+      << agent_.Log();
   EXPECT_EQ(ModeOf(directory), 01777u);
 }
 
-TEST(ClientSocket, WithoutTheVariableIsInTheUsualDirectory) {
+TEST_F(ClientSocket, WithoutTheVariableIsInTheUsualDirectory) {
   const UsualDirectory usual;
   Agent agent;
   agent.Without("TAVRIN_TMP");
@@ -179,19 +165,18 @@ TEST(ClientSocket, WithoutTheVariableIsInTheUsualDirectory) {
   EXPECT_FALSE(Exists(path));
 }
 
-TEST(ClientSocket, ThatCannotBeBoundEndsTheStartWith255) {
-  Agent agent;
-  WriteFile(agent.Folder() / "file", "");
-  agent.Environment("TAVRIN_TMP", agent.Folder() / "file").LogLevel("2").Option("-NODAEMON");
-  EXPECT_EQ(agent.Run(), 255);
-  EXPECT_TRUE(agent.Logged(
+TEST_F(ClientSocket, ThatCannotBeBoundEndsTheStartWith255) {
+  WriteFile(agent_.Folder() / "file", "");
+  agent_.Environment("TAVRIN_TMP", agent_.Folder() / "file").LogLevel("2").Option("-NODAEMON");
+  EXPECT_EQ(agent_.Run(), 255);
+  EXPECT_TRUE(agent_.Logged(
       2, "clntxch",
-      "Call bind socket to " + agent.SocketPath() + " failed. Errno " + std::to_string(ENOTDIR)))
-      << agent.Log();
-  EXPECT_TRUE(agent.Logged(0, "", "Initialization of interprocess communication failed"));
+      "Call bind socket to " + agent_.SocketPath() + " failed. Errno " + std::to_string(ENOTDIR)))
+      << agent_.Log();
+  EXPECT_TRUE(agent_.Logged(0, "", "Initialization of interprocess communication failed"));
 }
 
-TEST(ClientSocket, StaleFileOfADeadAgentIsReplaced) {
+TEST_F(ClientSocket, StaleFileOfADeadAgentIsReplaced) {
   Agent dead, agent;
   ASSERT_TRUE(dead.Start());
   dead.Kill();
@@ -203,11 +188,10 @@ TEST(ClientSocket, StaleFileOfADeadAgentIsReplaced) {
   EXPECT_FALSE(Exists(agent.SocketPath()));
 }
 
-TEST(ClientSocket, StalePlainFileIsReplaced) {
-  Agent agent;
-  WriteFile(agent.SocketPath(), "no socket");
-  ASSERT_TRUE(agent.Start());
-  Client(agent).ExpectNothing();
+TEST_F(ClientSocket, StalePlainFileIsReplaced) {
+  WriteFile(agent_.SocketPath(), "no socket");
+  StartAgent();
+  Client(agent_).ExpectNothing();
 }
 
 TEST(SecondAgent, RefusesToStartAndLeavesTheFirstAlone) {
@@ -283,7 +267,7 @@ TEST(Unload, WithoutARunningAgentFailsSilentlyAndLeavesNoSocket) {
 
 TEST(Unload, WithoutARunningAgentRemovesAStaleSocketAndSaysSoInTheTrace) {
   Agent target, unload;
-  close(Impostor::Bind(target.SocketPath()));
+  close(BoundAt(target.SocketPath()));
   ASSERT_TRUE(Exists(target.SocketPath()));
   PrepareUnload(unload, target);
   EXPECT_EQ(unload.Trace().Run(), 255);
@@ -291,87 +275,75 @@ TEST(Unload, WithoutARunningAgentRemovesAStaleSocketAndSaysSoInTheTrace) {
   EXPECT_TRUE(unload.Logged(15, "clntxch", "'InitialiseClientQueue' Leave INFO unload the driver"));
 }
 
+// A run with -U that is connected to something else than an agent.
+struct MetImpostor {
+  MetImpostor() : Other(Target) {
+    Other.Listen();
+    PrepareUnload(Unload, Target);
+    Unload.Spawn();
+    EXPECT_TRUE(Other.Accept());
+  }
+  void ExpectEnd(const std::string& results) {
+    EXPECT_EQ(Unload.Wait(), 0);
+    EXPECT_EQ(Unload.Results(), results);
+  }
+
+  Agent Target, Unload;
+  Impostor Other;
+};
+
 constexpr char kNotUnloaded[] = "lumo_tcp:SIGTERM has not been send to the agent. Status 3\n\n";
 
 class UnloadOfAnImpostor : public testing::TestWithParam<std::string> {};
 
 TEST_P(UnloadOfAnImpostor, SendsNoSignal) {
-  Agent target, unload;
-  Impostor impostor(target);
-  impostor.Listen();
-  PrepareUnload(unload, target);
-  unload.Spawn();
-  ASSERT_TRUE(impostor.Accept());
-  if (!GetParam().empty()) impostor.Say(GetParam());
-  impostor.HangUp();
-  EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotUnloaded);
+  MetImpostor run;
+  if (!GetParam().empty()) run.Other.Say(GetParam());
+  run.Other.HangUp();
+  run.ExpectEnd(kNotUnloaded);
 }
 
 INSTANTIATE_TEST_SUITE_P(Greetings, UnloadOfAnImpostor,
-                         testing::Values("", Greeting(56, 0), Greeting(56, 1).substr(0, 59)));
+                         testing::Values("", GreetingOf(56, 0), GreetingOf(56, 1).substr(0, 59)));
 
 // A negative number would name a whole process group; another first word is no agent's.
 TEST(Unload, TakesNoNumberThatIsNotAnAgents) {
   LivingProcess process;
   ASSERT_EQ(setpgid(process.Pid(), process.Pid()), 0);
-  for (const std::string& greeting : {Greeting(56, -process.Pid()), Greeting(60, process.Pid())}) {
-    Agent target, unload;
-    Impostor impostor(target);
-    impostor.Listen();
-    PrepareUnload(unload, target);
-    unload.Spawn();
-    ASSERT_TRUE(impostor.Accept());
-    impostor.Say(greeting);
-    EXPECT_EQ(unload.Wait(), 0);
-    EXPECT_EQ(unload.Results(), kNotUnloaded);
+  for (const std::string& greeting :
+       {GreetingOf(56, -process.Pid()), GreetingOf(60, process.Pid())}) {
+    MetImpostor run;
+    run.Other.Say(greeting);
+    run.ExpectEnd(kNotUnloaded);
     EXPECT_TRUE(ProcessRuns(process.Pid()));
   }
 }
 
 TEST(Unload, OfAnAgentThatDiedMeanwhileReportsTheError) {
-  Agent target, unload;
-  Impostor impostor(target);
-  impostor.Listen();
-  PrepareUnload(unload, target);
-  unload.Spawn();
-  ASSERT_TRUE(impostor.Accept());
-  impostor.Say(Greeting(56, DeadPid()));
-  EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotUnloaded);
+  MetImpostor run;
+  run.Other.Say(GreetingOf(56, DeadPid()));
+  run.ExpectEnd(kNotUnloaded);
 }
 
 TEST(Unload, OfSomethingThatNeverGreetsEnds) {
-  Agent target, unload;
-  Impostor impostor(target);
-  impostor.Listen();
-  PrepareUnload(unload, target);
-  unload.Spawn();
-  ASSERT_TRUE(impostor.Accept());
+  MetImpostor run;
   EXPECT_TRUE(WaitFor([&] {
-    if (!unload.Running()) return true;
-    unload.Signal(SIGALRM);
+    if (!run.Unload.Running()) return true;
+    run.Unload.Signal(SIGALRM);
     return false;
   }));
-  EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), kNotUnloaded);
+  run.ExpectEnd(kNotUnloaded);
 }
 
 TEST(Unload, TakesAGreetingInPieces) {
-  Agent target, unload;
-  Impostor impostor(target);
-  impostor.Listen();
-  PrepareUnload(unload, target);
-  unload.Spawn();
-  ASSERT_TRUE(impostor.Accept());
+  MetImpostor run;
   LivingProcess process;
-  const std::string greeting = Greeting(56, process.Pid());
-  impostor.Say(greeting.substr(0, 6));
-  unload.Signal(SIGIO);
-  impostor.Say(greeting.substr(6));
-  EXPECT_EQ(unload.Wait(), 0);
-  EXPECT_EQ(unload.Results(), "lumo_tcp:SIGTERM has been send to the agent pid " +
-                                  std::to_string(process.Pid()) + "\n\n");
+  const std::string greeting = GreetingOf(56, process.Pid());
+  run.Other.Say(greeting.substr(0, 6));
+  run.Unload.Signal(SIGIO);
+  run.Other.Say(greeting.substr(6));
+  run.ExpectEnd("lumo_tcp:SIGTERM has been send to the agent pid " + std::to_string(process.Pid()) +
+                "\n\n");
 }
 
 std::vector<int> ConnectMany(const Agent& agent, int count) {
@@ -391,46 +363,42 @@ void RaiseOwnDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-TEST(ManyClients, BeyondTheLinksDescriptorsAreServed) {
+TEST_F(ManyClients, BeyondTheLinksDescriptorsAreServed) {
   RaiseOwnDescriptorLimit();
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client(agent).Ask("A", "the link takes a low descriptor");
-  const std::vector<int> others = ConnectMany(agent, 300);
+  StartAgent(node.Line("A"));
+  Client(agent_).Ask("A", "the link takes a low descriptor");
+  const std::vector<int> others = ConnectMany(agent_, 300);
   for (const int connection : others)
-    ASSERT_EQ(ReadRaw(connection, kGreetingSize), Greeting(56, agent.Pid()));
-  Client client(agent);
+    ASSERT_EQ(ReadRaw(connection, kGreetingSize), GreetingOf(56, agent_.Pid()));
+  Client client(agent_);
   EXPECT_EQ(client.Ask("A", "from the three hundred and first").Strings[0],
             "from the three hundred and first");
   CloseAll(others);
-  agent.Barrier();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Barrier();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(ManyClients, BeyondASelectSetAreClosedAtOnce) {
+TEST_F(ManyClients, BeyondASelectSetAreClosedAtOnce) {
   RaiseOwnDescriptorLimit();
-  Agent agent;
-  agent.LogLevel("2").Limit(RLIMIT_NOFILE, 2048);
-  ASSERT_TRUE(agent.Start());
-  const std::vector<int> connections = ConnectMany(agent, 1100);
+  agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 2048);
+  StartAgent();
+  const std::vector<int> connections = ConnectMany(agent_, 1100);
   std::ptrdiff_t greeted = 0, refused = 0;
   for (const int connection : connections)
     ++(ReadRaw(connection, kGreetingSize).size() == kGreetingSize ? greeted : refused);
   EXPECT_GT(greeted, 1000);
   EXPECT_GT(refused, 60);
-  EXPECT_EQ(agent.CountLogged(2, "clntxch", "Call accept has failed. Errno 24"), refused);
-  agent.Barrier();
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", "Call accept has failed. Errno 24"), refused);
+  agent_.Barrier();
   CloseAll(connections);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(ManyClients, BeyondTheSystemsLimitAreClosedAndTheAgentGoesOn) {
-  Agent agent;
-  agent.LogLevel("2").Limit(RLIMIT_NOFILE, 24);
-  ASSERT_TRUE(agent.Start());
-  std::vector<int> connections = ConnectMany(agent, 40);
+TEST_F(ManyClients, BeyondTheSystemsLimitAreClosedAndTheAgentGoesOn) {
+  agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 24);
+  StartAgent();
+  std::vector<int> connections = ConnectMany(agent_, 40);
   std::vector<int> greeted;
   int refused = 0;
   for (const int connection : connections) {
@@ -441,13 +409,13 @@ TEST(ManyClients, BeyondTheSystemsLimitAreClosedAndTheAgentGoesOn) {
   }
   EXPECT_GT(greeted.size(), 10u);
   EXPECT_GT(refused, 15);
-  agent.Barrier();
+  agent_.Barrier();
   // Each refused connection costs one line: the loop does not spin on it.
-  EXPECT_EQ(agent.CountLogged(2, "clntxch", "Call accept has failed. Errno 24"), refused);
+  EXPECT_EQ(agent_.CountLogged(2, "clntxch", "Call accept has failed. Errno 24"), refused);
   CloseAll(connections);
-  agent.Barrier();
-  Client(agent).ExpectNothing();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Barrier();
+  Client(agent_).ExpectNothing();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@
 namespace test {
 namespace {
 
-using Setting = IpcSetting;
+using LocalIpcReader = IpcTest;
 
 // Where the descriptors of a process lead.
 std::set<std::string> Targets(pid_t pid) {
@@ -57,24 +57,22 @@ std::string ListenerAt(const std::string& path) {
 
 // The reader
 
-TEST(LocalIpcReader, TheReaderHoldsClientConnectionsButNeitherTheListenerNorOtherLinks) {
+TEST_F(LocalIpcReader, TheReaderHoldsClientConnectionsButNeitherTheListenerNorOtherLinks) {
   EchoNode node;
-  Setting setting;
-  LocalKernel neighbour(setting.Subject);
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + node.Line("N") + neighbour.Line("L"));
-  ASSERT_TRUE(setting.Start());
-  const pid_t agent = setting.Subject.Pid();
-  setting.Application->ExpectNothing();
+  LocalKernel neighbour(Subject);
+  Subject.Nodetab(Kernel.Line("K") + node.Line("N") + neighbour.Line("L"));
+  ASSERT_TRUE(Start());
+  const pid_t agent = Subject.Pid();
+  Application->ExpectNothing();
   const std::set<std::string> atFirst = Targets(agent);
-  EXPECT_EQ(setting.Application->Ask("N", "text").Strings[0], "text");
-  setting.Application->Send("L");
-  ASSERT_TRUE(neighbour.Accept());
-  ASSERT_TRUE(neighbour.ReadRequest());
+  EXPECT_EQ(Application->Ask("N", "text").Strings[0], "text");
+  Application->Send("L");
+  neighbour.ExpectFirstRequest();
   const std::set<std::string> links = Without(Targets(agent), atFirst);
   EXPECT_EQ(links.size(), 2u);
-  const std::string listener = ListenerAt(setting.Subject.SocketPath());
+  const std::string listener = ListenerAt(Subject.SocketPath());
   ASSERT_TRUE(atFirst.count(listener));
-  const pid_t reader = setting.Use();
+  const pid_t reader = Use();
   const std::set<std::string> held = Targets(reader);
   EXPECT_FALSE(held.count(listener));
   for (const std::string& link : links) EXPECT_FALSE(held.count(link)) << link;
@@ -84,11 +82,10 @@ TEST(LocalIpcReader, TheReaderHoldsClientConnectionsButNeitherTheListenerNorOthe
   EXPECT_EQ(Without(held, own).size(), 2u + (2u - own.size()));
 }
 
-TEST(LocalIpcReader, TheReaderTakesSignalsAsItShould) {
-  Setting setting;
-  const pid_t reader = setting.Connect();
+TEST_F(LocalIpcReader, TheReaderTakesSignalsAsItShould) {
+  const pid_t reader = Connect();
   for (const int signal : {SIGUSR1, SIGIO, SIGALRM}) kill(reader, signal);
-  EXPECT_EQ(setting.Use(), reader);
+  EXPECT_EQ(Use(), reader);
   const auto ignored = std::stoull(ProcessStatus(reader, "SigIgn"), nullptr, 16);
   for (const int signal : {SIGUSR1, SIGIO, SIGALRM})
     EXPECT_TRUE(ignored >> (signal - 1) & 1) << signal;
@@ -98,9 +95,9 @@ TEST(LocalIpcReader, TheReaderTakesSignalsAsItShould) {
   EXPECT_EQ(std::stoull(ProcessStatus(reader, "SigBlk"), nullptr, 16), 0u);
 }
 
-TEST(LocalIpcReader, TheReaderEndsWithTheAgent) {
+TEST_F(LocalIpcReader, TheReaderEndsWithTheAgent) {
   for (const int signal : {SIGTERM, SIGKILL}) {
-    Setting setting;
+    IpcSetting setting;
     const pid_t reader = setting.Connect();
     setting.Settle(reader);  // it writes nothing more, which would end it, too
     ASSERT_TRUE(ProcessRuns(reader));
@@ -127,36 +124,33 @@ pid_t CatchNewProcess(pid_t agent) {
   return StopsForUs(pid) ? pid : 0;
 }
 
-TEST(LocalIpcReader, AReaderWhoseAgentIsGoneBeforeItBeginsEnds) {
-  Setting setting;
-  ASSERT_TRUE(setting.Start());
-  ASSERT_EQ(ptrace(PTRACE_SEIZE, setting.Subject.Pid(), nullptr, PTRACE_O_TRACEFORK), 0);
-  setting.Application->Send("K");
-  const pid_t reader = CatchNewProcess(setting.Subject.Pid());
+TEST_F(LocalIpcReader, AReaderWhoseAgentIsGoneBeforeItBeginsEnds) {
+  ASSERT_TRUE(Start());
+  ASSERT_EQ(ptrace(PTRACE_SEIZE, Subject.Pid(), nullptr, PTRACE_O_TRACEFORK), 0);
+  Application->Send("K");
+  const pid_t reader = CatchNewProcess(Subject.Pid());
   ASSERT_GT(reader, 0);
-  setting.Subject.Kill();
+  Subject.Kill();
   ASSERT_TRUE(ProcessRuns(reader));
   ASSERT_EQ(ptrace(PTRACE_DETACH, reader, nullptr, nullptr), 0);
   EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
 }
 
-TEST(LocalIpcReader, AnAgentWithTwoKernelsStops) {
-  Setting setting;
+TEST_F(LocalIpcReader, AnAgentWithTwoKernelsStops) {
   IpcKernel another;
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + another.Line("L"));
-  const pid_t reader = setting.Connect();
-  setting.Application->Send("L");
-  const auto received = another.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_NE(received->Reader, reader);
-  EXPECT_EQ(setting.Subject.Stop(), 0);
-  for (const pid_t pid : {reader, received->Reader})
+  Subject.Nodetab(Kernel.Line("K") + another.Line("L"));
+  const pid_t reader = Connect();
+  Application->Send("L");
+  const auto received = another.ExpectRequest();
+  EXPECT_NE(received.Reader, reader);
+  EXPECT_EQ(Subject.Stop(), 0);
+  for (const pid_t pid : {reader, received.Reader})
     EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(pid); }));
 }
 
-TEST(LocalIpcReader, AReaderThatEndsBreaksTheLink) {
+TEST_F(LocalIpcReader, AReaderThatEndsBreaksTheLink) {
   for (const int signal : {SIGKILL, SIGTERM}) {
-    Setting setting;
+    IpcSetting setting;
     setting.Subject.Trace();
     const pid_t reader = setting.Connect();
     setting.Settle(reader);
@@ -176,396 +170,352 @@ TEST(LocalIpcReader, AReaderThatEndsBreaksTheLink) {
   }
 }
 
-TEST(LocalIpcReader, AReaderThatATickFindsGoneBreaksTheLink) {
-  Setting setting;
-  setting.Subject.LogLevel("3");
-  const pid_t reader = setting.Connect(), agent = setting.Subject.Pid();
-  setting.Settle(reader);
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Subject.Barrier();
-  setting.Subject.Signal(SIGSTOP);  // so that the tick comes before the end of the pipe is seen
+TEST_F(LocalIpcReader, AReaderThatATickFindsGoneBreaksTheLink) {
+  Subject.LogLevel("3");
+  const pid_t reader = Connect(), agent = Subject.Pid();
+  Settle(reader);
+  const lumo::Message request = InFlight();
+  Subject.Barrier();
+  Subject.Signal(SIGSTOP);  // so that the tick comes before the end of the pipe is seen
   ASSERT_TRUE(WaitFor([&] { return ProcessStatus(agent, "State").rfind('T', 0) == 0; }));
   kill(reader, SIGKILL);
   ASSERT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
-  setting.Subject.Signal(SIGALRM);
-  setting.Subject.Signal(SIGCONT);
-  setting.Application->ExpectError(request, 4053, 0);
-  EXPECT_EQ(setting.Subject.CountLogged(3, "lipc", "LIPC child proccess deaded"), 1);
-  EXPECT_GT(setting.Use(), 0);
+  Subject.Signal(SIGALRM);
+  Subject.Signal(SIGCONT);
+  Application->ExpectError(request, 4053, 0);
+  EXPECT_EQ(Subject.CountLogged(3, "lipc", "LIPC child proccess deaded"), 1);
+  EXPECT_GT(Use(), 0);
 }
 
-TEST(LocalIpcReader, AnswersGivenBeforeTheReaderEndsAreGivenOnce) {
-  Setting setting;
-  const pid_t reader = setting.Connect();
-  Client late(setting.Subject);
+TEST_F(LocalIpcReader, AnswersGivenBeforeTheReaderEndsAreGivenOnce) {
+  const pid_t reader = Connect();
+  Client late(Subject);
   std::vector<lumo::Message> requests;
   std::vector<IpcKernel::Request> received;
-  for (Client* client : {&*setting.Application, &late}) {
+  for (Client* client : {&*Application, &late}) {
     requests.push_back(client->Send("K"));
-    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
   }
-  setting.Settle(reader);
-  setting.Subject.Signal(SIGSTOP);  // it learns of the answers and of the end together
-  for (const IpcKernel::Request& request : received) setting.Kernel.Answer(request, "answer");
+  Settle(reader);
+  Subject.Signal(SIGSTOP);  // it learns of the answers and of the end together
+  for (const IpcKernel::Request& request : received) Kernel.Answer(request, "answer");
   EXPECT_TRUE(WaitFor([&] {
-    return setting.Kernel.QueuedMessages() == 0 &&
-           ProcessStatus(reader, "State").rfind('S', 0) == 0;
+    return Kernel.QueuedMessages() == 0 && ProcessStatus(reader, "State").rfind('S', 0) == 0;
   }));
   kill(reader, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
-  setting.Subject.Signal(SIGCONT);
-  EXPECT_EQ(setting.Application->ExpectAnswer(requests[0]).Strings[0], "answer");
+  Subject.Signal(SIGCONT);
+  EXPECT_EQ(Application->ExpectAnswer(requests[0]).Strings[0], "answer");
   EXPECT_EQ(late.ExpectAnswer(requests[1]).Strings[0], "answer");
-  setting.Application->ExpectNothing();
+  Application->ExpectNothing();
   late.ExpectNothing();
-  EXPECT_GT(setting.Use(), 0);
+  EXPECT_GT(Use(), 0);
 }
 
 // The second client's request is read in one pass with the reader's word of the first answer, and
 // before it: the client served last comes before links, the link served last is another one.
-TEST(LocalIpcReader, ANameUsedAgainOnAnotherConnectionIsNotTakenForTheAnsweredOne) {
+TEST_F(LocalIpcReader, ANameUsedAgainOnAnotherConnectionIsNotTakenForTheAnsweredOne) {
   EchoNode other;
-  Setting setting;
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
-  ASSERT_TRUE(setting.Start());
-  Client first(setting.Subject), second(setting.Subject);
+  Subject.Nodetab(Kernel.Line("K") + other.Line("T"));
+  ASSERT_TRUE(Start());
+  Client first(Subject), second(Subject);
   first.ExpectNothing();
   second.ExpectNothing();
-  const pid_t reader = setting.Use();
+  const pid_t reader = Use();
   const lumo::Message before = first.Send("K"), request = first.Send("K");
-  const auto received = setting.Kernel.ReadRequest(), answered = setting.Kernel.ReadRequest();
+  const auto received = Kernel.ReadRequest(), answered = Kernel.ReadRequest();
   ASSERT_TRUE(received && answered);
-  EXPECT_TRUE(setting.Kernel.Answer(*received));
+  EXPECT_TRUE(Kernel.Answer(*received));
   first.ExpectAnswer(before);  // its record becomes free, ahead of the other
-  setting.Settle(reader);
+  Settle(reader);
   second.Ask("T", "served last");
-  Freeze(setting.Subject.Pid());
-  EXPECT_TRUE(setting.Kernel.Answer(*answered));
+  Freeze(Subject.Pid());
+  EXPECT_TRUE(Kernel.Answer(*answered));
   first.ExpectAnswer(request);
   lumo::Message again = second.Request("K");
   again.SetAstInd(request.AstInd());
   EXPECT_TRUE(second.SendMessage(again));
-  Thaw(setting.Subject.Pid());
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Settle(reader);
+  Thaw(Subject.Pid());
+  ASSERT_TRUE(Kernel.ReadRequest());
+  Settle(reader);
   kill(reader, SIGKILL);
   second.ExpectError(again, 4009, 0);
   first.ExpectNothing();
 }
 
-TEST(LocalIpcReader, NothingIsLeftOverWhenReadersComeAndGo) {
-  Setting setting;
-  pid_t reader = setting.Connect();
-  const int descriptors = OpenDescriptors(setting.Subject.Pid());
+TEST_F(LocalIpcReader, NothingIsLeftOverWhenReadersComeAndGo) {
+  pid_t reader = Connect();
+  const int descriptors = OpenDescriptors(Subject.Pid());
   for (int time = 0; time < 5; ++time) {
-    setting.Settle(reader);
+    Settle(reader);
     kill(reader, SIGKILL);
     EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-    setting.Subject.Barrier();
-    reader = setting.Use();
-    EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), descriptors);
-    EXPECT_EQ(setting.Attached(), 2);
+    Subject.Barrier();
+    reader = Use();
+    EXPECT_EQ(OpenDescriptors(Subject.Pid()), descriptors);
+    EXPECT_EQ(Attached(), 2);
   }
 }
 
-TEST(LocalIpcReader, WhatTheReaderDoesIsTraced) {
-  Setting setting;
-  setting.Subject.Trace();
-  setting.Settle(setting.Connect());
-  const std::string task = std::to_string(setting.Application->TaskName());
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "LIPC CHLD. TaskName = " + task));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "LIPC read TaskName = " + task));
-  EXPECT_TRUE(setting.Subject.LogContains("'ReadMessageFromKernelAndSendToDbc' Call from lipc:"));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "'LIpcConnectLink' Leave SUCCESS"));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave SUCCESS"));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "'LIpcReadyForRead' Leave SUCCESS"));
-  setting.Kernel.RemoveQueue();
-  EXPECT_TRUE(
-      setting.Subject.WaitForLog("'ReadMessageFromKernelAndSendToDbc' Leave FAILED msgrcv"));
+TEST_F(LocalIpcReader, WhatTheReaderDoesIsTraced) {
+  Subject.Trace();
+  Settle(Connect());
+  const std::string task = std::to_string(Application->TaskName());
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "LIPC CHLD. TaskName = " + task));
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "LIPC read TaskName = " + task));
+  EXPECT_TRUE(Subject.LogContains("'ReadMessageFromKernelAndSendToDbc' Call from lipc:"));
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcConnectLink' Leave SUCCESS"));
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave SUCCESS"));
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcReadyForRead' Leave SUCCESS"));
+  Kernel.RemoveQueue();
+  EXPECT_TRUE(Subject.WaitForLog("'ReadMessageFromKernelAndSendToDbc' Leave FAILED msgrcv"));
 }
 
 // The kernel
 
-TEST(LocalIpcReader, AQueueThatGoesBreaksTheLink) {
-  Setting setting;
-  const pid_t reader = setting.Connect();
-  setting.Settle(reader);
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Subject.Barrier();
-  setting.Kernel.RemoveQueue();
-  setting.Application->ExpectError(request, 4009, 0);
+TEST_F(LocalIpcReader, AQueueThatGoesBreaksTheLink) {
+  const pid_t reader = Connect();
+  Settle(reader);
+  const lumo::Message request = InFlight();
+  Subject.Barrier();
+  Kernel.RemoveQueue();
+  Application->ExpectError(request, 4009, 0);
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-  setting.Application->ExpectError(setting.Application->Send("K"), 4006, ENOENT);
+  Application->ExpectError(Application->Send("K"), 4006, ENOENT);
 }
 
-TEST(LocalIpcReader, ASemaphoreThatGoesFailsTheSending) {
-  Setting setting;
-  setting.Subject.Trace();
-  setting.Settle(setting.Connect());
-  setting.Kernel.RemoveSemaphore();
-  const lumo::Message request = setting.Application->Send("K");
-  setting.Application->ExpectError(request, 4007, EINVAL);
-  EXPECT_EQ(
-      setting.Subject.CountLogged(3, "lipc", "LIPC semop failed. errno " + std::to_string(EINVAL)),
-      1);
-  EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave FAILED semop"));
-  setting.Application->ExpectNothing();
+TEST_F(LocalIpcReader, ASemaphoreThatGoesFailsTheSending) {
+  Subject.Trace();
+  Settle(Connect());
+  Kernel.RemoveSemaphore();
+  const lumo::Message request = Application->Send("K");
+  Application->ExpectError(request, 4007, EINVAL);
+  EXPECT_EQ(Subject.CountLogged(3, "lipc", "LIPC semop failed. errno " + std::to_string(EINVAL)),
+            1);
+  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave FAILED semop"));
+  Application->ExpectNothing();
 }
 
-TEST(LocalIpcReader, ASemaphoreAtItsLimitFailsTheSending) {
+TEST_F(LocalIpcReader, ASemaphoreAtItsLimitFailsTheSending) {
   constexpr int kLargest = 32767;
-  Setting setting;
-  setting.Connect();
-  ASSERT_EQ(semctl(semget(setting.Kernel.Key(), 1, 0), 0, SETVAL, kLargest), 0);
-  const lumo::Message request = setting.Application->Send("K");
-  setting.Application->ExpectError(request, 4007, ERANGE);
+  Connect();
+  ASSERT_EQ(semctl(semget(Kernel.Key(), 1, 0), 0, SETVAL, kLargest), 0);
+  const lumo::Message request = Application->Send("K");
+  Application->ExpectError(request, 4007, ERANGE);
 }
 
-TEST(LocalIpcReader, AReaderThatIsStillEndingDoesNotHoldUpTheNext) {
+TEST_F(LocalIpcReader, AReaderThatIsStillEndingDoesNotHoldUpTheNext) {
   constexpr int kLargest = 32767;
-  Setting setting;
-  setting.Connect();
-  const int semaphore = semget(setting.Kernel.Key(), 1, 0);
+  Connect();
+  const int semaphore = semget(Kernel.Key(), 1, 0);
   for (int time = 0; time < 50 && !testing::Test::HasFailure(); ++time) {
     ASSERT_EQ(semctl(semaphore, 0, SETVAL, kLargest), 0);
-    setting.Application->ExpectError(setting.Application->Send("K"), 4007, ERANGE);
+    Application->ExpectError(Application->Send("K"), 4007, ERANGE);
     ASSERT_EQ(semctl(semaphore, 0, SETVAL, 0), 0);
-    ASSERT_TRUE(setting.Kernel.ReadRequest());  // it had come as far as the queue
-    EXPECT_GT(setting.Use(), 0) << time;
+    ASSERT_TRUE(Kernel.ReadRequest());  // it had come as far as the queue
+    EXPECT_GT(Use(), 0) << time;
   }
 }
 
-TEST(LocalIpcReader, AFullQueueIsWaitedForWhileTheKernelLives) {
-  Setting setting;
-  setting.Connect();
-  setting.Kernel.FillQueue();
-  const lumo::Message request = setting.Application->Send("K", "at last");
-  EXPECT_FALSE(setting.Application->ReceiveFrame(kShortly));
-  setting.Kernel.DrainQueue();
-  const auto received = setting.Kernel.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->Message.Strings[0], "at last");
-  setting.Kernel.Answer(*received, "answer");
-  EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "answer");
+TEST_F(LocalIpcReader, AFullQueueIsWaitedForWhileTheKernelLives) {
+  Connect();
+  Kernel.FillQueue();
+  const lumo::Message request = Application->Send("K", "at last");
+  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
+  Kernel.DrainQueue();
+  const auto received = Kernel.ExpectRequest();
+  EXPECT_EQ(received.Message.Strings[0], "at last");
+  Kernel.Answer(received, "answer");
+  EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "answer");
 }
 
 // Answers that the reader cannot give itself lie between it and the agent until there is no room
 // for more, and then in the queue until that is full, too. The agent, which has slept meanwhile,
 // first reads a request, because its client and another link were served last.
-TEST(LocalIpcReader, AQueueFullOfAnswersThatWaitForTheAgentDoesNotBlockIt) {
+TEST_F(LocalIpcReader, AQueueFullOfAnswersThatWaitForTheAgentDoesNotBlockIt) {
   constexpr std::size_t kRequests = 300, kText = 7900;
   EchoNode other;
-  Setting setting;
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + other.Line("T"));
-  const pid_t reader = setting.Connect();
-  Client later(setting.Subject);
+  Subject.Nodetab(Kernel.Line("K") + other.Line("T"));
+  const pid_t reader = Connect();
+  Client later(Subject);
   std::vector<lumo::Message> requests;
   std::vector<IpcKernel::Request> received;
   for (std::size_t i = 0; i < kRequests; ++i) {
     requests.push_back(later.Send("K"));
-    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
   }
   later.Ask("T", "the link and the client that are served first");
-  ASSERT_TRUE(WaitFor([&] { return Sleeps(setting.Subject.Pid()); }));
-  Freeze(setting.Subject.Pid());
+  ASSERT_TRUE(WaitFor([&] { return Sleeps(Subject.Pid()); }));
+  Freeze(Subject.Pid());
   std::size_t answered = 0;
-  for (; answered < kRequests && setting.Kernel.HasRoomFor(kText); ++answered) {
-    ASSERT_TRUE(setting.Kernel.Answer(received[answered], std::string(kText, 'x')));
+  for (; answered < kRequests && Kernel.HasRoomFor(kText); ++answered) {
+    ASSERT_TRUE(Kernel.Answer(received[answered], std::string(kText, 'x')));
     // Taken, or asleep with an answer left: it waits for the agent.
     ASSERT_TRUE(WaitFor([&] {
-      return setting.Kernel.QueuedMessages() == 0 ||
-             (Sleeps(reader) && setting.Kernel.QueuedMessages() > 0);
+      return Kernel.QueuedMessages() == 0 || (Sleeps(reader) && Kernel.QueuedMessages() > 0);
     }));
   }
-  ASSERT_FALSE(setting.Kernel.HasRoomFor(kText)) << "there was room for all answers";
+  ASSERT_FALSE(Kernel.HasRoomFor(kText)) << "there was room for all answers";
   later.Send("K", std::string(kText, 'q'));
-  Thaw(setting.Subject.Pid());
-  const auto last = setting.Kernel.ReadRequest();
-  ASSERT_TRUE(last);
-  EXPECT_EQ(last->Message.Strings[0], std::string(kText, 'q'));
+  Thaw(Subject.Pid());
+  const auto last = Kernel.ExpectRequest();
+  EXPECT_EQ(last.Message.Strings[0], std::string(kText, 'q'));
   for (std::size_t i = 0; i < answered; ++i)
     EXPECT_EQ(later.ExpectAnswer(requests[i]).Strings[0], std::string(kText, 'x')) << i;
-  EXPECT_EQ(setting.Use(), reader);
+  EXPECT_EQ(Use(), reader);
 }
 
-TEST(LocalIpcReader, AFullQueueHoldsUpNobodyElse) {
+TEST_F(LocalIpcReader, AFullQueueHoldsUpNobodyElse) {
   EchoNode node;
-  Setting setting;
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + node.Line("N"));
-  setting.Connect();
-  Client other(setting.Subject);
-  setting.Kernel.FillQueue();
+  Subject.Nodetab(Kernel.Line("K") + node.Line("N"));
+  Connect();
+  Client other(Subject);
+  Kernel.FillQueue();
   std::vector<lumo::Message> requests;
-  for (int i = 0; i < 5; ++i) requests.push_back(setting.Application->Send("K", std::to_string(i)));
-  setting.Subject.Barrier();
+  for (int i = 0; i < 5; ++i) requests.push_back(Application->Send("K", std::to_string(i)));
+  Subject.Barrier();
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(other.Ask("N", std::to_string(i)).Strings[0], std::to_string(i));
-    setting.Subject.Tick();
+    Subject.Tick();
   }
-  setting.Kernel.DrainQueue();
+  Kernel.DrainQueue();
   for (int i = 0; i < 5; ++i) {
-    const auto received = setting.Kernel.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->Message.Strings[0], std::to_string(i)) << "in their order";
-    setting.Kernel.Answer(*received, "answer");
-    setting.Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]);
+    const auto received = Kernel.ExpectRequest();
+    EXPECT_EQ(received.Message.Strings[0], std::to_string(i)) << "in their order";
+    Kernel.Answer(received, "answer");
+    Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]);
   }
 }
 
-TEST(LocalIpcReader, AReaderThatEndsBesideAFullQueueIsNoticedAtOnce) {
-  Setting setting;
-  const pid_t reader = setting.Connect();
-  setting.Settle(reader);
-  setting.Kernel.FillQueue();
-  const lumo::Message request = setting.Application->Send("K");
-  setting.Subject.Barrier();
+TEST_F(LocalIpcReader, AReaderThatEndsBesideAFullQueueIsNoticedAtOnce) {
+  const pid_t reader = Connect();
+  Settle(reader);
+  Kernel.FillQueue();
+  const lumo::Message request = Application->Send("K");
+  Subject.Barrier();
   kill(reader, SIGKILL);
-  setting.Application->ExpectError(request, 4009, 0);
-  setting.Kernel.DrainQueue();
-  EXPECT_NE(setting.Use(), reader);
+  Application->ExpectError(request, 4009, 0);
+  Kernel.DrainQueue();
+  EXPECT_NE(Use(), reader);
 }
 
 // Two of 7 KB are more than half of the queue.
-TEST(LocalIpcReader, AnswersToAFormerReaderDoNotFillTheQueue) {
+TEST_F(LocalIpcReader, AnswersToAFormerReaderDoNotFillTheQueue) {
   constexpr unsigned long kSmallQueue = 16384;
-  Setting setting;
-  setting.Kernel.LimitQueue(kSmallQueue);
-  const pid_t former = setting.Connect();
-  setting.Settle(former);
+  Kernel.LimitQueue(kSmallQueue);
+  const pid_t former = Connect();
+  Settle(former);
   std::vector<IpcKernel::Request> received;
   for (int i = 0; i < 2; ++i) {
-    setting.Application->Send("K");
-    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    Application->Send("K");
+    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
   }
   kill(former, SIGKILL);
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(setting.Application->Receive());
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(Application->Receive());
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(former); }));
-  EXPECT_NE(setting.Use(), former);
+  EXPECT_NE(Use(), former);
   const std::string text(7000, 'x');
-  for (const IpcKernel::Request& request : received)
-    EXPECT_TRUE(setting.Kernel.Answer(request, text));
-  const lumo::Message large = setting.Application->Send("K", text);
-  const auto request = setting.Kernel.ReadRequest();
-  ASSERT_TRUE(request);
-  EXPECT_TRUE(setting.Kernel.Answer(*request, text));
-  EXPECT_EQ(setting.Application->ExpectAnswer(large).Strings[0], text);
+  for (const IpcKernel::Request& request : received) EXPECT_TRUE(Kernel.Answer(request, text));
+  const lumo::Message large = Application->Send("K", text);
+  const auto request = Kernel.ExpectRequest();
+  EXPECT_TRUE(Kernel.Answer(request, text));
+  EXPECT_EQ(Application->ExpectAnswer(large).Strings[0], text);
 }
 
 // Each request has come as far as the queue when its semaphore fails, and is answered to a reader
 // that is no more.
-TEST(LocalIpcReader, ABurstOfFailingSemaphoresLeavesNothingInTheQueue) {
+TEST_F(LocalIpcReader, ABurstOfFailingSemaphoresLeavesNothingInTheQueue) {
   constexpr int kLargest = 32767;
   constexpr unsigned long kSmallQueue = 16384;
-  Setting setting;
-  setting.Kernel.LimitQueue(kSmallQueue);
-  setting.Connect();
-  const int semaphore = semget(setting.Kernel.Key(), 1, 0);
+  Kernel.LimitQueue(kSmallQueue);
+  Connect();
+  const int semaphore = semget(Kernel.Key(), 1, 0);
   const std::string text(7000, 'x');
   std::vector<IpcKernel::Request> received;
   ASSERT_EQ(semctl(semaphore, 0, SETVAL, kLargest), 0);
   for (int i = 0; i < 5; ++i) {
-    setting.Application->ExpectError(setting.Application->Send("K"), 4007, ERANGE);
-    received.push_back(setting.Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    Application->ExpectError(Application->Send("K"), 4007, ERANGE);
+    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
   }
   ASSERT_EQ(semctl(semaphore, 0, SETVAL, 0), 0);
   for (const IpcKernel::Request& request : received) {
-    EXPECT_TRUE(setting.Kernel.Answer(request, text)) << "there is room";
-    EXPECT_GT(setting.Use(), 0);
-    setting.Subject.Tick();
+    EXPECT_TRUE(Kernel.Answer(request, text)) << "there is room";
+    EXPECT_GT(Use(), 0);
+    Subject.Tick();
   }
-  EXPECT_EQ(setting.Kernel.QueuedMessages(), 0);
+  EXPECT_EQ(Kernel.QueuedMessages(), 0);
 }
 
-TEST(LocalIpcReader, AFullQueueOfADeadKernelFailsTheSending) {
-  Setting setting;
-  setting.Subject.LogLevel("3");
-  setting.Connect();
-  setting.Kernel.FillQueue();
-  const lumo::Message request = setting.Application->Send("K");
-  EXPECT_FALSE(setting.Application->ReceiveFrame(kShortly));
-  setting.Kernel.SetKernelPid(DeadPid());
-  const auto answer = setting.Application->Receive();
+TEST_F(LocalIpcReader, AFullQueueOfADeadKernelFailsTheSending) {
+  Subject.LogLevel("3");
+  Connect();
+  Kernel.FillQueue();
+  const lumo::Message request = Application->Send("K");
+  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
+  Kernel.SetKernelPid(DeadPid());
+  const auto answer = Application->Receive();
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->AstInd(), request.AstInd());
   EXPECT_EQ(answer->CodErr, 4007);
-  EXPECT_TRUE(setting.Subject.LogContains("|LIPC msgsnd failed. errno "));
-  setting.Application->ExpectNothing();
+  EXPECT_TRUE(Subject.LogContains("|LIPC msgsnd failed. errno "));
+  Application->ExpectNothing();
 }
 
-TEST(LocalIpcReader, AFullQueueDoesNotHoldUpAStop) {
-  Setting setting;
-  setting.Connect();
-  setting.Kernel.FillQueue();
-  setting.Application->Send("K");
-  EXPECT_FALSE(setting.Application->ReceiveFrame(kShortly));
-  EXPECT_EQ(setting.Subject.Stop(), 0);
+TEST_F(LocalIpcReader, AFullQueueDoesNotHoldUpAStop) {
+  Connect();
+  Kernel.FillQueue();
+  Application->Send("K");
+  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
+  EXPECT_EQ(Subject.Stop(), 0);
 }
 
 // The death of a client
 
-TEST(LocalIpcReader, TheKernelIsToldOfAClientsDeath) {
-  Setting setting;
+TEST_F(LocalIpcReader, TheKernelIsToldOfAClientsDeath) {
   LivingProcess application;
-  const pid_t reader = setting.Connect();
-  Client client(setting.Subject, application.Pid());
-  setting.Use(&client);
-  setting.Subject.Ticks(2);
-  EXPECT_EQ(setting.Kernel.QueuedMessages(), 0);
-  const int before = setting.Kernel.SemaphoreValue();
+  const pid_t reader = Connect();
+  Client client(Subject, application.Pid());
+  Use(&client);
+  Subject.Ticks(2);
+  EXPECT_EQ(Kernel.QueuedMessages(), 0);
+  const int before = Kernel.SemaphoreValue();
   const std::int32_t pid = application.Pid();
   application.Kill();
-  setting.Subject.Ticks(2);
-  const auto received = setting.Kernel.ReadRequest();
-  ASSERT_TRUE(received);
-  lumo::Message death;
-  death.TaskName = reader;
-  death.Command = "CKIL";
-  death.Strings[0] = std::string(28, '\0');
-  std::memcpy(death.Strings[0].data(), &pid, sizeof pid);
-  death.SetTrailerTaskName(pid);
-  death.SetAstInd(0xFFFF);
-  EXPECT_EQ(lumo::Encode(received->Message, lumo::Lengths::Packet),
-            lumo::Encode(death, lumo::Lengths::Packet));
-  EXPECT_EQ(setting.Kernel.SemaphoreValue(), before + 1);
-  EXPECT_EQ(setting.Kernel.QueuedMessages(), 0) << "only the agent tells, and once";
+  Subject.Ticks(2);
+  const auto received = Kernel.ExpectRequest();
+  EXPECT_EQ(lumo::Encode(received.Message, lumo::Lengths::Packet),
+            lumo::Encode(DeathMessage(reader, pid), lumo::Lengths::Packet));
+  EXPECT_EQ(Kernel.SemaphoreValue(), before + 1);
+  EXPECT_EQ(Kernel.QueuedMessages(), 0) << "only the agent tells, and once";
 }
 
 // Management
 
-TEST(LocalIpcReader, ADeletedKernelGoesWithItsReader) {
-  Setting setting;
-  const pid_t reader = setting.Connect();
-  setting.Settle(reader);
-  Manager manager(setting.Subject);
+TEST_F(LocalIpcReader, ADeletedKernelGoesWithItsReader) {
+  const pid_t reader = Connect();
+  Settle(reader);
+  Manager manager(Subject);
   EXPECT_EQ(manager.DeleteNode("K"), 33);
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+  const lumo::Message request = InFlight();
   kill(reader, SIGKILL);
-  setting.Application->ExpectError(request, 4009, 0);
+  Application->ExpectError(request, 4009, 0);
   EXPECT_EQ(manager.Names(), "OTHER");
-  setting.Application->ExpectError(setting.Application->Send("K"), 4050, 0);
-  setting.Subject.Tick();
-  EXPECT_EQ(setting.Subject.Stop(), 0);
+  Application->ExpectError(Application->Send("K"), 4050, 0);
+  Subject.Tick();
+  EXPECT_EQ(Subject.Stop(), 0);
 }
 
-TEST(LocalIpcReader, ARedefinedKernelIsFoundUnderItsNewKey) {
-  Setting setting;
+TEST_F(LocalIpcReader, ARedefinedKernelIsFoundUnderItsNewKey) {
   IpcKernel another;
-  const pid_t reader = setting.Connect();
-  setting.Settle(reader);
-  Manager manager(setting.Subject);
+  const pid_t reader = Connect();
+  Settle(reader);
+  Manager manager(Subject);
   EXPECT_EQ(manager.SetNode("K", another.Line("L")), 0);
   kill(reader, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-  setting.Subject.Barrier();
+  Subject.Barrier();
   EXPECT_EQ(manager.Names(), "L OTHER");
-  const lumo::Message request = setting.Application->Send("L");
-  const auto received = another.ReadRequest();
-  ASSERT_TRUE(received);
-  another.Answer(*received, "from the new one");
-  EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "from the new one");
+  ExpectExchange(*Application, Application->Send("L"), another, "from the new one");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,10 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "tests/process/local_kernel.h"
 #include "tests/process/manager.h"
 #include "tests/process/usual_directory.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
@@ -28,13 +27,7 @@ namespace {
 // A listener at a path of the test's choice, for what LocalKernel does not do.
 class Listener {
  public:
-  explicit Listener(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0) << path;
-    EXPECT_EQ(listen(fd_, 16), 0);
-  }
+  explicit Listener(const std::string& path) : fd_(BoundAt(path)) { EXPECT_EQ(listen(fd_, 16), 0); }
   ~Listener() { Close(); }
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
@@ -60,16 +53,19 @@ struct SocketSetting {
     ASSERT_TRUE(Subject.Start());
     Application.emplace(Subject);
     const lumo::Message request = Application->Send("K");
-    ASSERT_TRUE(Kernel.Accept());
-    const auto received = Kernel.ReadRequest();
-    ASSERT_TRUE(received);
-    ASSERT_TRUE(Kernel.Answer(*received, "up"));
+    const auto received = Kernel.ExpectFirstRequest();
+    ASSERT_TRUE(Kernel.Answer(received, "up"));
     EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "up");
+  }
+  // A request that the kernel has read.
+  lumo::Message InFlight() {
+    const lumo::Message request = Application->Send("K");
+    Kernel.ExpectRequest();
+    return request;
   }
   // The answer's bytes break the link, and the request is told.
   void ExpectBroken(const std::string& bytes, int sysErr) {
-    const lumo::Message request = Application->Send("K");
-    ASSERT_TRUE(Kernel.ReadRequest());
+    const lumo::Message request = InFlight();
     ASSERT_TRUE(Kernel.SendBytes(bytes));
     Application->ExpectError(request, 4008, sysErr);
     EXPECT_TRUE(Kernel.ReadEnd());
@@ -79,6 +75,8 @@ struct SocketSetting {
   LocalKernel Kernel;
   std::optional<Client> Application;
 };
+
+class LocalSocket : public testing::Test, protected SocketSetting {};
 
 std::string WithLength(std::string frame, std::uint32_t length) {
   std::memcpy(frame.data(), &length, sizeof length);
@@ -99,7 +97,7 @@ std::vector<std::string> DriverLines(const Agent& agent, const std::vector<std::
 
 // Address
 
-TEST(LocalSocket, AnAddressThatIsNoNumberOrZeroIsRefused) {
+TEST_F(LocalSocket, AnAddressThatIsNoNumberOrZeroIsRefused) {
   Agent agent;
   agent.Trace();
   ASSERT_TRUE(agent.Start());
@@ -114,7 +112,7 @@ TEST(LocalSocket, AnAddressThatIsNoNumberOrZeroIsRefused) {
             refused);
 }
 
-TEST(LocalSocket, TheFirstWordOfTheAddressIsReadUpToItsFirstNonDigit) {
+TEST_F(LocalSocket, TheFirstWordOfTheAddressIsReadUpToItsFirstNonDigit) {
   for (const std::string tail : {"", "   further words", "\tfurther", "abc", "  "}) {
     Agent agent;
     LocalKernel kernel(agent);
@@ -127,7 +125,7 @@ TEST(LocalSocket, TheFirstWordOfTheAddressIsReadUpToItsFirstNonDigit) {
   }
 }
 
-TEST(LocalSocket, ANegativeNumberNamesTheSocketToo) {
+TEST_F(LocalSocket, ANegativeNumberNamesTheSocketToo) {
   Agent agent;
   const Listener listener(agent.SocketPath(-5));
   agent.Nodetab("K LOCALS -5\n");
@@ -147,7 +145,7 @@ std::string DirectoryOfLength(const Agent& agent, std::size_t length) {
   return path + std::string(length - path.size(), 'd');
 }
 
-TEST(LocalSocket, ADirectoryNameOf227CharactersIsUsedAndOneOf228IsNot) {
+TEST_F(LocalSocket, ADirectoryNameOf227CharactersIsUsedAndOneOf228IsNot) {
   for (const std::size_t length : {std::size_t{227}, std::size_t{228}}) {
     Agent agent;
     const std::string directory = DirectoryOfLength(agent, length);
@@ -164,7 +162,7 @@ TEST(LocalSocket, ADirectoryNameOf227CharactersIsUsedAndOneOf228IsNot) {
   }
 }
 
-TEST(LocalSocket, ADirectoryNameThatIsTooLongGivesWayToTheUsualOne) {
+TEST_F(LocalSocket, ADirectoryNameThatIsTooLongGivesWayToTheUsualOne) {
   const UsualDirectory usual;
   Agent agent;
   agent.Environment("TAVRIN_TMP", DirectoryOfLength(agent, 228));
@@ -180,7 +178,7 @@ TEST(LocalSocket, ADirectoryNameThatIsTooLongGivesWayToTheUsualOne) {
   EXPECT_EQ(agent.Stop(), 0);  // which removes its socket
 }
 
-TEST(LocalSocket, TheDirectoryIsMadeAndOpenedToEverybody) {
+TEST_F(LocalSocket, TheDirectoryIsMadeAndOpenedToEverybody) {
   for (const bool exists : {false, true}) {
     Agent agent;
     const std::filesystem::path directory = agent.Folder() / "sockets";
@@ -198,49 +196,46 @@ TEST(LocalSocket, TheDirectoryIsMadeAndOpenedToEverybody) {
 
 // Connecting
 
-TEST(LocalSocket, AConnectionThatCannotBeMadeIsAnsweredWithItsError) {
-  SocketSetting setting;
-  setting.Subject.Trace();
-  ASSERT_TRUE(setting.Subject.Start());
-  setting.Kernel.StopListening();
-  Client client(setting.Subject);
+TEST_F(LocalSocket, AConnectionThatCannotBeMadeIsAnsweredWithItsError) {
+  Subject.Trace();
+  ASSERT_TRUE(Subject.Start());
+  Kernel.StopListening();
+  Client client(Subject);
   client.ExpectNothing();
-  const int before = OpenDescriptors(setting.Subject.Pid());
+  const int before = OpenDescriptors(Subject.Pid());
   client.ExpectError(client.Send("K"), 4006, ENOENT);
-  EXPECT_TRUE(setting.Subject.Logged(
+  EXPECT_TRUE(Subject.Logged(
       15, "lsock", "'LSockConnectLink' Leave FAILED connect to tavrin MBX=%d. Errno = %d"));
   {
-    Listener listener(setting.Subject.SocketPath(setting.Kernel.Number()));
+    Listener listener(Subject.SocketPath(Kernel.Number()));
     listener.Close();  // the file stays, and nobody listens
   }
   client.ExpectError(client.Send("K"), 4006, ECONNREFUSED);
-  EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), before);
+  EXPECT_EQ(OpenDescriptors(Subject.Pid()), before);
 }
 
-TEST(LocalSocket, AGreetingOfAnySizeIsPassedOver) {
+TEST_F(LocalSocket, AGreetingOfAnySizeIsPassedOver) {
   for (const std::size_t size : {1u, 60u, 76u, 77u, 152u, 1000u}) {
     SocketSetting setting;
     ASSERT_TRUE(setting.Subject.Start());
     Client client(setting.Subject);
     const lumo::Message request = client.Send("K", "text");
     ASSERT_TRUE(setting.Kernel.Accept(std::string(size, 'g')));
-    const auto received = setting.Kernel.ReadRequest();
-    ASSERT_TRUE(received);
-    setting.Kernel.Answer(*received, "answer");
+    const auto received = setting.Kernel.ExpectRequest();
+    setting.Kernel.Answer(received, "answer");
     EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "answer") << size;
   }
 }
 
-TEST(LocalSocket, TheStepsOfTheConnectAreTraced) {
-  SocketSetting setting;
-  setting.Subject.Trace();
-  ASSERT_TRUE(setting.Subject.Start());
-  Client client(setting.Subject);
+TEST_F(LocalSocket, TheStepsOfTheConnectAreTraced) {
+  Subject.Trace();
+  ASSERT_TRUE(Subject.Start());
+  Client client(Subject);
   client.Send("K");
-  ASSERT_TRUE(setting.Kernel.Accept(std::string(100, 'g')));  // more than one piece of 76 bytes
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Subject.Barrier();
-  const std::vector<std::string> lines = DriverLines(setting.Subject, {"SET_", "REGISTER_"});
+  ASSERT_TRUE(Kernel.Accept(std::string(100, 'g')));  // more than one piece of 76 bytes
+  ASSERT_TRUE(Kernel.ReadRequest());
+  Subject.Barrier();
+  const std::vector<std::string> lines = DriverLines(Subject, {"SET_", "REGISTER_"});
   ASSERT_EQ(lines.size(), 6u);
   const std::string socket = lines[0].substr(lines[0].find(' '));
   EXPECT_EQ(lines,
@@ -248,26 +243,25 @@ TEST(LocalSocket, TheStepsOfTheConnectAreTraced) {
                                       "SET_BLOCK_MODE" + socket, "SET_SOCKET_BUFFERS" + socket,
                                       "REGISTER_SOCKET_FOR_READ_EVENT" + socket,
                                       "REGISTER_SOCKET_FOR_THE_LINK" + socket + ", K"}));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lsock", "'LSockConnectLink' Leave SUCCESS"));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lsock", "Before Send 108 byte to local tavrin"));
+  EXPECT_TRUE(Subject.Logged(15, "lsock", "'LSockConnectLink' Leave SUCCESS"));
+  EXPECT_TRUE(Subject.Logged(15, "lsock", "Before Send 108 byte to local tavrin"));
 }
 
-TEST(LocalSocket, TheGreetingIsWaitedForWhateverSignalsCome) {
-  SocketSetting setting;
-  ASSERT_TRUE(setting.Subject.Start());
-  Client client(setting.Subject);
+TEST_F(LocalSocket, TheGreetingIsWaitedForWhateverSignalsCome) {
+  ASSERT_TRUE(Subject.Start());
+  Client client(Subject);
   client.Send("K");
-  ASSERT_TRUE(setting.Kernel.Accept(""));
+  ASSERT_TRUE(Kernel.Accept(""));
   for (int tick = 0; tick < 10; ++tick) {
-    setting.Subject.Signal(SIGALRM);
-    EXPECT_TRUE(setting.Kernel.Silent(Milliseconds(3)));
+    Subject.Signal(SIGALRM);
+    EXPECT_TRUE(Kernel.Silent(Milliseconds(3)));
   }
-  setting.Kernel.SendBytes("hello");
-  EXPECT_TRUE(setting.Kernel.ReadRequest());
-  EXPECT_EQ(setting.Subject.Stop(), 0);
+  Kernel.SendBytes("hello");
+  EXPECT_TRUE(Kernel.ReadRequest());
+  EXPECT_EQ(Subject.Stop(), 0);
 }
 
-TEST(LocalSocket, AKernelThatGoesBeforeItGreetsFailsTheConnection) {
+TEST_F(LocalSocket, AKernelThatGoesBeforeItGreetsFailsTheConnection) {
   Agent agent;
   Listener listener(agent.SocketPath(77));
   agent.Nodetab("K LOCALS 77\n").Trace();
@@ -284,284 +278,245 @@ TEST(LocalSocket, AKernelThatGoesBeforeItGreetsFailsTheConnection) {
   EXPECT_EQ(OpenDescriptors(agent.Pid()), before + 1) << "the socket is left as it is";
 }
 
-TEST(LocalSocket, AKernelThatClosesAtOnceIsReadUntilAStopIsAskedFor) {
-  SocketSetting setting;
-  ASSERT_TRUE(setting.Subject.Start());
-  Client client(setting.Subject);
+TEST_F(LocalSocket, AKernelThatClosesAtOnceIsReadUntilAStopIsAskedFor) {
+  ASSERT_TRUE(Subject.Start());
+  Client client(Subject);
   client.Send("K");
-  ASSERT_TRUE(setting.Kernel.Accept(""));
-  setting.Kernel.Close();
+  ASSERT_TRUE(Kernel.Accept(""));
+  Kernel.Close();
   EXPECT_FALSE(client.ReceiveFrame(kShortly)) << "the connect does not end";
-  EXPECT_TRUE(setting.Subject.Running());
-  EXPECT_EQ(setting.Subject.Stop(), 0);
+  EXPECT_TRUE(Subject.Running());
+  EXPECT_EQ(Subject.Stop(), 0);
 }
 
-TEST(LocalSocket, ASocketThatCannotBeMadeIsAnsweredWithItsError) {
+TEST_F(LocalSocket, ASocketThatCannotBeMadeIsAnsweredWithItsError) {
   constexpr int kAllowed = 16;
-  SocketSetting setting;
-  setting.Subject.Limit(RLIMIT_NOFILE, kAllowed).LogLevel("2");
-  ASSERT_TRUE(setting.Subject.Start());
-  Client client(setting.Subject);
+  Subject.Limit(RLIMIT_NOFILE, kAllowed).LogLevel("2");
+  ASSERT_TRUE(Subject.Start());
+  Client client(Subject);
   client.ExpectNothing();
-  std::vector<int> connections;
-  while (OpenDescriptors(setting.Subject.Pid()) < kAllowed && connections.size() < kAllowed) {
-    connections.push_back(ConnectRaw(setting.Subject.SocketPath()));
-    setting.Subject.Barrier();
-  }
+  Crowd crowd(&Subject, kAllowed);
   client.ExpectError(client.Send("K"), -1, EMFILE);
-  EXPECT_EQ(setting.Subject.CountLogged(
+  EXPECT_EQ(Subject.CountLogged(
                 2, "lsock", "Call socket(PF_UNIX...) failed. errno = " + std::to_string(EMFILE)),
             1);
-  for (const int connection : connections) close(connection);
 }
 
-TEST(LocalSocket, ADescriptorOf255OrMoreIsRefused) {
-  SocketSetting setting;
-  ASSERT_TRUE(setting.Subject.Start());
-  Client client(setting.Subject);
+TEST_F(LocalSocket, ADescriptorOf255OrMoreIsRefused) {
+  ASSERT_TRUE(Subject.Start());
+  Client client(Subject);
   client.ExpectNothing();
-  std::vector<int> connections;
-  while (OpenDescriptors(setting.Subject.Pid()) < 256 && connections.size() < 256) {
-    connections.push_back(ConnectRaw(setting.Subject.SocketPath()));
-    if (connections.size() % 8 == 0 || connections.size() > 240) setting.Subject.Barrier();
-  }
-  const int before = OpenDescriptors(setting.Subject.Pid());
+  Crowd crowd(&Subject, 256);
+  const int before = OpenDescriptors(Subject.Pid());
   client.ExpectError(client.Send("K"), 4052, 0);
-  EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), before);
-  for (const int connection : connections) close(connection);
-  setting.Subject.Barrier();
+  EXPECT_EQ(OpenDescriptors(Subject.Pid()), before);
+  crowd.Leave();
+  Subject.Barrier();
   client.Send("K");
   // The refused attempt never came as far as the kernel.
-  ASSERT_TRUE(setting.Kernel.Accept());
-  EXPECT_TRUE(setting.Kernel.ReadRequest());
+  ASSERT_TRUE(Kernel.Accept());
+  EXPECT_TRUE(Kernel.ReadRequest());
 }
 
-TEST(LocalSocket, WithConnectOnLoadTheKernelIsConnectedAtTheStartAndBecomesTheDefault) {
-  SocketSetting setting;
-  setting.Subject.Nodetab("A REZ\n" + setting.Kernel.Line("K"))
+TEST_F(LocalSocket, WithConnectOnLoadTheKernelIsConnectedAtTheStartAndBecomesTheDefault) {
+  Subject.Nodetab("A REZ\n" + Kernel.Line("K"))
       .Options({"-NODAEMON", "-CONNECTONLOAD"})
       .LogLevel("1");
-  setting.Subject.Spawn();
-  ASSERT_TRUE(setting.Kernel.Accept());
-  ASSERT_TRUE(setting.Subject.WaitUntilReady());
-  EXPECT_EQ(setting.Subject.Log(), "lumo_tcp:Link K connected\n");
-  Client client(setting.Subject);
-  const lumo::Message request = client.Send("", "for the default");
-  const auto received = setting.Kernel.ReadRequest();
-  ASSERT_TRUE(received);
-  setting.Kernel.Answer(*received, "from the kernel");
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "from the kernel");
+  Subject.Spawn();
+  ASSERT_TRUE(Kernel.Accept());
+  ASSERT_TRUE(Subject.WaitUntilReady());
+  EXPECT_EQ(Subject.Log(), "lumo_tcp:Link K connected\n");
+  Client client(Subject);
+  ExpectExchange(client, client.Send("", "for the default"), Kernel, "from the kernel");
 }
 
 // Messages
 
-TEST(LocalSocket, ARequestGoesOutAsItCame) {
-  SocketSetting setting;
-  setting.Connect();
-  lumo::Message request = FullMessage(*setting.Application, "k");
+TEST_F(LocalSocket, ARequestGoesOutAsItCame) {
+  Connect();
+  lumo::Message request = FullMessage(*Application, "k");
   for (const std::size_t size : {std::size_t{301}, std::size_t{7760}}) {
     request.Strings[3] = std::string(size, 'x');
     const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
-    ASSERT_TRUE(setting.Application->SendBytes(frame));
-    EXPECT_EQ(setting.Kernel.ReadFrame(), frame);
+    ASSERT_TRUE(Application->SendBytes(frame));
+    EXPECT_EQ(Kernel.ReadFrame(), frame);
   }
 }
 
-TEST(LocalSocket, TheLargestRequestGoesOutAsItCame) {
-  SocketSetting setting;
-  setting.Connect();
-  lumo::Message request = setting.Application->Request("K", std::string(8188 - 108, 'x'));
+TEST_F(LocalSocket, TheLargestRequestGoesOutAsItCame) {
+  Connect();
+  lumo::Message request = Application->Request("K", std::string(8188 - 108, 'x'));
   const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
   ASSERT_EQ(frame.size(), 8188u);
-  ASSERT_TRUE(setting.Application->SendBytes(frame));
-  EXPECT_EQ(setting.Kernel.ReadFrame(), frame);
+  ASSERT_TRUE(Application->SendBytes(frame));
+  EXPECT_EQ(Kernel.ReadFrame(), frame);
 }
 
-TEST(LocalSocket, AnAnswerComesBackWithTheTaskOfItsTrailerAndTheLengthOfItsStrings) {
-  SocketSetting setting;
-  setting.Subject.Trace();
-  setting.Connect();
-  lumo::Message answer = FullMessage(*setting.Application, "k");
+TEST_F(LocalSocket, AnAnswerComesBackWithTheTaskOfItsTrailerAndTheLengthOfItsStrings) {
+  Subject.Trace();
+  Connect();
+  lumo::Message answer = FullMessage(*Application, "k");
   answer.SetTrailerTaskName(answer.TaskName);
-  setting.Application->SendMessage(answer);
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+  Application->SendMessage(answer);
+  ASSERT_TRUE(Kernel.ReadRequest());
   const std::string expected = lumo::Encode(answer, lumo::Lengths::Client);
   answer.TaskName = 4711;
   const std::string sent = lumo::Encode(answer, lumo::Lengths::Client) + "behind the trailer";
   const auto length = static_cast<std::uint32_t>(sent.size());
-  setting.Kernel.SendBytes(WithLength(sent, length));
-  EXPECT_EQ(setting.Application->ReceiveFrame(), expected);
-  EXPECT_EQ(DriverLines(setting.Subject, {"recv form", "Local tavrin"}).back(),
+  Kernel.SendBytes(WithLength(sent, length));
+  EXPECT_EQ(Application->ReceiveFrame(), expected);
+  EXPECT_EQ(DriverLines(Subject, {"recv form", "Local tavrin"}).back(),
             "recv form local tavrin return " + std::to_string(length - 4));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lsock", "recv form local tavrin return 4"));
-  EXPECT_TRUE(setting.Subject.Logged(
+  EXPECT_TRUE(Subject.Logged(15, "lsock", "recv form local tavrin return 4"));
+  EXPECT_TRUE(Subject.Logged(
       15, "lsock", "Local tavrin message len is " + std::to_string(length - 4) + " byte"));
 }
 
-TEST(LocalSocket, TheLargestAnswerComesThrough) {
-  SocketSetting setting;
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+TEST_F(LocalSocket, TheLargestAnswerComesThrough) {
+  Connect();
+  const lumo::Message request = InFlight();
   const lumo::Message answer = AnswerTo(request, std::string(8192 - 108, 'x'));
-  setting.Kernel.SendMessage(answer);
-  EXPECT_EQ(setting.Application->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  Kernel.SendMessage(answer);
+  EXPECT_EQ(Application->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
 }
 
-TEST(LocalSocket, AnAnswerThatComesInPiecesKeepsNobodyWaiting) {
-  SocketSetting setting;
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+TEST_F(LocalSocket, AnAnswerThatComesInPiecesKeepsNobodyWaiting) {
+  Connect();
+  const lumo::Message request = InFlight();
   const lumo::Message answer = AnswerTo(request, "pieces");
   const std::string frame = lumo::Encode(answer, lumo::Lengths::Client);
   for (const char byte : frame.substr(0, frame.size() - 1)) {
-    setting.Kernel.SendBytes({&byte, 1});
-    setting.Subject.Barrier();
+    Kernel.SendBytes({&byte, 1});
+    Subject.Barrier();
   }
-  setting.Application->ExpectNothing();
-  setting.Kernel.SendBytes(frame.substr(frame.size() - 1));
-  EXPECT_EQ(setting.Application->ReceiveFrame(), frame);
+  Application->ExpectNothing();
+  Kernel.SendBytes(frame.substr(frame.size() - 1));
+  EXPECT_EQ(Application->ReceiveFrame(), frame);
 }
 
-TEST(LocalSocket, AnswersThatComeTogetherReachTheirRequestsInAnyOrder) {
-  SocketSetting setting;
-  setting.Connect();
-  Client other(setting.Subject);
-  const lumo::Message first = setting.Application->Send("K"), second = other.Send("K"),
-                      third = setting.Application->Send("K");
-  for (int request = 0; request < 3; ++request) ASSERT_TRUE(setting.Kernel.ReadRequest());
+TEST_F(LocalSocket, AnswersThatComeTogetherReachTheirRequestsInAnyOrder) {
+  Connect();
+  Client other(Subject);
+  const lumo::Message first = Application->Send("K"), second = other.Send("K"),
+                      third = Application->Send("K");
+  for (int request = 0; request < 3; ++request) ASSERT_TRUE(Kernel.ReadRequest());
   std::string frames;
   for (const lumo::Message& request : {third, first})
     frames += lumo::Encode(AnswerTo(request, "answer"), lumo::Lengths::Client);
-  setting.Kernel.SendBytes(frames);
-  EXPECT_EQ(setting.Application->ExpectAnswer(third).Strings[0], "answer");
-  EXPECT_EQ(setting.Application->ExpectAnswer(first).Strings[0], "answer");
-  setting.Kernel.Close();
+  Kernel.SendBytes(frames);
+  EXPECT_EQ(Application->ExpectAnswer(third).Strings[0], "answer");
+  EXPECT_EQ(Application->ExpectAnswer(first).Strings[0], "answer");
+  Kernel.Close();
   other.ExpectError(second, 4008, 0);
 }
 
-TEST(LocalSocket, AnAnswerThatNobodyAskedForIsPassedOver) {
-  SocketSetting setting;
-  setting.Subject.LogLevel("3");
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+TEST_F(LocalSocket, AnAnswerThatNobodyAskedForIsPassedOver) {
+  Subject.LogLevel("3");
+  Connect();
+  const lumo::Message request = InFlight();
   lumo::Message stray = AnswerTo(request, "stray");
   stray.SetAstInd(999);
-  setting.Kernel.SendMessage(stray);
-  setting.Kernel.SendMessage(AnswerTo(request, "right"));
-  EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "right");
-  EXPECT_EQ(setting.Subject.CountLogged(2, "link",
-                                        "The message were not send by the agent. Skip the message"),
-            1);
+  Kernel.SendMessage(stray);
+  Kernel.SendMessage(AnswerTo(request, "right"));
+  EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "right");
+  EXPECT_EQ(
+      Subject.CountLogged(2, "link", "The message were not send by the agent. Skip the message"),
+      1);
 }
 
-TEST(LocalSocket, AKernelThatDoesNotReadKeepsNobodyElseWaiting) {
+TEST_F(LocalSocket, AKernelThatDoesNotReadKeepsNobodyElseWaiting) {
   EchoNode node;
-  SocketSetting setting;
-  setting.Subject.Nodetab(setting.Kernel.Line("K") + node.Line("N"));
-  setting.Connect();
+  Subject.Nodetab(Kernel.Line("K") + node.Line("N"));
+  Connect();
   constexpr int kRequests = 60;
   std::vector<lumo::Message> requests;
-  Client other(setting.Subject);
+  Client other(Subject);
   std::thread sender([&] {  // it is held up as soon as too much waits for the kernel
     for (int i = 0; i < kRequests; ++i)
-      requests.push_back(setting.Application->Send("K", std::string(6000, 'x')));
+      requests.push_back(Application->Send("K", std::string(6000, 'x')));
   });
   for (int i = 0; i < 20; ++i) EXPECT_EQ(other.Ask("N", "text").Strings[0], "text");
-  setting.Subject.Ticks(3);
+  Subject.Ticks(3);
   for (int i = 0; i < kRequests; ++i) {
-    const auto received = setting.Kernel.ReadRequest();
-    ASSERT_TRUE(received);
-    setting.Kernel.Answer(*received, std::to_string(i));
+    const auto received = Kernel.ExpectRequest();
+    Kernel.Answer(received, std::to_string(i));
   }
   sender.join();
   for (int i = 0; i < kRequests; ++i)
-    EXPECT_EQ(setting.Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]).Strings[0],
+    EXPECT_EQ(Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]).Strings[0],
               std::to_string(i));
 }
 
-TEST(LocalSocket, HundredsOfRequestsMayBeUnanswered) {
-  SocketSetting setting;
-  setting.Connect();
+TEST_F(LocalSocket, HundredsOfRequestsMayBeUnanswered) {
+  Connect();
   constexpr int kRequests = 300;
   std::vector<lumo::Message> requests;
   for (int i = 0; i < kRequests; ++i) {
-    requests.push_back(setting.Application->Send("K"));
-    ASSERT_TRUE(setting.Kernel.ReadRequest());
+    requests.push_back(Application->Send("K"));
+    ASSERT_TRUE(Kernel.ReadRequest());
   }
   for (int i = kRequests; i-- > 0;)
-    setting.Kernel.Answer(requests[static_cast<std::size_t>(i)], std::to_string(i));
+    Kernel.Answer(requests[static_cast<std::size_t>(i)], std::to_string(i));
   for (int i = kRequests; i-- > 0;)
-    EXPECT_EQ(setting.Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]).Strings[0],
+    EXPECT_EQ(Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]).Strings[0],
               std::to_string(i));
 }
 
 // The end of the connection
 
-TEST(LocalSocket, AKernelThatClosesAnswersAllThatWaited) {
-  SocketSetting setting;
-  setting.Subject.Trace();
-  setting.Connect();
-  const lumo::Message first = setting.Application->Send("K"),
-                      second = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest() && setting.Kernel.ReadRequest());
-  setting.Kernel.Close();
-  setting.Application->ExpectError(first, 4008, 0);
-  setting.Application->ExpectError(second, 4008, 0);
-  setting.Application->ExpectNothing();
-  EXPECT_TRUE(setting.Subject.Logged(15, "lsock",
-                                     "'LSockReadyForRead' Leave Tavrin socket is down. Call:recv"));
-  EXPECT_TRUE(setting.Subject.LogContains("'DisconnectLink' Call from lsock:"));
-  EXPECT_TRUE(setting.Subject.LogContains("Link = K, TavrinErr = 4008, SysErr = 0"));
+TEST_F(LocalSocket, AKernelThatClosesAnswersAllThatWaited) {
+  Subject.Trace();
+  Connect();
+  const lumo::Message first = Application->Send("K"), second = Application->Send("K");
+  ASSERT_TRUE(Kernel.ReadRequest() && Kernel.ReadRequest());
+  Kernel.Close();
+  Application->ExpectError(first, 4008, 0);
+  Application->ExpectError(second, 4008, 0);
+  Application->ExpectNothing();
+  EXPECT_TRUE(
+      Subject.Logged(15, "lsock", "'LSockReadyForRead' Leave Tavrin socket is down. Call:recv"));
+  EXPECT_TRUE(Subject.LogContains("'DisconnectLink' Call from lsock:"));
+  EXPECT_TRUE(Subject.LogContains("Link = K, TavrinErr = 4008, SysErr = 0"));
 }
 
-TEST(LocalSocket, AKernelThatClosesWithinAMessageCountsAsClosed) {
-  SocketSetting setting;
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Kernel.SendBytes(
-      lumo::Encode(AnswerTo(request, "text"), lumo::Lengths::Client).substr(0, 50));
-  setting.Subject.Barrier();
-  setting.Kernel.Close();
-  setting.Application->ExpectError(request, 4008, 0);
+TEST_F(LocalSocket, AKernelThatClosesWithinAMessageCountsAsClosed) {
+  Connect();
+  const lumo::Message request = InFlight();
+  Kernel.SendBytes(lumo::Encode(AnswerTo(request, "text"), lumo::Lengths::Client).substr(0, 50));
+  Subject.Barrier();
+  Kernel.Close();
+  Application->ExpectError(request, 4008, 0);
 }
 
-TEST(LocalSocket, AReceiveThatFailsIsReportedWithItsError) {
-  SocketSetting setting;
-  setting.Subject.LogLevel("3");
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  setting.Subject.Barrier();
-  setting.Kernel.Close();  // with a request unread: the agent sees an error, not the end
-  setting.Application->ExpectError(request, 4008, ECONNRESET);
-  EXPECT_EQ(
-      setting.Subject.CountLogged(
-          3, "lsock",
-          "SOCK.Receive message from local tavrin. Call:recv. Errno " + std::to_string(ECONNRESET)),
-      1);
+TEST_F(LocalSocket, AReceiveThatFailsIsReportedWithItsError) {
+  Subject.LogLevel("3");
+  Connect();
+  const lumo::Message request = Application->Send("K");
+  Subject.Barrier();
+  Kernel.Close();  // with a request unread: the agent sees an error, not the end
+  Application->ExpectError(request, 4008, ECONNRESET);
+  EXPECT_EQ(Subject.CountLogged(3, "lsock",
+                                "SOCK.Receive message from local tavrin. Call:recv. Errno " +
+                                    std::to_string(ECONNRESET)),
+            1);
 }
 
-TEST(LocalSocket, ASendThatFailsAnswersAllThatWaitedWithItsError) {
-  SocketSetting setting;
-  setting.Subject.Trace();
-  setting.Connect();
-  const lumo::Message first = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  shutdown(setting.Kernel.Socket(), SHUT_RD);
-  const lumo::Message second = setting.Application->Send("K");
-  setting.Application->ExpectError(first, 4007, EPIPE);
-  setting.Application->ExpectError(second, 4007, EPIPE);
-  setting.Application->ExpectNothing();
-  EXPECT_TRUE(setting.Subject.Logged(
-      15, "lsock", "Send to local tavrin. Call:send. errno " + std::to_string(EPIPE)));
-  EXPECT_TRUE(setting.Subject.Logged(15, "lsock", "'LSockSendToNetwork' Leave FAILED send"));
-  EXPECT_TRUE(setting.Kernel.ReadEnd());
+TEST_F(LocalSocket, ASendThatFailsAnswersAllThatWaitedWithItsError) {
+  Subject.Trace();
+  Connect();
+  const lumo::Message first = InFlight();
+  shutdown(Kernel.Socket(), SHUT_RD);
+  const lumo::Message second = Application->Send("K");
+  Application->ExpectError(first, 4007, EPIPE);
+  Application->ExpectError(second, 4007, EPIPE);
+  Application->ExpectNothing();
+  EXPECT_TRUE(Subject.Logged(15, "lsock",
+                             "Send to local tavrin. Call:send. errno " + std::to_string(EPIPE)));
+  EXPECT_TRUE(Subject.Logged(15, "lsock", "'LSockSendToNetwork' Leave FAILED send"));
+  EXPECT_TRUE(Kernel.ReadEnd());
 }
 
-TEST(LocalSocket, ALengthWordThatCannotBeTakesTheLinkDown) {
+TEST_F(LocalSocket, ALengthWordThatCannotBeTakesTheLinkDown) {
   for (const std::uint32_t length : {0u, 3u, 4u, 8193u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
     SocketSetting setting;
     setting.Connect();
@@ -572,7 +527,7 @@ TEST(LocalSocket, ALengthWordThatCannotBeTakesTheLinkDown) {
   }
 }
 
-TEST(LocalSocket, StringsThatLeaveTheMessageTakeTheLinkDown) {
+TEST_F(LocalSocket, StringsThatLeaveTheMessageTakeTheLinkDown) {
   constexpr std::size_t kFirstCountAt = 52, kLastCountAt = 58;
   for (const std::size_t at : {kFirstCountAt, kLastCountAt}) {
     for (const std::uint16_t count : {std::uint16_t{8100}, std::uint16_t{0xFFFF}}) {
@@ -585,96 +540,78 @@ TEST(LocalSocket, StringsThatLeaveTheMessageTakeTheLinkDown) {
   }
 }
 
-TEST(LocalSocket, BytesThatDidNotComeCountAsZero) {
-  SocketSetting setting;
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
+TEST_F(LocalSocket, BytesThatDidNotComeCountAsZero) {
+  Connect();
+  const lumo::Message request = InFlight();
   // A short frame is a message without strings whose trailer names no request.
-  setting.Kernel.SendBytes(WithLength(std::string(20, '\0'), 20));
-  setting.Application->ExpectNothing();
-  setting.Kernel.Answer(request, "the link is still up");
-  EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "the link is still up");
+  Kernel.SendBytes(WithLength(std::string(20, '\0'), 20));
+  Application->ExpectNothing();
+  Kernel.Answer(request, "the link is still up");
+  EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "the link is still up");
 }
 
-TEST(LocalSocket, TheLinkComesBackWithTheNextRequest) {
-  SocketSetting setting;
-  setting.Connect();
-  const int before = OpenDescriptors(setting.Subject.Pid());
+TEST_F(LocalSocket, TheLinkComesBackWithTheNextRequest) {
+  Connect();
+  const int before = OpenDescriptors(Subject.Pid());
   for (int time = 0; time < 5; ++time) {
-    setting.Kernel.Close();
-    setting.Subject.Barrier();
-    EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), before - 1);
-    const lumo::Message request = setting.Application->Send("K");
-    ASSERT_TRUE(setting.Kernel.Accept());
-    const auto received = setting.Kernel.ReadRequest();
-    ASSERT_TRUE(received);
-    setting.Kernel.Answer(*received, "again");
-    EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "again");
-    EXPECT_EQ(OpenDescriptors(setting.Subject.Pid()), before);
+    Kernel.Close();
+    Subject.Barrier();
+    EXPECT_EQ(OpenDescriptors(Subject.Pid()), before - 1);
+    const lumo::Message request = Application->Send("K");
+    const auto received = Kernel.ExpectFirstRequest();
+    Kernel.Answer(received, "again");
+    EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "again");
+    EXPECT_EQ(OpenDescriptors(Subject.Pid()), before);
   }
 }
 
-TEST(LocalSocket, TheStopClosesTheConnection) {
-  SocketSetting setting;
-  setting.Subject.LogLevel("1");
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  EXPECT_EQ(setting.Subject.Stop(), 0);
-  setting.Application->ExpectError(request, 0, 0);
-  EXPECT_TRUE(setting.Kernel.ReadEnd());
-  EXPECT_EQ(setting.Subject.Log(), "lumo_tcp:Disconnect link  K\n");
+TEST_F(LocalSocket, TheStopClosesTheConnection) {
+  Subject.LogLevel("1");
+  Connect();
+  const lumo::Message request = InFlight();
+  EXPECT_EQ(Subject.Stop(), 0);
+  Application->ExpectError(request, 0, 0);
+  EXPECT_TRUE(Kernel.ReadEnd());
+  EXPECT_EQ(Subject.Log(), "lumo_tcp:Disconnect link  K\n");
 }
 
-TEST(LocalSocket, TheTimerLeavesTheLinkAlone) {
-  SocketSetting setting;
-  setting.Connect();
-  const lumo::Message request = setting.Application->Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Subject.Ticks(20);
-  EXPECT_TRUE(setting.Kernel.Silent(Milliseconds(0)));
-  setting.Kernel.Answer(request, "late");
-  EXPECT_EQ(setting.Application->ExpectAnswer(request).Strings[0], "late");
+TEST_F(LocalSocket, TheTimerLeavesTheLinkAlone) {
+  Connect();
+  const lumo::Message request = InFlight();
+  Subject.Ticks(20);
+  EXPECT_TRUE(Kernel.Silent(Milliseconds(0)));
+  Kernel.Answer(request, "late");
+  EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "late");
 }
 
 // The death of a client
 
-TEST(LocalSocket, TheKernelIsToldOfAClientsDeath) {
-  SocketSetting setting;
-  setting.Connect();
+TEST_F(LocalSocket, TheKernelIsToldOfAClientsDeath) {
+  Connect();
   LivingProcess application;
-  Client client(setting.Subject, application.Pid());
+  Client client(Subject, application.Pid());
   client.Send("K");
-  ASSERT_TRUE(setting.Kernel.ReadRequest());
-  setting.Subject.Ticks(2);
-  EXPECT_TRUE(setting.Kernel.Silent(Milliseconds(0)));
+  ASSERT_TRUE(Kernel.ReadRequest());
+  Subject.Ticks(2);
+  EXPECT_TRUE(Kernel.Silent(Milliseconds(0)));
   const std::int32_t pid = application.Pid();
   application.Kill();
-  setting.Subject.Ticks(2);
-  lumo::Message death;
-  death.TaskName = pid;
-  death.Command = "CKIL";
-  death.Strings[0] = std::string(28, '\0');
-  std::memcpy(death.Strings[0].data(), &pid, sizeof pid);
-  death.SetTrailerTaskName(pid);
-  death.SetAstInd(0xFFFF);
-  const auto frame = setting.Kernel.ReadFrame();
-  EXPECT_EQ(frame, lumo::Encode(death, lumo::Lengths::Client));
+  Subject.Ticks(2);
+  const auto frame = Kernel.ReadFrame();
+  EXPECT_EQ(frame, lumo::Encode(DeathMessage(pid, pid), lumo::Lengths::Client));
   EXPECT_EQ(frame.value_or("").size(), 136u);
-  EXPECT_TRUE(setting.Kernel.Silent(Milliseconds(0))) << "it is told once";
+  EXPECT_TRUE(Kernel.Silent(Milliseconds(0))) << "it is told once";
 }
 
-TEST(LocalSocket, ADeletedKernelGoesWithItsConnection) {
-  SocketSetting setting;
-  setting.Connect();
-  Manager manager(setting.Subject);
+TEST_F(LocalSocket, ADeletedKernelGoesWithItsConnection) {
+  Connect();
+  Manager manager(Subject);
   EXPECT_EQ(manager.DeleteNode("K"), 33);
-  setting.Kernel.Close();
-  setting.Subject.Barrier();
+  Kernel.Close();
+  Subject.Barrier();
   EXPECT_EQ(manager.Names(), "OTHER");
-  setting.Application->ExpectError(setting.Application->Send("K"), 4050, 0);
-  EXPECT_EQ(setting.Subject.Stop(), 0);
+  Application->ExpectError(Application->Send("K"), 4050, 0);
+  EXPECT_EQ(Subject.Stop(), 0);
 }
 
 }  // namespace

@@ -5,13 +5,16 @@
 #include <cerrno>
 #include <ctime>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/text.h"
 
 namespace test {
 namespace {
+
+using LogLevel = AgentTest;
+using CallTrace = AgentTest;
+using Log = AgentTest;
 
 // Gives the agent something to say at levels 0, 1, 2 and 15: a bad node, a connection, a client
 // that hangs up, and the trace.
@@ -21,10 +24,8 @@ void MakeItTalk(Agent& agent, Node& node) {
   {
     Client client(agent);
     const lumo::Message request = client.Send("A");
-    ASSERT_TRUE(node.Accept());
-    const auto received = node.ReadRequest();
-    ASSERT_TRUE(received);
-    node.Answer(*received);
+    const auto received = node.ExpectFirstRequest();
+    node.Answer(received);
     client.ExpectAnswer(request);
   }
   agent.Barrier();
@@ -34,34 +35,31 @@ void MakeItTalk(Agent& agent, Node& node) {
 constexpr char kResultLine[] =
     "lumo_tcp:Initialization of link 'BAD' for protocol 'TCPIP' failed\n";
 
-TEST(LogLevel, UnsetWritesResultsOnly) {
+TEST_F(LogLevel, UnsetWritesResultsOnly) {
   Node node;
-  Agent agent;
-  agent.Without("DBC_LOG");
-  MakeItTalk(agent, node);
-  EXPECT_EQ(agent.Log(), std::string("lumo_tcp:Tcp address is empty\n") + kResultLine +
-                             "lumo_tcp:Node name 'BAD' skipped\n");
+  agent_.Without("DBC_LOG");
+  MakeItTalk(agent_, node);
+  EXPECT_EQ(agent_.Log(), std::string("lumo_tcp:Tcp address is empty\n") + kResultLine +
+                              "lumo_tcp:Node name 'BAD' skipped\n");
 }
 
-TEST(LogLevel, OneAddsChangesOfTheDefaultWithTheShortPrefix) {
+TEST_F(LogLevel, OneAddsChangesOfTheDefaultWithTheShortPrefix) {
   Node node;
-  Agent agent;
-  agent.LogLevel("1");
-  MakeItTalk(agent, node);
-  EXPECT_NE(agent.Log().find("\nlumo_tcp:Link A connected\n"), std::string::npos) << agent.Log();
-  EXPECT_EQ(agent.Log().find('|'), std::string::npos) << "no line has a header";
+  agent_.LogLevel("1");
+  MakeItTalk(agent_, node);
+  EXPECT_NE(agent_.Log().find("\nlumo_tcp:Link A connected\n"), std::string::npos) << agent_.Log();
+  EXPECT_EQ(agent_.Log().find('|'), std::string::npos) << "no line has a header";
 }
 
-TEST(LogLevel, TwoAddsErrorsWithTheFullHeader) {
+TEST_F(LogLevel, TwoAddsErrorsWithTheFullHeader) {
   const std::time_t before = std::time(nullptr);
   Node node;
-  Agent agent;
-  agent.LogLevel("2");
-  MakeItTalk(agent, node);
+  agent_.LogLevel("2");
+  MakeItTalk(agent_, node);
   const std::time_t after = std::time(nullptr);
   const char form[] = R"(lumo_tcp:\[ 2\]    clntxch:[ 0-9]{4} ([0-9]{10})\|(.*))";
   int count = 0;
-  for (const std::string& line : Lines(agent.Log())) {
+  for (const std::string& line : Lines(agent_.Log())) {
     const std::vector<std::string> parts = Match(line, form);
     if (parts.empty()) continue;
     ++count;
@@ -69,43 +67,40 @@ TEST(LogLevel, TwoAddsErrorsWithTheFullHeader) {
     EXPECT_GE(std::stol(parts[1]), before);
     EXPECT_LE(std::stol(parts[1]), after);
   }
-  EXPECT_EQ(count, 1) << agent.Log();
-  EXPECT_EQ(agent.Log().find("[15]"), std::string::npos);
+  EXPECT_EQ(count, 1) << agent_.Log();
+  EXPECT_EQ(agent_.Log().find("[15]"), std::string::npos);
 }
 
-TEST(LogLevel, FourteenLeavesTheTraceOut) {
+TEST_F(LogLevel, FourteenLeavesTheTraceOut) {
   Node node;
-  Agent agent;
-  agent.LogLevel("14");
-  MakeItTalk(agent, node);
-  EXPECT_EQ(agent.Log().find("[15]"), std::string::npos) << agent.Log();
+  agent_.LogLevel("14");
+  MakeItTalk(agent_, node);
+  EXPECT_EQ(agent_.Log().find("[15]"), std::string::npos) << agent_.Log();
 }
 
-class TraceLevel : public testing::TestWithParam<const char*> {};
+class TraceLevel : public AgentTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(TraceLevel, WritesTheWholeCallTrace) {
-  Agent agent;
-  agent.LogLevel(GetParam());
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.LogLevel(GetParam());
+  StartAgent();
+  EXPECT_EQ(agent_.Stop(), 0);
   const char form[] = R"(lumo_tcp:\[15\]       init:[ 0-9]{4} [0-9]{10}\|)"
                       R"('DbcInitGlobalInternal' Call from dbc:[0-9]+ )";
   int count = 0;
-  for (const std::string& line : Lines(agent.Log())) count += Matches(line, form);
-  EXPECT_EQ(count, 1) << agent.Log();
+  for (const std::string& line : Lines(agent_.Log())) count += Matches(line, form);
+  EXPECT_EQ(count, 1) << agent_.Log();
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, TraceLevel,
                          testing::Values("15", "0xf", "017", "16", "255", "-1", "271", "15x"));
 
-class SilentLevel : public testing::TestWithParam<const char*> {};
+class SilentLevel : public AgentTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(SilentLevel, WritesResultsOnly) {
   Node node;
-  Agent agent;
-  agent.LogLevel(GetParam());
-  MakeItTalk(agent, node);
-  EXPECT_EQ(Lines(agent.Log()).size(), 3u) << agent.Log();
+  agent_.LogLevel(GetParam());
+  MakeItTalk(agent_, node);
+  EXPECT_EQ(Lines(agent_.Log()).size(), 3u) << agent_.Log();
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, SilentLevel, testing::Values("", "0", "256", "word", "512"));
@@ -146,16 +141,15 @@ TEST(LogLine, WithALineEndOfItsOwnIsFollowedByAnEmptyOne) {
 }
 
 // Entries and exits must pair up like brackets; handlers write lines of their own in between.
-TEST(CallTrace, PairsEveryEntryWithItsExit) {
+TEST_F(CallTrace, PairsEveryEntryWithItsExit) {
   Node node;
-  Agent agent;
-  agent.Trace();
-  MakeItTalk(agent, node);
+  agent_.Trace();
+  MakeItTalk(agent_, node);
   const char entry[] = R"('(\w+)' Call from \w+:[0-9]+ .*)";
   const char leave[] = R"('(\w+)' Leave (.*))";
   std::vector<std::string> open;
   int entries = 0;
-  for (const LogLine& line : agent.LogLines()) {
+  for (const LogLine& line : agent_.LogLines()) {
     std::vector<std::string> parts = Match(line.Text, entry);
     if (!parts.empty()) {
       open.push_back(parts[1]);
@@ -171,24 +165,21 @@ TEST(CallTrace, PairsEveryEntryWithItsExit) {
   EXPECT_TRUE(open.empty()) << open.back() << " is never left";
 }
 
-TEST(CallTrace, ShowsTheDetailOfAnEntry) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
+TEST_F(CallTrace, ShowsTheDetailOfAnEntry) {
+  agent_.Trace();
+  StartAgent();
   bool shown = false;
-  for (const LogLine& line : agent.LogLines())
+  for (const LogLine& line : agent_.LogLines())
     shown |= Matches(line.Text, R"('\w+' Call from \w+:[0-9]+ Protocol name = 'REZ')");
   EXPECT_TRUE(shown);
 }
 
-class CodesUnderTrace : public testing::TestWithParam<const char*> {};
+class CodesUnderTrace : public AgentTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(CodesUnderTrace, AreTheSameAsWithoutIt) {
   Node node(Node::Start::Bound);
-  Agent agent;
-  agent.Nodetab(node.Line("A") + "B REZ\n").LogLevel(GetParam());
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.LogLevel(GetParam());
+  Client client = StartWithClient(node.Line("A") + "B REZ\n");
   client.ExpectError(client.Send("A"), 4006, ECONNREFUSED);
   client.ExpectError(client.Send("B"), 4066, 0);
   client.ExpectError(client.Send("NONE"), 4050, 0);
@@ -197,12 +188,10 @@ TEST_P(CodesUnderTrace, AreTheSameAsWithoutIt) {
 INSTANTIATE_TEST_SUITE_P(Levels, CodesUnderTrace, testing::Values("0", "3", "15"));
 
 // With nobody to read the log its writes fail; the trace must not carry that error into an answer.
-TEST(Log, ThatCannotBeWrittenChangesNoCode) {
+TEST_F(Log, ThatCannotBeWrittenChangesNoCode) {
   Node node(Node::Start::Bound);
-  Agent agent;
-  agent.Nodetab(node.Line("A") + "B REZ\n").Trace().ClosedDescriptor(2);
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Trace().ClosedDescriptor(2);
+  Client client = StartWithClient(node.Line("A") + "B REZ\n");
   client.ExpectError(client.Send("A"), 4006, ECONNREFUSED);
   client.ExpectError(client.Send("B"), 4066, 0);
 }

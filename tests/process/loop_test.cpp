@@ -11,14 +11,15 @@
 #include <optional>
 #include <utility>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
+
+using TimerStep = AgentTest;
 
 using Steps = std::vector<std::string>;
 
@@ -50,7 +51,7 @@ std::string StepOf(const LogLine& line) {
   return {};
 }
 
-class LoopOrder : public testing::Test {
+class LoopOrder : public AgentTest {
  protected:
   // Everything from here on comes while the agent stands still.
   void Stop() {
@@ -81,14 +82,9 @@ class LoopOrder : public testing::Test {
   static void Exchange(Client& client, Node& node, const std::string& name, bool connect) {
     const lumo::Message request = client.Send(name);
     ASSERT_TRUE(!connect || node.Accept());
-    const auto received = node.ReadRequest();
-    ASSERT_TRUE(received);
-    node.Answer(*received);
-    client.ExpectAnswer(request);
+    ExpectExchange(client, request, node);
   }
   static std::string Request(int descriptor) { return "request " + std::to_string(descriptor); }
-
-  Agent agent_;
 
  private:
   int LastNumber(const std::string& before, const std::string& after) const {
@@ -102,8 +98,8 @@ class LoopOrder : public testing::Test {
 
 TEST_F(LoopOrder, LastLinkThenLastClientThenLinksThenClientsThenNewConnections) {
   Node a, b;
-  agent_.Nodetab(a.Line("A") + b.Line("B")).Trace();
-  ASSERT_TRUE(agent_.Start());
+  agent_.Trace();
+  StartAgent(a.Line("A") + b.Line("B"));
   auto [c0, fd0] = NewClient();
   auto [c1, fd1] = NewClient();
   auto [c2, fd2] = NewClient();
@@ -129,9 +125,8 @@ TEST_F(LoopOrder, LastLinkThenLastClientThenLinksThenClientsThenNewConnections) 
 
 TEST_F(LoopOrder, ReadyLinksAreServedInTheOrderOfTheirDescriptors) {
   Node a, b, c;
-  agent_.Nodetab(a.Line("A") + b.Line("B") + c.Line("C")).Trace();
-  ASSERT_TRUE(agent_.Start());
-  Client client(agent_);
+  agent_.Trace();
+  Client client = StartWithClient(a.Line("A") + b.Line("B") + c.Line("C"));
   Exchange(client, c, "C", true);
   Exchange(client, a, "A", true);
   Exchange(client, b, "B", true);
@@ -152,8 +147,8 @@ TEST_F(LoopOrder, ReadyLinksAreServedInTheOrderOfTheirDescriptors) {
 
 TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) {
   Node node;
-  agent_.Nodetab(node.Line("A")).Trace();
-  ASSERT_TRUE(agent_.Start());
+  agent_.Trace();
+  StartAgent(node.Line("A"));
   Client first(agent_);
   Exchange(first, node, "A", true);
   auto [c0, fd0] = NewClient();
@@ -168,8 +163,7 @@ TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) 
   c1->Send("X");
   c1->Send("X");
   Thaw(agent_.Pid());
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
   agent_.Barrier();
   ASSERT_EQ(DescriptorOf("A"), link);
   ASSERT_LT(link, fd0);
@@ -182,7 +176,7 @@ TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) 
 
 TEST_F(LoopOrder, AClientThatKeepsAskingDoesNotKeepOthersWaiting) {
   agent_.Trace();
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   auto [quiet, quietFd] = NewClient();
   auto [busy, busyFd] = NewClient();
   Stop();
@@ -199,7 +193,7 @@ TEST_F(LoopOrder, AClientThatKeepsAskingDoesNotKeepOthersWaiting) {
 
 TEST_F(LoopOrder, ManyClientsAreServedInTheOrderOfTheirDescriptors) {
   agent_.Trace();
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   std::vector<std::unique_ptr<Client>> clients;
   Steps expected = {"select 20"};
   for (int i = 0; i < 20; ++i) {
@@ -220,7 +214,7 @@ TEST_F(LoopOrder, ManyClientsAreServedInTheOrderOfTheirDescriptors) {
 
 TEST_F(LoopOrder, AWaitIsTracedWithTheNumberOfEventsAndWithMinusOneWhenInterrupted) {
   agent_.Trace();
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_TRUE(WaitFor([&] {
     agent_.Tick();
     return agent_.Logged(15, "dbc", "select return -1");
@@ -231,8 +225,7 @@ TEST_F(LoopOrder, AWaitIsTracedWithTheNumberOfEventsAndWithMinusOneWhenInterrupt
 
 TEST_F(LoopOrder, AStopComesBeforeWhatIsReady) {
   agent_.Trace();
-  ASSERT_TRUE(agent_.Start());
-  Client client(agent_);
+  Client client = StartWithClient();
   client.ExpectNothing();
   Stop();
   client.Send("X");
@@ -261,74 +254,60 @@ Steps LastTimerStep(const Agent& agent) {
   return Steps(steps.begin(), end);
 }
 
-TEST(TimerStep, TriesTheCircleThenAsksTheActiveLinksThenTestsTheClients) {
-  Node slow(Node::Start::Bound), slower(Node::Start::Bound);
-  slow.Stall();
-  slower.Stall();
-  Agent agent;
-  agent.Nodetab("A REZ\n" + slow.Line("B") + "C REZ\n" + slower.Line("D"));
-  agent.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"}).Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TimerStep, TriesTheCircleThenAsksTheActiveLinksThenTestsTheClients) {
+  Node slow(Node::Start::Stalled), slower(Node::Start::Stalled);
+  agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"}).Trace();
+  Client client = StartWithClient("A REZ\n" + slow.Line("B") + "C REZ\n" + slower.Line("D"));
   client.Send("D");
   client.Send("B");
   client.Send();  // B becomes the default, so that the tick does not try the circle
   client.ExpectNothing();
-  agent.Tick();
-  EXPECT_EQ(LastTimerStep(agent),
+  agent_.Tick();
+  EXPECT_EQ(LastTimerStep(agent_),
             (Steps{"count", "TcpTimerEvent", "Connection \"B\" is in progress state.",
                    "Connection \"B\" is already in progress. Call:connect", "TcpTimerEvent",
                    "Connection \"D\" is in progress state.",
                    "Connection \"D\" is already in progress. Call:connect", "TestAliveClient"}));
 }
 
-TEST(TimerStep, TriesTheStartOfTheCircleWhileTheDefaultIsDown) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n").Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"}).Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TimerStep, TriesTheStartOfTheCircleWhileTheDefaultIsDown) {
+  agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"}).Trace();
+  Client client = StartWithClient("A REZ\nB REZ\n");
   client.Send();
   client.ExpectNothing();
-  agent.Tick();
-  EXPECT_EQ(LastTimerStep(agent), (Steps{"count", "DummyConnectLink",
-                                         "TryConnectDefaultLinkToNextServer", "TestAliveClient"}));
+  agent_.Tick();
+  EXPECT_EQ(LastTimerStep(agent_), (Steps{"count", "DummyConnectLink",
+                                          "TryConnectDefaultLinkToNextServer", "TestAliveClient"}));
 }
 
-TEST(TimerStep, DoesNothingForLinksThatAreDownAndCountsNothingWithoutACircle) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n").Option("-AUTOCONNECT").Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TimerStep, DoesNothingForLinksThatAreDownAndCountsNothingWithoutACircle) {
+  agent_.Option("-AUTOCONNECT").Trace();
+  Client client = StartWithClient("A REZ\nB REZ\n");
   client.ExpectError(client.Send(), 4006, 0);
-  agent.Tick();
-  EXPECT_EQ(LastTimerStep(agent), Steps{"TestAliveClient"});
+  agent_.Tick();
+  EXPECT_EQ(LastTimerStep(agent_), Steps{"TestAliveClient"});
 }
 
-TEST(TimerStep, ABrokenLinkThatIsNotTheDefaultIsTakenDownWithItsCodeAndNoErrno) {
+TEST_F(TimerStep, ABrokenLinkThatIsNotTheDefaultIsTakenDownWithItsCodeAndNoErrno) {
   EchoNode good;
   Node silent;
-  Agent agent;
-  agent.Nodetab(good.Line("A") + silent.Line("B", "0 2 0")).Option("-AUTOCONNECT").LogLevel("1");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.Option("-AUTOCONNECT").LogLevel("1");
+  Client client = StartWithClient(good.Line("A") + silent.Line("B", "0 2 0"));
   const lumo::Message request = client.Send("B");
   ASSERT_TRUE(silent.Accept());
   ASSERT_TRUE(silent.ReadControl());
   ASSERT_TRUE(silent.ReadRequest());
-  agent.Ticks(3);
+  agent_.Ticks(3);
   client.ExpectError(request, 4065, 0);
-  agent.Barrier();
-  EXPECT_EQ(agent.Log(), "lumo_tcp:Link B connected\nlumo_tcp:Disconnect link  B\n");
+  agent_.Barrier();
+  EXPECT_EQ(agent_.Log(), "lumo_tcp:Link B connected\nlumo_tcp:Disconnect link  B\n");
 }
 
-TEST(TimerStep, FrequentTicksDoNotKeepClientsWaiting) {
+TEST_F(TimerStep, FrequentTicksDoNotKeepClientsWaiting) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(node.Line("A", "1 0 0"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A", "1 0 0"));
   for (int i = 0; i < 50; ++i) {
-    agent.Signal(SIGALRM);
+    agent_.Signal(SIGALRM);
     client.Ask("A", std::to_string(i));
   }
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <stdexcept>
 
 #include "tests/process/program.h"
 #include "tests/support/client.h"
@@ -31,6 +32,21 @@ test::Peer Connect(const NodeProgram& node) {
   return test::Peer(lumo::Lengths::Packet, fd);
 }
 
+// A node on a port of its own, with further options, and a connection to it.
+class ConnectedNode : public NodeProgram {
+ public:
+  explicit ConnectedNode(const std::vector<std::string>& options = {})
+      : NodeProgram(Listening(options)), Far(Connect(*this)) {}
+
+  test::Peer Far;
+
+ private:
+  static std::vector<std::string> Listening(std::vector<std::string> options) {
+    options.insert(options.begin(), {"--listen", "0"});
+    return options;
+  }
+};
+
 Message Request(const std::string& sql, std::uint16_t astInd = 1) {
   Message request;
   request.TaskName = 4321;
@@ -46,6 +62,14 @@ std::optional<Message> Read(test::Peer& peer) {
   return frame ? lumo::Decode(*frame) : std::nullopt;
 }
 
+// What is answered to a request; the test is over without it.
+Message Answer(test::Peer& peer, const Message& request) {
+  peer.SendMessage(request);
+  const auto answer = Read(peer);
+  if (!answer) throw std::runtime_error("the node does not answer");
+  return *answer;
+}
+
 std::string Ask(test::Peer& peer, const std::string& sql) {
   peer.SendMessage(Request(sql));
   const auto answer = Read(peer);
@@ -59,51 +83,43 @@ std::uint32_t FirstWord(const std::string& bytes) {
 }
 
 TEST(LumoNode, AnswersSqlWithRowsInTheFourthString) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  Ask(peer, "create table t(a, b); insert into t values (1, 'x'), (2, 'y')");
+  ConnectedNode node;
+  Ask(node.Far, "create table t(a, b); insert into t values (1, 'x'), (2, 'y')");
   Message request = Request("select * from t order by a", 0xABCD);
   request.Prior = 5;
   request.Trailer[20] = 99;
-  peer.SendMessage(request);
-  const auto answer = Read(peer);
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->Strings[3], "1\tx\n2\ty");
-  EXPECT_EQ(answer->CodErr, 0);
-  EXPECT_EQ(answer->RowCount, 2);
-  EXPECT_EQ(answer->LnBufRow, 7);
-  EXPECT_EQ(answer->TaskName, 4321);
-  EXPECT_EQ(answer->Prior, 5);
-  EXPECT_EQ(lumo::NodeText(*answer), "SRV");
-  EXPECT_EQ(answer->Trailer, request.Trailer);
-  EXPECT_EQ(answer->Strings[0], "");
+  const Message answer = Answer(node.Far, request);
+  EXPECT_EQ(answer.Strings[3], "1\tx\n2\ty");
+  EXPECT_EQ(answer.CodErr, 0);
+  EXPECT_EQ(answer.RowCount, 2);
+  EXPECT_EQ(answer.LnBufRow, 7);
+  EXPECT_EQ(answer.TaskName, 4321);
+  EXPECT_EQ(answer.Prior, 5);
+  EXPECT_EQ(lumo::NodeText(answer), "SRV");
+  EXPECT_EQ(answer.Trailer, request.Trailer);
+  EXPECT_EQ(answer.Strings[0], "");
 }
 
 TEST(LumoNode, ErrorOfTheDatabaseComesWithItsMessage) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select * from nowhere"));
-  const auto answer = Read(peer);
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->CodErr, 1);
-  EXPECT_EQ(answer->RowCount, 0);
-  EXPECT_EQ(answer->Strings[3], "no such table: nowhere");
+  ConnectedNode node;
+  const Message answer = Answer(node.Far, Request("select * from nowhere"));
+  EXPECT_EQ(answer.CodErr, 1);
+  EXPECT_EQ(answer.RowCount, 0);
+  EXPECT_EQ(answer.Strings[3], "no such table: nowhere");
 }
 
 TEST(LumoNode, ValuesThatWouldBreakTheTextAreEscaped) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  EXPECT_EQ(Ask(peer, "select 'a' || char(9) || char(10) || '\\', null, x'00ff'"),
+  ConnectedNode node;
+  EXPECT_EQ(Ask(node.Far, "select 'a' || char(9) || char(10) || '\\', null, x'00ff'"),
             "a\\t\\n\\\\\t\\N\tX'00FF'");
 }
 
 TEST(LumoNode, ResultTooLongForOneMessageIsCutAtARowEndAndSaysSo) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(
+  ConnectedNode node;
+  node.Far.SendMessage(
       Request("with recursive c(x) as (select 10000 union all select x + 1 from c where x < 19999) "
               "select x from c"));
-  const auto frame = peer.ReadFrame();
+  const auto frame = node.Far.ReadFrame();
   ASSERT_TRUE(frame);
   EXPECT_LE(frame->size(), lumo::kMaxMessage);
   const auto answer = lumo::Decode(*frame);
@@ -118,32 +134,27 @@ TEST(LumoNode, ResultTooLongForOneMessageIsCutAtARowEndAndSaysSo) {
 }
 
 TEST(LumoNode, ResultThatJustFitsIsNotCut) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  EXPECT_EQ(Ask(peer, "select printf('%.8080c', 'x')"), std::string(8080, 'x'));
-  EXPECT_EQ(Ask(peer, "select printf('%.8081c', 'x')"), "[cut after 0 of 1 rows]");
+  ConnectedNode node;
+  EXPECT_EQ(Ask(node.Far, "select printf('%.8080c', 'x')"), std::string(8080, 'x'));
+  EXPECT_EQ(Ask(node.Far, "select printf('%.8081c', 'x')"), "[cut after 0 of 1 rows]");
 }
 
 TEST(LumoNode, LinkTestIsAnsweredWithSuccess) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
+  ConnectedNode node;
   Message request = Request("");
   request.Command = "TS T";
-  peer.SendMessage(request);
-  const auto answer = Read(peer);
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->CodErr, 0);
+  const Message answer = Answer(node.Far, request);
+  EXPECT_EQ(answer.CodErr, 0);
   EXPECT_TRUE(node.WaitForStderr("link test"));
 }
 
 TEST(LumoNode, ControlPacketsAreLogged) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  peer.SendControl({0, 5});
-  peer.SendControl({1, (30U << 16) | 0x5555});
-  peer.SendControl({1, 0});
-  peer.SendControl({2, 1234});
-  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  ConnectedNode node;
+  node.Far.SendControl({0, 5});
+  node.Far.SendControl({1, (30U << 16) | 0x5555});
+  node.Far.SendControl({1, 0});
+  node.Far.SendControl({2, 1234});
+  EXPECT_EQ(Ask(node.Far, "select 1"), "1");
   const std::string log = node.Stderr();
   for (const char* event : {" ReceiveTimeout 5\n", " SendTimeout 30\n", " alive\n",
                             " CKIL pid 1234\n", "request task 777 index 1: select 1\n"})
@@ -152,19 +163,17 @@ TEST(LumoNode, ControlPacketsAreLogged) {
 
 TEST(LumoNode, LogGoesToAFile) {
   test::TemporaryDirectory folder;
-  NodeProgram node({"--listen", "0", "--log", folder.Path() / "log"});
-  test::Peer peer = Connect(node);
-  Ask(peer, "select 1");
+  ConnectedNode node({"--log", folder.Path() / "log"});
+  Ask(node.Far, "select 1");
   EXPECT_NE(test::ReadFile(folder.Path() / "log").find("select 1"), std::string::npos);
   EXPECT_EQ(node.Stderr(), "");
 }
 
 TEST(LumoNode, RequestInPiecesIsPutTogether) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
+  ConnectedNode node;
   const std::string frame = lumo::Encode(Request("select 42"), lumo::Lengths::Packet);
-  for (const char byte : frame) peer.SendBytes({&byte, 1});
-  const auto answer = Read(peer);
+  for (const char byte : frame) node.Far.SendBytes({&byte, 1});
+  const auto answer = Read(node.Far);
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->Strings[3], "42");
 }
@@ -181,30 +190,27 @@ TEST(LumoNode, DatabaseFileOutlivesTheNode) {
 }
 
 TEST(LumoNode, OutOfOrderAnswersAreReversed) {
-  NodeProgram node({"--listen", "0", "--out-of-order", "3"});
-  test::Peer peer = Connect(node);
-  for (std::uint16_t i = 1; i <= 3; ++i) peer.SendMessage(Request("select 1", i));
+  ConnectedNode node({"--out-of-order", "3"});
+  for (std::uint16_t i = 1; i <= 3; ++i) node.Far.SendMessage(Request("select 1", i));
   for (std::uint16_t i = 3; i >= 1; --i) {
-    const auto answer = Read(peer);
+    const auto answer = Read(node.Far);
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->AstInd(), i);
   }
 }
 
 TEST(LumoNode, DelayedAnswerComesAfterItsTime) {
-  NodeProgram node({"--listen", "0", "--delay", "200"});
-  test::Peer peer = Connect(node);
+  ConnectedNode node({"--delay", "200"});
   const auto start = test::Clock::now();
-  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  EXPECT_EQ(Ask(node.Far, "select 1"), "1");
   EXPECT_GE(test::Clock::now() - start, test::Milliseconds(200));
 }
 
 TEST(LumoNode, SilentNodeLogsButDoesNotAnswer) {
-  NodeProgram node({"--listen", "0", "--silent"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select 1"));
+  ConnectedNode node({"--silent"});
+  node.Far.SendMessage(Request("select 1"));
   EXPECT_TRUE(node.WaitForStderr("select 1"));
-  EXPECT_TRUE(peer.Silent());
+  EXPECT_TRUE(node.Far.Silent());
 }
 
 TEST(LumoNode, ConnectionIsClosedAtItsNthPacketAndTheNextOneStartsAnew) {
@@ -219,10 +225,9 @@ TEST(LumoNode, ConnectionIsClosedAtItsNthPacketAndTheNextOneStartsAnew) {
 }
 
 TEST(LumoNode, TwiceSendsEachAnswerTwice) {
-  NodeProgram node({"--listen", "0", "--twice"});
-  test::Peer peer = Connect(node);
-  EXPECT_EQ(Ask(peer, "select 1"), "1");
-  const auto again = Read(peer);
+  ConnectedNode node({"--twice"});
+  EXPECT_EQ(Ask(node.Far, "select 1"), "1");
+  const auto again = Read(node.Far);
   ASSERT_TRUE(again);
   EXPECT_EQ(again->Strings[3], "1");
 }
@@ -328,15 +333,14 @@ TEST(LumoNode, InTheBackgroundItServesWhenTheCommandHasReturned) {
 }
 
 TEST(LumoNode, EchoAnswersWithTheRequest) {
-  NodeProgram node({"--listen", "0", "--echo"});
-  test::Peer peer = Connect(node);
+  ConnectedNode node({"--echo"});
   Message request = Request("text", 9);
   request.Command = "HOLD";
-  peer.SendMessage(request);
+  node.Far.SendMessage(request);
   request.Command = "ECHO";
   request.Strings[2] = std::string("a\0b", 3);
-  peer.SendMessage(request);
-  const auto answer = peer.ReadFrame();
+  node.Far.SendMessage(request);
+  const auto answer = node.Far.ReadFrame();
   EXPECT_EQ(answer, lumo::Encode(request, lumo::Lengths::Packet));
 }
 
@@ -356,33 +360,29 @@ TEST(LumoNode, ServesTheLoadGenerator) {
 }
 
 TEST(LumoNode, MalformedLengthIsBeyondTheLargestPacket) {
-  NodeProgram node({"--listen", "0", "--malformed", "length"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select 1"));
-  EXPECT_GT(FirstWord(test::ReadRaw(peer.Socket(), 4)), lumo::kMaxMessage);
+  ConnectedNode node({"--malformed", "length"});
+  node.Far.SendMessage(Request("select 1"));
+  EXPECT_GT(FirstWord(test::ReadRaw(node.Far.Socket(), 4)), lumo::kMaxMessage);
 }
 
 TEST(LumoNode, MalformedZeroHasALengthOfNothing) {
-  NodeProgram node({"--listen", "0", "--malformed", "zero"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select 1"));
-  EXPECT_EQ(test::ReadRaw(peer.Socket(), 4), std::string(4, '\0'));
+  ConnectedNode node({"--malformed", "zero"});
+  node.Far.SendMessage(Request("select 1"));
+  EXPECT_EQ(test::ReadRaw(node.Far.Socket(), 4), std::string(4, '\0'));
 }
 
 TEST(LumoNode, MalformedStringsLeaveThePacket) {
-  NodeProgram node({"--listen", "0", "--malformed", "strings"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select 1"));
-  const auto frame = peer.ReadFrame();
+  ConnectedNode node({"--malformed", "strings"});
+  node.Far.SendMessage(Request("select 1"));
+  const auto frame = node.Far.ReadFrame();
   ASSERT_TRUE(frame);
   EXPECT_FALSE(lumo::Decode(*frame));
 }
 
 TEST(LumoNode, TruncatedPacketEndsWithTheConnection) {
-  NodeProgram node({"--listen", "0", "--malformed", "truncated"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(Request("select 1"));
-  const std::string got = test::ReadRaw(peer.Socket(), 65536);
+  ConnectedNode node({"--malformed", "truncated"});
+  node.Far.SendMessage(Request("select 1"));
+  const std::string got = test::ReadRaw(node.Far.Socket(), 65536);
   ASSERT_GE(got.size(), 4U);
   EXPECT_LT(got.size(), FirstWord(got) + 4);
 }
@@ -514,9 +514,8 @@ TEST_F(LumoNodeIpc, KeyOfALivingNodeIsRefused) {
 }
 
 TEST(LumoNode, SigtermEndsAnEndlessStatement) {
-  NodeProgram node({"--listen", "0"});
-  test::Peer peer = Connect(node);
-  peer.SendMessage(
+  ConnectedNode node;
+  node.Far.SendMessage(
       Request("with recursive c(x) as (select 1 union all select x + 1 from c) "
               "select count(*) from c"));
   EXPECT_TRUE(node.WaitForStderr("with recursive"));

@@ -9,7 +9,6 @@
 #include <poll.h>
 #include <sys/msg.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,8 +26,6 @@
 #include <vector>
 
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
@@ -276,11 +273,7 @@ class CountingClient {
 };
 
 int LocalListener(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const int fd = BoundAt(path);
   EXPECT_EQ(listen(fd, 64), 0);
   return fd;
 }

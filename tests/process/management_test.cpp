@@ -11,13 +11,16 @@
 
 #include "tests/process/manager.h"
 #include "tests/process/reconnection.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
 namespace test {
 namespace {
+
+using ManagementCommands = ManagerTest;
+using NodetabLock = ManagerTest;
+using ManagementTrace = ManagerTest;
 
 constexpr int kNoSuchNode = 17, kHeldByCaller = 4, kHeldByOther = 5;
 constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
@@ -55,29 +58,22 @@ std::string Description(std::uint32_t code, const std::string& name,
 
 // Numbers
 
-TEST(ManagementCommands, OneHundredAnswersOneAndOneHundredAndOneZero) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, OneHundredAnswersOneAndOneHundredAndOneZero) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(100), Outcome{1});
   EXPECT_EQ(manager.Ask(101), Outcome{0});
 }
 
-TEST(ManagementCommands, TheOtherNumbersAnswerZeroAndDoNothing) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheOtherNumbersAnswerZeroAndDoNothing) {
+  Manager manager = StartWithManager(kThreeNodes);
   for (const int command : {0, 1, 99, 107, 108, 109, 110, 111, 112, 113, 114, 115, 130, 200, 65535})
     EXPECT_EQ(manager.Ask(command, 1, "B"), Outcome{0}) << command;
   EXPECT_EQ(manager.Names(), "A B C");
   EXPECT_EQ(manager.Default(), "A");
 }
 
-TEST(ManagementCommands, TheAnswerCarriesTheTagAndTheTaskOfTheRequestAndNothingElseOfIt) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheAnswerCarriesTheTagAndTheTaskOfTheRequestAndNothingElseOfIt) {
+  Manager manager = StartWithManager();
   lumo::Message request = lumo::ManagementRequest(101, 5, "some text");
   request.CodErr = 1;
   request.Prior = 2;
@@ -95,80 +91,61 @@ TEST(ManagementCommands, TheAnswerCarriesTheTagAndTheTaskOfTheRequestAndNothingE
 
 // Numbering and the default node
 
-TEST(ManagementCommands, TheNodesAreCounted) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheNodesAreCounted) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.Ask(102), Outcome{3});
   EXPECT_EQ(manager.Ask(102, 77), Outcome{3});
 }
 
-TEST(ManagementCommands, ANodeIsNamedByItsPlaceInTheTable) {
-  Agent agent;
-  agent.Nodetab("first REZ\nEIGHTCHR REZ\nC REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANodeIsNamedByItsPlaceInTheTable) {
+  Manager manager = StartWithManager("first REZ\nEIGHTCHR REZ\nC REZ\n");
   EXPECT_EQ(manager.Ask(105, 0), Name("FIRST"));
   EXPECT_EQ(manager.Ask(105, 1), Name("EIGHTCHR"));
   EXPECT_EQ(manager.Ask(105, 2), Name("C"));
   for (const int index : {3, 5, -1, 0x7FFFFFFF}) EXPECT_EQ(manager.Ask(105, index), Outcome{0});
 }
 
-TEST(ManagementCommands, TheNumberingFollowsTheTableWhereverTheDefaultStands) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes).Options({"-DEFAULT", "b"});
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheNumberingFollowsTheTableWhereverTheDefaultStands) {
+  agent_.Options({"-DEFAULT", "b"});
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.Ask(103), Name("B"));
   EXPECT_EQ(manager.Ask(104), Outcome{1});
   EXPECT_EQ(manager.Names(), "A B C");
 }
 
-TEST(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
+TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n" + node.Line("C"));
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + node.Line("C"));
   EXPECT_EQ(manager.Ask(106, 2), Outcome{1});
   EXPECT_EQ(manager.Ask(103), Name("C"));
   EXPECT_EQ(manager.Ask(104), Outcome{2});
-  Client client(agent);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("", "for the default").Strings[0], "for the default");
 }
 
 // A and B are down, and the timer will try again; then B comes up for others.
-TEST(ManagementCommands, ANodeThatIsUpTakesTheRequestsThatWaitForTheOldDefault) {
-  Agent agent;
-  LateKernel kernel(agent);
-  agent.Nodetab("A REZ\n" + kernel.Line("B"));
-  agent.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "600"});
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
-  Client client(agent), other(agent);
+TEST_F(ManagementCommands, ANodeThatIsUpTakesTheRequestsThatWaitForTheOldDefault) {
+  LateKernel kernel(agent_);
+  agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "600"});
+  Manager manager = StartWithManager("A REZ\n" + kernel.Line("B"));
+  Client client(agent_), other(agent_);
   const lumo::Message waiting = client.Send("", "waits");
-  agent.Barrier();
+  agent_.Barrier();
   kernel.Listen();
-  const lumo::Message request = other.Send("B", "by name");
-  ASSERT_TRUE(kernel.Accept());
-  ExpectServedBy(kernel, "B", other, request);
+  ExpectFirstServedBy(kernel, "B", other, other.Send("B", "by name"));
   EXPECT_EQ(manager.Ask(106, 1), Outcome{1});
   ExpectServedBy(kernel, "B", client, waiting);
 }
 
-TEST(ManagementCommands, ANumberWithoutANodeLeavesTheDefaultAsItIs) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANumberWithoutANodeLeavesTheDefaultAsItIs) {
+  Manager manager = StartWithManager(kThreeNodes);
   for (const int index : {3, -1}) EXPECT_EQ(manager.Ask(106, index), Outcome{0});
   EXPECT_EQ(manager.Default(), "A");
 }
 
 // The path of the node table
 
-TEST(ManagementCommands, ThePathComesWithItsNulAndWithoutAPadByte) {
+TEST_F(ManagementCommands, ThePathComesWithItsNulAndWithoutAPadByte) {
   for (const char* file : {"table", "table1"}) {  // one of the two is of odd size
     Agent agent;
     const std::string path = agent.Folder() / file;
@@ -180,27 +157,25 @@ TEST(ManagementCommands, ThePathComesWithItsNulAndWithoutAPadByte) {
   }
 }
 
-TEST(ManagementCommands, ThePathIsSearchedForAnew) {
-  Agent agent;
-  const std::string home = agent.Folder() / "home/nodetab", work = agent.Folder() / "work/nodetab";
+TEST_F(ManagementCommands, ThePathIsSearchedForAnew) {
+  const std::string home = agent_.Folder() / "home/nodetab",
+                    work = agent_.Folder() / "work/nodetab";
   WriteFile(home, kThreeNodes);
-  agent.WithoutNodetab().Program(agent.Folder() / "program");
-  std::filesystem::create_symlink(AgentProgram(), agent.Folder() / "program");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  agent_.WithoutNodetab().Program(agent_.Folder() / "program");
+  std::filesystem::create_symlink(AgentProgram(), agent_.Folder() / "program");
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(116), (Outcome{0, home + '\0'}));
-  EXPECT_NE(agent.Stdout().rfind("Nodetab found: \"" + home + "\"\n"),
-            agent.Stdout().find("Nodetab found: \"" + home + "\"\n"))
+  EXPECT_NE(agent_.Stdout().rfind("Nodetab found: \"" + home + "\"\n"),
+            agent_.Stdout().find("Nodetab found: \"" + home + "\"\n"))
       << "each search tells where it found the file";
   WriteFile(work, kThreeNodes);
   EXPECT_EQ(manager.Ask(116), (Outcome{0, work + '\0'}));
 }
 
-TEST(ManagementCommands, AMissingNodeTableIsReported) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  std::filesystem::remove(agent.NodetabPath());
-  Manager manager(agent);
+TEST_F(ManagementCommands, AMissingNodeTableIsReported) {
+  StartAgent();
+  std::filesystem::remove(agent_.NodetabPath());
+  Manager manager(agent_);
   EXPECT_EQ(manager.Ask(116), Outcome{129});
 }
 
@@ -212,7 +187,7 @@ std::string PathOfLength(const Agent& agent, std::size_t length) {
   return path + std::string(length - path.size(), 'f');
 }
 
-TEST(ManagementCommands, APathThatDoesNotFitIsNotReturned) {
+TEST_F(ManagementCommands, APathThatDoesNotFitIsNotReturned) {
   for (const std::size_t length : {std::size_t{259}, std::size_t{260}, std::size_t{400}}) {
     Agent agent;
     const std::string path = PathOfLength(agent, length);
@@ -226,64 +201,50 @@ TEST(ManagementCommands, APathThatDoesNotFitIsNotReturned) {
   }
 }
 
-TEST(ManagementCommands, TheStreamOfTheNodeTableStaysOpenButOnlyOne) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheStreamOfTheNodeTableStaysOpenButOnlyOne) {
+  Manager manager = StartWithManager();
   manager.Count();
-  const int before = OpenDescriptors(agent.Pid());
+  const int before = OpenDescriptors(agent_.Pid());
   for (int call = 0; call < 20; ++call) {
     EXPECT_EQ(manager.Ask(116).Result, 0);
-    EXPECT_EQ(OpenDescriptors(agent.Pid()), before + 1);
+    EXPECT_EQ(OpenDescriptors(agent_.Pid()), before + 1);
   }
 }
 
 // Adding
 
-TEST(ManagementCommands, AnAddedNodeServesRequests) {
+TEST_F(ManagementCommands, AnAddedNodeServesRequests) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.AddNode(node.Line("new")), 0);
   EXPECT_EQ(manager.Names(), "A B C NEW");
   EXPECT_EQ(manager.Default(), "A");
-  Client client(agent);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
-  EXPECT_EQ(agent.Results(), "");
+  EXPECT_EQ(agent_.Results(), "");
 }
 
-TEST(ManagementCommands, AnAddedNodeStandsBehindTheLastOneSeenFromWhereTheCircleIsEntered) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
-  Client client(agent);
+TEST_F(ManagementCommands, AnAddedNodeStandsBehindTheLastOneSeenFromWhereTheCircleIsEntered) {
+  Manager manager = StartWithManager(kThreeNodes);
+  Client client(agent_);
   client.ExpectError(client.Send("B"), 4066, 0);  // the circle is entered at B from now on
   EXPECT_EQ(manager.AddNode("D REZ"), 0);
   EXPECT_EQ(manager.Names(), "A D B C");
 }
 
-TEST(ManagementCommands, AManagementRequestThatNamesANodeMovesTheEntryOfTheCircleToo) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, AManagementRequestThatNamesANodeMovesTheEntryOfTheCircleToo) {
+  Manager manager = StartWithManager(kThreeNodes);
   lumo::Message request = lumo::ManagementRequest(119, 0, "D REZ");
   request.Node = "C";
   EXPECT_EQ(manager.Receive(manager.SendMessage(request)), Outcome{0});
   EXPECT_EQ(manager.Names(), "A B D C");
 }
 
-TEST(ManagementCommands, ALineThatMakesNoNodeIsRefusedWithItsReason) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ALineThatMakesNoNodeIsRefusedWithItsReason) {
+  Manager manager = StartWithManager(kThreeNodes);
   for (const char* line : {"NINECHARS REZ", "X NONSENSE here", "Y LOCALS nonsense", "A REZ", ""})
     EXPECT_EQ(manager.AddNode(line), 1) << line;
-  EXPECT_EQ(agent.Results(),
+  EXPECT_EQ(agent_.Results(),
             "lumo_tcp:Node name 'NINECHARS' is too long. Maximum length is 8 chars\n"
             "lumo_tcp:Node name 'NINECHARS' skipped\n"
             "lumo_tcp:The network agent doesn't support protocol  'NONSENSE' for node 'X'.\n"
@@ -297,11 +258,8 @@ TEST(ManagementCommands, ALineThatMakesNoNodeIsRefusedWithItsReason) {
   EXPECT_EQ(manager.Names(), "A B C");
 }
 
-TEST(ManagementCommands, TheLastNodeOfTheCircleIsNotComparedForADuplicateName) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheLastNodeOfTheCircleIsNotComparedForADuplicateName) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.AddNode("C REZ"), 0);
   EXPECT_EQ(manager.AddNode("a REZ"), 0);
   EXPECT_EQ(manager.Names(), "A B C C A");
@@ -309,14 +267,11 @@ TEST(ManagementCommands, TheLastNodeOfTheCircleIsNotComparedForADuplicateName) {
 
 // Node descriptions
 
-TEST(ManagementCommands, ATcpNodeIsDescribedWithAddressPortAndTimeouts) {
-  Agent agent;
-  agent.Nodetab(
+TEST_F(ManagementCommands, ATcpNodeIsDescribedWithAddressPortAndTimeouts) {
+  Manager manager = StartWithManager(
       "SRV1 TCPIP 127.0.0.1 2042 3 60 10\n"
       "SRV2 tcpip 127.0.0.2\n"
       "EIGHTCHR TCPIP 0x7f.1 0x1F90 0 70000 65535\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
   EXPECT_EQ(manager.Ask(121, 0),
             (Outcome{0, Description(4, "SRV1", "127.0.0.1", 2042, 3, 60, 10)}));
   EXPECT_EQ(manager.Ask(121, 1), (Outcome{0, Description(4, "SRV2", "127.0.0.2", 1060, 1, 0, 0)}));
@@ -324,11 +279,9 @@ TEST(ManagementCommands, ATcpNodeIsDescribedWithAddressPortAndTimeouts) {
             (Outcome{0, Description(4, "EIGHTCHR", "127.0.0.1", 8080, 0, 70000 - 65536, 65535)}));
 }
 
-TEST(ManagementCommands, ANodeOfAnotherProtocolIsDescribedWithTheIdentityOfItsProtocol) {
-  Agent agent;
-  agent.Nodetab("L1 LOCALS 77\nL2 LOCAL 78\nI1 LOCALI 79\nR1 REZ\nS1 TCPIPS x\nR2 REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANodeOfAnotherProtocolIsDescribedWithTheIdentityOfItsProtocol) {
+  Manager manager =
+      StartWithManager("L1 LOCALS 77\nL2 LOCAL 78\nI1 LOCALI 79\nR1 REZ\nS1 TCPIPS x\nR2 REZ\n");
   const std::pair<const char*, std::uint32_t> kNodes[] = {{"L1", 2}, {"L2", 2}, {"I1", 3},
                                                           {"R1", 0}, {"S1", 0}, {"R2", 0}};
   std::vector<std::uint32_t> identities;
@@ -342,22 +295,17 @@ TEST(ManagementCommands, ANodeOfAnotherProtocolIsDescribedWithTheIdentityOfItsPr
   EXPECT_EQ(std::set<std::uint32_t>(identities.begin() + 1, identities.end()).size(), 5u);
 }
 
-TEST(ManagementCommands, ANodeIsDescribedByNameByNumberAndAsTheDefault) {
-  Agent agent;
-  agent.Nodetab("A TCPIP 127.0.0.1 1\nB TCPIP 127.0.0.1 2\nC TCPIP 127.0.0.1 3\n")
-      .Options({"-DEFAULT", "C"});
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANodeIsDescribedByNameByNumberAndAsTheDefault) {
+  agent_.Options({"-DEFAULT", "C"});
+  Manager manager =
+      StartWithManager("A TCPIP 127.0.0.1 1\nB TCPIP 127.0.0.1 2\nC TCPIP 127.0.0.1 3\n");
   EXPECT_EQ(manager.Ask(120, 2, "A"), (Outcome{0, Description(4, "A", "127.0.0.1", 1, 1)}));
   EXPECT_EQ(manager.Ask(121, 1, "A"), (Outcome{0, Description(4, "B", "127.0.0.1", 2, 1)}));
   EXPECT_EQ(manager.Ask(122, 1, "A"), (Outcome{0, Description(4, "C", "127.0.0.1", 3, 1)}));
 }
 
-TEST(ManagementCommands, ANodeThatDoesNotExistIsReportedByEachCommandThatNamesOne) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANodeThatDoesNotExistIsReportedByEachCommandThatNamesOne) {
+  Manager manager = StartWithManager(kThreeNodes);
   for (const int command : {120, 123, 126})
     EXPECT_EQ(manager.Ask(command, 0, std::string("D\0\0X REZ", 8)), Outcome{kNoSuchNode});
   for (const int command : {121, 124, 127}) {
@@ -369,22 +317,16 @@ TEST(ManagementCommands, ANodeThatDoesNotExistIsReportedByEachCommandThatNamesOn
 
 // Name arguments
 
-TEST(ManagementCommands, ANameIsComparedWithoutRegardToCaseAndEndsAtTheFirstBlank) {
-  Agent agent;
-  agent.Nodetab("A REZ\nSRV1 REZ\nEIGHTCHR REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANameIsComparedWithoutRegardToCaseAndEndsAtTheFirstBlank) {
+  Manager manager = StartWithManager("A REZ\nSRV1 REZ\nEIGHTCHR REZ\n");
   for (const char* name : {"SRV1", "srv1", "Srv1 and more", "eightchr"})
     EXPECT_EQ(manager.Ask(120, 0, name).Result, 0) << name;
   for (const char* name : {"", " SRV1", "SRV", "SRV12", "EIGHTCHR9", "EIGHTCH"})
     EXPECT_EQ(manager.Ask(120, 0, name), Outcome{kNoSuchNode}) << name;
 }
 
-TEST(ManagementCommands, ANameEndsAtItsNulOrWhereItsStringEnds) {
-  Agent agent;
-  agent.Nodetab("A REZ\nSRV1 REZ\nODD REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, ANameEndsAtItsNulOrWhereItsStringEnds) {
+  Manager manager = StartWithManager("A REZ\nSRV1 REZ\nODD REZ\n");
   EXPECT_EQ(manager.Ask(120, 0, std::string("SRV1\0junk", 9)).Result, 0);
   for (const char* name : {"SRV1", "ODD"}) {
     lumo::Message request = lumo::ManagementRequest(120, 0, name);
@@ -393,11 +335,8 @@ TEST(ManagementCommands, ANameEndsAtItsNulOrWhereItsStringEnds) {
   }
 }
 
-TEST(ManagementCommands, TheLargestArgumentIsTakenWhole) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementCommands, TheLargestArgumentIsTakenWhole) {
+  Manager manager = StartWithManager(kThreeNodes);
   const std::size_t largest = 8188 - 108;
   EXPECT_EQ(manager.Ask(120, 0, std::string(largest, 'N')), Outcome{kNoSuchNode});
   EXPECT_EQ(manager.Ask(120, 0, "B" + std::string(largest - 1, ' ')).Result, 0);
@@ -407,18 +346,14 @@ TEST(ManagementCommands, TheLargestArgumentIsTakenWhole) {
 
 // The lock
 
-TEST(NodetabLock, ItIsFreeAtFirst) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodetabLock, ItIsFreeAtFirst) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(129, 7), Outcome{0});
   EXPECT_EQ(manager.Ask(118, 7), Outcome{0});
 }
 
-TEST(NodetabLock, ItsStatusTellsTheOwnerFromOthers) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodetabLock, ItsStatusTellsTheOwnerFromOthers) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(117, 7), Outcome{0});
   EXPECT_EQ(manager.Ask(129, 7), Outcome{kHeldByCaller});
   EXPECT_EQ(manager.Ask(129, 8), Outcome{kHeldByOther});
@@ -427,20 +362,16 @@ TEST(NodetabLock, ItsStatusTellsTheOwnerFromOthers) {
   EXPECT_EQ(manager.Ask(129, 8), Outcome{0});
 }
 
-TEST(NodetabLock, AnotherOwnerCanNeitherTakeNorReleaseIt) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodetabLock, AnotherOwnerCanNeitherTakeNorReleaseIt) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(117, 7), Outcome{0});
   EXPECT_EQ(manager.Ask(117, 8), Outcome{kHeldByOther});
   EXPECT_EQ(manager.Ask(118, 8), Outcome{kHeldByOther});
   EXPECT_EQ(manager.Ask(129, 7), Outcome{kHeldByCaller});
 }
 
-TEST(NodetabLock, ItsOwnerMayTakeItAgain) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodetabLock, ItsOwnerMayTakeItAgain) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Ask(117, -7), Outcome{0});
   EXPECT_EQ(manager.Ask(117, -7), Outcome{0});
   EXPECT_EQ(manager.Ask(118, -7), Outcome{0});
@@ -448,24 +379,21 @@ TEST(NodetabLock, ItsOwnerMayTakeItAgain) {
   EXPECT_EQ(manager.Ask(129, -7), Outcome{kHeldByOther});
 }
 
-TEST(NodetabLock, ItOutlivesTheConnectionThatTookItAndBelongsToWhoeverGivesTheNumber) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
+TEST_F(NodetabLock, ItOutlivesTheConnectionThatTookItAndBelongsToWhoeverGivesTheNumber) {
+  StartAgent();
   {
-    Manager first(agent);
+    Manager first(agent_);
     EXPECT_EQ(first.Ask(117, 7), Outcome{0});
   }
-  Manager second(agent);
+  Manager second(agent_);
   EXPECT_EQ(second.Ask(129, 8), Outcome{kHeldByOther});
   EXPECT_EQ(second.Ask(118, 7), Outcome{0});
   EXPECT_EQ(second.Ask(117, 8), Outcome{0});
 }
 
-TEST(NodetabLock, NoOtherCommandAsksForIt) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager owner(agent), other(agent);
+TEST_F(NodetabLock, NoOtherCommandAsksForIt) {
+  StartAgent(kThreeNodes);
+  Manager owner(agent_), other(agent_);
   EXPECT_EQ(owner.Ask(117, 7), Outcome{0});
   EXPECT_EQ(other.AddNode("D REZ"), 0);
   EXPECT_EQ(other.DeleteNode("B"), 0);
@@ -476,22 +404,20 @@ TEST(NodetabLock, NoOtherCommandAsksForIt) {
 
 // The trace
 
-TEST(ManagementTrace, EachCommandShowsItsArgumentAndItsResult) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes).Trace();
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementTrace, EachCommandShowsItsArgumentAndItsResult) {
+  agent_.Trace();
+  Manager manager = StartWithManager(kThreeNodes);
   manager.Ask(105, 1);
   manager.Ask(105, 77);
   manager.Ask(102, 99);
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 1"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"B       \" return int value 1"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 77"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"        \" return int value 0"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Command dbcapi 99"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "Return char value \"        \" return int value 3"));
-  EXPECT_TRUE(agent.LogContains("'MakeDbcApiAnswer' Call from clntxch:"));
-  EXPECT_TRUE(agent.Logged(15, "dbca", "'MakeDbcApiAnswer' Leave SUCCESS"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Command dbcapi 1"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Return char value \"B       \" return int value 1"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Command dbcapi 77"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Return char value \"        \" return int value 0"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Command dbcapi 99"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "Return char value \"        \" return int value 3"));
+  EXPECT_TRUE(agent_.LogContains("'MakeDbcApiAnswer' Call from clntxch:"));
+  EXPECT_TRUE(agent_.Logged(15, "dbca", "'MakeDbcApiAnswer' Leave SUCCESS"));
 }
 
 struct TracedCommand {
@@ -501,11 +427,9 @@ struct TracedCommand {
   std::string GoodArgument, BadArgument;  // the latter with RowId 77; empty: it cannot fail
 };
 
-TEST(ManagementTrace, TheNamedCommandsShowTheirNameAndTheirEnd) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\nC REZ\nD REZ\nE REZ\n").Trace();
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ManagementTrace, TheNamedCommandsShowTheirNameAndTheirEnd) {
+  agent_.Trace();
+  Manager manager = StartWithManager("A REZ\nB REZ\nC REZ\nD REZ\nE REZ\n");
   const TracedCommand kCommands[] = {
       {116, "ApiGetNodetabPath", 0, "", ""},   {117, "ApiLockNodetab", 7, "", "x"},
       {118, "ApiUnlockNodetab", 0, "", ""},    {119, "ApiAddNode", 0, "N REZ", "nonsense"},
@@ -514,16 +438,16 @@ TEST(ManagementTrace, TheNamedCommandsShowTheirNameAndTheirEnd) {
   };
   for (const TracedCommand& command : kCommands) {
     const std::string leave = "'" + std::string(command.Name) + "' Leave ";
-    const int before = agent.CountLogged(15, "dbca", leave + "SUCCESS");
+    const int before = agent_.CountLogged(15, "dbca", leave + "SUCCESS");
     // The lock is held by 7 when it is to be released or asked for.
     if (command.Command == 118 || command.Command == 129) manager.Ask(118, 7);
     manager.Ask(command.Command, command.GoodRowId, command.GoodArgument);
-    EXPECT_TRUE(agent.LogContains("'" + std::string(command.Name) + "' Call from dbca:"))
+    EXPECT_TRUE(agent_.LogContains("'" + std::string(command.Name) + "' Call from dbca:"))
         << command.Name;
-    EXPECT_GT(agent.CountLogged(15, "dbca", leave + "SUCCESS"), before) << command.Name;
+    EXPECT_GT(agent_.CountLogged(15, "dbca", leave + "SUCCESS"), before) << command.Name;
     if (command.BadArgument.empty()) continue;
     manager.Ask(command.Command, 77, command.BadArgument);
-    EXPECT_EQ(agent.CountLogged(15, "dbca", leave + "FAIL"), 1) << command.Name;
+    EXPECT_EQ(agent_.CountLogged(15, "dbca", leave + "FAIL"), 1) << command.Name;
   }
 }
 

@@ -5,12 +5,12 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <ostream>
 #include <string>
 #include <utility>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 
 namespace test {
@@ -50,6 +50,15 @@ inline std::string ManagementFrame(const lumo::Message& request, const Outcome& 
   const auto length = static_cast<std::uint32_t>(frame.size());
   std::memcpy(frame.data(), &length, sizeof length);
   return frame;
+}
+
+// What the log tells at level 1 when the default goes on to these nodes, one after the other.
+inline std::string TriedAsDefault(std::initializer_list<const char*> nodes) {
+  std::string told;
+  for (const std::string node : nodes)
+    told += "lumo_tcp:Set link  " + node + " as default\nlumo_tcp:Try connect link as default " +
+            node + "\n";
+  return told;
 }
 
 class Manager {
@@ -122,6 +131,19 @@ class Manager {
 
  private:
   Client client_;
+};
+
+class ManagerTest : public AgentTest {
+ protected:
+  // The agent runs, with this node table, and is managed.
+  Manager StartWithManager(const Place& place = Place::Here()) {
+    StartAgent(place);
+    return Manager(agent_);
+  }
+  Manager StartWithManager(const std::string& nodetab, const Place& place = Place::Here()) {
+    StartAgent(nodetab, place);
+    return Manager(agent_);
+  }
 };
 
 }  // namespace test

@@ -7,140 +7,111 @@
 
 #include "tests/process/manager.h"
 #include "tests/process/node_link.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
 
-TEST(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+using NodeDeletion = ManagerTest;
+
+TEST_F(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.Result(123, 0, "b"), 0);
   EXPECT_EQ(manager.Names(), "A C");
-  Client client(agent);
+  Client client(agent_);
   client.ExpectError(client.Send("B"), 4050, 0);
   client.ExpectError(client.Send("C"), 4066, 0);
   EXPECT_EQ(manager.Result(124, 1), 0);
   EXPECT_EQ(manager.Names(), "A");
 }
 
-TEST(NodeDeletion, AConnectedNodeDisappearsWhenItsLinkDisconnects) {
+TEST_F(NodeDeletion, AConnectedNodeDisappearsWhenItsLinkDisconnects) {
   Node node;
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B") + "C REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient("A REZ\n" + node.Line("B") + "C REZ\n");
   UseNode(&client, &node, "B");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
   EXPECT_EQ(manager.Result(124, 1), kDeletionPending);
   EXPECT_EQ(manager.Names(), "A B C");
   const lumo::Message first = client.Send("B", "1"), second = client.Send("B", "2");
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  node.Answer(*received, "still served");
-  EXPECT_EQ(client.ExpectAnswer(first).Strings[0], "still served");
+  ExpectExchange(client, first, node, "still served");
   EXPECT_TRUE(node.ReadRequest());
-  Break(&agent, &node);
+  Break(&agent_, &node);
   client.ExpectError(second, 4009, 0);
   EXPECT_EQ(manager.Names(), "A C");
   client.ExpectError(client.Send("B"), 4050, 0);
 }
 
-TEST(NodeDeletion, ANodeWhoseLinkIsConnectingCountsAsBusy) {
-  Node node(Node::Start::Bound);
-  node.Stall();
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B", "0 0 2"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(NodeDeletion, ANodeWhoseLinkIsConnectingCountsAsBusy) {
+  Node node(Node::Start::Stalled);
+  Client client = StartWithClient("A REZ\n" + node.Line("B", "0 0 2"));
   const lumo::Message first = client.Send("B"), second = client.Send("B");
-  agent.Barrier();
-  Manager manager(agent);
+  agent_.Barrier();
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
-  agent.Ticks(3);
+  agent_.Ticks(3);
   client.ExpectError(first, 4058, 0);
   client.ExpectError(second, 4058, 0);
   EXPECT_EQ(manager.Names(), "A");
 }
 
-TEST(NodeDeletion, ARequestThatWaitsForTheConnectionIsServedBeforeThePendingDeletion) {
-  Node node(Node::Start::Bound);
-  node.Stall();
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(NodeDeletion, ARequestThatWaitsForTheConnectionIsServedBeforeThePendingDeletion) {
+  Node node(Node::Start::Stalled);
+  Client client = StartWithClient("A REZ\n" + node.Line("B"));
   const lumo::Message request = client.Send("B");
-  agent.Barrier();
-  Manager manager(agent);
+  agent_.Barrier();
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
   node.Unstall();
-  ASSERT_TRUE(node.Accept());
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  node.Answer(*received, "served");
+  const auto received = node.ExpectFirstRequest();
+  node.Answer(received, "served");
   EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "served");
   EXPECT_EQ(manager.Names(), "A B");
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "A");
 }
 
-TEST(NodeDeletion, ARedefinitionCancelsAPendingDeletion) {
+TEST_F(NodeDeletion, ARedefinitionCancelsAPendingDeletion) {
   Node node;
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient("A REZ\n" + node.Line("B"));
   UseNode(&client, &node, "B");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
   EXPECT_EQ(manager.SetNode("B", node.Line("X")), 0);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "A X");
   UseNode(&client, &node, "X");
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "A X");
 }
 
-TEST(NodeDeletion, ADeletionCancelsAPendingRedefinition) {
+TEST_F(NodeDeletion, ADeletionCancelsAPendingRedefinition) {
   Node node;
-  Agent agent;
-  agent.Nodetab("A REZ\n" + node.Line("B"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient("A REZ\n" + node.Line("B"));
   UseNode(&client, &node, "B");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("B", "X REZ"), 0);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "A");
 }
 
-TEST(NodeDeletion, WithTheDefaultNodeGoneTheNextOneThatCanBeConnectedIsTheDefault) {
+TEST_F(NodeDeletion, WithTheDefaultNodeGoneTheNextOneThatCanBeConnectedIsTheDefault) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n" + node.Line("C") + "D REZ\n").LogLevel("1");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  agent_.LogLevel("1");
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + node.Line("C") + "D REZ\n");
   EXPECT_EQ(manager.Result(125), 0);
   EXPECT_EQ(manager.Names(), "B C D");
   EXPECT_EQ(manager.Default(), "C");
-  EXPECT_TRUE(agent.WaitForLog("Link C connected\n"));
-  EXPECT_EQ(agent.Log(),
-            "lumo_tcp:Set link  B as default\n"
-            "lumo_tcp:Try connect link as default B\n"
-            "lumo_tcp:Set link  C as default\n"
-            "lumo_tcp:Try connect link as default C\n"
-            "lumo_tcp:Link C connected\n");
-  Client client(agent);
+  EXPECT_TRUE(agent_.WaitForLog("Link C connected\n"));
+  EXPECT_EQ(agent_.Log(), TriedAsDefault({"B", "C"}) + "lumo_tcp:Link C connected\n");
+  Client client(agent_);
   EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
 }
 
-TEST(NodeDeletion, WithTheDefaultNodeGoneAndNoOtherConnectedTheNextInTheTableIsTheDefault) {
+TEST_F(NodeDeletion, WithTheDefaultNodeGoneAndNoOtherConnectedTheNextInTheTableIsTheDefault) {
   for (const char* mode : {"-NODAEMON", "-AUTOCHANGE", "-AUTOCONNECT"}) {
     Agent agent;
     agent.Nodetab(kThreeNodes).LogLevel("1").Option(mode);
@@ -149,127 +120,93 @@ TEST(NodeDeletion, WithTheDefaultNodeGoneAndNoOtherConnectedTheNextInTheTableIsT
     EXPECT_EQ(manager.Result(125), 0);
     EXPECT_EQ(manager.Names(), "B C");
     EXPECT_EQ(manager.Default(), "B");
-    EXPECT_EQ(agent.Log(),
-              "lumo_tcp:Set link  B as default\n"
-              "lumo_tcp:Try connect link as default B\n"
-              "lumo_tcp:Set link  C as default\n"
-              "lumo_tcp:Try connect link as default C\n"
-              "lumo_tcp:Set link  A as default\n"
-              "lumo_tcp:Full connect circle failed or timeout expired\n")
+    EXPECT_EQ(agent.Log(), TriedAsDefault({"B", "C"}) +
+                               "lumo_tcp:Set link  A as default\n"
+                               "lumo_tcp:Full connect circle failed or timeout expired\n")
         << mode;
   }
 }
 
-TEST(NodeDeletion, TheCircleIsOnlySwitchedOnForTheDeletion) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, TheCircleIsOnlySwitchedOnForTheDeletion) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.Result(125), 0);
-  Client client(agent);
+  Client client(agent_);
   client.ExpectError(client.Send(), 4066, 0);
   EXPECT_EQ(manager.Default(), "B");
 }
 
-TEST(NodeDeletion, AConnectedNeighbourTakesOverTheDefaultAndTheStartOfTheCircle) {
-  Agent agent;
-  LocalKernel kernel(agent);
-  agent.Nodetab("A REZ\nB REZ\n" + kernel.Line("K") + "D REZ\n")
-      .LogLevel("1")
-      .Option("-AUTOCONNECT");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, AConnectedNeighbourTakesOverTheDefaultAndTheStartOfTheCircle) {
+  LocalKernel kernel(agent_);
+  agent_.LogLevel("1").Option("-AUTOCONNECT");
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + kernel.Line("K") + "D REZ\n");
   const lumo::Message deletion = manager.Send(125);
   ASSERT_TRUE(kernel.Accept());
   EXPECT_EQ(manager.Receive(deletion), Outcome{0});
   EXPECT_EQ(manager.Default(), "K");
   kernel.Close();
-  agent.Barrier();
+  agent_.Barrier();
   kernel.StopListening();
-  Client client(agent);
+  Client client(agent_);
   const lumo::Message request = client.Send();
   client.ExpectError(request, 4006, 0);
-  EXPECT_EQ(agent.Log(),
-            "lumo_tcp:Set link  B as default\n"
-            "lumo_tcp:Try connect link as default B\n"
-            "lumo_tcp:Set link  K as default\n"
-            "lumo_tcp:Try connect link as default K\n"
-            "lumo_tcp:Disconnect link  K\n"
-            "lumo_tcp:Set link  D as default\n"
-            "lumo_tcp:Try connect link as default D\n"
-            "lumo_tcp:Set link  B as default\n"
-            "lumo_tcp:Try connect link as default B\n"
-            "lumo_tcp:Set link  K as default\n"
-            "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(agent_.Log(), TriedAsDefault({"B", "K"}) + "lumo_tcp:Disconnect link  K\n" +
+                              TriedAsDefault({"D", "B"}) +
+                              "lumo_tcp:Set link  K as default\n"
+                              "lumo_tcp:Full connect circle failed or timeout expired\n");
 }
 
 // With the start of the circle gone, which is not the default here, a neighbour is connected.
 
-TEST(NodeDeletion, ANeighbourThatConnectsAtOnceBecomesTheStartOfTheCircle) {
-  Agent agent;
-  LocalKernel kernel(agent);
-  agent.Nodetab("A REZ\nB REZ\n" + kernel.Line("K")).LogLevel("1").Option("-AUTOCONNECT");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, ANeighbourThatConnectsAtOnceBecomesTheStartOfTheCircle) {
+  LocalKernel kernel(agent_);
+  agent_.LogLevel("1").Option("-AUTOCONNECT");
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + kernel.Line("K"));
   EXPECT_EQ(manager.Result(106, 1), 1);
   const lumo::Message deletion = manager.Send(124, 0);
   ASSERT_TRUE(kernel.Accept());
   EXPECT_EQ(manager.Receive(deletion), Outcome{0});
   EXPECT_EQ(manager.Default(), "B");
   // The circle ends at its start, connected or not.
-  Client client(agent);
+  Client client(agent_);
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(agent.Log(),
+  EXPECT_EQ(agent_.Log(),
             "lumo_tcp:Set link  K as default\n"
             "lumo_tcp:Full connect circle failed or timeout expired\n"
             "lumo_tcp:Disconnect link  K\n");
 }
 
-TEST(NodeDeletion, ANeighbourThatIsOnlyConnectingDoesNotBecomeTheStartOfTheCircle) {
+TEST_F(NodeDeletion, ANeighbourThatIsOnlyConnectingDoesNotBecomeTheStartOfTheCircle) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n" + node.Line("C")).LogLevel("1").Option("-AUTOCONNECT");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  agent_.LogLevel("1").Option("-AUTOCONNECT");
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + node.Line("C"));
   EXPECT_EQ(manager.Result(106, 1), 1);
   EXPECT_EQ(manager.Result(124, 0), 0);
-  EXPECT_TRUE(agent.WaitForLog("Link C connected\n"));
-  Client client(agent);
+  EXPECT_TRUE(agent_.WaitForLog("Link C connected\n"));
+  Client client(agent_);
   EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
-  EXPECT_EQ(agent.Log(),
-            "lumo_tcp:Link C connected\n"
-            "lumo_tcp:Set link  C as default\n"
-            "lumo_tcp:Try connect link as default C\n");
+  EXPECT_EQ(agent_.Log(), "lumo_tcp:Link C connected\n" + TriedAsDefault({"C"}));
 }
 
-TEST(NodeDeletion, WithoutAStartTheCircleEndsWhereItBegan) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\nC REZ\nD REZ\n").LogLevel("1").Option("-AUTOCONNECT");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, WithoutAStartTheCircleEndsWhereItBegan) {
+  agent_.LogLevel("1").Option("-AUTOCONNECT");
+  Manager manager = StartWithManager("A REZ\nB REZ\nC REZ\nD REZ\n");
   EXPECT_EQ(manager.Result(106, 1), 1);
   EXPECT_EQ(manager.Result(124, 0), 0);
-  EXPECT_EQ(agent.Log(), "");
-  Client client(agent);
+  EXPECT_EQ(agent_.Log(), "");
+  Client client(agent_);
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(agent.Log(),
-            "lumo_tcp:Set link  C as default\n"
-            "lumo_tcp:Try connect link as default C\n"
-            "lumo_tcp:Set link  D as default\n"
-            "lumo_tcp:Try connect link as default D\n"
-            "lumo_tcp:Set link  B as default\n"
-            "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(agent_.Log(), TriedAsDefault({"C", "D"}) +
+                              "lumo_tcp:Set link  B as default\n"
+                              "lumo_tcp:Full connect circle failed or timeout expired\n");
 }
 
-TEST(NodeDeletion, WithASingleNodeLeftTheReconnectionModesDoNotApply) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n").LogLevel("1").Options({"-AUTOCONNECT", "-AUTOCHANGE"});
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, WithASingleNodeLeftTheReconnectionModesDoNotApply) {
+  agent_.LogLevel("1").Options({"-AUTOCONNECT", "-AUTOCHANGE"});
+  Manager manager = StartWithManager("A REZ\nB REZ\n");
   EXPECT_EQ(manager.DeleteNode("B"), 0);
-  Client client(agent);
+  Client client(agent_);
   client.ExpectError(client.Send(), 4066, 0);
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent_.Log(), "");
 }
 
 // The deletions, in this order, leave nothing; the agent serves on and takes new nodes.
@@ -302,7 +239,7 @@ void ExpectServingWithoutNodes(const std::vector<std::pair<int, int>>& deletions
   EXPECT_EQ(agent.Stop(), 0);
 }
 
-TEST(NodeDeletion, TheAgentServesOnWithEveryNodeDeleted) {
+TEST_F(NodeDeletion, TheAgentServesOnWithEveryNodeDeleted) {
   const std::vector<std::vector<std::string>> kModes = {
       {},
       {"-AUTOCHANGE"},
@@ -317,47 +254,40 @@ TEST(NodeDeletion, TheAgentServesOnWithEveryNodeDeleted) {
   }
 }
 
-TEST(NodeDeletion, TheAgentStopsWithoutNodes) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeDeletion, TheAgentStopsWithoutNodes) {
+  Manager manager = StartWithManager();
   EXPECT_EQ(manager.Result(125), 0);
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Results(), "");
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Results(), "");
 }
 
-TEST(NodeDeletion, TheNodeWhereTheCircleIsEnteredCanBeDeleted) {
+TEST_F(NodeDeletion, TheNodeWhereTheCircleIsEnteredCanBeDeleted) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n" + node.Line("C"));
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
-  Client client(agent);
+  Manager manager = StartWithManager("A REZ\nB REZ\n" + node.Line("C"));
+  Client client(agent_);
   client.ExpectError(client.Send("B"), 4066, 0);
   EXPECT_EQ(manager.DeleteNode("B"), 0);
   EXPECT_EQ(client.Ask("C", "text").Strings[0], "text");
   client.ExpectError(client.Send("A"), 4066, 0);
-  agent.Tick();
+  agent_.Tick();
   EXPECT_EQ(manager.Names(), "A C");
 }
 
-TEST(NodeDeletion, RequestsThatWaitForTheTimerLoseTheirNode) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes).Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"});
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(NodeDeletion, RequestsThatWaitForTheTimerLoseTheirNode) {
+  agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"});
+  Client client = StartWithClient(kThreeNodes);
   const lumo::Message named = client.Send("A"), unnamed = client.Send();
   client.ExpectNothing();
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), 0);
   client.ExpectError(named, 4050, 0);
   client.ExpectError(unnamed, 4050, 0);
   EXPECT_EQ(manager.Names(), "B C");
-  agent.Tick();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Tick();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(NodeDeletion, ADefaultThatBreaksWithItsDeletionPendingHandsOver) {
+TEST_F(NodeDeletion, ADefaultThatBreaksWithItsDeletionPendingHandsOver) {
   for (const char* mode : {"-NODAEMON", "-AUTOCHANGE", "-AUTOCONNECT"}) {
     Node node;
     EchoNode next;
@@ -383,7 +313,7 @@ void UseNodeInVain(Client* client, Node* node, const std::string& name) {
   ASSERT_TRUE(NextRequest(node));
 }
 
-TEST(NodeDeletion, EveryNodeMayBreakAndDisappearInTheSameTick) {
+TEST_F(NodeDeletion, EveryNodeMayBreakAndDisappearInTheSameTick) {
   for (const char* mode : {"-NODAEMON", "-AUTOCHANGE"}) {
     Node nodes[3];
     Agent agent;
@@ -411,57 +341,51 @@ TEST(NodeDeletion, EveryNodeMayBreakAndDisappearInTheSameTick) {
   }
 }
 
-TEST(NodeDeletion, AClientMayDieAfterItsNodeHasGone) {
+TEST_F(NodeDeletion, AClientMayDieAfterItsNodeHasGone) {
   LivingProcess application;
   Node node;
   EchoNode other;
-  Agent agent;
-  agent.Nodetab(node.Line("A") + other.Line("B"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent, application.Pid());
+  StartAgent(node.Line("A") + other.Line("B"));
+  Client client(agent_, application.Pid());
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "B");
   application.Kill();
-  agent.Ticks(2);
+  agent_.Ticks(2);
   client.Close();
-  Client survivor(agent);
+  Client survivor(agent_);
   EXPECT_EQ(survivor.Ask("B", "text").Strings[0], "text");
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(NodeDeletion, AClientMayDieBeforeItsNodeGoes) {
+TEST_F(NodeDeletion, AClientMayDieBeforeItsNodeGoes) {
   LivingProcess application;
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A") + "B REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent, application.Pid());
+  StartAgent(node.Line("A") + "B REZ\n");
+  Client client(agent_, application.Pid());
   UseNode(&client, &node, "A");
   client.Send("A", "never answered");
   EXPECT_TRUE(node.ReadRequest());
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
   application.Kill();
-  Break(&agent, &node);
-  agent.Tick();
+  Break(&agent_, &node);
+  agent_.Tick();
   EXPECT_EQ(manager.Names(), "B");
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(NodeDeletion, TheAgentStopsWithADeletionPending) {
+TEST_F(NodeDeletion, TheAgentStopsWithADeletionPending) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A") + "B REZ\n").LogLevel("1");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.LogLevel("1");
+  Client client = StartWithClient(node.Line("A") + "B REZ\n");
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Log(), "lumo_tcp:Link A connected\nlumo_tcp:Disconnect link  A\n");
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Log(), "lumo_tcp:Link A connected\nlumo_tcp:Disconnect link  A\n");
 }
 
 }  // namespace

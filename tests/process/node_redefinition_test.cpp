@@ -5,45 +5,40 @@
 
 #include "tests/process/manager.h"
 #include "tests/process/node_link.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 
 namespace test {
 namespace {
 
-TEST(NodeRedefinition, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
+using NodeRedefinition = ManagerTest;
+
+TEST_F(NodeRedefinition, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.SetNode("b", node.Line("new")), 0);
   EXPECT_EQ(manager.Names(), "A NEW C");
   EXPECT_EQ(manager.Describe("NEW").Port, node.Port());
-  Client client(agent);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
   client.ExpectError(client.Send("B"), 4050, 0);
 }
 
-TEST(NodeRedefinition, ANodeIsRedefinedByNumberAndAsTheDefault) {
+TEST_F(NodeRedefinition, ANodeIsRedefinedByNumberAndAsTheDefault) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(kThreeNodes).Options({"-DEFAULT", "C"});
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  agent_.Options({"-DEFAULT", "C"});
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.Result(127, 1, "X REZ"), 0);
   EXPECT_EQ(manager.Names(), "A X C");
   EXPECT_EQ(manager.Result(128, 0, node.Line("Y")), 0);
   EXPECT_EQ(manager.Names(), "A X Y");
   EXPECT_EQ(manager.Default(), "Y");
-  Client client(agent);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
 }
 
-TEST(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPadded) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPadded) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.SetNode("A       ", "X REZ"), 0);  // as commands 103 and 105 return it
   EXPECT_EQ(manager.Result(126, 0, std::string("B \0\0Y REZ", 9)), 0);
   EXPECT_EQ(manager.Result(126, 0, std::string("C\0?Z REZ", 8)), 0);
@@ -52,14 +47,11 @@ TEST(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPadd
   EXPECT_EQ(manager.Names(), "X Y Z");
 }
 
-TEST(NodeRedefinition, WithoutATextNothingChanges) {
+TEST_F(NodeRedefinition, WithoutATextNothingChanges) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A") + "B REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A") + "B REZ\n");
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   for (const std::string name : {"A", "B"}) {
     EXPECT_EQ(manager.Result(126, 0, name), 0);
     EXPECT_EQ(manager.Result(126, 0, name + '\0'), 0);
@@ -67,50 +59,41 @@ TEST(NodeRedefinition, WithoutATextNothingChanges) {
   }
   for (const int index : {0, 1}) EXPECT_EQ(manager.Result(127, index), 0);
   EXPECT_EQ(manager.Result(128), 0);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "A B");
 }
 
-TEST(NodeRedefinition, ATextThatMakesNoNodeLeavesTheNodeAsItIs) {
+TEST_F(NodeRedefinition, ATextThatMakesNoNodeLeavesTheNodeAsItIs) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager(node.Line("A"));
   EXPECT_EQ(manager.SetNode("A", "B LOCALS nonsense"), 0);
-  EXPECT_EQ(agent.Results(),
+  EXPECT_EQ(agent_.Results(),
             "lumo_tcp:Initialization of link 'B' for protocol 'LOCALS' failed\n"
             "lumo_tcp:Node name 'B' skipped\n");
   EXPECT_EQ(manager.Names(), "A");
-  Client client(agent);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("A", "text").Strings[0], "text");
 }
 
-TEST(NodeRedefinition, ANameThatExistsAlreadyIsTaken) {
-  Agent agent;
-  agent.Nodetab(kThreeNodes);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(NodeRedefinition, ANameThatExistsAlreadyIsTaken) {
+  Manager manager = StartWithManager(kThreeNodes);
   EXPECT_EQ(manager.SetNode("C", "A REZ"), 0);
   EXPECT_EQ(manager.Names(), "A B A");
-  EXPECT_EQ(agent.Results(), "");
+  EXPECT_EQ(agent_.Results(), "");
 }
 
-TEST(NodeRedefinition, ABusyNodeKeepsItsDefinitionUntilItsLinkDisconnects) {
+TEST_F(NodeRedefinition, ABusyNodeKeepsItsDefinitionUntilItsLinkDisconnects) {
   Node before;
   EchoNode after;
-  Agent agent;
-  agent.Nodetab(before.Line("A") + "B REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(before.Line("A") + "B REZ\n");
   UseNode(&client, &before, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("A", after.Line("new")), 0);
   EXPECT_EQ(manager.Names(), "A B");
   EXPECT_EQ(manager.Describe("A").Port, before.Port());
   const lumo::Message request = client.Send("A", "still over the old link");
   EXPECT_TRUE(before.ReadRequest());
-  Break(&agent, &before);
+  Break(&agent_, &before);
   client.ExpectError(request, 4009, 0);
   EXPECT_EQ(manager.Names(), "NEW B");
   EXPECT_EQ(manager.Default(), "NEW");
@@ -119,106 +102,84 @@ TEST(NodeRedefinition, ABusyNodeKeepsItsDefinitionUntilItsLinkDisconnects) {
   client.ExpectError(client.Send("A"), 4050, 0);
 }
 
-TEST(NodeRedefinition, ANodeWhoseLinkIsConnectingCountsAsBusy) {
-  Node node(Node::Start::Bound);
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("A", "0 0 2") + "B REZ\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(NodeRedefinition, ANodeWhoseLinkIsConnectingCountsAsBusy) {
+  Node node(Node::Start::Stalled);
+  Client client = StartWithClient(node.Line("A", "0 0 2") + "B REZ\n");
   const lumo::Message request = client.Send("A");
-  agent.Barrier();
-  Manager manager(agent);
+  agent_.Barrier();
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("A", "X REZ"), 0);
   EXPECT_EQ(manager.Names(), "A B");
-  agent.Ticks(3);
+  agent_.Ticks(3);
   client.ExpectError(request, 4058, 0);
   EXPECT_EQ(manager.Names(), "X B");
 }
 
-TEST(NodeRedefinition, TheLatestPendingDefinitionCounts) {
+TEST_F(NodeRedefinition, TheLatestPendingDefinitionCounts) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A"));
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("A", "FIRST LOCALS 77     and a rather long text behind it"), 0);
   EXPECT_EQ(manager.SetNode("A", "LAST REZ"), 0);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "LAST");
 }
 
-TEST(NodeRedefinition, APendingDefinitionIsTakenOnce) {
+TEST_F(NodeRedefinition, APendingDefinitionIsTakenOnce) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A"));
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("A", node.Line("X")), 0);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "X");
   EXPECT_EQ(manager.SetNode("X", node.Line("Y")), 0);
   UseNode(&client, &node, "Y");
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "Y");
 }
 
-TEST(NodeRedefinition, APendingDefinitionThatMakesNoNodeIsTriedAtEachDisconnect) {
+TEST_F(NodeRedefinition, APendingDefinitionThatMakesNoNodeIsTriedAtEachDisconnect) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
-  Manager manager(agent);
+  Client client = StartWithClient(node.Line("A"));
+  Manager manager(agent_);
   UseNode(&client, &node, "A");
   EXPECT_EQ(manager.SetNode("A", "B LOCALS nonsense"), 0);
   for (int time = 1; time <= 2; ++time) {
     if (!node.Open()) UseNode(&client, &node, "A");
-    Break(&agent, &node);
+    Break(&agent_, &node);
     EXPECT_EQ(manager.Names(), "A");
-    EXPECT_EQ(agent.CountLogged(0, "", "Initialization of link 'B' for protocol 'LOCALS' failed"),
+    EXPECT_EQ(agent_.CountLogged(0, "", "Initialization of link 'B' for protocol 'LOCALS' failed"),
               time);
   }
 }
 
-TEST(NodeRedefinition, APendingDefinitionIsCutAt299Characters) {
+TEST_F(NodeRedefinition, APendingDefinitionIsCutAt299Characters) {
   Node node;
-  Agent agent;
-  LocalKernel kernel(agent);
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  LocalKernel kernel(agent_);
+  Client client = StartWithClient(node.Line("A"));
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   const std::string number = std::to_string(kernel.Number());
   std::string line = "B LOCALS ";
   line += std::string(299 - line.size() - number.size(), ' ') + number;
   EXPECT_EQ(manager.SetNode("A", line + "9" + std::string(2000, '9')), 0);
-  Break(&agent, &node);
+  Break(&agent_, &node);
   EXPECT_EQ(manager.Names(), "B");
   const lumo::Message request = client.Send("B");
   ASSERT_TRUE(kernel.Accept()) << "the number was not cut where it should be";
-  const auto received = kernel.ReadRequest();
-  ASSERT_TRUE(received);
-  kernel.Answer(*received, "from the kernel");
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "from the kernel");
+  ExpectExchange(client, request, kernel, "from the kernel");
 }
 
-TEST(NodeRedefinition, TheAgentStopsWithARedefinitionPending) {
+TEST_F(NodeRedefinition, TheAgentStopsWithARedefinitionPending) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A"));
   UseNode(&client, &node, "A");
-  Manager manager(agent);
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("A", "B NONSENSE"), 0);
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Results(), "") << "nothing is redefined any more";
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Results(), "") << "nothing is redefined any more";
 }
 
 }  // namespace

@@ -5,13 +5,16 @@
 #include <filesystem>
 
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 
 namespace test {
 namespace {
+
+using NodetabLines = AgentTest;
+using NodetabDefault = AgentTest;
+using UnusableNodetab = AgentTest;
 
 namespace fs = std::filesystem;
 
@@ -25,7 +28,7 @@ bool Printed(const Agent& agent, const std::string& text) {
 std::string FoundLine(const std::string& path) { return "Nodetab found: \"" + path + "\"\n"; }
 
 // An agent that is not told its table, started by a link to the program in a folder of its own.
-class NodetabSearch : public testing::Test {
+class NodetabSearch : public AgentTest {
  protected:
   void SetUp() override {
     for (const char* name : {"bin", "path1", "path2"}) fs::create_directory(agent_.Folder() / name);
@@ -44,12 +47,11 @@ class NodetabSearch : public testing::Test {
   bool Missed(const std::string& path) const {
     return agent_.Logged(15, "link", "Open nodetab file \"" + path + "\" failed");
   }
-  Agent agent_;
 };
 
 TEST_F(NodetabSearch, TheCurrentDirectoryComesFirst) {
   for (const char* folder : {"work", "bin", "home", "path1", "path2"}) Put(folder, folder);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "WORK");
   const std::string path = fs::canonical(Place("work")) / "nodetab";
   EXPECT_TRUE(Printed(agent_, FoundLine(path))) << agent_.Stdout();
@@ -59,7 +61,7 @@ TEST_F(NodetabSearch, TheCurrentDirectoryComesFirst) {
 
 TEST_F(NodetabSearch, TheProgramsDirectoryComesNextWithASecondSlash) {
   for (const char* folder : {"bin", "home", "path1", "path2"}) Put(folder, folder);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "BIN");
   EXPECT_TRUE(Printed(agent_, FoundLine(Place("bin") + "//nodetab"))) << agent_.Stdout();
   EXPECT_TRUE(Missed("./nodetab"));
@@ -68,7 +70,7 @@ TEST_F(NodetabSearch, TheProgramsDirectoryComesNextWithASecondSlash) {
 
 TEST_F(NodetabSearch, TheHomeDirectoryComesNext) {
   for (const char* folder : {"home", "path1", "path2"}) Put(folder, folder);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "HOME");
   EXPECT_TRUE(Printed(agent_, FoundLine(Place("home") + "/nodetab"))) << agent_.Stdout();
   EXPECT_TRUE(Missed(Place("bin") + "//nodetab"));
@@ -76,7 +78,7 @@ TEST_F(NodetabSearch, TheHomeDirectoryComesNext) {
 
 TEST_F(NodetabSearch, TheDirectoriesOfTheSearchPathComeLastInTheirOrder) {
   for (const char* folder : {"path1", "path2"}) Put(folder, folder);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "PATH1");
   EXPECT_TRUE(Printed(agent_, FoundLine(Place("path1") + "/nodetab"))) << agent_.Stdout();
   EXPECT_TRUE(Missed(Place("home") + "/nodetab"));
@@ -86,7 +88,7 @@ TEST_F(NodetabSearch, ALaterDirectoryOfTheSearchPathServesWhenTheEarlierHaveNone
   agent_.Environment("PATH", ":" + Place("path1") + "::" + Place("path2") + ":" + Place("home"));
   Put("path2", "path2");
   agent_.Without("HOME");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "PATH2");
   EXPECT_EQ(agent_.CountLogged(15, "link", "Open nodetab file \"/nodetab\" failed"), 2);
   EXPECT_TRUE(Missed(Place("path1") + "/nodetab"));
@@ -106,7 +108,7 @@ TEST_F(NodetabSearch, ABareProgramNameStandsForTheRootDirectory) {
   fs::create_symlink(fs::absolute(AgentProgram()), Place("work") + "/lumo_tcp");
   Put("home", "home");
   agent_.Program("lumo_tcp");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_TRUE(agent_.Logged(15, "link", "g_DbcI.Argv[0] lumo_tcp"));
   EXPECT_TRUE(Missed("/nodetab"));
   EXPECT_EQ(Nodes(agent_), "HOME");
@@ -115,7 +117,7 @@ TEST_F(NodetabSearch, ABareProgramNameStandsForTheRootDirectory) {
 TEST_F(NodetabSearch, AFileThatCannotBeReadIsPassedOver) {
   Put("bin", "bin");
   fs::create_symlink(Place("nowhere"), Place("work") + "/nodetab");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "BIN");
 }
 
@@ -132,7 +134,7 @@ TEST_F(NodetabSearch, ThePathGivenIsTheOnlyPlace) {
 TEST_F(NodetabSearch, ARelativePathGivenIsReportedAsItIs) {
   Put("path2", "path2");
   agent_.Options({"-NODETAB", "../path2/nodetab"});
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_TRUE(Printed(agent_, FoundLine("../path2/nodetab"))) << agent_.Stdout();
 }
 
@@ -142,15 +144,14 @@ TEST_F(NodetabSearch, ACurrentDirectoryTooDeepToNameStillServes) {
   fs::create_directories(deep);
   WriteFile(deep / "nodetab", "DEEP REZ\n");
   agent_.WorkingDirectory(deep);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Nodes(agent_), "DEEP");
   EXPECT_TRUE(Printed(agent_, "Nodetab found: \"")) << agent_.Stdout();
 }
 
-TEST(NodetabLines, EachFaultIsReportedAndTheOtherLinesCount) {
-  Agent agent;
+TEST_F(NodetabLines, EachFaultIsReportedAndTheOtherLinesCount) {
   const std::string noHost(70, 'x');  // too long for any name, so that nobody is asked for it
-  agent.Nodetab(
+  StartAgent(
       "# a comment\n"
       "; another\n"
       "  \t\n"
@@ -169,9 +170,8 @@ TEST(NodetabLines, EachFaultIsReportedAndTheOtherLinesCount) {
       "GOOD2 LOCALS 79\n"
       "good1 NPipe\n"
       "GOOD3 NPipe");
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(Nodes(agent), "GOOD1 GOOD2 GOOD2 GOOD1 GOOD3");
-  EXPECT_EQ(agent.Results(),
+  EXPECT_EQ(Nodes(agent_), "GOOD1 GOOD2 GOOD2 GOOD1 GOOD3");
+  EXPECT_EQ(agent_.Results(),
             "lumo_tcp:Node name 'ninechars' is too long. Maximum length is 8 chars\n"
             "lumo_tcp:Node name 'ninechars' skipped\n"
             "lumo_tcp:The network agent doesn't support protocol  'DUMMY' for node 'badproto'.\n"
@@ -190,7 +190,7 @@ TEST(NodetabLines, EachFaultIsReportedAndTheOtherLinesCount) {
             "lumo_tcp:Node name 'GOOD2' skip\n");
 }
 
-TEST(NodetabLines, NamesThatRepeatAreTakenOrRefusedByThePlaceAndTheCase) {
+TEST_F(NodetabLines, NamesThatRepeatAreTakenOrRefusedByThePlaceAndTheCase) {
   const struct {
     const char *Table, *Nodes;
   } cases[] = {{"A REZ\nB REZ\nA REZ\n", "A B"},
@@ -206,28 +206,20 @@ TEST(NodetabLines, NamesThatRepeatAreTakenOrRefusedByThePlaceAndTheCase) {
   }
 }
 
-TEST(NodetabLines, OfTwoNodesWithOneNameTheFirstOfTheCircleIsAsked) {
+TEST_F(NodetabLines, OfTwoNodesWithOneNameTheFirstOfTheCircleIsAsked) {
   Node first, second;
-  Agent agent;
-  agent.Nodetab(first.Line("A") + second.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
-  const lumo::Message request = client.Send("A");
-  ASSERT_TRUE(first.Accept());
-  first.Answer(*first.ReadRequest(), "first");
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "first");
+  Client client = StartWithClient(first.Line("A") + second.Line("A"));
+  ExpectFirstExchange(client, client.Send("A"), first, "first");
   EXPECT_FALSE(second.Connecting(Milliseconds(0)));
 }
 
-TEST(NodetabLines, ALongLineIsReadAsSeveral) {
-  Agent agent;
+TEST_F(NodetabLines, ALongLineIsReadAsSeveral) {
   const std::string start = "A REZ ";
-  agent.Nodetab(start + std::string(1023 - start.size(), 'x') + "B REZ\nC REZ\n");
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(Nodes(agent), "A B C");
+  StartAgent(start + std::string(1023 - start.size(), 'x') + "B REZ\nC REZ\n");
+  EXPECT_EQ(Nodes(agent_), "A B C");
 }
 
-TEST(NodetabDefault, IsTheFirstNodeOrTheOneNamedInAnyCase) {
+TEST_F(NodetabDefault, IsTheFirstNodeOrTheOneNamedInAnyCase) {
   const struct {
     std::vector<std::string> Options;
     const char* Default;
@@ -250,19 +242,13 @@ TEST(NodetabDefault, IsTheFirstNodeOrTheOneNamedInAnyCase) {
   }
 }
 
-TEST(NodetabDefault, DecidesTheOrderOfTheCircle) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\nC REZ\n").Options({"-AUTOCONNECT", "-DEFAULT", "B"}).LogLevel("1");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(NodetabDefault, DecidesTheOrderOfTheCircle) {
+  agent_.Options({"-AUTOCONNECT", "-DEFAULT", "B"}).LogLevel("1");
+  Client client = StartWithClient("A REZ\nB REZ\nC REZ\n");
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(agent.Log(),
-            "lumo_tcp:Set link  C as default\n"
-            "lumo_tcp:Try connect link as default C\n"
-            "lumo_tcp:Set link  A as default\n"
-            "lumo_tcp:Try connect link as default A\n"
-            "lumo_tcp:Set link  B as default\n"
-            "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(agent_.Log(), TriedAsDefault({"C", "A"}) +
+                              "lumo_tcp:Set link  B as default\n"
+                              "lumo_tcp:Full connect circle failed or timeout expired\n");
 }
 
 TEST(NodetabModes, ASingleNodeSwitchesThemOff) {
@@ -291,7 +277,7 @@ TEST(NodetabModes, AreSilentlyKeptWithMoreNodesAndWithoutAnOptionNothingIsSaid) 
   EXPECT_FALSE(Printed(none, "Only one server"));
 }
 
-TEST(UnusableNodetab, EndsTheStartWithItsReason) {
+TEST_F(UnusableNodetab, EndsTheStartWithItsReason) {
   const struct {
     const char *Table, *Reason;
   } cases[] = {
@@ -312,11 +298,10 @@ TEST(UnusableNodetab, EndsTheStartWithItsReason) {
   }
 }
 
-TEST(UnusableNodetab, ADirectoryHoldsNoLine) {
-  Agent agent;
-  agent.WithoutNodetab().Options({"-NODETAB", agent.Folder(), "-NODAEMON"});
-  EXPECT_EQ(agent.Run(), 254);
-  EXPECT_TRUE(agent.Logged(0, "", "Supported protocols are not found in the nodetab file. Exit"));
+TEST_F(UnusableNodetab, ADirectoryHoldsNoLine) {
+  agent_.WithoutNodetab().Options({"-NODETAB", agent_.Folder(), "-NODAEMON"});
+  EXPECT_EQ(agent_.Run(), 254);
+  EXPECT_TRUE(agent_.Logged(0, "", "Supported protocols are not found in the nodetab file. Exit"));
 }
 
 }  // namespace

@@ -18,14 +18,15 @@
 #include "tests/process/manager.h"
 #include "tests/process/node_link.h"
 #include "tests/process/reconnection.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
+
+using SeveralRequests = AgentTest;
 
 // A name whose look-up takes as long as a test wants. The C library looks for aliases before it
 // asks a name server: in a pipe, which holds it up.
@@ -63,11 +64,10 @@ class SlowName {
 
 // An agent with the nodes A and B, whose links are up; B's was served last. So was `last_`, among
 // the clients, until another has asked.
-class OnePass : public testing::Test {
+class OnePass : public AgentTest {
  protected:
   void Start(const std::string& furtherNodes = {}) {
-    agent_.Nodetab(a_.Line("A") + b_.Line("B") + furtherNodes);
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(a_.Line("A") + b_.Line("B") + furtherNodes);
     last_.emplace(agent_);
     UseNode(&*last_, &a_, "A");
     UseNode(&*last_, &b_, "B");
@@ -82,7 +82,6 @@ class OnePass : public testing::Test {
   }
 
   Node a_, b_;
-  Agent agent_;
   std::optional<Client> last_;
 };
 
@@ -138,23 +137,21 @@ TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
 }
 
 // Whatever the timer sends after a pass with several requests leaves at once.
-TEST(SeveralRequests, DoNotHoldBackWhatComesAfterThem) {
+TEST_F(SeveralRequests, DoNotHoldBackWhatComesAfterThem) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A", "1 0 0"));
-  ASSERT_TRUE(agent.Start());
-  Client first(agent), second(agent);
+  StartAgent(node.Line("A", "1 0 0"));
+  Client first(agent_), second(agent_);
   UseNode(&first, &node, "A");
-  agent.Barrier();
-  agent.InOnePass([&] {
+  agent_.Barrier();
+  agent_.InOnePass([&] {
     first.Send("A", "one");
     second.Send("A", "two");
   });
   ASSERT_TRUE(node.ReadRequest() && node.ReadRequest());
-  agent.Ticks(11);
+  agent_.Ticks(11);
   const auto alive = node.ReadFrame();
   EXPECT_TRUE(alive && alive->size() == 12) << "no alive packet";
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // A link's input is read before the requests of the pass and after them, not in between.
@@ -223,11 +220,7 @@ TEST_F(OnePass, ARequestLeavesThoughAQueueIsFull) {
   IpcKernel kernel;
   Start(kernel.Line("K"));
   Client first(agent_), second(agent_);
-  const lumo::Message up = second.Send("K");
-  const auto upReceived = kernel.ReadRequest();
-  ASSERT_TRUE(upReceived);
-  kernel.Answer(*upReceived);
-  second.ExpectAnswer(up);
+  ExpectExchange(second, second.Send("K"), kernel);
   kernel.FillQueue();
   agent_.Barrier();
   lumo::Message request, local;
@@ -241,10 +234,9 @@ TEST_F(OnePass, ARequestLeavesThoughAQueueIsFull) {
   first.ExpectAnswer(request);
   first.ExpectNothing();
   kernel.DrainQueue();
-  const auto localReceived = kernel.ReadRequest();
-  ASSERT_TRUE(localReceived);
-  EXPECT_EQ(localReceived->Message.Strings[0], "two");
-  kernel.Answer(*localReceived);
+  const auto localReceived = kernel.ExpectRequest();
+  EXPECT_EQ(localReceived.Message.Strings[0], "two");
+  kernel.Answer(localReceived);
   second.ExpectAnswer(local);
   EXPECT_EQ(agent_.Stop(), 0);
 }
@@ -280,8 +272,7 @@ TEST_F(BrokenMeanwhile, EachRequestMeetsTheLinkAsTheOneBeforeLeftIt) {
     requests = {first.Send("A", "one"), second.Send("A", "two"), third.Send("A", "three")};
   });
   first.ExpectError(requests[0], 4007, ECONNRESET);
-  ASSERT_TRUE(a_.Accept());
-  ExpectServedBy(a_, "A", second, requests[1]);
+  ExpectFirstServedBy(a_, "A", second, requests[1]);
   ExpectServedBy(a_, "A", third, requests[2]);
   EXPECT_EQ(agent_.Stop(), 0);
 }
@@ -316,8 +307,7 @@ TEST_F(BrokenMeanwhile, ARequestInHandIsNotAnsweredOverANumberThatIsInUseAgain) 
   constexpr long kBound = 1 << 20, kLeft = 20000;
   Node d;
   EchoNode echo;
-  agent_.Nodetab(a_.Line("A") + echo.Line("E") + d.Line("D"));
-  ASSERT_TRUE(agent_.Start());
+  StartAgent(a_.Line("A") + echo.Line("E") + d.Line("D"));
   Prepare();
   Client asksA(agent_), reader(agent_), client(agent_);
   for (int i = 0; i < kInFlight; ++i) {
@@ -344,11 +334,10 @@ TEST_F(BrokenMeanwhile, ARequestInHandIsNotAnsweredOverANumberThatIsInUseAgain) 
   const lumo::Message request = reader.Send("D", "afterwards");
   ASSERT_TRUE(d.Accept());
   for (bool over = false; !over;) {
-    const auto received = d.ReadRequest();
-    ASSERT_TRUE(received);
-    over = received->Strings[0] == "afterwards";
-    EXPECT_TRUE(over || received->Strings[0] == "in hand");
-    d.Answer(*received, "answer");
+    const auto received = d.ExpectRequest();
+    over = received.Strings[0] == "afterwards";
+    EXPECT_TRUE(over || received.Strings[0] == "in hand");
+    d.Answer(received, "answer");
   }
   reader.ExpectAnswer(request);
   agent_.Barrier();

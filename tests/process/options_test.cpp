@@ -4,10 +4,22 @@
 
 #include <csignal>
 
-#include "tests/support/agent.h"
+#include "tests/support/agent_test.h"
 
 namespace test {
 namespace {
+
+using Version = AgentTest;
+using Banner = AgentTest;
+using NodetabOptionWithoutValue = AgentTest;
+using ALongerKey = AgentTest;
+using UnknownOptions = AgentTest;
+using Defaults = AgentTest;
+using Options = AgentTest;
+using ShortOptions = AgentTest;
+using AutoChange = AgentTest;
+using AutoConnectTimeout = AgentTest;
+using AnEmptyPidFileOption = AgentTest;
 
 constexpr char kBanner[] = "TCP/IP agent (client driver). v. 5.0 for RDBMS Tavrin SQL v. 6.0\n";
 
@@ -64,22 +76,21 @@ std::size_t CountContaining(const Agent& agent, const std::string& text) {
 
 using Arguments = std::vector<std::string>;
 
-class Help : public testing::TestWithParam<const char*> {};
+class Help : public AgentTest, public testing::WithParamInterface<const char*> {};
 
 TEST_P(Help, PrintsBannerNoticeAndUsageAndEndsWith255) {
-  Agent agent;
-  agent.Option(GetParam());
-  EXPECT_EQ(agent.Run(), 255);
-  EXPECT_EQ(AfterLegalNotice(agent.Stdout()), std::string(kUsage) + "\n");
-  EXPECT_EQ(agent.Results(), "");
-  EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
+  agent_.Option(GetParam());
+  EXPECT_EQ(agent_.Run(), 255);
+  EXPECT_EQ(AfterLegalNotice(agent_.Stdout()), std::string(kUsage) + "\n");
+  EXPECT_EQ(agent_.Results(), "");
+  EXPECT_NE(access(agent_.SocketPath().c_str(), F_OK), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Spellings, Help,
                          testing::Values("-h", "/HELP", "--?", "-H", "--help", "/help", "-HE-LP",
                                          "?", "-?-", "hElP", "-H=x"));
 
-TEST(Version, IsPrintedAfterBannerAndNoticeAndEndsWith255) {
+TEST_F(Version, IsPrintedAfterBannerAndNoticeAndEndsWith255) {
   for (const char* spelling : {"-VERSION", "--version", "/Version"}) {
     Agent agent;
     agent.Option(spelling);
@@ -88,56 +99,50 @@ TEST(Version, IsPrintedAfterBannerAndNoticeAndEndsWith255) {
   }
 }
 
-TEST(Version, GivesWayToHelp) {
-  Agent agent;
-  agent.Options({"-VERSION", "-H"}).Trace();
-  EXPECT_EQ(agent.Run(), 255);
-  EXPECT_EQ(AfterLegalNotice(agent.Stdout()), std::string(kUsage) + "\n");
-  EXPECT_TRUE(OptionTraced(agent, "'DbcInitGlobalInternal' Leave Print help"));
+TEST_F(Version, GivesWayToHelp) {
+  agent_.Options({"-VERSION", "-H"}).Trace();
+  EXPECT_EQ(agent_.Run(), 255);
+  EXPECT_EQ(AfterLegalNotice(agent_.Stdout()), std::string(kUsage) + "\n");
+  EXPECT_TRUE(OptionTraced(agent_, "'DbcInitGlobalInternal' Leave Print help"));
 }
 
-TEST(Version, IsTracedAsTheReasonOfTheEnd) {
-  Agent agent;
-  agent.Option("-VERSION").Trace();
-  EXPECT_EQ(agent.Run(), 255);
-  EXPECT_TRUE(OptionTraced(agent, "'DbcInitGlobalInternal' Leave Print version"));
+TEST_F(Version, IsTracedAsTheReasonOfTheEnd) {
+  agent_.Option("-VERSION").Trace();
+  EXPECT_EQ(agent_.Run(), 255);
+  EXPECT_TRUE(OptionTraced(agent_, "'DbcInitGlobalInternal' Leave Print version"));
 }
 
-TEST(Banner, AndNoticeArePrintedAtEveryStart) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
+TEST_F(Banner, AndNoticeArePrintedAtEveryStart) {
+  StartAgent();
   std::string notice;
-  const std::string rest = AfterLegalNotice(agent.Stdout(), &notice);
+  const std::string rest = AfterLegalNotice(agent_.Stdout(), &notice);
   EXPECT_EQ(rest.rfind("The agent has used communication identifier", 0), 0u) << rest;
   EXPECT_LE(notice.size(), 256u);  // with the newline that ends it
-  EXPECT_EQ(agent.Stdout().find(kBanner, 1), std::string::npos) << "printed twice";
+  EXPECT_EQ(agent_.Stdout().find(kBanner, 1), std::string::npos) << "printed twice";
 }
 
-TEST(Banner, IsPrintedOnceByADaemon) {
-  Agent agent;
-  ASSERT_TRUE(agent.StartDaemon());
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Stdout().rfind(kBanner), 0u) << agent.Stdout();
+TEST_F(Banner, IsPrintedOnceByADaemon) {
+  ASSERT_TRUE(agent_.StartDaemon());
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Stdout().rfind(kBanner), 0u) << agent_.Stdout();
 }
 
-TEST(Banner, IsPrintedByAPingRun) {
-  Agent agent;
-  agent.Option("-PING");
-  EXPECT_EQ(agent.Run(), 66);
-  EXPECT_EQ(AfterLegalNotice(agent.Stdout()),
-            "Nodetab found: \"" + agent.NodetabPath().string() + "\"\n");
+TEST_F(Banner, IsPrintedByAPingRun) {
+  agent_.Option("-PING");
+  EXPECT_EQ(agent_.Run(), 66);
+  EXPECT_EQ(AfterLegalNotice(agent_.Stdout()),
+            "Nodetab found: \"" + agent_.NodetabPath().string() + "\"\n");
 }
 
-class NodetabOption : public testing::TestWithParam<Arguments> {};
+class NodetabOption : public AgentTest, public testing::WithParamInterface<Arguments> {};
 
 TEST_P(NodetabOption, GivesThePath) {
-  Agent agent;
-  std::filesystem::rename(agent.NodetabPath(), agent.Folder() / "work" / "table");
-  agent.WithoutNodetab().Trace();
-  agent.Options(GetParam());
-  ASSERT_TRUE(agent.Start());
-  EXPECT_TRUE(OptionTraced(agent, "Option NODETAB set \"table\"")) << agent.Log();
-  EXPECT_NE(agent.Stdout().find("Nodetab found: \"table\"\n"), std::string::npos);
+  std::filesystem::rename(agent_.NodetabPath(), agent_.Folder() / "work" / "table");
+  agent_.WithoutNodetab().Trace();
+  agent_.Options(GetParam());
+  StartAgent();
+  EXPECT_TRUE(OptionTraced(agent_, "Option NODETAB set \"table\"")) << agent_.Log();
+  EXPECT_NE(agent_.Stdout().find("Nodetab found: \"table\"\n"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -148,39 +153,36 @@ INSTANTIATE_TEST_SUITE_P(
                     Arguments{"-NODETAB", "other", "-N", "table"},  // the short form first
                     Arguments{"-N", "table", "-N", "other"}));      // the first of two
 
-TEST(NodetabOptionWithoutValue, IsAsIfItWereAbsent) {
-  Agent agent;
-  std::filesystem::rename(agent.NodetabPath(), agent.Folder() / "work" / "nodetab");
-  agent.WithoutNodetab().Trace().Options({"-NODAEMON", "-N"});
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-  EXPECT_EQ(CountContaining(agent, "Option NODETAB set"), 0u);
-  EXPECT_NE(agent.Stdout().find((agent.Folder() / "work" / "nodetab").string()), std::string::npos);
+TEST_F(NodetabOptionWithoutValue, IsAsIfItWereAbsent) {
+  std::filesystem::rename(agent_.NodetabPath(), agent_.Folder() / "work" / "nodetab");
+  agent_.WithoutNodetab().Trace().Options({"-NODAEMON", "-N"});
+  agent_.Spawn();
+  ASSERT_TRUE(agent_.WaitUntilReady());
+  EXPECT_EQ(CountContaining(agent_, "Option NODETAB set"), 0u);
+  EXPECT_NE(agent_.Stdout().find((agent_.Folder() / "work" / "nodetab").string()),
+            std::string::npos);
 }
 
-TEST(NodetabOptionWithoutValue, TakesTheNextOptionForItsValue) {
-  Agent agent;
-  agent.WithoutNodetab().Trace().Options({"-NODAEMON", "-N", "-S", "srv7"});
-  EXPECT_EQ(agent.Run(), 254);
-  EXPECT_TRUE(OptionTraced(agent, "Option NODETAB set \"-S\""));
-  EXPECT_TRUE(OptionTraced(agent, "Default node set \"srv7\""));
+TEST_F(NodetabOptionWithoutValue, TakesTheNextOptionForItsValue) {
+  agent_.WithoutNodetab().Trace().Options({"-NODAEMON", "-N", "-S", "srv7"});
+  EXPECT_EQ(agent_.Run(), 254);
+  EXPECT_TRUE(OptionTraced(agent_, "Option NODETAB set \"-S\""));
+  EXPECT_TRUE(OptionTraced(agent_, "Default node set \"srv7\""));
 }
 
-TEST(ALongerKey, IsNotTakenForAShortOne) {
-  Agent agent;
-  agent.Trace().Options({"-NODETABLE", "x", "-NX=y", "-N=", "-Mx", "7"});
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(CountContaining(agent, "Option NODETAB set"), 1u);
-  EXPECT_TRUE(OptionTraced(agent, "Option NODETAB set \"" + agent.NodetabPath().string() + "\""));
-  EXPECT_TRUE(OptionTraced(agent, "Use NET_MBX = " + std::to_string(agent.ExchangeId())));
+TEST_F(ALongerKey, IsNotTakenForAShortOne) {
+  agent_.Trace().Options({"-NODETABLE", "x", "-NX=y", "-N=", "-Mx", "7"});
+  StartAgent();
+  EXPECT_EQ(CountContaining(agent_, "Option NODETAB set"), 1u);
+  EXPECT_TRUE(OptionTraced(agent_, "Option NODETAB set \"" + agent_.NodetabPath().string() + "\""));
+  EXPECT_TRUE(OptionTraced(agent_, "Use NET_MBX = " + std::to_string(agent_.ExchangeId())));
 }
 
-TEST(UnknownOptions, AreIgnored) {
-  Agent agent;
-  agent.Options({"-NOSUCH", "", "-", "/", "value", "--x=1"});
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Results(), "");
+TEST_F(UnknownOptions, AreIgnored) {
+  agent_.Options({"-NOSUCH", "", "-", "/", "value", "--x=1"});
+  StartAgent();
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Results(), "");
 }
 
 struct MbxCase {
@@ -194,21 +196,20 @@ void PrintTo(const MbxCase& given, std::ostream* out) {
        << (given.Environment ? given.Environment : "unset");
 }
 
-class NetMbx : public testing::TestWithParam<MbxCase> {};
+class NetMbx : public AgentTest, public testing::WithParamInterface<MbxCase> {};
 
 TEST_P(NetMbx, NamesTheClientSocket) {
-  Agent agent;
-  agent.WithoutExchangeOption().ExchangeId(GetParam().Expected).Trace();
-  if (GetParam().Environment) agent.Environment("NET_MBX", GetParam().Environment);
-  agent.Option("-NODAEMON");
-  agent.Options(GetParam().Options);
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
+  agent_.WithoutExchangeOption().ExchangeId(GetParam().Expected).Trace();
+  if (GetParam().Environment) agent_.Environment("NET_MBX", GetParam().Environment);
+  agent_.Option("-NODAEMON");
+  agent_.Options(GetParam().Options);
+  agent_.Spawn();
+  ASSERT_TRUE(agent_.WaitUntilReady());
   const std::string number = std::to_string(GetParam().Expected);
-  EXPECT_TRUE(OptionTraced(agent, "Use NET_MBX = " + number));
-  EXPECT_NE(
-      agent.Stdout().find("The agent has used communication identifier (NET_MBX) " + number + "\n"),
-      std::string::npos);
+  EXPECT_TRUE(OptionTraced(agent_, "Use NET_MBX = " + number));
+  EXPECT_NE(agent_.Stdout().find("The agent has used communication identifier (NET_MBX) " + number +
+                                 "\n"),
+            std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -221,29 +222,27 @@ INSTANTIATE_TEST_SUITE_P(
                     MbxCase{{"-m=12tail"}, nullptr, 12}, MbxCase{{"-M", "-5"}, nullptr, -5},
                     MbxCase{{"-M", "010"}, nullptr, 10}));
 
-TEST(Defaults, LeaveTheOptionalLinesOut) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
+TEST_F(Defaults, LeaveTheOptionalLinesOut) {
+  agent_.Trace();
+  StartAgent();
   for (const char* text :
        {"Default node set", "Return 1001 error", "Need to send signal", "Exit after dead parent",
         "Create pid file", "Circle connect timeout set", "Set ping flag = 1"})
-    EXPECT_EQ(CountContaining(agent, text), 0u) << text;
-  EXPECT_TRUE(OptionTraced(agent, "Parent precess has PID " + std::to_string(getpid())));
-  EXPECT_TRUE(OptionTraced(agent, "Do not fork"));
+    EXPECT_EQ(CountContaining(agent_, text), 0u) << text;
+  EXPECT_TRUE(OptionTraced(agent_, "Parent precess has PID " + std::to_string(getpid())));
+  EXPECT_TRUE(OptionTraced(agent_, "Do not fork"));
 }
 
-TEST(Options, AreTracedInTheirOrder) {
-  Agent agent;
+TEST_F(Options, AreTracedInTheirOrder) {
   const AwaitedSignal signal(SIGUSR1);
-  const std::string pidFile = agent.Folder() / "agent.pid";
-  agent.Trace().Options({"-PIDFILE", pidFile, "-PCHECK", "-PKILL", std::to_string(SIGUSR1),
-                         "-CONNERROR", "-CONNECTONLOAD", "-ERR1001", "-AUTOCONNECTTIMEOUT", "30",
-                         "-AUTOCONNECT", "-DEFAULT", "nowhere"});
-  ASSERT_TRUE(agent.Start());
+  const std::string pidFile = agent_.Folder() / "agent.pid";
+  agent_.Trace().Options({"-PIDFILE", pidFile, "-PCHECK", "-PKILL", std::to_string(SIGUSR1),
+                          "-CONNERROR", "-CONNECTONLOAD", "-ERR1001", "-AUTOCONNECTTIMEOUT", "30",
+                          "-AUTOCONNECT", "-DEFAULT", "nowhere"});
+  StartAgent();
   const std::vector<std::string> expected = {
-      "Option NODETAB set \"" + agent.NodetabPath().string() + "\"",
-      "Use NET_MBX = " + std::to_string(agent.ExchangeId()),
+      "Option NODETAB set \"" + agent_.NodetabPath().string() + "\"",
+      "Use NET_MBX = " + std::to_string(agent_.ExchangeId()),
       "Default node set \"nowhere\"",
       "Flag circle default connect set \"1\"",
       "Circle connect timeout set 30",
@@ -257,27 +256,26 @@ TEST(Options, AreTracedInTheirOrder) {
       "Exit after dead parent",
       "Create pid file " + pidFile};
   std::size_t next = 0;
-  for (const LogLine& line : agent.LogLines()) {
+  for (const LogLine& line : agent_.LogLines()) {
     if (next < expected.size() && line.Text == expected[next]) ++next;
   }
   EXPECT_EQ(next, expected.size()) << "missing, or not in its place: " << expected[next];
 }
 
-TEST(ShortOptions, MeanTheSameAsLongOnes) {
-  Agent agent;
+TEST_F(ShortOptions, MeanTheSameAsLongOnes) {
   const AwaitedSignal signal(SIGUSR1);
-  const std::string pidFile = agent.Folder() / "agent.pid";
-  agent.Trace().Options({"-p=" + pidFile, "/c", "-K", std::to_string(SIGUSR1), "-g", "-s=abc"});
-  ASSERT_TRUE(agent.Start());
+  const std::string pidFile = agent_.Folder() / "agent.pid";
+  agent_.Trace().Options({"-p=" + pidFile, "/c", "-K", std::to_string(SIGUSR1), "-g", "-s=abc"});
+  StartAgent();
   for (const std::string& line :
        {std::string("Default node set \"abc\""),
         std::string("Flag circle default connect set \"1\""), std::string("Exit after dead parent"),
         "Create pid file " + pidFile})
-    EXPECT_TRUE(OptionTraced(agent, line)) << line;
-  EXPECT_EQ(ReadFile(pidFile), std::to_string(agent.Pid()) + "\n");
+    EXPECT_TRUE(OptionTraced(agent_, line)) << line;
+  EXPECT_EQ(ReadFile(pidFile), std::to_string(agent_.Pid()) + "\n");
 }
 
-TEST(AutoChange, IsSetByEitherKey) {
+TEST_F(AutoChange, IsSetByEitherKey) {
   for (const char* key : {"-A", "-AUTOCHANGE"}) {
     Agent agent;
     agent.Trace().Option(key);
@@ -287,26 +285,24 @@ TEST(AutoChange, IsSetByEitherKey) {
 }
 
 // With one node both modes are switched off, so there are two that cannot be connected.
-TEST(AutoChange, GivesWayToAutoConnect) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n").Options({"-A", "-G"}).LogLevel("1");
-  ASSERT_TRUE(agent.Start());
+TEST_F(AutoChange, GivesWayToAutoConnect) {
+  agent_.Options({"-A", "-G"}).LogLevel("1");
+  StartAgent("A REZ\nB REZ\n");
   lumo::Message request;
   request.TaskName = getpid();
   request.SetAstInd(1);
-  ASSERT_TRUE(agent.Control().Ask(request, static_cast<int>(kPatience.count())));
-  EXPECT_TRUE(agent.Logged(1, "", "Set link  B as default")) << agent.Log();
-  EXPECT_FALSE(agent.LogContains("New default link is")) << agent.Log();
+  ASSERT_TRUE(agent_.Control().Ask(request, static_cast<int>(kPatience.count())));
+  EXPECT_TRUE(agent_.Logged(1, "", "Set link  B as default")) << agent_.Log();
+  EXPECT_FALSE(agent_.LogContains("New default link is")) << agent_.Log();
 }
 
-TEST(AutoConnectTimeout, IsIgnoredWithoutAutoConnect) {
-  Agent agent;
-  agent.Trace().Options({"-AUTOCONNECTTIMEOUT", "30", "-A"});
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(CountContaining(agent, "Circle connect timeout set"), 0u);
+TEST_F(AutoConnectTimeout, IsIgnoredWithoutAutoConnect) {
+  agent_.Trace().Options({"-AUTOCONNECTTIMEOUT", "30", "-A"});
+  StartAgent();
+  EXPECT_EQ(CountContaining(agent_, "Circle connect timeout set"), 0u);
 }
 
-TEST(AutoConnectTimeout, TakesAnyBaseAndKeeps16Bits) {
+TEST_F(AutoConnectTimeout, TakesAnyBaseAndKeeps16Bits) {
   const std::pair<const char*, const char*> cases[] = {
       {"30", "30"}, {"0x1e", "30"}, {"036", "30"}, {"65566", "30"}, {"x", "0"}};
   for (const auto& [value, stored] : cases) {
@@ -326,20 +322,19 @@ void PrintTo(const SignalCase& given, std::ostream* out) {
   *out << testing::PrintToString(given.Options);
 }
 
-class ParentSignal : public testing::TestWithParam<SignalCase> {};
+class ParentSignal : public AgentTest, public testing::WithParamInterface<SignalCase> {};
 
 TEST_P(ParentSignal, IsSentToTheStarter) {
   AwaitedSignal signal(GetParam().Signal);
-  Agent agent;
-  agent.Trace().Option("-NODAEMON");
-  agent.Options(GetParam().Options);
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-  EXPECT_EQ(signal.Sender(), agent.Pid());
+  agent_.Trace().Option("-NODAEMON");
+  agent_.Options(GetParam().Options);
+  agent_.Spawn();
+  ASSERT_TRUE(agent_.WaitUntilReady());
+  EXPECT_EQ(signal.Sender(), agent_.Pid());
   const std::string number = std::to_string(GetParam().Signal);
   EXPECT_TRUE(OptionTraced(
-      agent, "Need to send signal " + number + " g_DbcI.SignalToParentProcess to parent process"));
-  EXPECT_TRUE(agent.Logged(
+      agent_, "Need to send signal " + number + " g_DbcI.SignalToParentProcess to parent process"));
+  EXPECT_TRUE(agent_.Logged(
       15, "dbc", "Send signal " + number + " to parent process " + std::to_string(getpid())));
 }
 
@@ -351,20 +346,12 @@ INSTANTIATE_TEST_SUITE_P(
                     SignalCase{{"-K=0xc"}, 12}, SignalCase{{"-K", "012"}, 10},
                     SignalCase{{"-PKILL", "10", "-K", "12"}, 12}));
 
-TEST(Ping, ImpliesTheForeground) {
-  Agent agent;
-  agent.Trace().Option("-PING");
-  EXPECT_EQ(agent.Run(), 66) << "a background start would give 0";
-  EXPECT_TRUE(OptionTraced(agent, "Set ping flag = 1"));
-}
-
-TEST(AnEmptyPidFileOption, CountsAsAbsent) {
-  Agent agent;
-  agent.Trace().Options({"-NODAEMON", "-PIDFILE"});
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-  EXPECT_EQ(CountContaining(agent, "Create pid file"), 0u);
-  EXPECT_FALSE(agent.LogContains("File open failed"));
+TEST_F(AnEmptyPidFileOption, CountsAsAbsent) {
+  agent_.Trace().Options({"-NODAEMON", "-PIDFILE"});
+  agent_.Spawn();
+  ASSERT_TRUE(agent_.WaitUntilReady());
+  EXPECT_EQ(CountContaining(agent_, "Create pid file"), 0u);
+  EXPECT_FALSE(agent_.LogContains("File open failed"));
 }
 
 }  // namespace

@@ -2,10 +2,8 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -26,11 +24,18 @@ inline std::string LogOf(Agent& agent) {
 inline void ExpectServedBy(Peer& node, const std::string& name, Client& client,
                            const lumo::Message& request, const Place& place = Place::Here()) {
   const testing::ScopedTrace trace(place.File, place.Line, "");
-  const std::optional<lumo::Message> received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->AstInd(), request.AstInd());
-  node.Answer(*received, "from " + name);
+  const lumo::Message received = node.ExpectRequest();
+  EXPECT_EQ(received.AstInd(), request.AstInd());
+  node.Answer(received, "from " + name);
   EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "from " + name);
+}
+
+// The same over the node's next connection.
+template <class Server>
+void ExpectFirstServedBy(Server& node, const std::string& name, Client& client,
+                         const lumo::Message& request, const Place& place = Place::Here()) {
+  if (!node.Accept()) ADD_FAILURE_AT(place.File, place.Line) << "the agent does not connect";
+  ExpectServedBy(node, name, client, request, place);
 }
 
 // A local kernel that is not there until told.
@@ -46,14 +51,7 @@ class LateKernel : public Peer {
   LateKernel(LateKernel&&) = delete;
 
   // From here on connections are refused.
-  void Bind() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      throw std::runtime_error("the kernel's socket cannot be made");
-  }
+  void Bind() { listener_ = BoundAt(path_); }
   // From here on they wait for Accept.
   void Listen() {
     if (listener_ < 0) Bind();

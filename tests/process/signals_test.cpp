@@ -4,13 +4,20 @@
 
 #include <csignal>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
 namespace test {
 namespace {
+
+using Signals = AgentTest;
+using BlockedSignals = AgentTest;
+using BrokenPipe = AgentTest;
+using InputSignal = AgentTest;
+using Timer = AgentTest;
+using ParentWatch = AgentTest;
+using Children = AgentTest;
 
 int TimerEvents(const Agent& agent) {
   int count = 0;
@@ -19,153 +26,130 @@ int TimerEvents(const Agent& agent) {
   return count;
 }
 
-TEST(Signals, WriteNothingWithTheTraceOff) {
-  Agent agent;
-  agent.LogLevel("14");
-  ASSERT_TRUE(agent.Start());
+TEST_F(Signals, WriteNothingWithTheTraceOff) {
+  agent_.LogLevel("14");
+  StartAgent();
   for (const int signal : {SIGALRM, SIGIO, SIGCHLD, SIGPIPE}) {
-    agent.Signal(signal);
-    agent.Barrier();
+    agent_.Signal(signal);
+    agent_.Barrier();
   }
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(agent_.Log(), "");
 }
 
-TEST(Signals, AreTracedByTheirHandlers) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
+TEST_F(Signals, AreTracedByTheirHandlers) {
+  agent_.Trace();
+  StartAgent();
   for (const int signal : {SIGALRM, SIGIO, SIGCHLD}) {
-    agent.Signal(signal);
-    agent.Barrier();
+    agent_.Signal(signal);
+    agent_.Barrier();
   }
-  EXPECT_TRUE(agent.Logged(15, "init", "AlarmHandler!"));
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGIO"));
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
-  EXPECT_EQ(agent.Stop(), 0);
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGTERM " + std::to_string(SIGTERM)));
+  EXPECT_TRUE(agent_.Logged(15, "init", "AlarmHandler!"));
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGIO"));
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
+  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGTERM " + std::to_string(SIGTERM)));
 }
 
-TEST(Signals, InterruptIsTracedAsTermToo) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Stop(SIGINT), 0);
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGTERM " + std::to_string(SIGINT)));
+TEST_F(Signals, InterruptIsTracedAsTermToo) {
+  agent_.Trace();
+  StartAgent();
+  EXPECT_EQ(agent_.Stop(SIGINT), 0);
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGTERM " + std::to_string(SIGINT)));
 }
 
-class StopSignal : public testing::TestWithParam<int> {};
+class StopSignal : public AgentTest, public testing::WithParamInterface<int> {};
 
 TEST_P(StopSignal, EndsWithZeroAndRemovesPidFileAndSocket) {
-  Agent agent;
-  const std::string pidFile = agent.Folder() / "agent.pid";
-  agent.Options({"-PIDFILE", pidFile});
-  ASSERT_TRUE(agent.Start());
+  const std::string pidFile = agent_.Folder() / "agent.pid";
+  agent_.Options({"-PIDFILE", pidFile});
+  StartAgent();
   ASSERT_EQ(access(pidFile.c_str(), F_OK), 0);
-  EXPECT_EQ(agent.Stop(GetParam()), 0);
+  EXPECT_EQ(agent_.Stop(GetParam()), 0);
   EXPECT_NE(access(pidFile.c_str(), F_OK), 0);
-  EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
+  EXPECT_NE(access(agent_.SocketPath().c_str(), F_OK), 0);
 }
 
 TEST_P(StopSignal, WorksWhenTheCallerHadBlockedIt) {
-  Agent agent;
-  agent.Blocking(GetParam());
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Stop(GetParam()), 0);
+  agent_.Blocking(GetParam());
+  StartAgent();
+  EXPECT_EQ(agent_.Stop(GetParam()), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, StopSignal, testing::Values(SIGTERM, SIGINT));
 
-TEST(BlockedSignals, AreUnblockedAtTheStart) {
-  Agent agent;
-  agent.Blocking(SIGALRM).Blocking(SIGIO).Blocking(SIGCHLD).Trace();
-  ASSERT_TRUE(agent.Start());
+TEST_F(BlockedSignals, AreUnblockedAtTheStart) {
+  agent_.Blocking(SIGALRM).Blocking(SIGIO).Blocking(SIGCHLD).Trace();
+  StartAgent();
   for (const int signal : {SIGALRM, SIGIO, SIGCHLD}) {
-    agent.Signal(signal);
-    agent.Barrier();
+    agent_.Signal(signal);
+    agent_.Barrier();
   }
-  EXPECT_TRUE(agent.Logged(15, "init", "AlarmHandler!"));
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGIO"));
-  EXPECT_TRUE(agent.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
+  EXPECT_TRUE(agent_.Logged(15, "init", "AlarmHandler!"));
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGIO"));
+  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
 }
 
-TEST(BrokenPipe, OfAClientThatWentAwayDoesNotStopTheAgent) {
+TEST_F(BrokenPipe, OfAClientThatWentAwayDoesNotStopTheAgent) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client leaving(agent), staying(agent);
+  StartAgent(node.Line("A"));
+  Client leaving(agent_), staying(agent_);
   leaving.Send("A", "leaving");
-  ASSERT_TRUE(node.Accept());
-  const auto request = node.ReadRequest();
-  ASSERT_TRUE(request);
-  Freeze(agent.Pid());
-  node.Answer(*request);
+  const auto request = node.ExpectFirstRequest();
+  Freeze(agent_.Pid());
+  node.Answer(request);
   leaving.Close();
-  Thaw(agent.Pid());
-  const lumo::Message next = staying.Send("A", "staying");
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  node.Answer(*received, "still here");
-  EXPECT_EQ(staying.ExpectAnswer(next).Strings[0], "still here");
-  EXPECT_EQ(agent.Stop(), 0);
+  Thaw(agent_.Pid());
+  ExpectExchange(staying, staying.Send("A", "staying"), node, "still here");
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(BrokenPipe, SignalIsIgnored) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  agent.Signal(SIGPIPE);
-  agent.Barrier();
-  EXPECT_EQ(agent.Stop(), 0);
+TEST_F(BrokenPipe, SignalIsIgnored) {
+  StartAgent();
+  agent_.Signal(SIGPIPE);
+  agent_.Barrier();
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(InputSignal, ChangesNothing) {
+TEST_F(InputSignal, ChangesNothing) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("A"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("A"));
   const lumo::Message request = client.Send("A");
-  ASSERT_TRUE(node.Accept());
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  for (int i = 0; i < 20; ++i) agent.Signal(SIGIO);
-  agent.Barrier();
+  const auto received = node.ExpectFirstRequest();
+  for (int i = 0; i < 20; ++i) agent_.Signal(SIGIO);
+  agent_.Barrier();
   client.ExpectNothing();
-  node.Answer(*received, "answer");
+  node.Answer(received, "answer");
   EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "answer");
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Timer, EachTickIsOneTimerEvent) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  const int before = TimerEvents(agent);
-  agent.Ticks(3);
-  EXPECT_EQ(TimerEvents(agent), before + 3);
+TEST_F(Timer, EachTickIsOneTimerEvent) {
+  agent_.Trace();
+  StartAgent();
+  const int before = TimerEvents(agent_);
+  agent_.Ticks(3);
+  EXPECT_EQ(TimerEvents(agent_), before + 3);
 }
 
-TEST(Timer, SeveralAlarmsBetweenTwoLooksAreOneTimerEvent) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  const int before = TimerEvents(agent);
-  Freeze(agent.Pid());
-  for (int i = 0; i < 3; ++i) agent.Signal(SIGALRM);
-  Thaw(agent.Pid());
-  agent.Barrier();
-  EXPECT_EQ(TimerEvents(agent), before + 1);
+TEST_F(Timer, SeveralAlarmsBetweenTwoLooksAreOneTimerEvent) {
+  agent_.Trace();
+  StartAgent();
+  const int before = TimerEvents(agent_);
+  Freeze(agent_.Pid());
+  for (int i = 0; i < 3; ++i) agent_.Signal(SIGALRM);
+  Thaw(agent_.Pid());
+  agent_.Barrier();
+  EXPECT_EQ(TimerEvents(agent_), before + 1);
 }
 
-TEST(Timer, ComesByItselfEveryTwoSeconds) {
-  Agent agent;
-  agent.Trace();
-  ASSERT_TRUE(agent.Start());
-  agent.Tick();  // the next one comes in two seconds
-  const int before = TimerEvents(agent);
+TEST_F(Timer, ComesByItselfEveryTwoSeconds) {
+  agent_.Trace();
+  StartAgent();
+  agent_.Tick();  // the next one comes in two seconds
+  const int before = TimerEvents(agent_);
   const Clock::time_point start = Clock::now();
-  ASSERT_TRUE(WaitFor([&] { return TimerEvents(agent) >= before + 2; }));
+  ASSERT_TRUE(WaitFor([&] { return TimerEvents(agent_) >= before + 2; }));
   const auto passed = std::chrono::duration_cast<Milliseconds>(Clock::now() - start).count();
   EXPECT_GE(passed, 3500);
   EXPECT_LE(passed, 8000);
@@ -200,62 +184,54 @@ TEST(ParentSignal, IsNotSentWhenTheNodeTableFails) {
   EXPECT_EQ(signal.Sender(Milliseconds(0)), -1);
 }
 
-TEST(ParentWatch, StopsTheAgentOnTheTickAfterTheParentsDeath) {
-  Agent agent;
-  const std::string pidFile = agent.Folder() / "agent.pid";
-  agent.UnderOwnParent().Options({"-PCHECK", "-PIDFILE", pidFile}).Trace();
-  ASSERT_TRUE(agent.Start());
-  agent.Ticks(2);
-  const int alarms = agent.CountLogged(15, "init", "AlarmHandler!");
-  agent.KillParent();
-  agent.Signal(SIGALRM);
-  EXPECT_EQ(agent.Wait(), 0);
-  EXPECT_EQ(agent.CountLogged(15, "init", "AlarmHandler!"), alarms + 1) << "not a tick later";
+TEST_F(ParentWatch, StopsTheAgentOnTheTickAfterTheParentsDeath) {
+  const std::string pidFile = agent_.Folder() / "agent.pid";
+  agent_.UnderOwnParent().Options({"-PCHECK", "-PIDFILE", pidFile}).Trace();
+  StartAgent();
+  agent_.Ticks(2);
+  const int alarms = agent_.CountLogged(15, "init", "AlarmHandler!");
+  agent_.KillParent();
+  agent_.Signal(SIGALRM);
+  EXPECT_EQ(agent_.Wait(), 0);
+  EXPECT_EQ(agent_.CountLogged(15, "init", "AlarmHandler!"), alarms + 1) << "not a tick later";
   EXPECT_NE(access(pidFile.c_str(), F_OK), 0);
-  EXPECT_NE(access(agent.SocketPath().c_str(), F_OK), 0);
+  EXPECT_NE(access(agent_.SocketPath().c_str(), F_OK), 0);
 }
 
-TEST(ParentWatch, WorksWithTheShortKeyAndWithoutATestsHelp) {
-  Agent agent;
-  agent.UnderOwnParent().Option("-C");
-  ASSERT_TRUE(agent.Start());
-  agent.KillParent();
-  EXPECT_EQ(agent.Wait(), 0);
+TEST_F(ParentWatch, WorksWithTheShortKeyAndWithoutATestsHelp) {
+  agent_.UnderOwnParent().Option("-C");
+  StartAgent();
+  agent_.KillParent();
+  EXPECT_EQ(agent_.Wait(), 0);
 }
 
-TEST(ParentWatch, OfADaemonWatchesTheStarterOfTheCommand) {
-  Agent agent;
-  agent.Option("-PCHECK");
-  ASSERT_TRUE(agent.StartDaemon());
-  agent.Ticks(2);
-  EXPECT_TRUE(agent.Running()) << "the foreground copy is gone, but not this test";
-  EXPECT_EQ(agent.Stop(), 0);
+TEST_F(ParentWatch, OfADaemonWatchesTheStarterOfTheCommand) {
+  agent_.Option("-PCHECK");
+  ASSERT_TRUE(agent_.StartDaemon());
+  agent_.Ticks(2);
+  EXPECT_TRUE(agent_.Running()) << "the foreground copy is gone, but not this test";
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(ParentWatch, IsOffWithoutTheOption) {
-  Agent agent;
-  agent.UnderOwnParent();
-  ASSERT_TRUE(agent.Start());
-  agent.KillParent();
-  agent.Ticks(2);
-  EXPECT_EQ(agent.Stop(), 0);
+TEST_F(ParentWatch, IsOffWithoutTheOption) {
+  agent_.UnderOwnParent();
+  StartAgent();
+  agent_.KillParent();
+  agent_.Ticks(2);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(Children, AreReaped) {
+TEST_F(Children, AreReaped) {
   IpcKernel kernel;
-  Agent agent;
-  agent.Nodetab(kernel.Line("K"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(kernel.Line("K"));
   const lumo::Message request = client.Send("K");
-  const auto received = kernel.ReadRequest();
-  ASSERT_TRUE(received);
-  ASSERT_TRUE(ProcessRuns(received->Reader));
-  EXPECT_EQ(ProcessStatus(received->Reader, "PPid"), std::to_string(agent.Pid()));
-  kill(received->Reader, SIGKILL);
-  EXPECT_TRUE(WaitFor([&] { return !ProcessExists(received->Reader); }));
+  const auto received = kernel.ExpectRequest();
+  ASSERT_TRUE(ProcessRuns(received.Reader));
+  EXPECT_EQ(ProcessStatus(received.Reader, "PPid"), std::to_string(agent_.Pid()));
+  kill(received.Reader, SIGKILL);
+  EXPECT_TRUE(WaitFor([&] { return !ProcessExists(received.Reader); }));
   EXPECT_EQ(client.ExpectAnswer(request).CodErr, 4009);
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

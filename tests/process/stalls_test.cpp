@@ -11,13 +11,11 @@
 #include <csignal>
 #include <deque>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
@@ -46,12 +44,8 @@ bool AllowDescriptors(rlim_t count) {
   return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
 
-class Stalls : public testing::Test {
+class Stalls : public AgentTest {
  protected:
-  void Start(const std::string& nodetab) {
-    agent_.Nodetab(nodetab);
-    if (!agent_.Start()) throw std::runtime_error("no agent");
-  }
   // The agent serves somebody else, whose tag nobody uses.
   void ExpectServed(const std::string& node) {
     Client other(agent_);
@@ -61,15 +55,13 @@ class Stalls : public testing::Test {
     EXPECT_EQ(other.ExpectAnswer(request).Strings[0], "still there");
   }
   std::size_t Traced(const std::string& text) const { return Count(agent_.Log(), text); }
-
-  Agent agent_;
 };
 
 // Half frames
 
 TEST_F(Stalls, ARequestThatComesByteByByteHoldsNobodyUp) {
   EchoNode node;
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   Client slow(agent_);
   const lumo::Message request = slow.Request("SRV", "slow");
   const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
@@ -83,7 +75,7 @@ TEST_F(Stalls, ARequestThatComesByteByByteHoldsNobodyUp) {
 
 TEST_F(Stalls, HalvesOfManyClientsArePutTogetherEachForItself) {
   EchoNode node;
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   std::deque<Client> clients;
   std::vector<lumo::Message> requests;
   for (std::size_t i = 0; i < 12; ++i) {
@@ -104,13 +96,10 @@ TEST_F(Stalls, HalvesOfManyClientsArePutTogetherEachForItself) {
 TEST_F(Stalls, AnAnswerThatStopsInTheMiddleHoldsNobodyUp) {
   Node slow;
   EchoNode node;
-  Start(slow.Line("SLOW") + node.Line("SRV"));
-  Client client(agent_);
+  Client client = StartWithClient(slow.Line("SLOW") + node.Line("SRV"));
   const lumo::Message request = client.Send("SLOW");
-  ASSERT_TRUE(slow.Accept());
-  const auto received = slow.ReadRequest();
-  ASSERT_TRUE(received);
-  const std::string packet = lumo::Encode(AnswerTo(*received, "row"), lumo::Lengths::Packet);
+  const auto received = slow.ExpectFirstRequest();
+  const std::string packet = lumo::Encode(AnswerTo(received, "row"), lumo::Lengths::Packet);
   for (const std::size_t part : {std::size_t{2}, std::size_t{60}}) {
     slow.SendBytes(packet.substr(part == 2 ? 0 : 2, part == 2 ? 2 : part - 2));
     ExpectServed("SRV");
@@ -123,14 +112,12 @@ TEST_F(Stalls, AnAnswerThatStopsInTheMiddleHoldsNobodyUp) {
 
 TEST_F(Stalls, TheWatchdogRunsWhileAPacketIsIncomplete) {
   Node node;
-  Start(node.Line("SRV", "0 4 0"));
-  Client client(agent_);
+  Client client = StartWithClient(node.Line("SRV", "0 4 0"));
   const lumo::Message request = client.Send("SRV");
   ASSERT_TRUE(node.Accept());
   EXPECT_EQ(node.ReadControl(), (Control{1, 0x00045555}));
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  const std::string packet = lumo::Encode(AnswerTo(*received, "row"), lumo::Lengths::Packet);
+  const auto received = node.ExpectRequest();
+  const std::string packet = lumo::Encode(AnswerTo(received, "row"), lumo::Lengths::Packet);
   agent_.Ticks(2);
   node.SendBytes(packet.substr(0, packet.size() - 1));
   agent_.Barrier();
@@ -146,8 +133,7 @@ TEST_F(Stalls, TheWatchdogRunsWhileAPacketIsIncomplete) {
 class FloodedNode : public Stalls {
  protected:
   void SetUp() override {
-    Start(node_.Line("SRV"));
-    Client client(agent_);
+    Client client = StartWithClient(node_.Line("SRV"));
     client.Send("SRV");
     ASSERT_TRUE(node_.Accept());
     ASSERT_TRUE(node_.ReadRequest());
@@ -186,13 +172,10 @@ TEST_F(FloodedNode, DoesNotHoldUpTheStop) { EXPECT_EQ(agent_.Stop(), 0); }
 TEST_F(Stalls, ALinkThatHasMuchToDeliverIsLeftForAPass) {
   Node node;
   agent_.Trace();
-  Start(node.Line("SRV"));
-  Client client(agent_);
+  Client client = StartWithClient(node.Line("SRV"));
   const lumo::Message request = client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  const auto received = node.ReadRequest();
-  ASSERT_TRUE(received);
-  node.Answer(*received);
+  const auto received = node.ExpectFirstRequest();
+  node.Answer(received);
   client.ExpectAnswer(request);
 
   agent_.Signal(SIGSTOP);
@@ -226,7 +209,7 @@ class FloodBesideAnswers : public Stalls {
   }
   void SetUp() override {
     agent_.Trace();
-    Start(node_.Line("SRV") + flood_.Line("FLOOD"));
+    StartAgent(node_.Line("SRV") + flood_.Line("FLOOD"));
     client_.emplace(agent_);
     for (Node* node : {&node_, &flood_}) {
       const lumo::Message request = client_->Send(node == &node_ ? "SRV" : "FLOOD");
@@ -275,7 +258,7 @@ TEST_F(FloodBesideAnswers, TheAnswersOfOthersAreNotHandedOutOneByOne) {
 TEST_F(Stalls, AClientThatNeverReadsIsClosedAtOneMebibyte) {
   EchoNode node;
   agent_.LogLevel("2");
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   Client deaf(agent_);
   const lumo::Message request = deaf.Request("SRV", kLongText);
   const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
@@ -292,7 +275,7 @@ TEST_F(Stalls, AClientThatNeverReadsIsClosedAtOneMebibyte) {
 
 TEST_F(Stalls, AClientThatReadsLateGetsAllItsAnswersInOrder) {
   EchoNode node;
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   Client late(agent_);
   std::vector<lumo::Message> requests;
   for (int i = 0; i < 100; ++i)  // less than a mebibyte, more than the system keeps
@@ -308,7 +291,7 @@ TEST_F(Stalls, AClientThatReadsLateGetsAllItsAnswersInOrder) {
 TEST_F(Stalls, AClientThatHangsUpWithAnswersUnsentIsFreed) {
   EchoNode node;
   agent_.LogLevel("2");
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   std::optional<Client> deaf(std::in_place, agent_);
   ExpectServed("SRV");
   agent_.Barrier();
@@ -330,7 +313,7 @@ class DeafNode : public Stalls {
   void SetUp() override {
     agent_.Trace();
     agent_.Environment("LUMO_LINK_BUFFER", "0");  // a link that is soon full
-    Start(node_.Line("DEAF") + echo_.Line("SRV"));
+    StartAgent(node_.Line("DEAF") + echo_.Line("SRV"));
     client_.emplace(agent_);
     client_->Send("DEAF");
     ASSERT_TRUE(node_.Accept());
@@ -399,10 +382,7 @@ TEST_F(DeafNode, GetsEverythingInOrderOnceItReads) {
   const lumo::Message last = client_->Request("DEAF", "after");
   EXPECT_EQ(last.AstInd(), tag + 1);
   client_->SendMessage(last);
-  const auto received = node_.ReadRequest();
-  ASSERT_TRUE(received);
-  node_.Answer(*received, "row");
-  EXPECT_EQ(client_->ExpectAnswer(last).Strings[0], "row");
+  ExpectExchange(*client_, last, node_, "row");
   EXPECT_EQ(agent_.Stop(), 0);
 }
 
@@ -448,8 +428,7 @@ TEST_F(Stalls, AConnectionMayHaveAsManyRequestsInFlightAsThereAreTags) {
   constexpr int kTags = 65536, kTogether = 64;
   Node node;
   EchoNode echo;
-  Start(node.Line("MUTE") + echo.Line("SRV"));
-  Client client(agent_);
+  Client client = StartWithClient(node.Line("MUTE") + echo.Line("SRV"));
   lumo::Message request = client.Request("MUTE");
   std::string frames;
   for (int i = 0; i < kTogether; ++i) frames += lumo::Encode(request, lumo::Lengths::Client);
@@ -469,9 +448,8 @@ TEST_F(Stalls, AConnectionMayHaveAsManyRequestsInFlightAsThereAreTags) {
   request.SetAstInd(1);
   node.Answer(request);
   client.ExpectAnswer(request);
-  const auto waited = node.ReadRequest();
-  ASSERT_TRUE(waited);
-  EXPECT_EQ(waited->AstInd(), 2);
+  const auto waited = node.ExpectRequest();
+  EXPECT_EQ(waited.AstInd(), 2);
 }
 
 // Requests that wait for a link
@@ -480,7 +458,7 @@ class SlowConnection : public Stalls {
  protected:
   void SetUp() override {
     agent_.Trace();
-    Start(node_.Line("SRV"));
+    StartAgent(node_.Line("SRV"));
     node_.Stall();
   }
   std::size_t Saved() const { return Traced("|'SaveUnsendMsg' Call from"); }
@@ -508,9 +486,8 @@ TEST_F(SlowConnection, AConnectionMayHave32RequestsWaiting) {
   ASSERT_TRUE(node_.Accept());
   std::vector<std::string> texts, expected;
   for (int i = 0; i < 41; ++i) {
-    const auto request = node_.ReadRequest();
-    ASSERT_TRUE(request);
-    texts.push_back(request->Strings[0]);
+    const auto request = node_.ExpectRequest();
+    texts.push_back(request.Strings[0]);
     expected.push_back(std::to_string(i < 32 ? i : i - 1));
   }
   expected[32] = "other";
@@ -544,7 +521,7 @@ TEST_F(SlowConnection, ParkedClientsDoNotHoldUpTheStop) {
 
 TEST_F(Stalls, AClientThatNeverReadsHoldsTheStopUpForASecondAtMost) {
   EchoNode node;
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   Client deaf(agent_);
   for (int i = 0; i < 100; ++i) deaf.Send("SRV", kLongText);
   ASSERT_TRUE(WaitFor([&] { return node.Served() == 100; }));
@@ -556,7 +533,7 @@ TEST_F(Stalls, AClientThatNeverReadsHoldsTheStopUpForASecondAtMost) {
 
 TEST_F(Stalls, AnswersThatAClientHasNotTakenYetAreGivenToItAtTheStop) {
   EchoNode node;
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   Client late(agent_);
   std::vector<lumo::Message> requests;
   for (int i = 0; i < 100; ++i) requests.push_back(late.Send("SRV", kLongText));
@@ -570,11 +547,9 @@ TEST_F(Stalls, AnswersThatAClientHasNotTakenYetAreGivenToItAtTheStop) {
 
 TEST_F(Stalls, RequestsUnderWayAreAnsweredAtTheStop) {
   Node node;
-  Start(node.Line("SRV"));
-  Client client(agent_);
+  Client client = StartWithClient(node.Line("SRV"));
   const lumo::Message request = client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
   agent_.Signal(SIGTERM);
   client.ExpectError(request, 0, 0);
   EXPECT_EQ(agent_.Wait(), 0);
@@ -611,7 +586,7 @@ TEST_F(ManyConnections, ClientsAbove254AreServed) {
   ASSERT_TRUE(AllowDescriptors(1000));
   EchoNode node;
   agent_.Limit(RLIMIT_NOFILE, 1024);
-  Start(node.Line("SRV"));
+  StartAgent(node.Line("SRV"));
   ExpectServed("SRV");
   ASSERT_TRUE(Open(300));
   Client last(agent_);
@@ -626,7 +601,7 @@ TEST_F(ManyConnections, ClientsAbove254AreServed) {
 TEST_F(ManyConnections, AHangUpAbove254IsNoticed) {
   ASSERT_TRUE(AllowDescriptors(1000));
   agent_.Limit(RLIMIT_NOFILE, 1024);
-  Start("NOWHERE REZ\n");
+  StartAgent("NOWHERE REZ\n");
   ASSERT_TRUE(Open(300));
   agent_.Barrier();
   const int before = OpenDescriptors(agent_.Pid());
@@ -639,7 +614,7 @@ TEST_F(ManyConnections, AHangUpAbove254IsNoticed) {
 TEST_F(ManyConnections, DescriptorsThatNoSetHoldsAreClosedAtOnce) {
   ASSERT_TRUE(AllowDescriptors(1300)) << "the test needs as many descriptors";
   agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 1200);
-  Start("NOWHERE REZ\n");
+  StartAgent("NOWHERE REZ\n");
   int greeted = 0;
   while (greeted < 1100 && Greeted()) ++greeted;
   EXPECT_LT(greeted, 1024);
@@ -661,7 +636,7 @@ class FewDescriptors : public ManyConnections {
  protected:
   void SetUp() override {
     agent_.LogLevel("2").Limit(RLIMIT_NOFILE, 16);
-    Start("NOWHERE REZ\n");
+    StartAgent("NOWHERE REZ\n");
     while (connections_.size() < 20 && Greeted()) continue;
     ASSERT_LT(connections_.size(), 16u);
     agent_.Barrier();

@@ -10,14 +10,17 @@
 #include <cstring>
 #include <deque>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
+
+using TcpAddressText = AgentTest;
+using TcpConnect = AgentTest;
+using TcpDisconnect = AgentTest;
 
 constexpr char kNotInTime[] = "TCPIP.Connect is broken on timeout";
 constexpr char kNoPacket[] = "TCPIP.Link is broken on timeout send";
@@ -79,54 +82,44 @@ int ConnectError(const char* address, std::uint16_t port) {
 
 // Address text
 
-TEST(TcpAddressText, MissingFieldsGetTheirDefaults) {
-  Agent agent;
-  agent.Nodetab("SRV TCPIP 127.0.0.1\n").Trace();
-  ASSERT_TRUE(agent.Start());
-  EXPECT_TRUE(agent.Logged(15, "lumo_tcp", "Network address 100007f"));
-  EXPECT_TRUE(agent.Logged(15, "lumo_tcp", "Port 0x2404 in network order"));
-  EXPECT_TRUE(agent.Logged(15, "lumo_tcp", "Receive timeout(on dbs side) 20 sec"));
-  EXPECT_TRUE(agent.Logged(15, "lumo_tcp", "Send timeout(on dbs side) 0 sec"));
-  EXPECT_TRUE(agent.Logged(15, "lumo_tcp", "Connect timeout 0 sec"));
+TEST_F(TcpAddressText, MissingFieldsGetTheirDefaults) {
+  agent_.Trace();
+  StartAgent("SRV TCPIP 127.0.0.1\n");
+  EXPECT_TRUE(agent_.Logged(15, "lumo_tcp", "Network address 100007f"));
+  EXPECT_TRUE(agent_.Logged(15, "lumo_tcp", "Port 0x2404 in network order"));
+  EXPECT_TRUE(agent_.Logged(15, "lumo_tcp", "Receive timeout(on dbs side) 20 sec"));
+  EXPECT_TRUE(agent_.Logged(15, "lumo_tcp", "Send timeout(on dbs side) 0 sec"));
+  EXPECT_TRUE(agent_.Logged(15, "lumo_tcp", "Connect timeout 0 sec"));
 }
 
-TEST(TcpAddressText, ALocalNameAndAHexadecimalPortAreUnderstood) {
+TEST_F(TcpAddressText, ALocalNameAndAHexadecimalPortAreUnderstood) {
   Node node;
-  Agent agent;
   char line[80];
   std::snprintf(line, sizeof line, "SRV\tTCPIP\tlocalhost\t0x%x\t0\t0\t0\n",
                 static_cast<unsigned>(node.Port()));
-  agent.Nodetab(line);
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(line);
   client.Send("SRV", "hello");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
 }
 
-TEST(TcpAddressText, AnOctalPortIsUnderstood) {
+TEST_F(TcpAddressText, AnOctalPortIsUnderstood) {
   Node node;
-  Agent agent;
   char line[80];
   std::snprintf(line, sizeof line, "SRV TCPIP 127.0.0.1 0%o 00 0 0\n",
                 static_cast<unsigned>(node.Port()));
-  agent.Nodetab(line);
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(line);
   client.Send("SRV", "hello");
   ASSERT_TRUE(node.Accept());
   EXPECT_TRUE(node.ReadRequest()) << "00 switches keep-alive off as 0 does";
 }
 
-TEST(TcpAddressText, ABadAddressIsReportedAndItsLineSkipped) {
+TEST_F(TcpAddressText, ABadAddressIsReportedAndItsLineSkipped) {
   EchoNode node;
-  Agent agent;
-  agent.Nodetab("BAD TCPIP 1.2.3.4.5.6 1060\nEMPTY TCPIP\n" + node.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  EXPECT_TRUE(agent.Logged(0, "", "'1.2.3.4.' is not a valid tcp address"));
-  EXPECT_TRUE(agent.Logged(0, "", "Tcp address is empty"));
-  EXPECT_EQ(lumo::CountNodes(agent.Control())->Result, 1);
-  Client client(agent);
+  StartAgent("BAD TCPIP 1.2.3.4.5.6 1060\nEMPTY TCPIP\n" + node.Line("SRV"));
+  EXPECT_TRUE(agent_.Logged(0, "", "'1.2.3.4.' is not a valid tcp address"));
+  EXPECT_TRUE(agent_.Logged(0, "", "Tcp address is empty"));
+  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 1);
+  Client client(agent_);
   EXPECT_EQ(client.Ask("SRV", "x").Strings[0], "x");
   client.ExpectError(client.Send("BAD"), 4050, 0);
 }
@@ -281,93 +274,77 @@ TEST(TcpWatchdog, ItRunsOnWhileAPacketIsIncomplete) {
 
 // Connecting
 
-TEST(TcpConnect, AServerThatDoesNotAnswerGives4058OnTheSeventhTick) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV", "0 0 10")).LogLevel("3");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpConnect, AServerThatDoesNotAnswerGives4058OnTheSeventhTick) {
+  Node node(Node::Start::Stalled);
+  agent_.LogLevel("3");
+  Client client = StartWithClient(node.Line("SRV", "0 0 10"));
   const lumo::Message first = client.Send("SRV", "1"), second = client.Send("SRV", "2");
-  agent.Barrier();
-  agent.Ticks(6);
+  agent_.Barrier();
+  agent_.Ticks(6);
   client.ExpectNothing();
-  EXPECT_FALSE(agent.Logged(3, "lumo_tcp", kNotInTime));
-  agent.Tick();
+  EXPECT_FALSE(agent_.Logged(3, "lumo_tcp", kNotInTime));
+  agent_.Tick();
   ExpectErrorNow(client, first, 4058, 0);
   ExpectErrorNow(client, second, 4058, 0);
-  EXPECT_EQ(agent.CountLogged(3, "lumo_tcp", kNotInTime), 1);
-  EXPECT_EQ(agent.CountLogged(1, "", "Disconnect link  SRV"), 0) << "it was never connected";
-  agent.Ticks(8);
+  EXPECT_EQ(agent_.CountLogged(3, "lumo_tcp", kNotInTime), 1);
+  EXPECT_EQ(agent_.CountLogged(1, "", "Disconnect link  SRV"), 0) << "it was never connected";
+  agent_.Ticks(8);
   client.ExpectNothing();
 }
 
-TEST(TcpConnect, ANewRequestBeginsANewConnectWithANewCount) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV", "0 0 1"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpConnect, ANewRequestBeginsANewConnectWithANewCount) {
+  Node node(Node::Start::Stalled);
+  Client client = StartWithClient(node.Line("SRV", "0 0 1"));
   for (int round = 0; round < 2; ++round) {
     const lumo::Message request = client.Send("SRV");
-    agent.Barrier();
-    agent.Tick();
+    agent_.Barrier();
+    agent_.Tick();
     client.ExpectNothing();
-    agent.Tick();
+    agent_.Tick();
     ExpectErrorNow(client, request, 4058, 0);
   }
 }
 
-TEST(TcpConnect, EachTickRepeatsTheConnect) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpConnect, EachTickRepeatsTheConnect) {
+  Node node(Node::Start::Stalled);
+  agent_.Trace();
+  Client client = StartWithClient(node.Line("SRV"));
   client.Send("SRV");
-  agent.Barrier();
-  EXPECT_EQ(agent.CountLogged(15, "lumo_tcp", "before connect()"), 1);
-  EXPECT_EQ(agent.CountLogged(15, "lumo_tcp", "before repeate connect()"), 0);
-  agent.Ticks(3);
-  EXPECT_EQ(agent.CountLogged(15, "lumo_tcp", "Connection \"SRV\" is in progress state."), 3);
-  EXPECT_EQ(agent.CountLogged(15, "lumo_tcp", "before repeate connect()"), 3);
+  agent_.Barrier();
+  EXPECT_EQ(agent_.CountLogged(15, "lumo_tcp", "before connect()"), 1);
+  EXPECT_EQ(agent_.CountLogged(15, "lumo_tcp", "before repeate connect()"), 0);
+  agent_.Ticks(3);
+  EXPECT_EQ(agent_.CountLogged(15, "lumo_tcp", "Connection \"SRV\" is in progress state."), 3);
+  EXPECT_EQ(agent_.CountLogged(15, "lumo_tcp", "before repeate connect()"), 3);
   EXPECT_EQ(
-      agent.CountLogged(15, "lumo_tcp", "Connection \"SRV\" is already in progress. Call:connect"),
+      agent_.CountLogged(15, "lumo_tcp", "Connection \"SRV\" is already in progress. Call:connect"),
       3);
 }
 
-TEST(TcpConnect, WithoutATimeoutRequestsWaitUntilTheServerAnswersAndGoOutInOrder) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV", "3 0 0")).LogLevel("1");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpConnect, WithoutATimeoutRequestsWaitUntilTheServerAnswersAndGoOutInOrder) {
+  Node node(Node::Start::Stalled);
+  agent_.LogLevel("1");
+  Client client = StartWithClient(node.Line("SRV", "3 0 0"));
   std::vector<lumo::Message> requests;
   for (int i = 0; i < 6; ++i) requests.push_back(client.Send("SRV", std::to_string(i)));
-  agent.Barrier();
-  agent.Ticks(20);
+  agent_.Barrier();
+  agent_.Ticks(20);
   client.ExpectNothing();
-  EXPECT_FALSE(agent.Logged(1, "", "Link SRV connected"));
+  EXPECT_FALSE(agent_.Logged(1, "", "Link SRV connected"));
   node.Unstall();
   ASSERT_TRUE(node.Accept());
   EXPECT_EQ(node.ReadFrame(), ControlFrame(0, 3));
   for (int i = 0; i < 6; ++i) EXPECT_EQ(node.ReadRequest()->Strings[0], std::to_string(i));
   for (const lumo::Message& request : requests) node.Answer(request);
   for (const lumo::Message& request : requests) client.ExpectAnswer(request);
-  EXPECT_EQ(agent.CountLogged(1, "", "Link SRV connected"), 1);
+  EXPECT_EQ(agent_.CountLogged(1, "", "Link SRV connected"), 1);
 }
 
-TEST(TcpConnect, ASlowServerDoesNotHoldUpTheOthers) {
-  Node slow;
-  slow.Stall();
+TEST_F(TcpConnect, ASlowServerDoesNotHoldUpTheOthers) {
+  Node slow(Node::Start::Stalled);
   EchoNode quick;
-  Agent agent;
-  agent.Nodetab(slow.Line("SLOW") + quick.Line("QUICK"));
-  ASSERT_TRUE(agent.Start());
-  Client waiting(agent), client(agent);
+  StartAgent(slow.Line("SLOW") + quick.Line("QUICK"));
+  Client waiting(agent_), client(agent_);
   waiting.Send("SLOW");
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(client.Ask("QUICK", std::to_string(i)).Strings[0], std::to_string(i));
@@ -375,103 +352,83 @@ TEST(TcpConnect, ASlowServerDoesNotHoldUpTheOthers) {
   waiting.ExpectNothing();
 }
 
-TEST(TcpConnect, ARefusedConnectionGives4006WithItsError) {
+TEST_F(TcpConnect, ARefusedConnectionGives4006WithItsError) {
   Node node(Node::Start::Bound);
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).LogLevel("3");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  agent_.LogLevel("3");
+  Client client = StartWithClient(node.Line("SRV"));
   client.ExpectError(client.Send("SRV"), 4006, ECONNREFUSED);
-  EXPECT_TRUE(agent.LogContains(
+  EXPECT_TRUE(agent_.LogContains(
       "TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 111. errno "));
-  EXPECT_EQ(agent.CountLogged(1, "", "Disconnect link  SRV"), 0);
+  EXPECT_EQ(agent_.CountLogged(1, "", "Disconnect link  SRV"), 0);
   node.Listen();
-  const lumo::Message request = client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
-  node.Answer(request);
-  client.ExpectAnswer(request);
+  ExpectFirstExchange(client, client.Send("SRV"), node);
 }
 
-TEST(TcpConnect, AnAddressThatCannotBeReachedGives4006AtOnce) {
+TEST_F(TcpConnect, AnAddressThatCannotBeReachedGives4006AtOnce) {
   const char kMulticast[] = "224.0.0.1";
   const int error = ConnectError(kMulticast, 1060);
   ASSERT_NE(error, 0);
-  Agent agent;
-  agent.Nodetab("SRV TCPIP 224.0.0.1 1060 0 0 0\n").LogLevel("3");
-  ASSERT_TRUE(agent.Start());
-  const int before = OpenDescriptors(agent.Pid());
-  Client client(agent);
+  agent_.LogLevel("3");
+  StartAgent("SRV TCPIP 224.0.0.1 1060 0 0 0\n");
+  const int before = OpenDescriptors(agent_.Pid());
+  Client client(agent_);
   client.ExpectError(client.Send("SRV"), 4006, error);
   EXPECT_EQ(
-      agent.CountLogged(3, "lumo_tcp",
-                        "tcpip. connect(...) return bad status. errno = " + std::to_string(error)),
+      agent_.CountLogged(3, "lumo_tcp",
+                         "tcpip. connect(...) return bad status. errno = " + std::to_string(error)),
       1);
-  EXPECT_EQ(OpenDescriptors(agent.Pid()), before + 1) << "the client's connection";
+  EXPECT_EQ(OpenDescriptors(agent_.Pid()), before + 1) << "the client's connection";
 }
 
-TEST(TcpConnect, WithoutADescriptorLeftTheCodeIs4001) {
+TEST_F(TcpConnect, WithoutADescriptorLeftTheCodeIs4001) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).LogLevel("3").Limit(RLIMIT_NOFILE, 20);
-  ASSERT_TRUE(agent.Start());
+  agent_.LogLevel("3").Limit(RLIMIT_NOFILE, 20);
+  StartAgent(node.Line("SRV"));
   std::deque<Client> clients;
-  while (OpenDescriptors(agent.Pid()) < 20 && clients.size() < 20) clients.emplace_back(agent);
-  ASSERT_EQ(OpenDescriptors(agent.Pid()), 20);
+  while (OpenDescriptors(agent_.Pid()) < 20 && clients.size() < 20) clients.emplace_back(agent_);
+  ASSERT_EQ(OpenDescriptors(agent_.Pid()), 20);
   Client& client = clients.back();
   client.ExpectError(client.Send("SRV"), 4001, EMFILE);
-  EXPECT_EQ(agent.CountLogged(3, "lumo_tcp",
-                              "tcpip. Connect. socket(PF_INET..) return bad status. errno = 24"),
+  EXPECT_EQ(agent_.CountLogged(3, "lumo_tcp",
+                               "tcpip. Connect. socket(PF_INET..) return bad status. errno = 24"),
             1);
   clients.pop_front();
-  agent.Barrier();
-  const lumo::Message request = client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
-  node.Answer(request);
-  client.ExpectAnswer(request);
+  agent_.Barrier();
+  ExpectFirstExchange(client, client.Send("SRV"), node);
 }
 
-TEST(TcpConnect, ADescriptorAbove254IsRefusedWith4052AndClosed) {
+TEST_F(TcpConnect, ADescriptorAbove254IsRefusedWith4052AndClosed) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).LogLevel("3").Limit(RLIMIT_NOFILE, 400);
-  ASSERT_TRUE(agent.Start());
+  agent_.LogLevel("3").Limit(RLIMIT_NOFILE, 400);
+  StartAgent(node.Line("SRV"));
   std::deque<Client> clients;
-  while (DescriptorTarget(agent.Pid(), 254).empty() && clients.size() < 260)
-    clients.emplace_back(agent);
-  ASSERT_TRUE(DescriptorTarget(agent.Pid(), 255).empty());
-  const int before = OpenDescriptors(agent.Pid());
+  while (DescriptorTarget(agent_.Pid(), 254).empty() && clients.size() < 260)
+    clients.emplace_back(agent_);
+  ASSERT_TRUE(DescriptorTarget(agent_.Pid(), 255).empty());
+  const int before = OpenDescriptors(agent_.Pid());
   Client& client = clients.back();
   client.ExpectError(client.Send("SRV"), 4052, 0);
-  EXPECT_EQ(agent.CountLogged(3, "lumo_tcp",
-                              "tcpip. Connect. socket(PF_INET..) return too big value = 255"),
+  EXPECT_EQ(agent_.CountLogged(3, "lumo_tcp",
+                               "tcpip. Connect. socket(PF_INET..) return too big value = 255"),
             1);
-  EXPECT_EQ(OpenDescriptors(agent.Pid()), before);
+  EXPECT_EQ(OpenDescriptors(agent_.Pid()), before);
   EXPECT_FALSE(node.Connecting(Milliseconds(0)));
   clients.pop_front();  // a lower number is free again
-  agent.Barrier();
-  const lumo::Message request = client.Send("SRV");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
-  node.Answer(request);
-  client.ExpectAnswer(request);
+  agent_.Barrier();
+  ExpectFirstExchange(client, client.Send("SRV"), node);
 }
 
-TEST(TcpConnect, WithConnerrorARequestDoesNotWaitForTheConnection) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV")).Option("-CONNERROR");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpConnect, WithConnerrorARequestDoesNotWaitForTheConnection) {
+  Node node(Node::Start::Stalled);
+  agent_.Option("-CONNERROR");
+  Client client = StartWithClient(node.Line("SRV"));
   client.ExpectError(client.Send("SRV"), 4006, EINPROGRESS);
   client.ExpectError(client.Send("SRV"), 4006, EINPROGRESS);
 }
 
 // The end
 
-TEST(TcpDisconnect, AStopClosesTheConnectionAndAnswersWithoutACode) {
+TEST_F(TcpDisconnect, AStopClosesTheConnectionAndAnswersWithoutACode) {
   ConnectedLink link("0 0 0");
   link.TakeFirstRequest();
   EXPECT_EQ(link.Agent.Stop(), 0);
@@ -479,20 +436,16 @@ TEST(TcpDisconnect, AStopClosesTheConnectionAndAnswersWithoutACode) {
   link.Client->ExpectError(link.Pending, 0, 0);
 }
 
-TEST(TcpDisconnect, AStopWhileConnectingIsNotHeldUp) {
-  Node node;
-  node.Stall();
-  Agent agent;
-  agent.Nodetab(node.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(TcpDisconnect, AStopWhileConnectingIsNotHeldUp) {
+  Node node(Node::Start::Stalled);
+  Client client = StartWithClient(node.Line("SRV"));
   const lumo::Message request = client.Send("SRV");
-  agent.Barrier();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Barrier();
+  EXPECT_EQ(agent_.Stop(), 0);
   client.ExpectError(request, 0, 0);
 }
 
-TEST(TcpDisconnect, AResetConnectionGives4008WithItsError) {
+TEST_F(TcpDisconnect, AResetConnectionGives4008WithItsError) {
   ConnectedLink link("0 0 0");
   link.TakeFirstRequest();
   link.Node.Reset();
@@ -503,7 +456,7 @@ TEST(TcpDisconnect, AResetConnectionGives4008WithItsError) {
       1);
 }
 
-TEST(TcpDisconnect, NoDescriptorIsLostOverManyConnections) {
+TEST_F(TcpDisconnect, NoDescriptorIsLostOverManyConnections) {
   ConnectedLink link("0 0 0");
   link.TakeFirstRequest();
   link.Node.Close();

@@ -250,8 +250,7 @@ TEST_F(TcpPackets, AnAnswerOnAnotherLinkDoesNotCount) {
   StartConnected("0 0 0", other.Line("OTHER"));
   test::Client second(Agent);
   const lumo::Message theirs = second.Send("OTHER", "theirs");
-  ASSERT_TRUE(other.Accept());
-  ASSERT_TRUE(other.ReadRequest());
+  other.ExpectFirstRequest();
   const lumo::Message request = InFlight();
   ASSERT_EQ(theirs.TaskName, request.TaskName);
   ASSERT_NE(theirs.AstInd(), request.AstInd());
@@ -333,8 +332,7 @@ TEST_F(TcpPackets, AStringBeyondTheMessageTakesTheLinkDown) {
     ASSERT_TRUE(agent.Start());
     test::Client client(agent);
     const lumo::Message request = client.Send("SRV");
-    ASSERT_TRUE(node.Accept());
-    ASSERT_TRUE(node.ReadRequest());
+    node.ExpectFirstRequest();
     std::string frame = lumo::Encode(AnswerTo(request, ""), lumo::Lengths::Packet);
     Overwrite(&frame, 52, static_cast<std::uint16_t>(count));
     node.SendBytes(frame);
@@ -414,8 +412,7 @@ TEST_F(TcpPackets, AServerThatClosesMidPacketGives4009ToAllWhoWait) {
     ASSERT_TRUE(agent.Start());
     test::Client one(agent), two(agent);
     const lumo::Message first = one.Send("SRV", "1");
-    ASSERT_TRUE(node.Accept());
-    ASSERT_TRUE(node.ReadRequest());
+    node.ExpectFirstRequest();
     const lumo::Message second = two.Send("SRV", "2");
     ASSERT_TRUE(node.ReadRequest());
     const std::string frame = lumo::Encode(AnswerTo(first, "x"), lumo::Lengths::Packet);
@@ -450,16 +447,14 @@ TEST_F(TcpPackets, TheDeathOfAClientIsToldToTheServersItUsed) {
   test::Node other, unused;
   StartConnected("0 0 0", other.Line("OTHER") + unused.Line("UNUSED"));
   Client->Send("UNUSED");
-  ASSERT_TRUE(unused.Accept());
-  ASSERT_TRUE(unused.ReadRequest());
+  unused.ExpectFirstRequest();
   LivingProcess process;
   const pid_t pid = process.Pid();
   test::Client dying(Agent, pid);
   dying.Send("SRV");
   TakeRequest();
   dying.Send("OTHER");
-  ASSERT_TRUE(other.Accept());
-  ASSERT_TRUE(other.ReadRequest());
+  other.ExpectFirstRequest();
   process.Kill();
   Agent.Tick();
   const std::string told = Bytes(std::uint32_t{8}) + Bytes(std::uint32_t{2}) + Bytes(pid);
@@ -658,7 +653,7 @@ TEST_F(TcpStall, AServerThatNeverStopsSendingDoesNotStopTheOthers) {
   std::thread sender([&] {
     while (!enough && Node.SendBytes(packets)) ++rounds;
   });
-  EXPECT_TRUE(WaitFor([&] { return rounds > 5; }));
+  EXPECT_TRUE(WaitFor([&] { return rounds > 0; }));
   for (int i = 0; i < 5; ++i) EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
   Agent.Signal(SIGALRM);  // not Tick(): the agent never rests
   Agent.Barrier();

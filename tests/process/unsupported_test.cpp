@@ -1,8 +1,7 @@
 // Nodes with protocols that the agent does not carry.
 #include <gtest/gtest.h>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
@@ -10,68 +9,61 @@
 namespace test {
 namespace {
 
+using UnsupportedProtocol = AgentTest;
+
 constexpr const char* kProtocols[] = {"ATCPIP", "ATCPIPS", "REZ",    "IPX/SPX", "NPIPE",
                                       "DECNET", "TSR",     "TCPIPS", "NETBIOS"};
 
-TEST(UnsupportedProtocol, EachOfTheNineMakesANodeThatFailsOnlyWhenItIsConnected) {
-  Agent agent;
+TEST_F(UnsupportedProtocol, EachOfTheNineMakesANodeThatFailsOnlyWhenItIsConnected) {
   std::string table;
   for (const char* protocol : kProtocols)
     table += "N" + std::to_string(table.size()) + " " + protocol + " some address\n";
-  agent.Nodetab(table);
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.Results(), "");
-  EXPECT_EQ(lumo::CountNodes(agent.Control())->Result, 9);
-  Client client(agent);
+  StartAgent(table);
+  EXPECT_EQ(agent_.Results(), "");
+  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 9);
+  Client client(agent_);
   for (int index = 0; index < 9; ++index) {
-    const std::string name = lumo::ItemText(lumo::GetNameByIndex(agent.Control(), index)->Item);
+    const std::string name = lumo::ItemText(lumo::GetNameByIndex(agent_.Control(), index)->Item);
     client.ExpectError(client.Send(name), 4066, 0);
   }
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
-TEST(UnsupportedProtocol, IsRecognisedInAnyCase) {
-  Agent agent;
-  agent.Nodetab("A npipe\nB NPipe x\nC ipx/Spx\nD tcpips 127.0.0.1\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(UnsupportedProtocol, IsRecognisedInAnyCase) {
+  Client client = StartWithClient("A npipe\nB NPipe x\nC ipx/Spx\nD tcpips 127.0.0.1\n");
   for (const char* name : {"A", "B", "C", "D"}) client.ExpectError(client.Send(name), 4066, 0);
 }
 
-TEST(UnsupportedProtocol, OtherNamesAreNotAcceptedAtAll) {
-  Agent agent;
-  agent.Nodetab("A DUMMY\nB REZA\nC TS\nD IPX\nE REZ\n").LogLevel("2");
-  ASSERT_TRUE(agent.Start());
+TEST_F(UnsupportedProtocol, OtherNamesAreNotAcceptedAtAll) {
+  agent_.LogLevel("2");
+  StartAgent("A DUMMY\nB REZA\nC TS\nD IPX\nE REZ\n");
   for (const char* protocol : {"DUMMY", "REZA", "TS", "IPX"}) {
     EXPECT_TRUE(
-        agent.Logged(2, "protload", "Protocol '" + std::string(protocol) + "' don't support"));
+        agent_.Logged(2, "protload", "Protocol '" + std::string(protocol) + "' don't support"));
   }
-  EXPECT_EQ(lumo::CountNodes(agent.Control())->Result, 1);
-  Client client(agent);
+  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 1);
+  Client client(agent_);
   client.ExpectError(client.Send("A"), 4050, 0);
 }
 
-TEST(UnsupportedProtocol, EachNodeLoadsARecordOfItsOwn) {
-  Agent agent;
-  agent.Nodetab("A REZ\nB REZ\n").Trace();
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(agent.CountLogged(15, "dummy", "'DUMMYInitProtocol' Leave SUCCESS"), 2);
-  EXPECT_FALSE(agent.LogContains("already is in list of protocol"));
-  const auto a = lumo::DecodeNodeDescription(lumo::GetNodeByName(agent.Control(), "A")->Item);
+TEST_F(UnsupportedProtocol, EachNodeLoadsARecordOfItsOwn) {
+  agent_.Trace();
+  StartAgent("A REZ\nB REZ\n");
+  EXPECT_EQ(agent_.CountLogged(15, "dummy", "'DUMMYInitProtocol' Leave SUCCESS"), 2);
+  EXPECT_FALSE(agent_.LogContains("already is in list of protocol"));
+  const auto a = lumo::DecodeNodeDescription(lumo::GetNodeByName(agent_.Control(), "A")->Item);
   ASSERT_TRUE(a);
   EXPECT_EQ(a->ProtocolCode, 0u);
 }
 
-TEST(UnsupportedProtocol, TheFailureIsTracedAndNothingElseOfTheDriver) {
-  Agent agent;
-  agent.Nodetab("A TSR\n").Trace();
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(UnsupportedProtocol, TheFailureIsTracedAndNothingElseOfTheDriver) {
+  agent_.Trace();
+  Client client = StartWithClient("A TSR\n");
   client.ExpectError(client.Send("A"), 4066, 0);
-  agent.Tick();
-  EXPECT_EQ(agent.Stop(), 0);
+  agent_.Tick();
+  EXPECT_EQ(agent_.Stop(), 0);
   int lines = 0;
-  for (const LogLine& line : agent.LogLines()) {
+  for (const LogLine& line : agent_.LogLines()) {
     if (line.Module != "dummy") continue;
     ++lines;
     EXPECT_TRUE(line.Text.starts_with("'DUMMYInitProtocol' ") ||
@@ -79,34 +71,25 @@ TEST(UnsupportedProtocol, TheFailureIsTracedAndNothingElseOfTheDriver) {
         << line.Text;
   }
   EXPECT_EQ(lines, 4);
-  EXPECT_TRUE(agent.Logged(15, "dummy", "'DummyConnectLink' Leave FAILED:unsupport"));
+  EXPECT_TRUE(agent_.Logged(15, "dummy", "'DummyConnectLink' Leave FAILED:unsupport"));
 }
 
-TEST(UnsupportedProtocol, RepeatedFailuresUseNoDescriptor) {
-  Agent agent;
-  agent.Nodetab("A NETBIOS\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(UnsupportedProtocol, RepeatedFailuresUseNoDescriptor) {
+  Client client = StartWithClient("A NETBIOS\n");
   client.ExpectError(client.Send("A"), 4066, 0);
-  const int before = OpenDescriptors(agent.Pid());
+  const int before = OpenDescriptors(agent_.Pid());
   for (int i = 0; i < 20; ++i) client.ExpectError(client.Send("A"), 4066, 0);
-  EXPECT_EQ(OpenDescriptors(agent.Pid()), before);
+  EXPECT_EQ(OpenDescriptors(agent_.Pid()), before);
 }
 
-TEST(UnsupportedProtocol, ANodeCanBeDeletedAndRedefined) {
+TEST_F(UnsupportedProtocol, ANodeCanBeDeletedAndRedefined) {
   Node node;
-  Agent agent;
-  agent.Nodetab("A REZ\nB TCPIPS\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient("A REZ\nB TCPIPS\n");
   client.ExpectError(client.Send("B"), 4066, 0);
-  EXPECT_EQ(lumo::DeleteNodeByName(agent.Control(), "B")->Result, lumo::kDone);
+  EXPECT_EQ(lumo::DeleteNodeByName(agent_.Control(), "B")->Result, lumo::kDone);
   client.ExpectError(client.Send("B"), 4050, 0);
-  EXPECT_EQ(lumo::SetNodeByName(agent.Control(), "A", node.Line("A"))->Result, lumo::kDone);
-  const lumo::Message request = client.Send("A");
-  ASSERT_TRUE(node.Accept());
-  node.Answer(*node.ReadRequest(), "now");
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "now");
+  EXPECT_EQ(lumo::SetNodeByName(agent_.Control(), "A", node.Line("A"))->Result, lumo::kDone);
+  ExpectFirstExchange(client, client.Send("A"), node, "now");
 }
 
 }  // namespace

@@ -2,20 +2,15 @@
 //
 // A test looks like this:
 //
-//   TEST(Dispatch, ARequestReachesItsNodeAndTheAnswerItsClient) {
+//   TEST_F(AgentTest, ARequestReachesItsNodeAndTheAnswerItsClient) {  // agent_test.h: agent_
 //     test::Node node;                                   // a stand-in server on a port of its own
-//     test::Agent agent;
-//     agent.Nodetab(node.Line("SRV1"));
-//     ASSERT_TRUE(agent.Start());                        // returns when the agent's loop serves
-//     test::Client client(agent);
+//     test::Client client = StartWithClient(node.Line("SRV1"));  // when the agent's loop serves
 //     const lumo::Message request = client.Send("SRV1", "select 1");
-//     ASSERT_TRUE(node.Accept());
-//     const auto received = node.ReadRequest();
-//     ASSERT_TRUE(received);
-//     EXPECT_EQ(received->Strings[0], "select 1");
-//     node.Answer(*received, "one row");
+//     const lumo::Message received = node.ExpectFirstRequest();
+//     EXPECT_EQ(received.Strings[0], "select 1");
+//     node.Answer(received, "one row");
 //     EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "one row");
-//     EXPECT_EQ(agent.Stop(), 0);
+//     EXPECT_EQ(agent_.Stop(), 0);
 //   }
 //
 // * agent.Tick() is one tick of the 2-second timer, carried out when it returns, and nothing else:

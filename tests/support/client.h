@@ -8,17 +8,9 @@
 #include "lib/message_codec.h"
 #include "tests/support/agent.h"
 #include "tests/support/connection.h"
+#include "tests/support/place.h"
 
 namespace test {
-
-// Of the line in the test, for its failures; std::source_location asks for a later clang.
-struct Place {
-  const char* File;
-  int Line;
-  static Place Here(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
-    return {file, line};
-  }
-};
 
 class Client;
 

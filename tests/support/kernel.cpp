@@ -6,7 +6,6 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,14 +41,8 @@ int FreeNumber(const Agent& agent) {
 }
 
 int ListenOn(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path)
-    throw std::runtime_error("the temporary directory's path is too long for a socket");
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 16) != 0)
-    throw std::runtime_error("the local kernel's socket cannot be made");
+  const int fd = BoundAt(path);
+  if (listen(fd, 16) != 0) throw std::runtime_error("the local kernel's socket cannot be made");
   return fd;
 }
 
@@ -107,6 +100,11 @@ bool LocalKernel::Accept(const std::string& greeting, Milliseconds timeout) {
   return greeting.empty() || Peer::SendBytes(greeting);
 }
 
+lumo::Message LocalKernel::ExpectFirstRequest(const Place& place) {
+  if (!Accept()) ADD_FAILURE_AT(place.File, place.Line) << "the agent does not connect";
+  return ExpectRequest(place);
+}
+
 void LocalKernel::StopListening() {
   if (listener_ < 0) return;
   close(listener_);
@@ -149,6 +147,13 @@ std::optional<IpcKernel::Request> IpcKernel::ReadRequest(Milliseconds timeout) {
   WaitFor([&] { return (request = TakeRequest()).has_value(); }, timeout);
   if (!request) ADD_FAILURE() << "no request comes through the queue";
   return request;
+}
+
+IpcKernel::Request IpcKernel::ExpectRequest(const Place& place) {
+  const testing::ScopedTrace trace(place.File, place.Line, "");
+  const std::optional<Request> request = ReadRequest();
+  if (!request) throw std::runtime_error("the test cannot go on without the request");
+  return *request;
 }
 
 std::optional<IpcKernel::Request> IpcKernel::TakeRequest() {
@@ -222,7 +227,6 @@ void IpcKernel::DrainQueue() {
 void IpcKernel::RemoveSegment() { shmctl(segment_, IPC_RMID, nullptr); }
 void IpcKernel::RemoveQueue() { msgctl(queue_, IPC_RMID, nullptr); }
 void IpcKernel::RemoveSemaphore() { semctl(semaphore_, 0, IPC_RMID); }
-bool IpcKernel::CanAttach() const { return shmget(key_, 0, 0) >= 0; }
 
 std::string IpcKernel::Line(const std::string& name) const {
   return name + " LOCALI " + std::to_string(key_) + "\n";

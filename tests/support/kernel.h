@@ -22,6 +22,8 @@ class LocalKernel : public Peer {
 
   bool Accept(Milliseconds timeout = kPatience) { return Accept(std::string(60, '\0'), timeout); }
   bool Accept(const std::string& greeting, Milliseconds timeout = kPatience);
+  // A connection, and the first request over it; the test is over without them.
+  lumo::Message ExpectFirstRequest(const Place& place = Place::Here());
   void StopListening();  // also removes the socket's file
   int Number() const { return number_; }
   // A node table line: `protocol` is LOCALS or LOCAL.
@@ -48,6 +50,7 @@ class IpcKernel {
   IpcKernel& operator=(const IpcKernel&) = delete;
 
   std::optional<Request> ReadRequest(Milliseconds timeout = kPatience);
+  Request ExpectRequest(const Place& place = Place::Here());  // the test is over without it
   std::optional<Request> TakeRequest();  // one that is there already; it need not be
   bool Answer(const Request& request, const std::string& text = {}, int codErr = 0);
   bool SendMessage(pid_t reader, const lumo::Message& message);
@@ -63,7 +66,6 @@ class IpcKernel {
   void RemoveSegment();
   void RemoveQueue();
   void RemoveSemaphore();
-  bool CanAttach() const;  // the segment exists; used to see what the agent sees
 
   int Key() const { return key_; }
   std::string Line(const std::string& name) const;

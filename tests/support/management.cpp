@@ -49,20 +49,14 @@ Answer AskManagement(Connection& agent, std::uint16_t command, std::int32_t rowI
 }
 
 Answer AnswerOne(Connection& agent) { return AskManagement(agent, 100); }
-Answer AnswerZero(Connection& agent) { return AskManagement(agent, 101); }
 Answer CountNodes(Connection& agent) { return AskManagement(agent, 102); }
 Answer GetDefaultName(Connection& agent) { return AskManagement(agent, 103); }
-Answer GetDefaultIndex(Connection& agent) { return AskManagement(agent, 104); }
 Answer GetNameByIndex(Connection& agent, std::int32_t index) {
   return AskManagement(agent, 105, index);
 }
 Answer SetDefaultByIndex(Connection& agent, std::int32_t index) {
   return AskManagement(agent, 106, index);
 }
-Answer AskReserved(Connection& agent, std::uint16_t command) {
-  return AskManagement(agent, command);
-}
-Answer GetNodetabPath(Connection& agent) { return AskManagement(agent, 116); }
 Answer LockNodetab(Connection& agent, std::int32_t owner) {
   return AskManagement(agent, 117, owner);
 }
@@ -75,27 +69,15 @@ Answer AddNode(Connection& agent, const std::string& line) {
 Answer GetNodeByName(Connection& agent, const std::string& name) {
   return AskManagement(agent, 120, 0, Terminated(name));
 }
-Answer GetNodeByIndex(Connection& agent, std::int32_t index) {
-  return AskManagement(agent, 121, index);
-}
 Answer GetDefaultNode(Connection& agent) { return AskManagement(agent, 122); }
 Answer DeleteNodeByName(Connection& agent, const std::string& name) {
   return AskManagement(agent, 123, 0, Terminated(name));
-}
-Answer DeleteNodeByIndex(Connection& agent, std::int32_t index) {
-  return AskManagement(agent, 124, index);
 }
 Answer DeleteDefaultNode(Connection& agent) { return AskManagement(agent, 125); }
 
 Answer SetNodeByName(Connection& agent, const std::string& name, const std::string& line) {
   // The agent looks for the line behind the name, its NUL and one byte more.
   return AskManagement(agent, 126, 0, Terminated(name) + '\0' + Terminated(line));
-}
-Answer SetNodeByIndex(Connection& agent, std::int32_t index, const std::string& line) {
-  return AskManagement(agent, 127, index, Terminated(line));
-}
-Answer SetDefaultNode(Connection& agent, const std::string& line) {
-  return AskManagement(agent, 128, 0, Terminated(line));
 }
 Answer GetNodetabStatus(Connection& agent, std::int32_t owner) {
   return AskManagement(agent, 129, owner);

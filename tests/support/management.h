@@ -39,27 +39,19 @@ Answer AskManagement(Connection& agent, std::uint16_t command, std::int32_t rowI
                      const std::string& argument = {}, int timeoutMs = kManagementTimeoutMs);
 
 Answer AnswerOne(Connection& agent);                           // 100: Result 1
-Answer AnswerZero(Connection& agent);                          // 101: Result 0
 Answer CountNodes(Connection& agent);                          // 102: Result is the number of nodes
 Answer GetDefaultName(Connection& agent);                      // 103: Result 1, Item the name
-Answer GetDefaultIndex(Connection& agent);                     // 104
 Answer GetNameByIndex(Connection& agent, std::int32_t index);  // 105: Result 1, Item the name
 Answer SetDefaultByIndex(Connection& agent, std::int32_t index);      // 106: Result 1
-Answer AskReserved(Connection& agent, std::uint16_t command);         // 107 to 115: Result 0
-Answer GetNodetabPath(Connection& agent);                             // 116: Item the path
 Answer LockNodetab(Connection& agent, std::int32_t owner);            // 117
 Answer UnlockNodetab(Connection& agent, std::int32_t owner);          // 118
 Answer AddNode(Connection& agent, const std::string& line);           // 119: Result 1 when refused
 Answer GetNodeByName(Connection& agent, const std::string& name);     // 120: Item a description
-Answer GetNodeByIndex(Connection& agent, std::int32_t index);         // 121
 Answer GetDefaultNode(Connection& agent);                             // 122
 Answer DeleteNodeByName(Connection& agent, const std::string& name);  // 123
-Answer DeleteNodeByIndex(Connection& agent, std::int32_t index);      // 124
 Answer DeleteDefaultNode(Connection& agent);                          // 125
 Answer SetNodeByName(Connection& agent, const std::string& name,
-                     const std::string& line);                                          // 126
-Answer SetNodeByIndex(Connection& agent, std::int32_t index, const std::string& line);  // 127
-Answer SetDefaultNode(Connection& agent, const std::string& line);                      // 128
-Answer GetNodetabStatus(Connection& agent, std::int32_t owner);                         // 129
+                     const std::string& line);                   // 126
+Answer GetNodetabStatus(Connection& agent, std::int32_t owner);  // 129
 
 }  // namespace lumo

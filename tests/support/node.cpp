@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -61,6 +62,7 @@ void SendAtOnce(int fd) {
 Node::Node(Start start) : Peer(lumo::Lengths::Packet) {
   Bind(0);
   if (start == Start::Listening) Listen();
+  if (start == Start::Stalled) Stall();
 }
 
 Node::~Node() {
@@ -87,6 +89,11 @@ bool Node::Accept(Milliseconds timeout) {
   if (!next.Open()) return false;
   static_cast<Peer&>(*this) = std::move(next);
   return true;
+}
+
+lumo::Message Node::ExpectFirstRequest(const Place& place) {
+  if (!Accept()) ADD_FAILURE_AT(place.File, place.Line) << "the agent does not connect";
+  return ExpectRequest(place);
 }
 
 Peer Node::AcceptAnother(Milliseconds timeout) {

@@ -15,7 +15,8 @@ namespace test {
 // that was accepted last.
 class Node : public Peer {
  public:
-  enum class Start { Listening, Bound /* connections are refused until Listen() */ };
+  // Bound: connections are refused until Listen(). Stalled: see Stall().
+  enum class Start { Listening, Bound, Stalled };
   explicit Node(Start start = Start::Listening);
   ~Node();
   Node(Node&&) = delete;
@@ -24,6 +25,8 @@ class Node : public Peer {
   void StopListening();  // connections are refused; the port stays ours
   // The next connection of the agent; the one before is closed.
   bool Accept(Milliseconds timeout = kPatience);
+  // The next connection, and the first request over it; the test is over without them.
+  lumo::Message ExpectFirstRequest(const Place& place = Place::Here());
   // The next connection, kept apart from this one.
   Peer AcceptAnother(Milliseconds timeout = kPatience);
   bool Connecting(Milliseconds timeout = kShortly);  // a connection waits to be accepted

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <stdexcept>
 #include <utility>
 
 namespace test {
@@ -120,6 +122,13 @@ std::optional<lumo::Message> Peer::ReadRequest(Milliseconds timeout) {
   return message;
 }
 
+lumo::Message Peer::ExpectRequest(const Place& place) {
+  const testing::ScopedTrace trace(place.File, place.Line, "");
+  std::optional<lumo::Message> request = ReadRequest();
+  if (!request) throw std::runtime_error("the test cannot go on without the request");
+  return *request;
+}
+
 std::optional<Control> Peer::ReadControl(Milliseconds timeout) {
   const std::optional<std::string> frame = ReadFrame(timeout);
   if (!frame || frame->size() != kControlSize) {
@@ -203,6 +212,18 @@ bool Peer::Arrived() const {
     int unconfirmed = 0;
     return ioctl(socket_, SIOCOUTQ, &unconfirmed) == 0 && unconfirmed == 0;
   });
+}
+
+int BoundAt(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path)
+    throw std::runtime_error("the path " + path + " is too long for a socket");
+  path.copy(address.sun_path, path.size());
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    throw std::runtime_error("no socket can be made at " + path);
+  return fd;
 }
 
 int AcceptWithin(int listener, Milliseconds timeout) {

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "lib/message_codec.h"
+#include "tests/support/place.h"
 #include "tests/support/wait.h"
 
 namespace test {
@@ -30,6 +31,8 @@ class Peer {
   std::optional<std::string> ReadFrame(Milliseconds timeout = kPatience);
   // The next frame must be a message; otherwise the test fails.
   std::optional<lumo::Message> ReadRequest(Milliseconds timeout = kPatience);
+  // The same for a test that is over without it.
+  lumo::Message ExpectRequest(const Place& place = Place::Here());
   // The next frame must be a control packet; otherwise the test fails.
   std::optional<Control> ReadControl(Milliseconds timeout = kPatience);
   // The agent closes the connection; what comes before is thrown away.
@@ -65,6 +68,8 @@ class Peer {
 // What a server answers to a request.
 lumo::Message AnswerTo(const lumo::Message& request, const std::string& text, int codErr = 0);
 
+// A UNIX-domain socket on which nobody listens yet.
+int BoundAt(const std::string& path);
 // Accepts a connection; -1 when none comes in time.
 int AcceptWithin(int listener, Milliseconds timeout);
 
