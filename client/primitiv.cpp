@@ -153,6 +153,8 @@ void TellCounts(int socket, const Link* link) {
   StatsTellCounts(link->Books.StatsRow, CountsOf(link), socket, CountsOf(socket));
 }
 
+void TellCounts(const Link* link) { StatsTellCounts(link->Books.StatsRow, CountsOf(link), -1, {}); }
+
 void FewerOf(int socket, Link* link, int kind) {
   if (IsConnectionNumber(socket)) return ReleaseIfRoom(socket);
   if (link->Books.Gone[kind].Count < kGoneMax[kind]) link->Books.ToldOfGone[kind] = 0;
@@ -366,8 +368,8 @@ void MoveSaved(SavedMessage* saved, Link* to) {
   --from->Books.Waiting;
   ++to->Books.Waiting;
   saved->Link = to;
-  TellCounts(-1, from);
-  TellCounts(-1, to);
+  TellCounts(from);
+  TellCounts(to);
   if (IsConnectionNumber(saved->Message.ClientSocket)) return;
   MoveSlot(savedSlots, from->Books.Gone[kWaiting], to->Books.Gone[kWaiting], SlotOf(saved));
   FewerOf(-1, from, kWaiting);
