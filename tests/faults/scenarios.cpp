@@ -327,8 +327,14 @@ void StopWithUnsent(Run& run) {
   kill(run.Subject().Pid(), SIGTERM);
   run.WaitForPath(Call::select, "FlushClientsAtExit");
   std::size_t answers = 0;
-  while (app.Receive(test::kPatience)) ++answers;
-  run.Tell("unsent", answers == requests.size() ? "all came" : "some are lost");
+  std::string outcome = "all came";
+  while (const auto frame = app.Receive(test::kPatience)) {
+    ++answers;
+    const auto answer = lumo::Decode(*frame);
+    if (answer && answer->CodErr != 0)
+      outcome = std::to_string(answer->CodErr) + "/" + std::to_string(answer->SysErr);
+  }
+  run.Tell("unsent", answers == requests.size() ? outcome : "some are lost");
 }
 
 }  // namespace
