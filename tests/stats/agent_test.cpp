@@ -15,6 +15,7 @@
 
 #include "lib/include/lumo_stats.h"
 #include "tests/support/client.h"
+#include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
 namespace {
@@ -179,6 +180,23 @@ TEST_F(AgentStats, WhatANodeHasNotTakenGoesWithItsLink) {
   ASSERT_TRUE(WaitFor([&] { return Link("ONE").state == LUMO_STATS_DISCONNECTED; }));
   agent_.Barrier();
   EXPECT_EQ(Link("ONE").unsent, 0U) << "with the link, not with the next tick";
+}
+
+// The reader's process has written the answer; the agent only hears of it.
+TEST_F(AgentStats, WhatAReaderHasAnsweredIsNotInFlight) {
+  test::IpcKernel kernel;
+  Start(kernel.Line("IPC"));
+  test::Client client(agent_);
+  const lumo::Message request = client.Send("IPC");
+  const test::IpcKernel::Request received = kernel.ExpectRequest();
+  EXPECT_TRUE(WaitFor([&] { return Clients()[0].in_flight == 1; }));
+  kernel.Answer(received);
+  client.ExpectAnswer(request);
+  EXPECT_TRUE(WaitFor([&] { return Link("IPC").answers == 1; }));
+  agent_.Barrier();
+  EXPECT_EQ(Clients()[0].answers, 0U);
+  EXPECT_EQ(Clients()[0].in_flight, 0U);
+  EXPECT_EQ(Link("IPC").in_flight, 0U);
 }
 
 TEST_F(AgentStats, LinesThatNobodyReadsAreCounted) {
