@@ -1,18 +1,20 @@
 #!/usr/bin/env python3
-"""What the statistics page costs: one agent with it and one without, side by side, turn by turn.
+"""What the statistics page costs: one agent with it and one without, under the same load at once.
 
     bench/stats_cost.py --build build/bench [--agent PROGRAM] [--clients 1,16,64,240]
-                        [--lives 10] [--rounds 4] [--seconds 0.5]
+                        [--lives 100] [--rounds 2] [--seconds 0.5]
 
 Prints for each number of clients the ratio (with / without) of throughput and of the agent's
 processor time for a round trip, and how much more memory is resident. Ratios are geometric means
-over pairs of runs that follow each other, so that what else the machine does strikes both; the
-agents are started anew now and then, because where a process happens to lie costs several per cent
-for as long as it lives. Exit status 1: throughput below 0.99 or more than 300 KiB.
+over pairs of runs, with their standard errors. The two runs of a pair take place at the same time,
+so that what else the machine does strikes both; the agents are started anew all the time, because
+where a process happens to lie costs several per cent for as long as it lives. Exit status 1:
+throughput below 0.99 or more than 300 KiB.
 """
 
 import argparse
 import json
+import math
 import os
 import socket
 import statistics
@@ -65,19 +67,26 @@ class Side:
         command = [f"{bench}/lumo_load", "--agent", self.socket, "--node", "ONE",
                    "--clients", str(clients), "--size", "108", "--seconds", str(seconds),
                    "--warmup", "0.05", "--agent-pid", str(self.process.pid)]
-        out = subprocess.run(command, capture_output=True, text=True, check=True, timeout=60)
-        result = json.loads(out.stdout)
-        if result["errors"] or result["stood_still"]:
-            raise SystemExit(f"the load met errors: {out.stdout}")
-        return result
+        return subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
 
 
 def pair(sides, order, bench, clients, seconds):
+    loads = {name: sides[name].load(bench, clients, seconds) for name in order}
     found = {}
-    for side in order:
-        found[side] = sides[side].load(bench, clients, seconds)
-    return (found["with"]["per_second"] / found["without"]["per_second"],
-            found["with"]["cpu_us"] / found["without"]["cpu_us"])
+    for name, load in loads.items():
+        out = load.communicate(timeout=60)[0]
+        found[name] = json.loads(out)
+        if found[name]["errors"] or found[name]["stood_still"]:
+            raise SystemExit(f"the load met errors: {out}")
+    return {what: math.log(found["with"][what] / found["without"][what])
+            for what in ("per_second", "cpu_us")}
+
+
+def mean(found, what):
+    """The geometric mean of a ratio and its standard error."""
+    logs = [ratios[what] for ratios in found]
+    return (math.exp(statistics.mean(logs)),
+            statistics.stdev(logs) / math.sqrt(len(logs)) if len(logs) > 1 else math.inf)
 
 
 def life(options, bench, program, port, turn, ratios):
@@ -106,8 +115,8 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--agent")
     parser.add_argument("--clients", default="1,16,64,240")
-    parser.add_argument("--lives", type=int, default=10)
-    parser.add_argument("--rounds", type=int, default=4)
+    parser.add_argument("--lives", type=int, default=100)
+    parser.add_argument("--rounds", type=int, default=2)
     parser.add_argument("--seconds", type=float, default=0.5)
     options = parser.parse_args()
     bench = os.path.join(options.build, "bench")
@@ -123,11 +132,11 @@ def main():
             node.terminate()
     good = more <= MOST_KIB
     for clients, found in ratios.items():
-        speed = statistics.geometric_mean(ratio[0] for ratio in found)
-        time_used = statistics.geometric_mean(ratio[1] for ratio in found)
+        (speed, speed_error), (used, used_error) = mean(found, "per_second"), mean(found, "cpu_us")
         good = good and speed >= LEAST_RATIO
-        print(f"{clients:4} clients: throughput {speed:.3f}, processor time {time_used:.3f}, "
-              f"{len(found)} pairs of {options.lives} lives")
+        print(f"{clients:4} clients: throughput {speed:.3f} (error {speed_error:.3f}), "
+              f"processor time {used:.3f} ({used_error:.3f}), "
+              f"{len(found)} pairs of {options.lives} lives", flush=True)
     print(f"resident memory: {more:.0f} KiB more")
     return 0 if good else 1
 
