@@ -8,3 +8,7 @@ constexpr std::size_t kBlockSize = 65536;
 // A block, or null when memory ran out. The caller gives it back.
 unsigned char* TakeBlock();
 void GiveBlock(unsigned char* block);
+
+// To be called with each tick: of the spare blocks frees those that nobody has needed since the last
+// call, but for as many as ordinary traffic takes. A busy moment is not paid for ever after.
+void FreeIdleBlocks();

@@ -10,6 +10,7 @@
 #include "client/dispatch.h"
 #include "client/parking.h"
 #include "client/primitiv.h"
+#include "core/blocks.h"
 #include "core/fd_bits.h"
 #include "core/notify.h"
 #include "core/process.h"
@@ -122,6 +123,7 @@ void HandleTimerEvent(const char* file, int line) {
   g_DbcI.AlarmFlag = 0;
   WatchParent();
   LookAtAllNext();
+  FreeIdleBlocks();
   ShowTick();
 }
 

@@ -21,6 +21,7 @@
 #include "tests/support/node.h"
 #include "tests/support/wait.h"
 #include "tests/unit/client_fixture.h"
+#include "tests/unit/faults.h"
 #include "tests/unit/system_faults.h"
 
 namespace {
@@ -264,6 +265,13 @@ TEST_F(TimerStep, AnswersRequestsThatWaitWithNothingUnderWay) {
   EXPECT_EQ(RunLoop(), 7);
   EXPECT_EQ(Take(socket), test::ErrorFrame(Request("DOWN", 5), 4006, 0));
   EXPECT_EQ(down->Books.Waiting, 0);
+}
+
+TEST_F(TimerStep, FreesTheMemoryOfABusyMoment) {
+  TakeAndGiveBlocks(30);
+  FreeIdleBlocks();
+  EXPECT_EQ(RunLoop(), 7);
+  EXPECT_LT(SpareBlocks(), 30);
 }
 
 // It is not taken down when another one takes over, but is before it is tried again.

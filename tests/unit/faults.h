@@ -32,6 +32,7 @@ class NoMemory {
   }
   NoMemory(const NoMemory&) = delete;
   NoMemory& operator=(const NoMemory&) = delete;
+  int Taken() const { return static_cast<int>(blocks_.size()); }
 
  private:
   std::vector<unsigned char*> blocks_ = Reserved();
@@ -43,3 +44,13 @@ class NoMemory {
     return blocks;
   }
 };
+
+// As many streams as that hold something at once.
+inline void TakeAndGiveBlocks(int count) {
+  std::vector<unsigned char*> blocks;
+  for (int i = 0; i < count; ++i) blocks.push_back(TakeBlock());
+  for (unsigned char* const block : blocks) GiveBlock(block);
+}
+
+// The blocks that can be had without a call for memory; they count as needed then.
+inline int SpareBlocks() { return NoMemory().Taken(); }
