@@ -5,7 +5,8 @@ dpkg -i liblumo1_*.deb liblumo-dev_*.deb lumo-devtools_*.deb python3-lumo_*.deb 
 for page in lumo_open lumo_ask_text lumo_node lumo_load; do
   (As member man -w "$page" >/dev/null 2>&1) || Fail "man $page finds nothing"
 done
-(As member pydoc3 lumo.Connection) 2>&1 | grep -q 'A connection to the agent' || Fail 'pydoc3'
+(As member pydoc3 lumo.Connection) >/tmp/pydoc.out 2>&1 || Fail "$(cat /tmp/pydoc.out)"
+grep -q 'A connection to the agent' /tmp/pydoc.out || Fail 'pydoc3'
 
 Say 'from a node to the first row'
 install -d -o member -g "$(id -g member)" /tmp/way

@@ -30,10 +30,10 @@ Node() { # USER LOG OPTION...
   WaitFor grep -q '^listening' "$2.out"
 }
 Journal() { journalctl -u "$1" -o cat | grep -- "$2" >/dev/null; }
-Status() { systemctl show -P StatusText lumo_tcp | grep -q -- "$1"; }
+Status() { systemctl show -P StatusText lumo_tcp | grep -- "$1" >/dev/null; }
 Scraped() {
   python3 -c 'from urllib.request import urlopen
-print(urlopen("http://127.0.0.1:9560/metrics", timeout=5).read().decode())' | grep -q -- "^$1"
+print(urlopen("http://127.0.0.1:9560/metrics", timeout=5).read().decode())' | grep -- "^$1" >/dev/null
 }
 Pid() { systemctl show -P MainPID "$1"; }
 Traces() {

@@ -306,7 +306,7 @@ CheckCmakeInstall() {
 CheckReadme() {
   local package
   for package in "${build_packages[@]}"; do
-    sed -n '/^## In five lines/,/^    /p' README.md | grep -qw -- "$package" ||
+    grep -qw -- "$package" <(sed -n '/^## In five lines/,/^    /p' README.md) ||
       Fail "the README does not name $package"
   done
   sed -n '/^## In five lines/,/^What an/p' README.md | sed -n 's/^    //p' >"$work/lines"
@@ -341,8 +341,8 @@ fi
 # Without the Python module, whose script compiles for the interpreter of the machine itself: that it
 # has what it is for is looked at, the rest needs a whole system (live.sh).
 mapfile -t packages < <(find "$copy" -maxdepth 1 -name '*.deb' ! -name 'python3-lumo_*' | sort)
-dpkg-deb -c "$copy"/python3-lumo_*.deb | grep -q /usr/lib/python3/dist-packages/lumo/__init__.py ||
-  Fail 'no Python module'
+dpkg-deb -c "$copy"/python3-lumo_*.deb >"$work/python"
+grep -q /usr/lib/python3/dist-packages/lumo/__init__.py "$work/python" || Fail 'no Python module'
 version=$(dpkg-parsechangelog -l debian/changelog -S Version)
 NextVersion
 

@@ -20,6 +20,7 @@ left_out=(
   # An agent with few descriptors: valgrind opens some of its own, and so does the program loader.
   FewDescriptors WithoutADescriptorLeft AFailureToMakeThePipe AFailedSetUpSaysWhatFailed
   AStatusWithoutAWord APipeThatCannotBeMade ASocketThatCannotBeMade BeyondTheSystemsLimit
+  AfterNoDescriptorCouldBeKept
   # The numbers or the count of its descriptors, the signals that it catches.
   DescriptorsThatNoSetHolds ADescriptorOf255OrMore ClosedStandardStreams TheReaderHoldsClientConnections
   TheReaderTakesSignals
@@ -27,7 +28,7 @@ left_out=(
   NodetabSearch.TheProgramsDirectory NodetabSearch.TheHomeDirectory NodetabSearch.ABareProgramName
   NodetabSearch.AFileThatCannotBeRead
   # Its time.
-  AConnectionThatIsNotMadeInTime AServerThatNeverStopsSending
+  AConnectionThatIsNotMadeInTime AServerThatNeverStopsSending ByFurtherStopSignals
   # An agent of another program.
   Allocation
 )
