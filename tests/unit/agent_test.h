@@ -31,6 +31,10 @@
 
 inline constexpr char kHere[] = "test";  // the module that calls
 
+// The tags of requests.
+using Tags = std::vector<int>;
+inline int TagOf(const ClientMessage& msg) { return Get(Trailer(&msg), kTrailerAstInd); }
+
 // A protocol for the registry. Every call is recorded as "Operation NODE"; the results are set by
 // the test. Without a script, InitLink accepts any address but "bad" (kept, as a text, in
 // DriverData) and ConnectLink connects at once.
@@ -78,6 +82,11 @@ class FakeProtocol {
 
   int Count(const std::string& call) const {
     return static_cast<int>(std::count(Calls.begin(), Calls.end(), call));
+  }
+  Tags SentTags() const {
+    Tags tags;
+    for (const ClientMessage& msg : Sent) tags.push_back(TagOf(msg));
+    return tags;
   }
 
  private:
@@ -146,6 +155,34 @@ inline int OpenDescriptors() {
   return count;
 }
 
+// The number that the next descriptor gets.
+inline int NextDescriptor() {
+  const int fd = dup(0);
+  close(fd);
+  return fd;
+}
+
+// What has come to a socket, without waiting.
+inline std::string ReceiveAll(int fd) {
+  std::string all;
+  char part[65536];
+  for (ssize_t got; (got = recv(fd, part, sizeof part, MSG_DONTWAIT)) > 0;)
+    all.append(part, static_cast<std::size_t>(got));
+  return all;
+}
+inline void SendAll(int fd, const std::string& bytes) {
+  EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+inline std::string BytesOf(std::uint32_t word) {
+  return std::string(reinterpret_cast<const char*>(&word), sizeof word);
+}
+// Bytes of the message, counted from its length word.
+inline std::string WireBytes(const ClientMessage& msg, std::size_t from, std::size_t count) {
+  return std::string(reinterpret_cast<const char*>(Wire(&msg)) + from, count);
+}
+
 // A request as a client sends it, located in memory as the reader leaves it.
 inline ClientMessage MakeRequest(std::int32_t task, int socket, std::uint16_t astInd,
                                  std::initializer_list<std::string> strings = {}) {
@@ -188,12 +225,7 @@ class FakeClient {
 
   int Socket() const { return ends_[0]; }  // the agent's end
 
-  std::string ReceivedBytes() const {
-    std::string bytes(1 << 16, '\0');
-    const ssize_t got = recv(ends_[1], bytes.data(), bytes.size(), MSG_DONTWAIT);
-    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    return bytes;
-  }
+  std::string ReceivedBytes() const { return ReceiveAll(ends_[1]); }
   // The agent's own answers that have come since the last look: "TAG: CODE, ERRNO".
   Texts Received() const {
     Texts answers;
@@ -271,6 +303,18 @@ class AgentTest : public testing::Test {
     return link;
   }
   Link* AddLink(const char* name) { return AddLink(name, Fake()); }
+  void AddTwoLinks() {
+    A = AddLink("A");
+    B = AddLink("B");
+  }
+  void AddThreeLinks() {
+    AddTwoLinks();
+    C = AddLink("C");
+  }
+  void RemoveLinks() {
+    FreeLinks();
+    g_DbcI.FirstLink = g_DbcI.DefaultLink = g_DbcI.CircleStartLink = nullptr;
+  }
 
   // The names of the circle, from LinkList on.
   static std::string Circle() {
@@ -284,6 +328,20 @@ class AgentTest : public testing::Test {
     return names;
   }
 
+  // A request that went to the link, and one that waits for it.
+  static void Note(Link* link, std::int32_t task, int socket, std::uint16_t astInd) {
+    const MsgInfo info = {.Link = link, .TaskName = task, .Socket = socket, .AstInd = astInd};
+    EXPECT_EQ(SaveMsgInfo(kHere, 1, &info), 0);
+  }
+  static void Save(const ClientMessage& msg, Link* link) {
+    EXPECT_EQ(SaveUnsendMsg(kHere, 1, &msg, link), 0);
+  }
+  static Tags Waiting(const Link* link) {
+    Tags tags;
+    for (const SavedMessage& saved : g_DbcI.SavedArray)
+      if (saved.Link == link) tags.push_back(TagOf(saved.Message));
+    return tags;
+  }
   // The requests that are noted as sent, and those that wait.
   static int InFlight() {
     int count = 0;
@@ -299,6 +357,8 @@ class AgentTest : public testing::Test {
   // Answers that the agent put through g_DbcI.PutMsg, in order.
   inline static std::vector<ClientMessage> Answers;
   inline static int PutResult;
+
+  Link *A = nullptr, *B = nullptr, *C = nullptr;
 
  private:
   static int RecordAnswer(const char*, int, ClientMessage* msg) {

@@ -18,6 +18,10 @@ constexpr char kFlushFailed[] = "15 link| SendMsgToLink from ReadyTcpForWrite fa
 
 class NetworkAnswer : public AgentTest {
  protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    A = AddLink("A");
+  }
   // A message whose counted strings have these byte counts; the counts of those that begin beyond
   // the area are not written.
   static ClientMessage WithCounts(std::initializer_list<std::uint16_t> counts) {
@@ -47,19 +51,13 @@ class NetworkAnswer : public AgentTest {
     EXPECT_EQ(log.Lines(), Texts{kBadFormat});
   }
 
-  static void AddInfo(Link* link, std::int32_t task, int socket, std::uint16_t astInd) {
-    const MsgInfo info = {.Link = link, .TaskName = task, .Socket = socket, .AstInd = astInd};
-    EXPECT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
+  static const MsgInfo* Received(std::int32_t task, std::uint16_t astInd) {
+    return MarkTheMsgAsReceived("test", __LINE__, task, astInd);
   }
   static const MsgInfo& Info(int index) { return g_DbcI.MsgInfoArray.Items[index]; }
 };
 
-TEST_F(NetworkAnswer, FourEmptyStringsPutTheTrailerAtFiftyTwo) {
-  ClientMessage msg = WithCounts({0, 0, 0, 0});
-  EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), 0);
-  EXPECT_EQ(msg.TrailerOffset, 52);
-  EXPECT_EQ(msg.Length, 104u);
-}
+TEST_F(NetworkAnswer, FourEmptyStringsPutTheTrailerAtFiftyTwo) { ExpectAccepted({0, 0, 0, 0}, 52); }
 
 TEST_F(NetworkAnswer, StringsOfOddLengthArePadded) {
   ExpectAccepted({1, 0, 0, 0}, 54);
@@ -115,44 +113,41 @@ TEST_F(NetworkAnswer, TheRefusalIsNotWrittenBelowLevelTwo) {
 }
 
 TEST_F(NetworkAnswer, TheFirstMatchingRequestIsReleasedAndStaysReadable) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 10, 5, 1);
-  AddInfo(link, 10, 6, 2);
-  AddInfo(link, 10, 7, 2);
-  const MsgInfo* const info = MarkTheMsgAsReceived("test", __LINE__, 10, 2);
+  Note(A, 10, 5, 1);
+  Note(A, 10, 6, 2);
+  Note(A, 10, 7, 2);
+  const MsgInfo* const info = Received(10, 2);
   ASSERT_EQ(info, &Info(1));
   EXPECT_EQ(info->Link, nullptr);
   EXPECT_EQ(info->TaskName, 10);
   EXPECT_EQ(info->Socket, 6);
   EXPECT_EQ(info->AstInd, 2);
-  EXPECT_EQ(Info(0).Link, link);
-  EXPECT_EQ(Info(2).Link, link);
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 2), &Info(2));
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), &Info(0));
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
+  EXPECT_EQ(Info(0).Link, A);
+  EXPECT_EQ(Info(2).Link, A);
+  EXPECT_EQ(Received(10, 2), &Info(2));
+  EXPECT_EQ(Received(10, 1), &Info(0));
+  EXPECT_EQ(Received(10, 1), nullptr);
 }
 
 TEST_F(NetworkAnswer, TaskNameAndTagMustBothMatch) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 10, 5, 1);
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 11, 1), nullptr);
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 2), nullptr);
-  EXPECT_EQ(Info(0).Link, link);
+  Note(A, 10, 5, 1);
+  EXPECT_EQ(Received(11, 1), nullptr);
+  EXPECT_EQ(Received(10, 2), nullptr);
+  EXPECT_EQ(Info(0).Link, A);
 }
 
 TEST_F(NetworkAnswer, AnAnswerThatMatchesNothingIsReportedAtLevelTwo) {
   const CapturedLog log(kLogError);
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
+  EXPECT_EQ(Received(10, 1), nullptr);
   EXPECT_EQ(log.Lines(), Texts{kNotSent});
 }
 
 TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 10, 5, 1);
-  AddInfo(link, 11, 5, 2);
-  AddInfo(link, 12, 5, 3);
+  Note(A, 10, 5, 1);
+  Note(A, 11, 5, 2);
+  Note(A, 12, 5, 3);
   const CapturedLog log;
-  ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
+  ASSERT_TRUE(Received(11, 2));
   log.ExpectOnce("15 link|MsgInfo->TaskName = 10 , MsgInfo->AstInd = 1 TaskName = 11 AstInd = 2");
   log.ExpectOnce("15 link|MsgInfo->TaskName = 11 , MsgInfo->AstInd = 2 TaskName = 11 AstInd = 2");
   EXPECT_FALSE(log.Contains("MsgInfo->TaskName = 12"));
@@ -161,31 +156,27 @@ TEST_F(NetworkAnswer, TheSearchTracesEachPairUpToTheMatch) {
 
 TEST_F(NetworkAnswer, AFailedSearchIsTracedWithItsWord) {
   const CapturedLog log;
-  EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 11, 2));
+  EXPECT_FALSE(Received(11, 2));
   log.ExpectOnce("15 link|'MarkTheMsgAsReceived' Leave FAILED argument is not in list sended");
 }
 
 TEST_F(NetworkAnswer, AReleasedRequestDoesNotMatchAgain) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 10, 5, 1);
-  ASSERT_TRUE(MarkTheMsgAsReceived("test", __LINE__, 10, 1));
-  EXPECT_FALSE(MarkTheMsgAsReceived("test", __LINE__, 10, 1));
+  Note(A, 10, 5, 1);
+  ASSERT_TRUE(Received(10, 1));
+  EXPECT_FALSE(Received(10, 1));
 }
 
 TEST_F(NetworkAnswer, WhileALinkIsReadOnlyItsOwnRequestsCount) {
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  AddInfo(a, 10, 5, 1);
-  AddInfo(b, 10, 6, 1);
-  g_DbcI.ServedLink = b;
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), &Info(1));
-  EXPECT_EQ(MarkTheMsgAsReceived("test", __LINE__, 10, 1), nullptr);
-  EXPECT_EQ(Info(0).Link, a);
+  g_DbcI.ServedLink = AddLink("B");
+  Note(A, 10, 5, 1);
+  Note(g_DbcI.ServedLink, 10, 6, 1);
+  EXPECT_EQ(Received(10, 1), &Info(1));
+  EXPECT_EQ(Received(10, 1), nullptr);
+  EXPECT_EQ(Info(0).Link, A);
 }
 
 TEST_F(NetworkAnswer, TheAnswerGoesToTheConnectionOfItsRequest) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 4321, 17, 9);
+  Note(A, 4321, 17, 9);
   ClientMessage answer = MakeRequest(1, -7, 9, {"odd", "", "rest"});
   Put(Trailer(&answer), kTrailerTaskName, 4321);
   PutResult = -5;
@@ -199,30 +190,28 @@ TEST_F(NetworkAnswer, TheAnswerGoesToTheConnectionOfItsRequest) {
 }
 
 TEST_F(NetworkAnswer, AnAnswerToNoRequestGoesToNobody) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 4321, 17, 9);
+  Note(A, 4321, 17, 9);
   ClientMessage answer = MakeRequest(4321, -7, 8);
   const CapturedLog log;
   EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
   EXPECT_TRUE(Answers.empty());
-  EXPECT_EQ(Info(0).Link, link);
+  EXPECT_EQ(Info(0).Link, A);
   log.ExpectOnce(kNotSent);
   log.ExpectOnce("15 link|'ReturnAnswerFromNetworkToClient' Leave FAILED MarkTheMsgAsReceived");
 }
 
 TEST_F(NetworkAnswer, OnlyTheTrailerSaysWhoseAnswerItIs) {
-  Link* const link = AddLink("A");
-  AddInfo(link, 100, 17, 9);
+  Note(A, 100, 17, 9);
   ClientMessage answer = MakeRequest(100, -7, 9);  // its own task name matches
   Put(Trailer(&answer), kTrailerTaskName, 101);
   EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
   EXPECT_TRUE(Answers.empty());
-  EXPECT_EQ(Info(0).Link, link);
+  EXPECT_EQ(Info(0).Link, A);
 }
 
 // Against the plain rule, with many requests of few processes and tags on two links.
 TEST_F(NetworkAnswer, ManyRequestsAreFoundAsASearchThroughTheArrayFindsThem) {
-  Link* const links[] = {AddLink("A"), AddLink("B")};
+  Link* const links[] = {A, AddLink("B")};
   std::vector<MsgInfo> expected;  // slot by slot; free when it has no link
   std::mt19937 random(20260101);
   const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
@@ -246,7 +235,7 @@ TEST_F(NetworkAnswer, ManyRequestsAreFoundAsASearchThroughTheArrayFindsThem) {
       return slot.Link && slot.TaskName == task && slot.AstInd == tag &&
              (!g_DbcI.ServedLink || slot.Link == g_DbcI.ServedLink);
     });
-    const MsgInfo* const found = MarkTheMsgAsReceived("test", __LINE__, task, tag);
+    const MsgInfo* const found = Received(task, tag);
     if (match == expected.end()) {
       ASSERT_EQ(found, nullptr) << "step " << step;
       continue;
@@ -262,95 +251,84 @@ TEST_F(NetworkAnswer, ManyRequestsAreFoundAsASearchThroughTheArrayFindsThem) {
 class RequestSending : public NetworkAnswer {
  protected:
   void SetUp() override {
-    AgentTest::SetUp();
+    NetworkAnswer::SetUp();
     g_DbcI.PutMsg = PutMsgToClient;
-    Node = AddLink("A");
-    Node->State = kLinkConnected;
+    A->State = kLinkConnected;
   }
 
-  ClientMessage RequestOf(const FakeClient& client, std::uint16_t astInd) {
+  static ClientMessage RequestOf(const FakeClient& client, std::uint16_t astInd) {
     return MakeRequest(getpid(), client.Socket(), astInd, {"select"});
   }
-  int Send(ClientMessage* msg) { return SendMsgToLink("test", __LINE__, Node, msg); }
-  void Save(const FakeClient& client, std::uint16_t astInd, Link* link) {
-    const ClientMessage msg = RequestOf(client, astInd);
-    EXPECT_EQ(SaveUnsendMsg("test", __LINE__, &msg, link), 0);
+  int Send(ClientMessage* msg) { return SendMsgToLink("test", __LINE__, A, msg); }
+  void Save(std::uint16_t astInd, Link* link) const {
+    AgentTest::Save(RequestOf(client_, astInd), link);
   }
-  int Flush() { return SendAllSavedMsgToTheLink("test", __LINE__, Node); }
+  int Flush() { return SendAllSavedMsgToTheLink("test", __LINE__, A); }
 
-  std::vector<std::uint16_t> SentTags() {
-    std::vector<std::uint16_t> tags;
-    for (const ClientMessage& msg : Fake().Sent) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
-    return tags;
-  }
-
-  Link* Node = nullptr;
+  const FakeClient client_;
 };
 
 TEST_F(RequestSending, TheRequestIsRecordedBeforeItGoesOut) {
-  FakeClient client;
-  ClientMessage msg = RequestOf(client, 7);
+  ClientMessage msg = RequestOf(client_, 7);
   bool recorded = false;
   Fake().OnSend = [&](Link* link, ClientMessage*) {
     recorded = InFlight() == 1 && Info(0).Link == link && Info(0).TaskName == getpid() &&
-               Info(0).Socket == client.Socket() && Info(0).AstInd == 7;
+               Info(0).Socket == client_.Socket() && Info(0).AstInd == 7;
     return 0;
   };
   EXPECT_EQ(Send(&msg), 0);
   EXPECT_TRUE(recorded);
   EXPECT_EQ(InFlight(), 1);
-  EXPECT_EQ(Node->State, kLinkConnected);
-  EXPECT_EQ(client.Received(), Texts{});
+  EXPECT_EQ(A->State, kLinkConnected);
+  EXPECT_EQ(client_.Received(), Texts{});
 }
 
 TEST_F(RequestSending, WithoutMemoryTheRequestIsAnswered4200AndNotSent) {
-  FakeClient client;
-  ClientMessage msg = RequestOf(client, 7);
+  ClientMessage msg = RequestOf(client_, 7);
   const CapturedLog log;
   EXPECT_EQ(WithoutMemory([&] { return Send(&msg); }), -1);
-  EXPECT_EQ(client.Received(), Texts{"7: 4200, 0"});
+  EXPECT_EQ(client_.Received(), Texts{"7: 4200, 0"});
   EXPECT_TRUE(Fake().Sent.empty());
-  EXPECT_EQ(Node->State, kLinkConnected);
+  EXPECT_EQ(A->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 0);
   log.ExpectOnce("15 link|SaveMsgInfo return bad status. Send Error to client");
   log.ExpectOnce("15 link|'SendMsgToLink' Leave FAILED Save message");
 }
 
 TEST_F(RequestSending, AFullRecordThatCannotGrowKeepsWhatItHolds) {
-  FakeClient client;
   for (std::uint16_t tag = 1; tag <= 2; ++tag) {
-    ClientMessage msg = RequestOf(client, tag);
+    ClientMessage msg = RequestOf(client_, tag);
     ASSERT_EQ(Send(&msg), 0);
   }
-  ClientMessage third = RequestOf(client, 3);
+  ClientMessage third = RequestOf(client_, 3);
   EXPECT_EQ(WithoutMemory([&] { return Send(&third); }), -1);
-  EXPECT_EQ(client.Received(), Texts{"3: 4200, 0"});
+  EXPECT_EQ(client_.Received(), Texts{"3: 4200, 0"});
   EXPECT_EQ(InFlight(), 2);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
-  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
+  EXPECT_EQ(Fake().SentTags(), (Tags{1, 2}));
 }
 
 TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
   Link* const other = AddLink("B");
   other->State = kLinkConnected;
-  FakeClient first, second, third, elsewhere;
+  const FakeClient first, second, elsewhere;
   ClientMessage sent = RequestOf(first, 1);
   ASSERT_EQ(Send(&sent), 0);
   ClientMessage sentElsewhere = RequestOf(elsewhere, 2);
   ASSERT_EQ(SendMsgToLink("test", __LINE__, other, &sentElsewhere), 0);
-  Save(second, 3, Node);
+  AgentTest::Save(RequestOf(second, 3), A);
   Fake().OnSend = [](Link*, ClientMessage*) {
     errno = EPIPE;
     return 4007;
   };
-  ClientMessage failing = RequestOf(third, 4);
+  ClientMessage failing = RequestOf(client_, 4);
   const CapturedLog log;
   EXPECT_EQ(Send(&failing), -1);
   EXPECT_EQ(first.Received(), Texts{"1: 4007, 32"});
   EXPECT_EQ(second.Received(), Texts{"3: 4007, 32"});
-  EXPECT_EQ(third.Received(), Texts{"4: 4007, 32"});
+  EXPECT_EQ(client_.Received(), Texts{"4: 4007, 32"});
   EXPECT_EQ(elsewhere.Received(), Texts{});
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(A->State, kLinkDisconnected);
   EXPECT_EQ(other->State, kLinkConnected);
   EXPECT_EQ(InFlight(), 1);
   EXPECT_EQ(Waiting(), 0);
@@ -360,27 +338,25 @@ TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
 }
 
 TEST_F(RequestSending, WaitingRequestsGoOutInSlotOrder) {
-  FakeClient client;
-  Save(client, 1, Node);
-  Save(client, 2, Node);
-  Save(client, 3, Node);
+  Save(1, A);
+  Save(2, A);
+  Save(3, A);
   ReleaseSaved(&g_DbcI.SavedArray.Items[0]);
-  Save(client, 4, Node);  // takes the first slot
+  Save(4, A);  // takes the first slot
   EXPECT_EQ(Flush(), 0);
-  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{4, 2, 3}));
+  EXPECT_EQ(Fake().SentTags(), (Tags{4, 2, 3}));
   EXPECT_EQ(Waiting(), 0);
   EXPECT_EQ(InFlight(), 3);
-  EXPECT_EQ(client.Received(), Texts{});
+  EXPECT_EQ(client_.Received(), Texts{});
 }
 
 TEST_F(RequestSending, RequestsForOtherLinksGoOnWaiting) {
   Link* const other = AddLink("B");
-  FakeClient client;
-  Save(client, 1, other);
-  Save(client, 2, Node);
-  Save(client, 3, other);
+  Save(1, other);
+  Save(2, A);
+  Save(3, other);
   EXPECT_EQ(Flush(), 0);
-  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{2}));
+  EXPECT_EQ(Fake().SentTags(), (Tags{2}));
   EXPECT_EQ(Waiting(), 2);
   EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, other);
   EXPECT_EQ(g_DbcI.SavedArray.Items[2].Link, other);
@@ -392,8 +368,7 @@ TEST_F(RequestSending, AFlushWithNothingWaitingDoesNothing) {
 }
 
 TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
-  FakeClient client;
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) Save(client, tag, Node);
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Save(tag, A);
   Fake().OnSend = [&](Link*, ClientMessage*) {
     if (Fake().Sent.size() < 2) return 0;
     errno = ECONNRESET;
@@ -401,21 +376,20 @@ TEST_F(RequestSending, AFailedFlushStopsAndAnswersEachRequestOnce) {
   };
   const CapturedLog log;
   EXPECT_EQ(Flush(), kStatusSend);
-  EXPECT_EQ(SentTags(), (std::vector<std::uint16_t>{1, 2}));
-  EXPECT_EQ(client.Received(), (Texts{"1: 4007, 104", "2: 4007, 104", "3: 4007, 104"}));
+  EXPECT_EQ(Fake().SentTags(), (Tags{1, 2}));
+  EXPECT_EQ(client_.Received(), (Texts{"1: 4007, 104", "2: 4007, 104", "3: 4007, 104"}));
   EXPECT_EQ(Waiting() + InFlight(), 0);
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(A->State, kLinkDisconnected);
   log.ExpectOnce(kFlushFailed);
   log.ExpectOnce("15 link|'SendAllSavedMsgToTheLink' Leave FAILED send message");
 }
 
 TEST_F(RequestSending, AFlushWithoutMemoryAnswersOneWith4200AndTheRestWith4007) {
-  FakeClient client;
-  for (std::uint16_t tag = 1; tag <= 2; ++tag) Save(client, tag, Node);
+  for (std::uint16_t tag = 1; tag <= 2; ++tag) Save(tag, A);
   EXPECT_EQ(WithoutMemory([&] { return Flush(); }), kStatusSend);
-  EXPECT_EQ(client.Received(), (Texts{"1: 4200, 0", "2: 4007, 0"}));
+  EXPECT_EQ(client_.Received(), (Texts{"1: 4200, 0", "2: 4007, 0"}));
   EXPECT_TRUE(Fake().Sent.empty());
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  EXPECT_EQ(A->State, kLinkDisconnected);
 }
 
 }  // namespace

@@ -120,3 +120,11 @@ class CapturedLog : public CapturedStderr {
   std::string Shown() const { return "\nin the log:\n" + Text(); }
   const std::uint8_t before_;
 };
+
+// The lines of the trace while `action` runs.
+template <class Action>
+Texts Traced(Action action) {
+  const CapturedLog log;
+  action();
+  return log.Lines();
+}

@@ -37,18 +37,9 @@ class ClientTest : public AgentTest {
   int Far(int socket) const { return far_.at(socket); }
   void HangUp(int socket) { shutdown(Far(socket), SHUT_RDWR); }
 
-  void Come(int socket, const std::string& bytes) const {
-    EXPECT_EQ(send(Far(socket), bytes.data(), bytes.size(), MSG_DONTWAIT),
-              static_cast<ssize_t>(bytes.size()));
-  }
+  void Come(int socket, const std::string& bytes) const { SendAll(Far(socket), bytes); }
   // What came to the client, without waiting.
-  std::string Take(int socket) const {
-    std::string all;
-    char part[65536];
-    for (ssize_t got; (got = recv(Far(socket), part, sizeof part, MSG_DONTWAIT)) > 0;)
-      all.append(part, static_cast<std::size_t>(got));
-    return all;
-  }
+  std::string Take(int socket) const { return ReceiveAll(Far(socket)); }
 
   static bool IsClient(int socket) { return FD_ISSET(socket, &g_DbcI.ClientSockets); }
   static bool IsRead(int socket) { return FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet); }

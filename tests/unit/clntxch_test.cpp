@@ -41,10 +41,6 @@ class ClientReading : public ClientTest {
   ClientMessage msg_;
 };
 
-std::string LengthWord(std::uint32_t length) {
-  return std::string(reinterpret_cast<const char*>(&length), sizeof length);
-}
-
 TEST_F(ClientReading, AWholeRequestIsLocatedAndNotesItsConnection) {
   lumo::Message request = Request("SRV", 0x1234, "odd");
   request.Strings[3] = "four";
@@ -55,7 +51,7 @@ TEST_F(ClientReading, AWholeRequestIsLocatedAndNotesItsConnection) {
   EXPECT_EQ(msg_.TrailerOffset, 44 + 6 + 2 + 2 + 6);
   EXPECT_EQ(msg_.ClientSocket, socket_);
   EXPECT_EQ(Get(Trailer(&msg_), kTrailerAstInd), 0x1234);
-  EXPECT_EQ(std::memcmp(Wire(&msg_) + 4, frame.data() + 4, frame.size() - 4), 0);
+  EXPECT_EQ(WireBytes(msg_, 4, frame.size() - 4), frame.substr(4));
 }
 
 TEST_F(ClientReading, NothingComeYetIsNoFailure) {
@@ -66,7 +62,7 @@ TEST_F(ClientReading, NothingComeYetIsNoFailure) {
 TEST_F(ClientReading, TheLengthIsRecomputedFromTheStrings) {
   std::string frame = FrameOf(Request("SRV", 5));
   frame += std::string(40, 'x');
-  frame.replace(0, 4, LengthWord(static_cast<std::uint32_t>(frame.size())));
+  frame.replace(0, 4, BytesOf(static_cast<std::uint32_t>(frame.size())));
   Come(socket_, frame);
   EXPECT_EQ(Read(), 104);
   EXPECT_EQ(msg_.TrailerOffset, 52);
@@ -74,15 +70,14 @@ TEST_F(ClientReading, TheLengthIsRecomputedFromTheStrings) {
 }
 
 TEST_F(ClientReading, WhatIsMissingBehindTheLengthCountsAsZero) {
-  Come(socket_, LengthWord(8) + std::string("\1\2\3\4", 4));
+  Come(socket_, BytesOf(8) + std::string("\1\2\3\4", 4));
   EXPECT_EQ(Read(), 104);
   EXPECT_EQ(msg_.TaskName, 0x04030201);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(Wire(&msg_)) + 8, 100),
-            std::string(100, '\0'));
+  EXPECT_EQ(WireBytes(msg_, 8, 100), std::string(100, '\0'));
 }
 
 TEST_F(ClientReading, AStringThatReachesBeyondTheLengthIsCompletedWithZeros) {
-  std::string frame = LengthWord(56) + std::string(48, '\0');
+  std::string frame = BytesOf(56) + std::string(48, '\0');
   frame += std::string("\6\0ab", 4);
   ASSERT_EQ(frame.size(), 56u);
   Come(socket_, frame);
@@ -99,15 +94,15 @@ TEST_F(ClientReading, TheLargestMessageIsTaken) {
 
 TEST_F(ClientReading, LengthsOutOfBoundsCloseTheConnection) {
   for (const std::uint32_t length : {0u, 1u, 4u, 8189u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
-    ExpectRefused(LengthWord(length), "Message length " + std::to_string(length) +
-                                          " from client is out of range. The connection is closed");
+    ExpectRefused(BytesOf(length), "Message length " + std::to_string(length) +
+                                       " from client is out of range. The connection is closed");
   }
 }
 
 TEST_F(ClientReading, StringsThatLeaveTheAreaCloseTheConnection) {
   const std::string line = "Message strings from client are too long. The connection is closed";
   for (const std::uint16_t count : {std::uint16_t{8082}, std::uint16_t{8100}, std::uint16_t{65535}})
-    ExpectRefused(LengthWord(54) + std::string(48, '\0') +
+    ExpectRefused(BytesOf(54) + std::string(48, '\0') +
                       std::string(reinterpret_cast<const char*>(&count), sizeof count),
                   line);
 }
@@ -194,6 +189,7 @@ class ClientAnswers : public ClientTest {
   void SetUp() override {
     ClientTest::SetUp();
     socket_ = Connect();
+    A = AddLink("A");
   }
   ClientMessage Answer(std::int32_t task = getpid()) const {
     return MakeRequest(task, socket_, 9, {"row"});
@@ -210,12 +206,8 @@ class ClientAnswers : public ClientTest {
     EXPECT_EQ(log.Lines(),
               Texts{"2 clntxch|Send to client fail. Call:send. errno " + std::to_string(error)});
   }
-  static void Note(Link* link, std::int32_t task, std::uint16_t astInd) {
-    const MsgInfo info = {.Link = link, .TaskName = task, .Socket = 3, .AstInd = astInd};
-    ASSERT_EQ(SaveMsgInfo(kHere, 1, &info), 0);
-  }
-  static std::vector<std::uint16_t> TagsInFlight() {
-    std::vector<std::uint16_t> tags;
+  static Tags TagsInFlight() {
+    Tags tags;
     for (const MsgInfo& info : g_DbcI.MsgInfoArray)
       if (InUse(info)) tags.push_back(info.AstInd);
     return tags;
@@ -241,7 +233,7 @@ TEST_F(ClientAnswers, TheWholeSizeGoesOutAsLength) {
   EXPECT_EQ(msg.Length, length + 4);
   const std::string came = Take(socket_);
   ASSERT_EQ(came.size(), length + 4);
-  EXPECT_EQ(came, std::string(reinterpret_cast<const char*>(Wire(&msg)), came.size()));
+  EXPECT_EQ(came, WireBytes(msg, 0, came.size()));
 }
 
 TEST_F(ClientAnswers, TheTraceTellsTheFieldsThenTheSize) {
@@ -268,26 +260,24 @@ TEST_F(ClientAnswers, ADeadClientGetsNothing) {
 }
 
 TEST_F(ClientAnswers, TheRequestsOfADeadClientArePurgedByTheFirstHalfWordOfTheTrailer) {
-  Link* const link = AddLink("SRV");
   const pid_t dead = test::DeadPid();
   ClientMessage msg = Answer(dead);  // its AstInd is 9
   Put(Trailer(&msg), kTrailerFirstHalfWord, std::uint16_t{77});
-  Note(link, dead, 9);
-  Note(link, dead, 77);
-  Note(link, dead, 78);
-  Note(link, getpid(), 77);
-  Note(link, dead, 77);
+  Note(A, dead, 3, 9);
+  Note(A, dead, 3, 77);
+  Note(A, dead, 3, 78);
+  Note(A, getpid(), 3, 77);
+  Note(A, dead, 3, 77);
   EXPECT_EQ(Put_(&msg), -1);
-  EXPECT_EQ(TagsInFlight(), (std::vector<std::uint16_t>{9, 78, 77}));
+  EXPECT_EQ(TagsInFlight(), (Tags{9, 78, 77}));
   const MsgInfo& purged = g_DbcI.MsgInfoArray.Items[1];
   EXPECT_TRUE(!purged.Link && purged.TaskName == 0 && purged.Socket == 0 && purged.AstInd == 0);
 }
 
 TEST_F(ClientAnswers, TheEntriesOfADeadClientAreTakenFromTheList) {
-  Link* const link = AddLink("SRV");
-  link->State = kLinkConnected;
+  A->State = kLinkConnected;
   const pid_t dead = test::DeadPid();
-  AddClientPidIntoList(kHere, 1, link, dead, socket_);
+  AddClientPidIntoList(kHere, 1, A, dead, socket_);
   EXPECT_EQ(PutAnswer(dead), -1);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 0);
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
@@ -295,9 +285,9 @@ TEST_F(ClientAnswers, TheEntriesOfADeadClientAreTakenFromTheList) {
 
 TEST_F(ClientAnswers, TaskZeroFailsWheneverAListedClientIsDead) {
   EXPECT_EQ(PutAnswer(0), 0) << "nobody is listed";
-  AddClientPidIntoList(kHere, 1, AddLink("SRV"), getpid(), socket_);
+  AddClientPidIntoList(kHere, 1, A, getpid(), socket_);
   EXPECT_EQ(PutAnswer(0), 0) << "all who are listed live";
-  AddClientPidIntoList(kHere, 1, g_DbcI.LinkList, test::DeadPid(), socket_);
+  AddClientPidIntoList(kHere, 1, A, test::DeadPid(), socket_);
   EXPECT_EQ(PutAnswer(0), -1);
 }
 
@@ -350,16 +340,13 @@ TEST_F(ClientAnswers, AFlushGoesOnInOrder) {
   FlushClient(socket_);
   EXPECT_EQ(UnsentBytes(socket_), 0u);
   const std::string last = Take(socket_);
-  EXPECT_EQ(last.substr(1000), std::string(reinterpret_cast<const char*>(Wire(&msg)), msg.Length));
+  EXPECT_EQ(last.substr(1000), WireBytes(msg, 0, msg.Length));
 }
 
 TEST_F(ClientAnswers, AClosedConnectionIsForgottenByWhatItWaitsFor) {
-  Link* const link = AddLink("SRV");
-  const MsgInfo info = {.Link = link, .TaskName = 1, .Socket = socket_, .AstInd = 1};
-  SaveMsgInfo(kHere, 1, &info);
-  const ClientMessage msg = Answer();
-  SaveUnsendMsg(kHere, 1, &msg, link);
-  AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
+  Note(A, 1, socket_, 1);
+  Save(Answer(), A);
+  AddClientPidIntoList(kHere, 1, A, getpid(), socket_);
   CloseClient(socket_);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, -1);
   EXPECT_EQ(g_DbcI.SavedArray.Items[0].Message.ClientSocket, -1);
@@ -384,10 +371,8 @@ TEST_F(AgentBuiltAnswers, AreZeroButForTheirFields) {
   expected.CodErr = 4006;
   expected.SysErr = 111;
   expected.SetAstInd(0x5566);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108),
-            lumo::Encode(expected, lumo::Lengths::Packet));
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(Wire(&answer)) + 108, kMessageArea - 108),
-            std::string(kMessageArea - 108, '\0'));
+  EXPECT_EQ(WireBytes(answer, 0, 108), lumo::Encode(expected, lumo::Lengths::Packet));
+  EXPECT_EQ(WireBytes(answer, 108, kMessageArea - 108), std::string(kMessageArea - 108, '\0'));
 }
 
 TEST_F(AgentBuiltAnswers, LeaveTheLinkOfASavedRequestAlone) {
@@ -412,9 +397,13 @@ TEST_F(AgentBuiltAnswers, AreTraced) {
 
 class LivingClients : public ClientTest {
  protected:
+  void SetUp() override {
+    ClientTest::SetUp();
+    A = AddLink("A");
+  }
   static int Test(int pid) { return TestAliveClient(kHere, 1, pid); }
-  static void List(Link* link, int pid) {
-    ASSERT_EQ(AddClientPidIntoList(kHere, 1, link, pid, 5), 0);
+  static void List(Link* link, int pid, int socket = 5) {
+    ASSERT_EQ(AddClientPidIntoList(kHere, 1, link, pid, socket), 0);
   }
   static std::vector<int> Listed() {
     std::vector<int> pids;
@@ -424,8 +413,7 @@ class LivingClients : public ClientTest {
 };
 
 TEST_F(LivingClients, ALivingProcessIsFoundByTheShortTest) {
-  Link* const link = AddLink("SRV");
-  List(link, test::DeadPid());
+  List(A, test::DeadPid());
   const CapturedLog log;
   EXPECT_EQ(Test(getpid()), 0);
   EXPECT_TRUE(log.Contains("'TestAliveClient' Leave SUCCESS short test\n"));
@@ -450,7 +438,7 @@ TEST_F(LivingClients, AProcessOfAnotherUserIsAlive) {
   EXPECT_EQ(kill(foreign, 0), -1);
   EXPECT_EQ(errno, EPERM);
   EXPECT_EQ(Test(foreign), 0);
-  List(AddLink("SRV"), foreign);
+  List(A, foreign);
   EXPECT_EQ(Test(0), 0);
   EXPECT_EQ(Listed()[0], foreign);
   if (!root) return;
@@ -460,19 +448,17 @@ TEST_F(LivingClients, AProcessOfAnotherUserIsAlive) {
 }
 
 TEST_F(LivingClients, OnlyTheEntriesOfTheProcessAskedForAreTested) {
-  Link* const link = AddLink("SRV");
   const pid_t dead = test::DeadPid(), alsoDead = test::DeadPid();
-  List(link, dead);
-  List(link, alsoDead);
+  List(A, dead);
+  List(A, alsoDead);
   EXPECT_EQ(Test(dead), 1);
   EXPECT_EQ(Listed(), (std::vector<int>{0, alsoDead}));
 }
 
 TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
-  Link* const link = AddLink("SRV");
   const pid_t dead = test::DeadPid();
-  List(link, dead);
-  List(link, getpid());
+  List(A, dead);
+  List(A, getpid());
   const CapturedLog log;
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Listed(), (std::vector<int>{0, getpid()}));
@@ -483,25 +469,25 @@ TEST_F(LivingClients, TheTestOfAllTakesOutTheDead) {
 }
 
 TEST_F(LivingClients, ADeathIsToldForEachConnectionOfTheProcess) {
-  Link* const link = AddLink("SRV");
-  link->State = kLinkConnected;
+  A->State = kLinkConnected;
   const pid_t dead = test::DeadPid();
-  for (const int socket : {5, 6}) EXPECT_EQ(AddClientPidIntoList(kHere, 1, link, dead, socket), 0);
+  for (const int socket : {5, 6}) List(A, dead, socket);
   EXPECT_EQ(Test(0), 1);
   EXPECT_EQ(Fake().DeadClients, (std::vector<int>{dead, dead}));
 }
 
 TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
   const pid_t dead = test::DeadPid();
-  Link* const links[] = {AddLink("A"), AddLink("B"), AddLink("C")};
-  links[1]->State = kLinkConnected;
-  links[2]->State = kLinkConnecting;
-  for (Link* link : links) {
-    EXPECT_EQ(AddClientPidIntoList(kHere, 1, link, dead, 5), 0);
+  B = AddLink("B");
+  C = AddLink("C");
+  B->State = kLinkConnected;
+  C->State = kLinkConnecting;
+  for (Link* link : {A, B, C}) {
+    List(link, dead);
     EXPECT_EQ(Test(0), 1);
   }
-  AddClientPidIntoList(kHere, 1, links[1], dead, 5);
-  ForgetLinkOfClients(links[1]);
+  List(B, dead);
+  ForgetLinkOfClients(B);
   EXPECT_EQ(Test(0), 1) << "the link of this entry has been deleted";
   EXPECT_EQ(Fake().Count("ClientDeadEvent B"), 1);
   EXPECT_EQ(Fake().DeadClients, std::vector<int>{dead});
@@ -510,7 +496,7 @@ TEST_F(LivingClients, OnlyConnectedLinksAreToldOfADeath) {
 TEST_F(LivingClients, AnUnknownDeadProcessIsDeadAllTheSame) { EXPECT_EQ(Test(test::DeadPid()), 1); }
 
 TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
-  AddLink("A")->State = kLinkConnected;
+  A->State = kLinkConnected;
   AddLink("B");
   AddLink("C")->State = kLinkConnecting;
   for (int check = 1; check < 151; ++check) Test(0);
@@ -524,23 +510,21 @@ TEST_F(LivingClients, After151ChecksWithoutClientsAllLinksAreDisconnectedOnce) {
 }
 
 TEST_F(LivingClients, TheCountdownThenStandsStillUntilTheNextRequest) {
-  Link* const link = AddLink("A");
   ClientTimeout = 1;
   Test(0);
   EXPECT_EQ(ClientTimeout, 0);
   Test(0);
   EXPECT_EQ(ClientTimeout, 0xFFFF);
-  link->State = kLinkConnected;
+  A->State = kLinkConnected;
   for (int check = 0; check < 200; ++check) Test(0);
   EXPECT_EQ(ClientTimeout, 0xFFFF);
-  EXPECT_EQ(link->State, kLinkConnected);
-  List(link, getpid());
+  EXPECT_EQ(A->State, kLinkConnected);
+  List(A, getpid());
   EXPECT_EQ(ClientTimeout, 151);
 }
 
 TEST_F(LivingClients, TheCountdownRunsOnlyWithoutClients) {
-  Link* const link = AddLink("A");
-  List(link, getpid());
+  List(A, getpid());
   Test(0);
   EXPECT_EQ(ClientTimeout, 151);
   g_DbcI.ClientPidList.Items[0] = {};
@@ -548,7 +532,7 @@ TEST_F(LivingClients, TheCountdownRunsOnlyWithoutClients) {
   EXPECT_EQ(ClientTimeout, 150) << "a list without entries in use counts as none";
   Test(getpid());
   EXPECT_EQ(ClientTimeout, 150) << "the short test does not count";
-  List(link, test::DeadPid());
+  List(A, test::DeadPid());
   ClientTimeout = 100;
   Test(0);
   EXPECT_EQ(ClientTimeout, 100) << "it was listed when the check began";
@@ -566,8 +550,7 @@ class ClientList : public ClientTest {
  protected:
   void SetUp() override {
     ClientTest::SetUp();
-    link_ = AddLink("SRV");
-    other_ = AddLink("OTHER");
+    AddTwoLinks();
   }
   static int Add(Link* link, int pid, int socket) {
     return AddClientPidIntoList(kHere, 1, link, pid, socket);
@@ -585,23 +568,20 @@ class ClientList : public ClientTest {
   // With what word adding the client ends.
   std::string LeaveWord(int pid) const {
     const CapturedLog log;
-    Add(link_, pid, 5);
+    Add(A, pid, 5);
     const std::string text = log.Text(), mark = "'AddClientPidIntoList' Leave ";
     const std::size_t at = text.find(mark);
     return at == std::string::npos ? "" : text.substr(at + mark.size());
   }
-
-  Link* link_ = nullptr;
-  Link* other_ = nullptr;
 };
 
 TEST_F(ClientList, AClientIsListedOncePerLinkAndConnection) {
-  Add(link_, 10, 5);
-  Add(link_, 10, 5);
+  Add(A, 10, 5);
+  Add(A, 10, 5);
   EXPECT_EQ(Shown(), "10/5 - ");
-  Add(other_, 10, 5);
+  Add(B, 10, 5);
   EXPECT_EQ(Shown(), "10/5 10/5 ");
-  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, other_);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, B);
 }
 
 TEST_F(ClientList, EachCaseLeavesWithItsWord) {
@@ -611,44 +591,44 @@ TEST_F(ClientList, EachCaseLeavesWithItsWord) {
 }
 
 TEST_F(ClientList, AFreeElementAheadOfTheClientsOwnIsFilled) {
-  Add(link_, 10, 5);
-  Add(link_, 11, 6);
+  Add(A, 10, 5);
+  Add(A, 11, 6);
   g_DbcI.ClientPidList.Items[0] = {};
   g_DbcI.FirstFreeClient = 0;
-  Add(link_, 11, 6);
+  Add(A, 11, 6);
   EXPECT_EQ(Shown(), "11/6 11/6 ");
 }
 
 TEST_F(ClientList, GrowingCarriesOverOnlyAsManyBytesAsThereWereElements) {
-  Add(link_, 10, 5);
-  Add(link_, 11, 6);
+  Add(A, 10, 5);
+  Add(A, 11, 6);
   unsigned char before[sizeof(ClientPid)];
   std::memcpy(before, g_DbcI.ClientPidList.Items, sizeof before);
-  Add(link_, 12, 7);
+  Add(A, 12, 7);
   EXPECT_EQ(Shown(), "- - 12/7 - ");
   unsigned char after[2 * sizeof(ClientPid)];
   std::memcpy(after, g_DbcI.ClientPidList.Items, sizeof after);
   EXPECT_EQ(std::memcmp(after, before, 2), 0);
   for (std::size_t i = 2; i < sizeof after; ++i) EXPECT_EQ(after[i], 0) << i;
-  Add(link_, 10, 5);
+  Add(A, 10, 5);
   EXPECT_EQ(Shown(), "10/5 - 12/7 - ") << "a lost entry comes back with the client's next request";
 }
 
 TEST_F(ClientList, OlderEntriesAreDroppedAtEachGrowth) {
-  for (int pid = 1; pid <= 4; ++pid) Add(link_, pid, pid);
+  for (int pid = 1; pid <= 4; ++pid) Add(A, pid, pid);
   EXPECT_EQ(Shown(), "4/4 - 3/3 - ");
-  Add(link_, 5, 5);
-  Add(link_, 6, 6);
+  Add(A, 5, 5);
+  Add(A, 6, 6);
   EXPECT_EQ(Shown(), "4/4 5/5 3/3 6/6 ");
-  Add(link_, 7, 7);
+  Add(A, 7, 7);
   EXPECT_EQ(Shown(), "- - - - 7/7 - - - ");
 }
 
 TEST_F(ClientList, WithoutMemoryTheOldListStays) {
-  Add(link_, 10, 5);
-  Add(link_, 11, 6);
+  Add(A, 10, 5);
+  Add(A, 11, 6);
   const CapturedLog log(kLogError);
-  EXPECT_EQ(WithoutMemory([&] { return Add(link_, 12, 7); }), -1);
+  EXPECT_EQ(WithoutMemory([&] { return Add(A, 12, 7); }), -1);
   EXPECT_TRUE(log.Contains("[ 2]    clntxch:"));
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
   EXPECT_EQ(Shown(), "10/5 11/6 ");
@@ -656,36 +636,36 @@ TEST_F(ClientList, WithoutMemoryTheOldListStays) {
 
 TEST_F(ClientList, EachRequestStartsTheTimeoutAnew) {
   ClientTimeout = 3;
-  Add(link_, 10, 5);
+  Add(A, 10, 5);
   EXPECT_EQ(ClientTimeout, 151);
   ClientTimeout = 3;
-  Add(link_, 10, 5);
+  Add(A, 10, 5);
   EXPECT_EQ(ClientTimeout, 151);
 }
 
 TEST_F(ClientList, ADeletedLinkIsForgottenByItsClientsAlone) {
-  Add(link_, 10, 5);
-  Add(other_, 11, 6);
-  ForgetLinkOfClients(link_);
+  Add(A, 10, 5);
+  Add(B, 11, 6);
+  ForgetLinkOfClients(A);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Link, nullptr);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 10);
-  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, other_);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, B);
 }
 
 TEST_F(ClientList, OfTheEntriesOfADeletedLinkOneAProcessIsKept) {
-  for (int socket = 5; socket < 13; ++socket) Add(link_, 10, socket);
-  ForgetLinkOfClients(link_);
+  for (int socket = 5; socket < 13; ++socket) Add(A, 10, socket);
+  ForgetLinkOfClients(A);
   int kept = 0;
   for (const ClientPid& client : g_DbcI.ClientPidList) kept += client.Pid == 10;
   EXPECT_EQ(kept, 1);
 }
 
 TEST_F(ClientList, NothingIsKeptOfADeletedLinkForAProcessListedWithAnother) {
-  Add(link_, 10, 5);
-  Add(other_, 10, 5);
-  ForgetLinkOfClients(link_);
+  Add(A, 10, 5);
+  Add(B, 10, 5);
+  ForgetLinkOfClients(A);
   EXPECT_EQ(g_DbcI.ClientPidList.Items[0].Pid, 0);
-  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, other_);
+  EXPECT_EQ(g_DbcI.ClientPidList.Items[1].Link, B);
 }
 
 }  // namespace

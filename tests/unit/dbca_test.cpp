@@ -20,7 +20,7 @@ class ManagementCommands : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    Fake();
+    AddThreeLinks();
   }
 
   // Gives the command to the agent; the answer is left in Answer, its integer returned.
@@ -42,6 +42,12 @@ class ManagementCommands : public AgentTest {
     return item;
   }
 
+  // The command with this result and item.
+  void ExpectItem(int code, std::int32_t rowId, int result, const std::string& item) {
+    EXPECT_EQ(Command(code, rowId), result) << code;
+    EXPECT_EQ(Item(), item) << code;
+  }
+
   template <class T>
   T ItemField(std::size_t at) const {
     T value;
@@ -49,21 +55,26 @@ class ManagementCommands : public AgentTest {
     return value;
   }
 
-  void AddThreeLinks() {
-    A = AddLink("A");
-    B = AddLink("B");
-    C = AddLink("C");
+  void ExpectSecondRedefined(const std::string& text) {
+    EXPECT_EQ(Command(126, 0, text), 0);
+    EXPECT_EQ(Circle(), "A D C");
+    EXPECT_STREQ(AddressOf(B), "there");
   }
+  void AddTcpDefault(TcpLinkData* data) {
+    Link* const link = g_DbcI.DefaultLink = AddLink("SRV1", Fake("TCPIP"));
+    std::free(link->DriverData);
+    link->DriverData = data;
+  }
+  static const char* AddressOf(const Link* link) { return static_cast<char*>(link->DriverData); }
 
   // A request of the client that names the node waits for the link.
   static void Wait(const FakeClient& client, Link* link, const std::string& node) {
     ClientMessage request = MakeRequest(getpid(), client.Socket(), 9);
     node.copy(request.CBL.Node, sizeof request.CBL.Node);
-    ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &request, link), 0);
+    Save(request, link);
   }
 
   ClientMessage Answer = {};
-  Link *A = nullptr, *B = nullptr, *C = nullptr;
 };
 
 TEST_F(ManagementCommands, TheAnswerIsBuiltOverTheRequest) {
@@ -77,58 +88,41 @@ TEST_F(ManagementCommands, TheAnswerIsBuiltOverTheRequest) {
 }
 
 TEST_F(ManagementCommands, NumbersWithoutAMeaningGiveZero) {
-  AddThreeLinks();
-  for (const int code : {0, 99, 101, 107, 108, 109, 110, 111, 112, 113, 114, 115, 130, 65535}) {
-    EXPECT_EQ(Command(code, 1), 0) << code;
-    EXPECT_EQ(Item(), "") << code;
-  }
+  for (const int code : {0, 99, 101, 107, 108, 109, 110, 111, 112, 113, 114, 115, 130, 65535})
+    ExpectItem(code, 1, 0, "");
 }
 
 TEST_F(ManagementCommands, TheNodesAreCounted) {
-  EXPECT_EQ(Command(102), 0);
-  AddThreeLinks();
   EXPECT_EQ(Command(102), 3);
+  RemoveLinks();
+  EXPECT_EQ(Command(102), 0);
 }
 
 TEST_F(ManagementCommands, CountingStartsAtTheFirstNodeWhereverTheCircleIsEntered) {
-  AddThreeLinks();
   g_DbcI.LinkList = C;
-  EXPECT_EQ(Command(105, 0), 1);
-  EXPECT_EQ(Item(), "A       ");
+  ExpectItem(105, 0, 1, "A       ");
 }
 
 TEST_F(ManagementCommands, TheDefaultNodeIsNamedBlankPadded) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = B;
-  EXPECT_EQ(Command(103), 1);
-  EXPECT_EQ(Item(), "B       ");
-  EXPECT_EQ(Command(104), 1);
-  EXPECT_EQ(Item(), "");
+  ExpectItem(103, 0, 1, "B       ");
+  ExpectItem(104, 0, 1, "");
 }
 
 TEST_F(ManagementCommands, WithoutADefaultThereIsNoNameAndTheIndexIsTheNumberOfNodes) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = nullptr;
-  EXPECT_EQ(Command(103), 0);
-  EXPECT_EQ(Item(), "");
+  ExpectItem(103, 0, 0, "");
   EXPECT_EQ(Command(104), 3);
 }
 
 TEST_F(ManagementCommands, ANodeIsNamedByItsNumber) {
-  AddThreeLinks();
   std::strcpy(B->NodeName, "EIGHTCHR");
-  EXPECT_EQ(Command(105, 1), 1);
-  EXPECT_EQ(Item(), "EIGHTCHR");
-  EXPECT_EQ(Command(105, 2), 1);
-  EXPECT_EQ(Item(), "C       ");
-  for (const int number : {5, 3, -1}) {
-    EXPECT_EQ(Command(105, number), 0);
-    EXPECT_EQ(Item(), "");
-  }
+  ExpectItem(105, 1, 1, "EIGHTCHR");
+  ExpectItem(105, 2, 1, "C       ");
+  for (const int number : {5, 3, -1}) ExpectItem(105, number, 0, "");
 }
 
 TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
-  AddThreeLinks();
   EXPECT_EQ(Command(106, 2), 1);
   EXPECT_EQ(g_DbcI.DefaultLink, C);
   EXPECT_EQ(Command(106, 3), 0);
@@ -136,7 +130,6 @@ TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
 }
 
 TEST_F(ManagementCommands, TheTraceShowsTheIntegerArgumentAndTheResult) {
-  AddThreeLinks();
   const CapturedLog trace;
   Command(105, 1);
   EXPECT_TRUE(trace.Contains("|Command dbcapi 1\n"));
@@ -238,8 +231,7 @@ TEST_F(NodetabPathCommand, ThePathIsReturnedWithItsNulAndNoPadding) {
   for (const char* name : {"nodetab", "nodetabs"}) {
     MakeFile(name);
     CapturedStdout out;
-    EXPECT_EQ(Command(116), 0);
-    EXPECT_EQ(Item(), Path + '\0');
+    ExpectItem(116, 0, 0, Path + '\0');
     EXPECT_TRUE(out.Contains("Nodetab found: \"" + Path + "\"\n"));
     unlink(Path.c_str());
   }
@@ -248,8 +240,7 @@ TEST_F(NodetabPathCommand, ThePathIsReturnedWithItsNulAndNoPadding) {
 TEST_F(NodetabPathCommand, AMissingFileGives129AndNoItem) {
   Path = Directory + "/nothing";
   g_DbcI.NodetabPath = Path.data();
-  EXPECT_EQ(Command(116), 129);
-  EXPECT_EQ(Item(), "");
+  ExpectItem(116, 0, 129, "");
 }
 
 TEST_F(NodetabPathCommand, APathThatDoesNotFitGives3AndNoItem) {
@@ -259,8 +250,7 @@ TEST_F(NodetabPathCommand, APathThatDoesNotFitGives3AndNoItem) {
   }
   MakeFile("nodetab");
   CapturedStdout out;
-  EXPECT_EQ(Command(116), 3);
-  EXPECT_EQ(Item(), "");
+  ExpectItem(116, 0, 3, "");
 }
 
 TEST_F(NodetabPathCommand, RepeatedCallsDoNotUseUpDescriptors) {
@@ -275,7 +265,6 @@ TEST_F(NodetabPathCommand, RepeatedCallsDoNotUseUpDescriptors) {
 // Adding
 
 TEST_F(ManagementCommands, ANodeIsAddedAtTheEnd) {
-  AddThreeLinks();
   EXPECT_EQ(Command(119, 0, "new FAKE there"), 0);
   EXPECT_EQ(Circle(), "A B C NEW");
   EXPECT_EQ(Command(102), 4);
@@ -283,17 +272,15 @@ TEST_F(ManagementCommands, ANodeIsAddedAtTheEnd) {
 }
 
 TEST_F(ManagementCommands, ALineThatMakesNoNodeGives1) {
-  AddThreeLinks();
   CapturedStderr log;
-  EXPECT_EQ(Command(119, 0, "NINECHARS FAKE there"), 1);
-  EXPECT_EQ(Command(119, 0, "D UNKNOWN there"), 1);
-  EXPECT_EQ(Command(119, 0, "A FAKE there"), 1);
-  EXPECT_EQ(Command(119, 0, "D FAKE bad"), 1);
-  EXPECT_EQ(Command(119, 0, ""), 1);
+  for (const char* line :
+       {"NINECHARS FAKE there", "D UNKNOWN there", "A FAKE there", "D FAKE bad", ""})
+    EXPECT_EQ(Command(119, 0, line), 1) << line;
   EXPECT_EQ(Circle(), "A B C");
 }
 
 TEST_F(ManagementCommands, ANodeAddedToAnEmptyTableIsFirstDefaultAndCircleStart) {
+  RemoveLinks();
   EXPECT_EQ(Command(119, 0, "ONLY FAKE there"), 0);
   Link* const link = g_DbcI.LinkList;
   ASSERT_NE(link, nullptr);
@@ -304,25 +291,26 @@ TEST_F(ManagementCommands, ANodeAddedToAnEmptyTableIsFirstDefaultAndCircleStart)
 }
 
 TEST_F(ManagementCommands, TheArgumentEndsWithItsString) {
+  RemoveLinks();
   // Without a NUL of its own, followed by a string that would otherwise be read on.
   Answer = MakeRequest(getpid(), 77, 5, {"D FAKE at", "not read"});
   Answer.CBL.DbcApiCode = 119;
   MakeDbcApiAnswer("test", __LINE__, &Answer);
   EXPECT_EQ(Answer.CBL.RowId, 0);
   ASSERT_NE(g_DbcI.LinkList, nullptr);
-  EXPECT_STREQ(static_cast<char*>(g_DbcI.LinkList->DriverData), "at");
+  EXPECT_STREQ(AddressOf(g_DbcI.LinkList), "at");
 }
 
 TEST_F(ManagementCommands, TheLargestArgumentIsReadWhole) {
+  RemoveLinks();
   const std::string address(8000, 'x');
   EXPECT_EQ(Command(119, 0, "D FAKE " + address), 0);
-  EXPECT_EQ(static_cast<char*>(g_DbcI.LinkList->DriverData), address);
+  EXPECT_EQ(AddressOf(g_DbcI.LinkList), address);
 }
 
 // Node descriptions
 
 TEST_F(ManagementCommands, ANodeThatIsNotThereGives17) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = nullptr;
   for (const int code : {120, 123, 126}) EXPECT_EQ(Command(code, 0, "NONE"), 17) << code;
   for (const int code : {121, 124, 127}) EXPECT_EQ(Command(code, 3, "X FAKE y"), 17) << code;
@@ -332,11 +320,8 @@ TEST_F(ManagementCommands, ANodeThatIsNotThereGives17) {
 }
 
 TEST_F(ManagementCommands, ATcpNodeIsDescribedWithItsAddressAndTimeouts) {
-  FakeProtocol& tcp = Fake("TCPIP");
-  Link* const link = AddLink("SRV1", tcp);
-  std::free(link->DriverData);
   auto* const data = static_cast<TcpLinkData*>(std::calloc(1, sizeof(TcpLinkData)));
-  link->DriverData = data;
+  AddTcpDefault(data);
   data->Address = static_cast<std::int32_t>(inet_addr("10.1.2.3"));
   data->Port = htons(1060);
   data->ReceiveTimeout = 100;
@@ -356,9 +341,7 @@ TEST_F(ManagementCommands, ATcpNodeIsDescribedWithItsAddressAndTimeouts) {
 }
 
 TEST_F(ManagementCommands, ATcpNodeWithoutADriverRecordHasNoAddress) {
-  Link* const link = AddLink("SRV1", Fake("TCPIP"));
-  std::free(link->DriverData);
-  link->DriverData = nullptr;
+  AddTcpDefault(nullptr);
   EXPECT_EQ(Command(122), 0);
   EXPECT_EQ(Item().substr(24), std::string(208, '\0'));
 }
@@ -368,7 +351,7 @@ TEST_F(ManagementCommands, OtherNodesAreDescribedWithTheirProtocolsIdentity) {
     const char* Name;
     std::uint32_t Code;
   } const protocols[] = {{"LOCAL", 1}, {"locals", 2}, {"LOCALI", 3}, {"TCPIPS", 5}, {"DECNET", 0}};
-  int number = 0;
+  int number = 3;
   for (const auto& protocol : protocols) {
     FakeProtocol& fake = Fake(protocol.Name);
     AddLink("N", fake);
@@ -401,7 +384,6 @@ TEST_F(ManagementCommands, TheNameMustHaveTheNodesLength) {
 // Deletion
 
 TEST_F(ManagementCommands, ADisconnectedNodeIsDeletedByNameNumberOrAsTheDefault) {
-  AddThreeLinks();
   AddLink("D");
   EXPECT_EQ(Command(123, 0, "c"), 0);
   EXPECT_EQ(Circle(), "A B D");
@@ -415,7 +397,6 @@ TEST_F(ManagementCommands, ADisconnectedNodeIsDeletedByNameNumberOrAsTheDefault)
 }
 
 TEST_F(ManagementCommands, AConnectedNodeGives33AndIsDeletedAtItsDisconnect) {
-  AddThreeLinks();
   B->State = kLinkConnected;
   std::strcpy(B->PendingNodetabLine, "X FAKE there");
   EXPECT_EQ(Command(123, 0, "B"), 33);
@@ -431,6 +412,7 @@ TEST_F(ManagementCommands, DeletingNothingIsDone) {
 }
 
 TEST_F(ManagementCommands, DeletingTheLastNodeLeavesNoPointer) {
+  RemoveLinks();
   AddLink("A");
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(g_DbcI.LinkList, nullptr);
@@ -445,7 +427,6 @@ TEST_F(ManagementCommands, DeletingTheLastNodeLeavesNoPointer) {
 }
 
 TEST_F(ManagementCommands, DeletingTheDefaultConnectsTheNextNodeAndRestoresTheMode) {
-  AddThreeLinks();
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(Circle(), "B C");
   EXPECT_EQ(g_DbcI.DefaultLink, B);
@@ -456,7 +437,6 @@ TEST_F(ManagementCommands, DeletingTheDefaultConnectsTheNextNodeAndRestoresTheMo
 }
 
 TEST_F(ManagementCommands, WhenNoNodeConnectsTheSuccessorIsTheDefaultAndTheCircleHasNoStart) {
-  AddThreeLinks();
   Fake().OnConnect = [](Link*) { return kStatusConnect; };
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(Circle(), "B C");
@@ -466,7 +446,6 @@ TEST_F(ManagementCommands, WhenNoNodeConnectsTheSuccessorIsTheDefaultAndTheCircl
 }
 
 TEST_F(ManagementCommands, ANewCircleStartIsTheFirstNodeThatConnects) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = B;
   Fake().OnConnect = [this](Link* link) {
     if (link != C) return static_cast<int>(kStatusConnect);
@@ -481,7 +460,6 @@ TEST_F(ManagementCommands, ANewCircleStartIsTheFirstNodeThatConnects) {
 }
 
 TEST_F(ManagementCommands, ANodeThatIsOnlyConnectingDoesNotBecomeTheCircleStart) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = C;
   Fake().OnConnect = [](Link* link) {
     link->State = kLinkConnecting;
@@ -494,7 +472,6 @@ TEST_F(ManagementCommands, ANodeThatIsOnlyConnectingDoesNotBecomeTheCircleStart)
 }
 
 TEST_F(ManagementCommands, AConnectedNodeBecomesTheCircleStartWithoutAnotherConnect) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = C;
   B->State = kLinkConnected;
   EXPECT_EQ(Command(124, 0), 0);
@@ -503,7 +480,6 @@ TEST_F(ManagementCommands, AConnectedNodeBecomesTheCircleStartWithoutAnotherConn
 }
 
 TEST_F(ManagementCommands, NothingIsConnectedOnceAStopWasRequested) {
-  AddThreeLinks();
   g_DbcI.ExitStatus = -1;
   EXPECT_EQ(Command(125), 0);
   EXPECT_EQ(Fake().Count("ConnectLink B") + Fake().Count("ConnectLink C"), 0);
@@ -511,8 +487,8 @@ TEST_F(ManagementCommands, NothingIsConnectedOnceAStopWasRequested) {
 }
 
 TEST_F(ManagementCommands, ADeletedNodeIsNotConnectedByADeletionItSetsOff) {
-  A = AddLink("A");
-  B = AddLink("B");
+  RemoveLinks();
+  AddTwoLinks();
   g_DbcI.CircleStartLink = B;
   B->State = kLinkConnected;
   B->DeletePending = 1;
@@ -523,7 +499,6 @@ TEST_F(ManagementCommands, ADeletedNodeIsNotConnectedByADeletionItSetsOff) {
 }
 
 TEST_F(ManagementCommands, RequestsWaitingForADeletedNodeAreToldThatItIsUnknown) {
-  AddThreeLinks();
   const FakeClient client;
   Wait(client, C, "C       ");
   EXPECT_EQ(Command(123, 0, "C"), 0);
@@ -532,7 +507,6 @@ TEST_F(ManagementCommands, RequestsWaitingForADeletedNodeAreToldThatItIsUnknown)
 }
 
 TEST_F(ManagementCommands, RequestsThatNamedADeletedDefaultAreNotTakenForServed) {
-  AddThreeLinks();
   const FakeClient client;
   Wait(client, A, "A       ");
   EXPECT_EQ(Command(125), 0);
@@ -540,7 +514,6 @@ TEST_F(ManagementCommands, RequestsThatNamedADeletedDefaultAreNotTakenForServed)
 }
 
 TEST_F(ManagementCommands, RequestsForTheDefaultGoOnWhenItIsDeleted) {
-  AddThreeLinks();
   const FakeClient client;
   Wait(client, A, "");
   EXPECT_EQ(Command(125), 0);
@@ -549,7 +522,6 @@ TEST_F(ManagementCommands, RequestsForTheDefaultGoOnWhenItIsDeleted) {
 }
 
 TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {
-  AddThreeLinks();
   B->State = kLinkConnected;
   EXPECT_EQ(DelNode("test", __LINE__, A), 0);
   EXPECT_EQ(g_DbcI.LinkList, B);
@@ -560,16 +532,14 @@ TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {
 // Redefinition
 
 TEST_F(ManagementCommands, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
-  AddThreeLinks();
   EXPECT_EQ(Command(127, 1, "new FAKE elsewhere"), 0);
   EXPECT_EQ(Circle(), "A NEW C");
-  EXPECT_STREQ(static_cast<char*>(B->DriverData), "elsewhere");
+  EXPECT_STREQ(AddressOf(B), "elsewhere");
   EXPECT_EQ(Fake().Count("UninitLink B"), 1);
   EXPECT_EQ(Fake().Count("DisconnectLink B"), 0);
 }
 
 TEST_F(ManagementCommands, TheDefaultNodeIsRedefined) {
-  AddThreeLinks();
   g_DbcI.DefaultLink = C;
   EXPECT_EQ(Command(128, 0, "D FAKE there"), 0);
   EXPECT_EQ(Circle(), "A B D");
@@ -577,21 +547,14 @@ TEST_F(ManagementCommands, TheDefaultNodeIsRedefined) {
 }
 
 TEST_F(ManagementCommands, TheDefinitionOfANamedNodeStandsTwoBytesBehindTheName) {
-  AddThreeLinks();
-  EXPECT_EQ(Command(126, 0, std::string("b\0\0D FAKE there", 15)), 0);
-  EXPECT_EQ(Circle(), "A D C");
-  EXPECT_STREQ(static_cast<char*>(B->DriverData), "there");
+  ExpectSecondRedefined(std::string("b\0\0D FAKE there", 15));
 }
 
 TEST_F(ManagementCommands, TheNameOfANodeToRedefineMayBePadded) {
-  AddThreeLinks();
-  EXPECT_EQ(Command(126, 0, std::string("b       \0\0D FAKE there", 22)), 0);
-  EXPECT_EQ(Circle(), "A D C");
-  EXPECT_STREQ(static_cast<char*>(B->DriverData), "there");
+  ExpectSecondRedefined(std::string("b       \0\0D FAKE there", 22));
 }
 
 TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
-  AddThreeLinks();
   for (const std::string& text : {std::string("B"), std::string("B\0", 2), std::string("B\0\0", 3)})
     EXPECT_EQ(Command(126, 0, text), 0);
   EXPECT_EQ(Circle(), "A B C");
@@ -600,7 +563,6 @@ TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
 
 // A definition of no characters would be the last word on the node.
 TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionIsDeletedLaterAllTheSame) {
-  AddThreeLinks();
   B->State = kLinkConnected;
   EXPECT_EQ(Command(123, 0, "B"), 33);
   EXPECT_EQ(Command(126, 0, std::string("B\0\0", 3)), 0);
@@ -609,16 +571,14 @@ TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionIsDeletedLaterAllTheSame)
 }
 
 TEST_F(ManagementCommands, ADefinitionThatMakesNoNodeChangesNothingButGives0) {
-  AddThreeLinks();
   CapturedStderr log;
   EXPECT_EQ(Command(127, 1, "TOOLONGNAME FAKE there"), 0);
   EXPECT_EQ(Command(127, 1, "D FAKE bad"), 0);
   EXPECT_EQ(Circle(), "A B C");
-  EXPECT_STREQ(static_cast<char*>(B->DriverData), "B");
+  EXPECT_STREQ(AddressOf(B), "B");
 }
 
 TEST_F(ManagementCommands, ABusyNodeKeepsItsDefinitionUntilItDisconnects) {
-  AddThreeLinks();
   B->State = kLinkConnected;
   B->DeletePending = 1;
   EXPECT_EQ(Command(126, 0, std::string("B\0\0D FAKE there", 15)), 0);
@@ -632,7 +592,6 @@ TEST_F(ManagementCommands, ABusyNodeKeepsItsDefinitionUntilItDisconnects) {
 }
 
 TEST_F(ManagementCommands, APendingLineIsCutAt299Characters) {
-  AddThreeLinks();
   B->State = kLinkConnecting;
   for (const std::size_t size : {298U, 299U, 300U, 301U, 8000U}) {
     std::memset(B->PendingNodetabLine, 'y', sizeof B->PendingNodetabLine);
@@ -644,17 +603,15 @@ TEST_F(ManagementCommands, APendingLineIsCutAt299Characters) {
 }
 
 TEST_F(ManagementCommands, APendingLineThatMakesNoNodeStaysAsItWas) {
-  AddThreeLinks();
   std::strcpy(B->PendingNodetabLine, "  d FAKE bad");
   CapturedStderr log;
   SyncNode("test", __LINE__, B);
   EXPECT_STREQ(B->PendingNodetabLine, "  d FAKE bad");
   EXPECT_EQ(Circle(), "A B C");
-  EXPECT_STREQ(static_cast<char*>(B->DriverData), "B");
+  EXPECT_STREQ(AddressOf(B), "B");
 }
 
 TEST_F(ManagementCommands, APendingLineComesBeforeAPendingDeletion) {
-  AddThreeLinks();
   std::strcpy(B->PendingNodetabLine, "D FAKE there");
   B->DeletePending = 1;
   SyncNode("test", __LINE__, B);
@@ -663,7 +620,6 @@ TEST_F(ManagementCommands, APendingLineComesBeforeAPendingDeletion) {
 }
 
 TEST_F(ManagementCommands, WhileTheAgentIsStoppingNothingPendingIsCarriedOut) {
-  AddThreeLinks();
   g_DbcI.ExitStatus = -1;
   B->DeletePending = 1;
   std::strcpy(C->PendingNodetabLine, "D FAKE there");
@@ -673,7 +629,6 @@ TEST_F(ManagementCommands, WhileTheAgentIsStoppingNothingPendingIsCarriedOut) {
 }
 
 TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
-  AddThreeLinks();
   std::strcpy(B->PendingNodetabLine, "D FAKE there");
   C->DeletePending = 1;
   Fake().OnConnect = [](Link*) {
@@ -689,7 +644,6 @@ TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
 }
 
 TEST_F(ManagementCommands, ACommandsTraceCarriesItsNameAndWord) {
-  AddThreeLinks();
   B->State = kLinkConnected;
   const CapturedLog trace;
   Command(124, 1);

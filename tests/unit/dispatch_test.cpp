@@ -22,6 +22,7 @@ class RequestDispatch : public ClientTest {
     ClientTest::SetUp();
     g_DbcI.PutMsg = PutMsgToClient;
     socket_ = Connect();
+    A = AddLink("A");
   }
   int Handle() { return HandleMessageFromClientQueue(kHere, 1, socket_); }
   // A request comes and is handled: the result.
@@ -52,12 +53,6 @@ class RequestDispatch : public ClientTest {
     EXPECT_TRUE(answer);
     return answer ? answer->RowId : -1;
   }
-  static std::vector<std::uint16_t> SavedTags(const Link* link) {
-    std::vector<std::uint16_t> tags;
-    for (const SavedMessage& saved : g_DbcI.SavedArray)
-      if (saved.Link == link) tags.push_back(Get(Trailer(&saved.Message), kTrailerAstInd));
-    return tags;
-  }
   // ConnectLink fails with this code and error.
   void FailToConnect(int status, int error) {
     Fake().OnConnect = [status, error](Link*) {
@@ -84,7 +79,6 @@ class RequestDispatch : public ClientTest {
 };
 
 TEST_F(RequestDispatch, NothingReadYetIsHandled) {
-  AddLink("A");
   EXPECT_EQ(Handle(), 0);
   EXPECT_EQ(Take(socket_), "");
 }
@@ -100,7 +94,6 @@ TEST_F(RequestDispatch, AFailedReadIsReported) {
 }
 
 TEST_F(RequestDispatch, EmptyNodesGoToTheDefaultLink) {
-  AddLink("A");
   g_DbcI.DefaultLink = AddLink("B");
   Serve("");
   Serve(std::string(8, ' '), 2);
@@ -110,7 +103,6 @@ TEST_F(RequestDispatch, EmptyNodesGoToTheDefaultLink) {
 }
 
 TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
-  AddLink("A");
   AddLink("AB");
   Serve("ab      ");
   Serve(std::string("Ab\0\0", 4), 2);
@@ -118,7 +110,8 @@ TEST_F(RequestDispatch, NodesAreFoundByTheComparisonOfNames) {
 }
 
 TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
-  for (const char* name : {"A", "B", "C"}) AddLink(name);
+  AddLink("B");
+  AddLink("C");
   Serve("B");
   EXPECT_EQ(Circle(), "B C A");
   Serve("A");
@@ -133,7 +126,6 @@ TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
 }
 
 TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
-  AddLink("A");
   const CapturedLog log;
   ExpectAnswered(Request("X", 7), -1, 4050, 0);
   ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
@@ -143,23 +135,23 @@ TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
 }
 
 TEST_F(RequestDispatch, TheNodeNameIsPrintedToItsEighthCharacter) {
-  AddLink("A");
   const CapturedLog log;
   Serve("ABCDEFGH");
   EXPECT_TRUE(log.Contains("|Node name ABCDEFGH dasn't correspondence"));
 }
 
 TEST_F(RequestDispatch, WithoutADefaultLinkItsRequestsAreAnsweredWith4050) {
-  AddLink("A");
   g_DbcI.DefaultLink = nullptr;
   ExpectAnswered(Request("", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, WithoutAnyLinkNamedRequestsAreAnsweredWith4050) {
+  RemoveLinks();
   ExpectAnswered(Request("A", 7), -1, 4050, 0);
 }
 
 TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
+  RemoveLinks();
   const CapturedLog log;
   EXPECT_EQ(Serve(Management(100)), 0);
   EXPECT_EQ(TakeManagementResult(), 1);
@@ -167,7 +159,6 @@ TEST_F(RequestDispatch, ManagementRequestsAreAnsweredWithoutAnyLink) {
 }
 
 TEST_F(RequestDispatch, ManagementRequestsAreNeverRouted) {
-  AddLink("A");
   for (const char* node : {"", "A", "X"}) {
     EXPECT_EQ(Serve(Management(100, node)), 0) << node;
     EXPECT_EQ(TakeManagementResult(), 1) << node;
@@ -178,7 +169,6 @@ TEST_F(RequestDispatch, ManagementRequestsAreNeverRouted) {
 }
 
 TEST_F(RequestDispatch, OnlyTheExactCommandIsManagement) {
-  AddLink("A");
   lumo::Message request = Management(100, "A");
   for (const char* command : {"DBC", "dbca", "DBCB"}) {
     request.Command = command;
@@ -188,12 +178,11 @@ TEST_F(RequestDispatch, OnlyTheExactCommandIsManagement) {
 }
 
 TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
-  Link* const link = AddLink("A");
   ClientTimeout = 5;
-  Fake().OnConnect = [this, link](Link*) {
+  Fake().OnConnect = [this](Link*) {
     EXPECT_EQ(g_DbcI.ClientPidList.Capacity, 2);
     const ClientPid& client = g_DbcI.ClientPidList.Items[0];
-    EXPECT_TRUE(client.Link == link && client.Pid == getpid() && client.Socket == socket_);
+    EXPECT_TRUE(client.Link == A && client.Pid == getpid() && client.Socket == socket_);
     return 4066;
   };
   Serve("A");
@@ -202,7 +191,6 @@ TEST_F(RequestDispatch, TheClientIsListedBeforeTheLinkIsTried) {
 }
 
 TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
-  AddLink("A");
   const CapturedLog log(kLogError);
   EXPECT_EQ(WithoutMemory([&] { return Serve("A"); }), -1);
   EXPECT_TRUE(log.Contains("|AddClientPidIntoList failed\n"));
@@ -211,13 +199,12 @@ TEST_F(RequestDispatch, WithoutMemoryForTheClientTheRequestIsDropped) {
 }
 
 TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
-  Link* const link = AddLink("A");
   const CapturedLog log;
   EXPECT_EQ(Serve(Request("A", 9, "text")), 0);
   EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "SendToNetwork A"}));
   ASSERT_EQ(Fake().Sent.size(), 1u);
   EXPECT_EQ(CountedString(Fake().Sent[0], 0), "text");
-  const MsgInfo* const info = FindMsgInfo(link, getpid(), 9);
+  const MsgInfo* const info = FindMsgInfo(A, getpid(), 9);
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(info->Socket, socket_);
   ExpectInOrder(log.Text(),
@@ -227,13 +214,12 @@ TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
 }
 
 TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
-  AddLink("A")->State = kLinkConnected;
+  A->State = kLinkConnected;
   EXPECT_EQ(Serve("A"), 0);
   EXPECT_EQ(Fake().Calls, Texts{"SendToNetwork A"});
 }
 
 TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
-  AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
   const CapturedLog log;
   ExpectAnswered(Request("A", 7), -1, 4006, ECONNREFUSED);
@@ -245,14 +231,12 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
 }
 
 TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
-  AddLink("A");
   FailToConnect(4066, 0);
   errno = EIO;
   ExpectAnswered(Request("A", 7), -1, 4066, 0);
 }
 
 TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
-  AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
   for (const std::uint8_t level : std::initializer_list<std::uint8_t>{0, 2, 15}) {
     g_DbcI.LogLevel = level;
@@ -264,16 +248,14 @@ TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
 }
 
 TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
-  AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
-  EXPECT_EQ(SavedTags(g_DbcI.DefaultLink).size(), 0u);
+  EXPECT_EQ(Waiting(g_DbcI.DefaultLink).size(), 0u);
 }
 
 TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
   g_DbcI.AutoConnect = 1;
-  AddLink("A");
   AddLink("B");
   FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("B", 7), -1, 4006, ENETUNREACH);
@@ -282,19 +264,18 @@ TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
 
 TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
   g_DbcI.AutoConnect = 1;
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
-  Fake().OnConnect = [a](Link* link) {
-    if (link == a) return 4006;
+  B = AddLink("B");
+  Fake().OnConnect = [this](Link* link) {
+    if (link == A) return 4006;
     link->State = kLinkConnected;
     return 0;
   };
   const CapturedLog log;
   EXPECT_EQ(Serve("", 7), 0);
-  EXPECT_EQ(g_DbcI.DefaultLink, b);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 1);
-  EXPECT_NE(FindMsgInfo(b, getpid(), 7), nullptr);
-  EXPECT_EQ(SavedTags(a).size() + SavedTags(b).size(), 0u);
+  EXPECT_NE(FindMsgInfo(B, getpid(), 7), nullptr);
+  EXPECT_EQ(Waiting(A).size() + Waiting(B).size(), 0u);
   EXPECT_EQ(Take(socket_), "");
   ExpectInOrder(log.Text(), {"Connect link A was failed", "'SaveUnsendMsg' Leave SUCCESS",
                              "It's default link. Try set new default link"});
@@ -302,7 +283,6 @@ TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
 
 TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
   g_DbcI.AutoConnect = 1;
-  AddLink("A");
   AddLink("B");
   FailToConnect(4066, 0);
   const CapturedLog log;
@@ -313,18 +293,16 @@ TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
 
 TEST_F(RequestDispatch, ANamedRequestOfTheFailedDefaultIsAnsweredWithTheFailure) {
   g_DbcI.AutoChange = 1;
-  AddLink("A");
-  Link* const b = AddLink("B");
+  B = AddLink("B");
   FailToConnect(4006, ENETUNREACH);
   const lumo::Message request = Request("A", 7);
   EXPECT_EQ(Serve(request), 0);
-  EXPECT_EQ(g_DbcI.DefaultLink, b);
+  EXPECT_EQ(g_DbcI.DefaultLink, B);
   ExpectOnlyError(request, 4006, 0);
 }
 
 TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
   g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
-  AddLink("A");
   FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
 }
@@ -332,7 +310,6 @@ TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
 TEST_F(RequestDispatch, ARequestForTheDownDefaultLinkLoadsTheCircleTimerWithHalfTheTimeout) {
   g_DbcI.AutoConnect = 1;
   g_DbcI.AutoConnectTimeout = 21;
-  AddLink("A");
   AddLink("B");
   StayConnecting();
   Serve("");
@@ -346,15 +323,14 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
     const char* Node;
     int Expected;
   };
-  Link* const a = AddLink("A");
-  Link* const b = AddLink("B");
+  B = AddLink("B");
   StayConnecting();
   std::uint16_t tag = 0;
   for (const Case& one :
        {Case{1, 0, 20, 0, "", 10}, Case{1, 0, 20, 0, "A", 10}, Case{0, 1, 20, 0, "", 0},
         Case{0, 0, 20, 0, "", 0}, Case{1, 0, 0, 0, "", 0}, Case{1, 0, 20, 4, "", 4},
         Case{1, 0, 20, 0, "B", 0}, Case{1, 0, 1, 0, "", 0}}) {
-    a->State = b->State = kLinkDisconnected;
+    A->State = B->State = kLinkDisconnected;
     g_DbcI.AutoConnect = one.AutoConnect;
     g_DbcI.AutoChange = one.AutoChange;
     g_DbcI.AutoConnectTimeout = one.Timeout;
@@ -370,12 +346,11 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
 }
 
 TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
-  Link* const link = AddLink("A");
   StayConnecting();
   const CapturedLog log;
   EXPECT_EQ(Serve("A", 1), 0);
   EXPECT_EQ(Serve("A", 2), 0);
-  EXPECT_EQ(SavedTags(link), (std::vector<std::uint16_t>{1, 2}));
+  EXPECT_EQ(Waiting(A), (Tags{1, 2}));
   EXPECT_EQ(Fake().Calls, Texts{"ConnectLink A"}) << "the second finds it connecting";
   EXPECT_EQ(Take(socket_), "");
   EXPECT_TRUE(log.Contains(
@@ -383,7 +358,6 @@ TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
 }
 
 TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
-  Link* const link = AddLink("A");
   StayConnecting();
   g_DbcI.ConnError = 1;
   for (const int code : {4006, 1001}) {
@@ -394,28 +368,26 @@ TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
     ExpectOnlyError(request, code, 115);
     EXPECT_TRUE(log.Contains("|Connection is in progress state. return error to client\n"));
   }
-  EXPECT_TRUE(SavedTags(link).empty());
-  EXPECT_EQ(link->State, kLinkConnecting);
+  EXPECT_TRUE(Waiting(A).empty());
+  EXPECT_EQ(A->State, kLinkConnecting);
 }
 
 TEST_F(RequestDispatch, WithoutMemoryToSaveARequestIsAnsweredWith4200) {
-  Link* const link = AddLink("A");
-  link->State = kLinkConnecting;
-  AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
+  A->State = kLinkConnecting;
+  AddClientPidIntoList(kHere, 1, A, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
   WithoutMemory([&] { return Serve(request); });
   ExpectOnlyError(request, 4200, 0);
 }
 
 TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkGoesDown) {
-  Link* const link = AddLink("A");
-  link->State = kLinkConnected;
-  AddClientPidIntoList(kHere, 1, link, getpid(), socket_);
+  A->State = kLinkConnected;
+  AddClientPidIntoList(kHere, 1, A, getpid(), socket_);
   const lumo::Message request = Request("A", 7);
   const CapturedLog log;
   EXPECT_EQ(WithoutMemory([&] { return Serve(request); }), -1);
   ExpectOnlyError(request, 4200, 0);
-  EXPECT_EQ(link->State, kLinkDisconnected);
+  EXPECT_EQ(A->State, kLinkDisconnected);
   EXPECT_EQ(Fake().Count("SendToNetwork A"), 0);
   ExpectInOrder(log.Text(), {"'SaveMsgInfo' Leave FAILED allocat memory",
                              "SaveMsgInfo return bad status. Send Error to client",
@@ -424,15 +396,14 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
 }
 
 TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
-  Link* const link = AddLink("A");
-  link->State = kLinkConnected;
+  A->State = kLinkConnected;
   Fake().OnSend = [](Link*, ClientMessage*) {
     errno = EPIPE;
     return 4007;
   };
   const CapturedLog log;
   ExpectAnswered(Request("A", 7), -1, 4007, EPIPE);
-  EXPECT_EQ(link->State, kLinkDisconnected);
+  EXPECT_EQ(A->State, kLinkDisconnected);
   EXPECT_EQ(RequestsInFlight(), 0);
   ExpectInOrder(log.Text(),
                 {"Link A is already connect state. Try send message", "Send to network failed",
@@ -441,11 +412,10 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
 }
 
 TEST_F(RequestDispatch, ARequestWaitsNowhereAfterItsAnswer) {
-  Link* const link = AddLink("A");
   FailToConnect(4006, ECONNREFUSED);
   Serve("A");
   Take(socket_);
-  EXPECT_TRUE(SavedTags(link).empty());
+  EXPECT_TRUE(Waiting(A).empty());
   EXPECT_EQ(RequestsInFlight(), 0);
 }
 
@@ -454,9 +424,8 @@ class Parking : public RequestDispatch {
  protected:
   static constexpr std::size_t kLimit = 64 * 1024;
 
-  // A connected link with a stream; its descriptor.
-  int StreamLink(const char* name) {
-    Link* const link = AddLink(name);
+  // The link is connected and has a stream; its descriptor.
+  int Stream(Link* link) {
     link->State = kLinkConnected;
     const int own = Connect();
     FD_CLR(own, &g_DbcI.ClientSockets);
@@ -464,18 +433,18 @@ class Parking : public RequestDispatch {
     REGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own, link);
     return own;
   }
-  // One whose node reads nothing and that has this much unsent.
-  int BusyLink(const char* name, std::size_t unsent) {
-    const int own = StreamLink(name);
+  // The node reads nothing and this much is unsent.
+  int BusyStream(std::size_t unsent) {
+    const int own = Stream(A);
     while (UnsentBytes(own) == 0) EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, 500), 0);
     EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, unsent - UnsentBytes(own)), 0);
     EXPECT_EQ(UnsentBytes(own), unsent);
     return own;
   }
-  // One over which requests travel together.
-  int JoiningLink(const char* name) {
-    const int own = StreamLink(name);
-    g_DbcI.LinkList->Protocol->Joins = true;
+  // Requests travel over it together.
+  int JoiningStream() {
+    const int own = Stream(A);
+    A->Protocol->Joins = true;
     Fake().OnSend = [own](Link*, ClientMessage* msg) {
       return SendBytes(kHere, 1, own, Wire(msg), kCblAt + msg->TrailerOffset + kTrailerSize);
     };
@@ -497,27 +466,27 @@ class Parking : public RequestDispatch {
 };
 
 TEST_F(Parking, AConnectionIsReadWhileItsLinkHasUpTo64KibibytesUnsent) {
-  BusyLink("A", kLimit);
+  BusyStream(kLimit);
   EXPECT_EQ(Serve("A"), 0);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, AConnectionIsParkedBehindALinkWithMoreUnsentUntilThatIsGone) {
-  const int own = BusyLink("A", kLimit + 1);
+  const int own = BusyStream(kLimit + 1);
   EXPECT_EQ(Serve("A"), 0) << "the request itself still went";
   EXPECT_FALSE(IsRead(socket_));
   EXPECT_TRUE(IsClient(socket_) && IsOpen(socket_));
-  ReleaseParkedBehind(g_DbcI.LinkList);
+  ReleaseParkedBehind(A);
   EXPECT_FALSE(IsRead(socket_));
   Take(own);
   EXPECT_EQ(FlushBytes(kHere, 1, own), 0);
-  ReleaseParkedBehind(g_DbcI.LinkList);
+  ReleaseParkedBehind(A);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, WhatLeavesTogetherReleasesItsClients) {
-  const int own = StreamLink("A");
-  g_DbcI.LinkList->Protocol->Joins = true;
+  const int own = Stream(A);
+  A->Protocol->Joins = true;
   JoinRequests(true);
   EXPECT_EQ(SendBytes(kHere, 1, own, bytes_, kLimit + 1), 0);
   EXPECT_EQ(Serve("A"), 0) << "more than 64 KiB are to go: the connection is parked";
@@ -528,13 +497,13 @@ TEST_F(Parking, WhatLeavesTogetherReleasesItsClients) {
 
 // What went out in the pass before has nothing to do with it.
 TEST_F(Parking, OfThoseThatLeaveTogetherTheFirstThatIsNotTakenFails) {
-  const int own = JoiningLink("A");
+  const int own = JoiningStream();
   JoinRequests(true);
   Serve("A", 1);
   SendTogether();
   MsgInfo answered;
   std::int32_t index = 0;
-  ASSERT_TRUE(TakeMsgInfo(g_DbcI.LinkList, &index, &answered));
+  ASSERT_TRUE(TakeMsgInfo(A, &index, &answered));
   HangUp(own);
   JoinRequests(true);
   const lumo::Message request = Request("A", 2);
@@ -545,7 +514,7 @@ TEST_F(Parking, OfThoseThatLeaveTogetherTheFirstThatIsNotTakenFails) {
 }
 
 TEST_F(Parking, ALinkThatGoesDownWithWhatLeavesIsNoLongerWrittenTo) {
-  const int own = JoiningLink("A"), other = StreamLink("B");
+  const int own = JoiningStream(), other = Stream(AddLink("B"));
   UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, own);
   HangUp(own);
   REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, other);
@@ -561,7 +530,7 @@ TEST_F(Parking, ALinkThatGoesDownWithWhatLeavesIsNoLongerWrittenTo) {
 }
 
 TEST_F(Parking, RequestsTravelTogetherWhileTwoMoreHaveRoomInABlock) {
-  const int own = JoiningLink("A");
+  const int own = JoiningStream();
   JoinRequests(true);
   Serve("A", 1);
   const std::size_t request = JoinedBytes(own);
@@ -574,52 +543,52 @@ TEST_F(Parking, RequestsTravelTogetherWhileTwoMoreHaveRoomInABlock) {
 }
 
 TEST_F(Parking, OnlyTheClientsOfTheBusyLinkAreParked) {
-  BusyLink("A", kLimit + 1);
+  BusyStream(kLimit + 1);
   AddLink("B")->State = kLinkConnected;
   EXPECT_EQ(Serve("B"), 0);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, ABrokenLinkReleasesItsClients) {
-  const int own = BusyLink("A", kLimit + 1);
+  const int own = BusyStream(kLimit + 1);
   Serve("A");
   UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, own);
-  DisconnectLink(kHere, 1, g_DbcI.LinkList, 4007, 0);
+  DisconnectLink(kHere, 1, A, 4007, 0);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, ABrokenLinkReleasesThoseWhoseRequestsItHasAnswered) {
-  BusyLink("A", kLimit + 1);
+  BusyStream(kLimit + 1);
   Serve("A");
   MsgInfo answered;
   std::int32_t index = 0;
-  ASSERT_TRUE(TakeMsgInfo(g_DbcI.LinkList, &index, &answered));
+  ASSERT_TRUE(TakeMsgInfo(A, &index, &answered));
   EXPECT_FALSE(IsRead(socket_));
-  UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, g_DbcI.LinkList->Descriptor);
-  DisconnectLink(kHere, 1, g_DbcI.LinkList, 4007, 0);
+  UNREGISTER_SOCKET_FOR_THE_LINK(kHere, 1, A->Descriptor);
+  DisconnectLink(kHere, 1, A, 4007, 0);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, ADeletedLinkReleasesItsClients) {
-  BusyLink("A", kLimit + 1);
+  BusyStream(kLimit + 1);
   Serve("A");
-  ForgetParkedBehind(g_DbcI.LinkList);
+  ForgetParkedBehind(A);
   EXPECT_TRUE(IsRead(socket_));
 }
 
 TEST_F(Parking, AParkedConnectionThatIsClosedLeavesNoTrace) {
-  BusyLink("A", kLimit + 1);
+  BusyStream(kLimit + 1);
   Serve("A");
   CloseClient(socket_);
   const int next = Connect();
   EXPECT_EQ(next, socket_) << "the number is used again";
   UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, next);
-  ForgetParkedBehind(g_DbcI.LinkList);
+  ForgetParkedBehind(A);
   EXPECT_FALSE(IsRead(next)) << "nothing to release";
 }
 
 TEST_F(Parking, AConnectionWithTheNumberOfOneThatHasHungUpStaysOpen) {
-  BusyLink("A", kLimit + 1);
+  BusyStream(kLimit + 1);
   const int first = socket_;
   Serve("A", 1);
   const int second = socket_ = Connect();
@@ -638,8 +607,7 @@ TEST_F(Parking, AConnectionWithTheNumberOfOneThatHasHungUpStaysOpen) {
 }
 
 TEST_F(Parking, TheThirtySecondSavedRequestParksItsConnectionAlone) {
-  Link* const link = AddLink("A");
-  link->State = kLinkConnecting;
+  A->State = kLinkConnecting;
   for (std::uint16_t tag = 1; tag <= 31; ++tag) Serve("A", tag);
   EXPECT_TRUE(IsRead(socket_));
   Serve("A", 32);

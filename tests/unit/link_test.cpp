@@ -19,31 +19,13 @@ class LinkTest : public AgentTest {
   }
   // A request that waits for the link.
   void Save(std::uint16_t tag, Link* link, const std::string& node = {}) const {
-    const ClientMessage msg = Request(tag, node);
-    ASSERT_EQ(SaveUnsendMsg("test", 1, &msg, link), 0);
+    AgentTest::Save(Request(tag, node), link);
   }
   // A request that went to the link.
-  void Sent(std::uint16_t tag, Link* link) const {
-    const MsgInfo info = {
-        .Link = link, .TaskName = getpid(), .Socket = client_.Socket(), .AstInd = tag};
-    ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
-  }
+  void Sent(std::uint16_t tag, Link* link) const { Note(link, getpid(), client_.Socket(), tag); }
 
   std::string ReceivedBytes() const { return client_.ReceivedBytes(); }
   Texts Received() const { return client_.Received(); }
-  // The tags of the requests that wait for the link.
-  static std::vector<int> Waiting(const Link* link) {
-    std::vector<int> tags;
-    for (const SavedMessage& saved : g_DbcI.SavedArray) {
-      if (saved.Link == link) tags.push_back(Get(Trailer(&saved.Message), kTrailerAstInd));
-    }
-    return tags;
-  }
-  static std::vector<int> Tags(const std::vector<ClientMessage>& messages) {
-    std::vector<int> tags;
-    for (const ClientMessage& msg : messages) tags.push_back(Get(Trailer(&msg), kTrailerAstInd));
-    return tags;
-  }
   // Lines of level 1 and below while `action` runs.
   template <class Action>
   static std::string DefaultLog(Action action) {
@@ -53,14 +35,6 @@ class LinkTest : public AgentTest {
     return log.Text();
   }
 
-  // The nodes of the circle, two or three, all of one protocol.
-  void AddNodes(int count) {
-    A = AddLink("A");
-    B = AddLink("B");
-    if (count == 3) C = AddLink("C");
-  }
-
-  Link *A = nullptr, *B = nullptr, *C = nullptr;
   const FakeClient client_;
 };
 
@@ -89,7 +63,7 @@ TEST_F(DisconnectingALink, ReturnsZeroAndTracesTheCodes) {
 }
 
 TEST_F(DisconnectingALink, AnswersEveryRequestThatWentToItAndClearsItsRecord) {
-  AddNodes(2);
+  AddTwoLinks();
   Sent(1, A);
   Sent(2, B);
   Sent(3, A);
@@ -104,19 +78,19 @@ TEST_F(DisconnectingALink, AnswersEveryRequestThatWentToItAndClearsItsRecord) {
 }
 
 TEST_F(DisconnectingALink, AnswersEveryRequestThatWaitsForIt) {
-  AddNodes(2);
+  AddTwoLinks();
   Save(1, A);
   Save(2, B, "B");
   Save(3, A, "A");
   DisconnectLink("test", 1, A, 4006, 111);
   EXPECT_EQ(Received(), (Texts{"1: 4006, 111", "3: 4006, 111"}));
-  EXPECT_EQ(Waiting(A), std::vector<int>{});
-  EXPECT_EQ(Waiting(B), std::vector<int>{2});
+  EXPECT_EQ(Waiting(A), Tags{});
+  EXPECT_EQ(Waiting(B), Tags{2});
 }
 
 // An answer looks for dead clients, and what that sets off may come back to the link.
 TEST_F(DisconnectingALink, AnswersEachRequestOnceWhateverAnAnswerSetsOff) {
-  AddNodes(2);
+  AddTwoLinks();
   B->State = kLinkConnected;
   const pid_t dead = test::DeadPid();
   ASSERT_EQ(AddClientPidIntoList("test", 1, B, dead, 77), 0);
@@ -178,7 +152,7 @@ TEST_F(DisconnectingALink, InPingModeHandsTheCodesToTheVerdictAndNothingElse) {
   EXPECT_NE(g_DbcI.ExitStatus, 0);
   EXPECT_EQ(a->State, kLinkDisconnected);
   EXPECT_EQ(Received(), Texts{});
-  EXPECT_EQ(Waiting(a), std::vector<int>{2});
+  EXPECT_EQ(Waiting(a), Tags{2});
 }
 
 TEST_F(DisconnectingALink, CarriesOutAPendingRedefinition) {
@@ -192,7 +166,7 @@ TEST_F(DisconnectingALink, CarriesOutAPendingRedefinition) {
 }
 
 TEST_F(DisconnectingALink, CarriesOutAPendingDeletionAfterItsRequestsWereAnswered) {
-  AddNodes(2);
+  AddTwoLinks();
   g_DbcI.DefaultLink = g_DbcI.CircleStartLink = A;
   B->State = kLinkConnected;
   B->DeletePending = 1;
@@ -206,10 +180,12 @@ TEST_F(DisconnectingALink, CarriesOutAPendingDeletionAfterItsRequestsWereAnswere
 
 class MovingTheDefault : public LinkTest {
  protected:
-  // Three links in the circle A, B, C; A is the default and the start of the circle.
+  // Three links in the circle A, B, C; A is the default and the start of the circle. AutoConnect is
+  // the mode.
   void SetUp() override {
     LinkTest::SetUp();
-    AddNodes(3);
+    g_DbcI.AutoConnect = 1;
+    AddThreeLinks();
     for (const char* name : {"A", "B", "C"}) Outcomes[name] = kStatusConnect;
     Fake().OnConnect = [this](Link* link) {
       const int outcome = Outcomes[link->NodeName];
@@ -221,6 +197,10 @@ class MovingTheDefault : public LinkTest {
   static constexpr int kComesUp = 0;
   static constexpr int kUnderWay = -1;
 
+  static void UseAutoChange() {
+    g_DbcI.AutoConnect = 0;
+    g_DbcI.AutoChange = 1;
+  }
   static int Fail(Link* link, int status) {
     return TryConnectDefaultLinkToNextServer("test", 1, link, status);
   }
@@ -231,6 +211,7 @@ class MovingTheDefault : public LinkTest {
 };
 
 TEST_F(MovingTheDefault, WithoutAModeOnlyTakesTheLinkDown) {
+  g_DbcI.AutoConnect = 0;
   Save(1, A);
   Save(2, A, "A");
   EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4066), 4066); }), "");
@@ -240,13 +221,14 @@ TEST_F(MovingTheDefault, WithoutAModeOnlyTakesTheLinkDown) {
 }
 
 TEST_F(MovingTheDefault, WithoutAModeIsTraced) {
+  g_DbcI.AutoConnect = 0;
   const CapturedLog log;
   Fail(A, 4066);
   EXPECT_TRUE(log.Contains("|Not set flags AUTOCONNECT or AUTOCHANGE\n"));
 }
 
 TEST_F(MovingTheDefault, AutoChangeStepsToTheNextLinkAndConnectsNothing) {
-  g_DbcI.AutoChange = 1;
+  UseAutoChange();
   Save(1, A);
   EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4006), 0); }), "lumo_tcp:New default link is B\n");
   EXPECT_EQ(g_DbcI.DefaultLink, B);
@@ -254,11 +236,11 @@ TEST_F(MovingTheDefault, AutoChangeStepsToTheNextLinkAndConnectsNothing) {
   EXPECT_EQ(Connects("B"), 0);
   EXPECT_EQ(Disconnects("A"), 1);
   EXPECT_EQ(Received(), (Texts{"1: 4006, 0"})) << "requests are not moved in this mode";
-  EXPECT_EQ(Waiting(B), std::vector<int>{});
+  EXPECT_EQ(Waiting(B), Tags{});
 }
 
 TEST_F(MovingTheDefault, AutoChangeGoesRound) {
-  g_DbcI.AutoChange = 1;
+  UseAutoChange();
   EXPECT_EQ(DefaultLog([&] {
               Fail(A, 4006);
               Fail(B, 4006);
@@ -271,14 +253,13 @@ TEST_F(MovingTheDefault, AutoChangeGoesRound) {
 }
 
 TEST_F(MovingTheDefault, ALinkThatBecomesTheDefaultIsNotTakenDown) {
-  g_DbcI.AutoChange = 1;
+  UseAutoChange();
   EXPECT_EQ(Fail(B, 4006), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, B);
   EXPECT_EQ(Disconnects("B"), 0);
 }
 
 TEST_F(MovingTheDefault, TheCircleStopsAtTheFirstLinkThatConnects) {
-  g_DbcI.AutoConnect = 1;
   Outcomes["C"] = kComesUp;
   Save(1, A);
   Save(2, A, " ");
@@ -292,57 +273,52 @@ TEST_F(MovingTheDefault, TheCircleStopsAtTheFirstLinkThatConnects) {
   EXPECT_EQ(g_DbcI.DefaultLink, C);
   EXPECT_EQ(g_DbcI.CircleStartLink, C);
   EXPECT_EQ(Disconnects("A"), 0) << "the failed link is left as it is";
-  EXPECT_EQ(Waiting(B), std::vector<int>{4});
+  EXPECT_EQ(Waiting(B), Tags{4});
 }
 
 TEST_F(MovingTheDefault, RequestsMovedToAConnectedLinkAreSentAtOnce) {
-  g_DbcI.AutoConnect = 1;
   Outcomes["C"] = kComesUp;
   Save(1, A);
   Save(2, A, " ");
   Fail(A, 4066);
-  EXPECT_EQ(Tags(Fake().Sent), (std::vector<int>{1, 2}));
+  EXPECT_EQ(Fake().SentTags(), (Tags{1, 2}));
   EXPECT_EQ(Fake().Count("SendToNetwork C"), 2);
-  EXPECT_EQ(Waiting(C), std::vector<int>{});
+  EXPECT_EQ(Waiting(C), Tags{});
   EXPECT_EQ(Received(), Texts{});
 }
 
 TEST_F(MovingTheDefault, RequestsThatNameAFailedLinkThatIsDownAreAnswered) {
-  g_DbcI.AutoConnect = 1;
   Outcomes["B"] = kComesUp;
   Save(1, A, "A");
   Fail(A, 4066);
   EXPECT_EQ(Received(), (Texts{"1: 4066, 0"}));
-  EXPECT_EQ(Waiting(A), std::vector<int>{});
+  EXPECT_EQ(Waiting(A), Tags{});
 }
 
 TEST_F(MovingTheDefault, RequestsThatNameAFailedLinkThatIsNotDownGoOnWaiting) {
-  g_DbcI.AutoConnect = 1;
   Outcomes["B"] = kComesUp;
   A->State = kLinkConnecting;
   Save(1, A, "A");
   Fail(A, 4006);
   EXPECT_EQ(Received(), Texts{});
-  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Waiting(A), Tags{1});
   EXPECT_EQ(A->State, kLinkConnecting);
 }
 
 TEST_F(MovingTheDefault, ALinkThatIsConnectingKeepsTheRequestsAndTheCirclesStart) {
-  g_DbcI.AutoConnect = 1;
   Outcomes["C"] = kUnderWay;
   Save(1, A);
   Save(2, A, "A");
   EXPECT_EQ(Fail(A, 4058), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, C);
   EXPECT_EQ(g_DbcI.CircleStartLink, A);
-  EXPECT_EQ(Waiting(C), std::vector<int>{1});
+  EXPECT_EQ(Waiting(C), Tags{1});
   EXPECT_EQ(Disconnects("A"), 1);
   EXPECT_EQ(Received(), (Texts{"2: 4058, 0"}));
   EXPECT_TRUE(Fake().Sent.empty());
 }
 
 TEST_F(MovingTheDefault, ACandidateThatIsUpIsUsedWithoutAnotherConnect) {
-  g_DbcI.AutoConnect = 1;
   B->State = kLinkConnected;
   Save(1, A);
   EXPECT_EQ(Fail(A, 4006), 0);
@@ -353,16 +329,14 @@ TEST_F(MovingTheDefault, ACandidateThatIsUpIsUsedWithoutAnotherConnect) {
 }
 
 TEST_F(MovingTheDefault, ACandidateThatIsConnectingIsAwaitedWithoutAnotherConnect) {
-  g_DbcI.AutoConnect = 1;
   B->State = kLinkConnecting;
   Save(1, A);
   EXPECT_EQ(Fail(A, 4006), 0);
   EXPECT_EQ(Connects("B"), 0);
-  EXPECT_EQ(Waiting(B), std::vector<int>{1});
+  EXPECT_EQ(Waiting(B), Tags{1});
 }
 
 TEST_F(MovingTheDefault, WhenAllFailTheDefaultIsTheStartAgainAndAllAreAnswered) {
-  g_DbcI.AutoConnect = 1;
   Save(1, A);
   Save(2, A, "A");
   EXPECT_EQ(DefaultLog([&] { EXPECT_EQ(Fail(A, 4066), 4006); }),
@@ -379,14 +353,13 @@ TEST_F(MovingTheDefault, WhenAllFailTheDefaultIsTheStartAgainAndAllAreAnswered) 
 }
 
 TEST_F(MovingTheDefault, TheFailureOfTheCircleMayBeReportedAs1001) {
-  g_DbcI.AutoConnect = g_DbcI.Err1001 = 1;
+  g_DbcI.Err1001 = 1;
   Save(1, A);
   EXPECT_EQ(Fail(A, 4066), 1001);
   EXPECT_EQ(Received(), (Texts{"1: 1001, 0"}));
 }
 
 TEST_F(MovingTheDefault, AFailedLinkThatIsNotTheStartIsTakenDownWithItsOwnCode) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.DefaultLink = B;
   B->State = kLinkConnected;
   Sent(1, B);
@@ -400,31 +373,28 @@ TEST_F(MovingTheDefault, AFailedLinkThatIsNotTheStartIsTakenDownWithItsOwnCode) 
 }
 
 TEST_F(MovingTheDefault, WhileTheTimersCountRunsTheRequestsWait) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.AutoConnectTimeout = 10;
   g_DbcI.CircleTimeCount = 5;
   Save(1, A);
   EXPECT_EQ(Fail(A, 4066), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, A);
-  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Waiting(A), Tags{1});
   EXPECT_EQ(Received(), Texts{});
   EXPECT_EQ(Disconnects("A"), 0);
 }
 
 TEST_F(MovingTheDefault, WhileTheTimersCountRunsAFailedLinkThatIsNotTheStartIsTakenDown) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.AutoConnectTimeout = 10;
   g_DbcI.CircleTimeCount = 5;
   g_DbcI.DefaultLink = C;
   Save(1, C);
   Save(2, C, "C");
   EXPECT_EQ(Fail(C, 4006), 0);
-  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Waiting(A), Tags{1});
   EXPECT_EQ(Received(), (Texts{"2: 4006, 0"}));
 }
 
 TEST_F(MovingTheDefault, ACountThatHasRunOutOrATimeOutThatIsNotSetDoesNotWait) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.AutoConnectTimeout = 10;
   EXPECT_EQ(Fail(A, 4066), 4006);
   g_DbcI.AutoConnectTimeout = 0;
@@ -433,7 +403,6 @@ TEST_F(MovingTheDefault, ACountThatHasRunOutOrATimeOutThatIsNotSetDoesNotWait) {
 }
 
 TEST_F(MovingTheDefault, TheCircleIsTraced) {
-  g_DbcI.AutoConnect = 1;
   const CapturedLog log;
   Fail(A, 4066);
   const Texts traced =
@@ -449,7 +418,6 @@ TEST_F(MovingTheDefault, TheCircleIsTraced) {
 }
 
 TEST_F(MovingTheDefault, ASuccessAndAWaitAreTraced) {
-  g_DbcI.AutoConnect = 1;
   {
     g_DbcI.AutoConnectTimeout = g_DbcI.CircleTimeCount = 9;
     const CapturedLog log;
@@ -465,14 +433,13 @@ TEST_F(MovingTheDefault, ASuccessAndAWaitAreTraced) {
 }
 
 TEST_F(MovingTheDefault, AutoConnectComesBeforeAutoChange) {
-  g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
+  g_DbcI.AutoChange = 1;
   Outcomes["C"] = kComesUp;
   Fail(A, 4006);
   EXPECT_EQ(g_DbcI.DefaultLink, C);
 }
 
 TEST_F(MovingTheDefault, WithoutAStartTheCircleEndsWhereItWasEntered) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.CircleStartLink = nullptr;
   g_DbcI.DefaultLink = B;
   Save(1, B);
@@ -485,7 +452,6 @@ TEST_F(MovingTheDefault, WithoutAStartTheCircleEndsWhereItWasEntered) {
 }
 
 TEST_F(MovingTheDefault, WithoutAStartLateFailuresDoNotKeepTheCircleGoing) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.CircleStartLink = nullptr;
   for (const char* name : {"A", "B", "C"}) Outcomes[name] = kUnderWay;
   Save(1, A);
@@ -498,7 +464,6 @@ TEST_F(MovingTheDefault, WithoutAStartLateFailuresDoNotKeepTheCircleGoing) {
 }
 
 TEST_F(MovingTheDefault, ALinkThatTheTimerFoundBrokenIsTakenDownBeforeItIsTried) {
-  g_DbcI.AutoConnect = 1;
   B->State = kLinkConnected;
   B->Broken = kStatusReceiveTimeout;
   Outcomes["C"] = kComesUp;
@@ -511,7 +476,6 @@ TEST_F(MovingTheDefault, ALinkThatTheTimerFoundBrokenIsTakenDownBeforeItIsTried)
 }
 
 TEST_F(MovingTheDefault, TheCirclesStartMayBeDeletedOnTheWay) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.DefaultLink = A;
   g_DbcI.CircleStartLink = C;
   C->State = kLinkConnected;
@@ -524,17 +488,17 @@ TEST_F(MovingTheDefault, TheCirclesStartMayBeDeletedOnTheWay) {
 }
 
 TEST_F(MovingTheDefault, ALinkThatComesUpAtOnceGetsTheRequestsThatWaitForIt) {
+  g_DbcI.AutoConnect = 0;
   Outcomes["B"] = kComesUp;
   Save(1, B, "B");
   Save(2, C, "C");
   EXPECT_EQ(ConnectTheLink("test", 1, B), 0);
-  EXPECT_EQ(Waiting(B), std::vector<int>{});
-  EXPECT_EQ(Waiting(C), std::vector<int>{2});
+  EXPECT_EQ(Waiting(B), Tags{});
+  EXPECT_EQ(Waiting(C), Tags{2});
   EXPECT_EQ(RequestsInFlight(), 1);
 }
 
 TEST_F(MovingTheDefault, WithoutADefaultTheFailedLinkIsTakenDown) {
-  g_DbcI.AutoConnect = 1;
   g_DbcI.DefaultLink = nullptr;
   Save(1, B, "B");
   EXPECT_EQ(Fail(B, 4006), 4006);
@@ -543,7 +507,6 @@ TEST_F(MovingTheDefault, WithoutADefaultTheFailedLinkIsTakenDown) {
 }
 
 TEST_F(MovingTheDefault, WhileTheAgentIsStoppingNoLinkIsConnected) {
-  g_DbcI.AutoConnect = 1;
   for (const char* name : {"A", "B", "C"}) Outcomes[name] = kComesUp;
   Save(1, A);
   g_DbcI.ExitStatus = -1;
@@ -572,7 +535,7 @@ TEST_F(OneLink, TheModesDoNotApply) {
 class ReconnectionRules : public LinkTest {};
 
 TEST_F(ReconnectionRules, OnlyTheDefaultLinksFailureMovesTheDefaultAndOnlyInAMode) {
-  AddNodes(2);
+  AddTwoLinks();
   EXPECT_FALSE(ReconnectionFollows(A));
   g_DbcI.AutoChange = 1;
   EXPECT_TRUE(ReconnectionFollows(A));
@@ -606,21 +569,21 @@ TEST_F(ReconnectionRules, WhileTheAgentIsStoppingAConnectIsRefused) {
 }
 
 TEST_F(ReconnectionRules, OnlyRequestsForTheDefaultThatWaitForTheLinkAreMoved) {
-  AddNodes(3);
+  AddThreeLinks();
   Save(1, A);
   Save(2, A, " A");
   Save(3, A, "A");
   Save(4, C);
   MoveDefaultRequests(A, B);
-  EXPECT_EQ(Waiting(B), (std::vector<int>{1, 2}));
-  EXPECT_EQ(Waiting(A), std::vector<int>{3});
-  EXPECT_EQ(Waiting(C), std::vector<int>{4});
+  EXPECT_EQ(Waiting(B), (Tags{1, 2}));
+  EXPECT_EQ(Waiting(A), Tags{3});
+  EXPECT_EQ(Waiting(C), Tags{4});
 }
 
 class StrandedRequests : public LinkTest {};
 
 TEST_F(StrandedRequests, AreThoseWhoseLinkIsDownWithNothingUnderWay) {
-  AddNodes(3);
+  AddThreeLinks();
   B->State = kLinkConnecting;
   C->State = kLinkConnected;
   Save(1, A, "A");
@@ -628,13 +591,13 @@ TEST_F(StrandedRequests, AreThoseWhoseLinkIsDownWithNothingUnderWay) {
   Save(3, C, "C");
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"1: 4006, 0"}));
-  EXPECT_EQ(Waiting(A), std::vector<int>{});
-  EXPECT_EQ(Waiting(B), std::vector<int>{2});
-  EXPECT_EQ(Waiting(C), std::vector<int>{3});
+  EXPECT_EQ(Waiting(A), Tags{});
+  EXPECT_EQ(Waiting(B), Tags{2});
+  EXPECT_EQ(Waiting(C), Tags{3});
 }
 
 TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
-  AddNodes(2);
+  AddTwoLinks();
   g_DbcI.AutoConnect = 1;
   g_DbcI.Err1001 = 1;
   g_DbcI.AutoConnectTimeout = 4;
@@ -643,7 +606,7 @@ TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
   Save(2, B, "B");
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"2: 1001, 0"}));
-  EXPECT_EQ(Waiting(A), std::vector<int>{1});
+  EXPECT_EQ(Waiting(A), Tags{1});
   g_DbcI.CircleTimeCount = 0;
   AnswerStrandedRequests();
   EXPECT_EQ(Received(), (Texts{"1: 1001, 0"}));
@@ -652,7 +615,7 @@ TEST_F(StrandedRequests, AreNotThoseThatTheCirclesTimerWillServe) {
 class RetiringALink : public LinkTest {};
 
 TEST_F(RetiringALink, TellsWaitingClientsThatTheNodeIsUnknownAndForgetsWhatWasSent) {
-  AddNodes(2);
+  AddTwoLinks();
   Save(1, B, "B");
   Save(2, A);
   Sent(3, B);

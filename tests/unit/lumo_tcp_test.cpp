@@ -17,6 +17,10 @@ class TcpAddress : public TcpDriver {
     EXPECT_EQ(log.Lines(), Texts{line});
     EXPECT_EQ(Node->DriverData, nullptr);
   }
+  void ExpectTaken(const char* text, int port, int receive, int send, int connect) {
+    ASSERT_EQ(Init(text), 0) << text;
+    ExpectTaken(port, receive, send, connect);
+  }
   void ExpectTaken(int port, int receive, int send, int connect) {
     EXPECT_EQ(Data().Port, htons(static_cast<std::uint16_t>(port)));
     EXPECT_EQ(Data().ReceiveTimeout, receive);
@@ -70,13 +74,11 @@ TEST_F(TcpAddress, AHostAloneGetsTheDefaults) {
 }
 
 TEST_F(TcpAddress, AllFieldsAreTakenInTheirOrder) {
-  ASSERT_EQ(Init("dbhost 0x424 5 30 10\n"), 0);
-  ExpectTaken(1060, 100, 30, 10);
+  ExpectTaken("dbhost 0x424 5 30 10\n", 1060, 100, 30, 10);
 }
 
 TEST_F(TcpAddress, AWrittenZeroTurnsKeepAliveOff) {
-  ASSERT_EQ(Init("dbhost 0x424 0 0 0"), 0);
-  ExpectTaken(1060, 0, 0, 0);
+  ExpectTaken("dbhost 0x424 0 0 0", 1060, 0, 0, 0);
 }
 
 TEST_F(TcpAddress, AnyWhiteSpaceSeparatesTheFieldsAndIsOverwritten) {
@@ -126,12 +128,9 @@ TEST_F(TcpAddress, OnlyATextThatBeginsWithZeroTurnsKeepAliveOff) {
 }
 
 TEST_F(TcpAddress, SendAndConnectTimeoutsAreNeverNegative) {
-  ASSERT_EQ(Init("dbhost 1 1 -30 -10"), 0);
-  ExpectTaken(1, 20, 0, 0);
-  ASSERT_EQ(Init("dbhost 1 1 0x1E 012 more words"), 0);
-  ExpectTaken(1, 20, 30, 10);
-  ASSERT_EQ(Init("dbhost 1 1 soon later"), 0);
-  ExpectTaken(1, 20, 0, 0);
+  ExpectTaken("dbhost 1 1 -30 -10", 1, 20, 0, 0);
+  ExpectTaken("dbhost 1 1 0x1E 012 more words", 1, 20, 30, 10);
+  ExpectTaken("dbhost 1 1 soon later", 1, 20, 0, 0);
 }
 
 TEST_F(TcpAddress, NumbersBeyondAllBoundsStayDefined) {
@@ -223,8 +222,7 @@ TEST_F(TcpDriver, AConnectSetsTheSocketUpAndWaitsForIt) {
 }
 
 TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
-  Connecting("5 30 10");
-  ConnectAndWait();
+  ConnectAndWait("5 30 10");
   const int fd = Data().Socket;
   const CapturedLog log;
   EXPECT_EQ(ReadyForWrite(), 0);
@@ -245,8 +243,7 @@ TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
 }
 
 TEST_F(TcpDriver, WithoutTimeoutsNothingIsAnnounced) {
-  Connecting("0 0 0");
-  ConnectAndWait();
+  ConnectAndWait("0 0 0");
   EXPECT_EQ(Data().ConnectCount, 1);
   EXPECT_EQ(ReadyForWrite(), 0);
   EXPECT_EQ(Node->State, kLinkConnected);
@@ -285,16 +282,10 @@ TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
 
 TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
   ASSERT_EQ(Init("dbhost"), 0);
-  const int next = dup(0);
-  close(next);
   const CapturedLog log;
-  const int used = dup(0);
-  close(used);
-  {
-    const FailingSystemCall failing(SystemCall::Fcntl, EPERM, 1);
-    EXPECT_EQ(Connect(), 4002);
-    EXPECT_EQ(errno, EPERM);
-  }
+  const int used = NextDescriptor();
+  EXPECT_EQ(With({SystemCall::Fcntl, EPERM, 1}, [&] { return Connect(); }), 4002);
+  EXPECT_EQ(errno, EPERM);
   EXPECT_FALSE(IsOpen(used));
   log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
   EXPECT_EQ(Node->State, kLinkDisconnected);
@@ -311,8 +302,7 @@ TEST_F(TcpDriver, AnOptionThatCannotBeSetGives4002AndLeavesTheSocketOpen) {
       {IPPROTO_TCP, TCP_NODELAY, "15 lumo_tcp|setsockopt(...TCP_NODELAY...) failed. Errno 12"}};
   for (const auto& option : options) {
     const CapturedLog log;
-    const int next = dup(0);
-    close(next);
+    const int next = NextDescriptor();
     const FailingSocketOption failing(option.Level, option.Name, ENOMEM);
     EXPECT_EQ(Connect(), 4002);
     EXPECT_EQ(errno, ENOMEM);
@@ -327,8 +317,7 @@ TEST_F(TcpDriver, AnOptionThatCannotBeSetGives4002AndLeavesTheSocketOpen) {
 
 // A peer would wait before it sends a segment that is larger than the agent's small window.
 TEST_F(TcpDriver, SegmentsAreNoLargerThanTheWindow) {
-  Connecting("0 0 0");
-  ConnectAndWait();
+  ConnectAndWait("0 0 0");
   EXPECT_LE(SocketOption(Data().Socket, IPPROTO_TCP, TCP_MAXSEG), 4094);
   EXPECT_LE(SocketOption(FarEnd, IPPROTO_TCP, TCP_MAXSEG), 4094);
 }
@@ -343,8 +332,7 @@ TEST_F(TcpDriver, ASegmentSizeThatIsRefusedChangesNothing) {
 TEST_F(TcpDriver, AConnectThatFailsAtOnceGives4006AndClosesTheSocket) {
   ASSERT_EQ(Init("dbhost"), 0);
   const CapturedLog log(kLogDriver);
-  const int next = dup(0);
-  close(next);
+  const int next = NextDescriptor();
   const FailingSystemCall failing(SystemCall::Connect, ENETUNREACH);
   EXPECT_EQ(Connect(), 4006);
   EXPECT_EQ(errno, ENETUNREACH);
@@ -410,15 +398,11 @@ TEST_F(TcpDriver, AnErrorThatCannotBeReadGives4006) {
 }
 
 TEST_F(TcpDriver, ABlockingModeThatCannotBeSetGives4002AndClosesTheSocket) {
-  Connecting("0 0 0");
-  ConnectAndWait();
+  ConnectAndWait("0 0 0");
   const int fd = Data().Socket;
   const CapturedLog log;
-  {
-    const FailingSystemCall failing(SystemCall::Fcntl, EPERM, 1);
-    EXPECT_EQ(ReadyForWrite(), 4002);
-    EXPECT_EQ(errno, EPERM);
-  }
+  EXPECT_EQ(With({SystemCall::Fcntl, EPERM, 1}, [&] { return ReadyForWrite(); }), 4002);
+  EXPECT_EQ(errno, EPERM);
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
   EXPECT_EQ(LinkOfSocket(fd), nullptr);
@@ -430,19 +414,14 @@ TEST_F(TcpDriver, AnAnnouncementThatCannotBeSentGives4007) {
   const char* const words[] = {"15 lumo_tcp|'TcpReadyForWrite' Leave FAILED send connectioninfo",
                                "15 lumo_tcp|'TcpReadyForWrite' Leave FAILED send connection info"};
   for (int successes = 0; successes < 2; ++successes) {
-    Connecting("5 30 10");
-    ConnectAndWait();
+    ConnectAndWait("5 30 10");
     const CapturedLog log;
-    {
-      const FailingSystemCall failing(SystemCall::Send, EPIPE, successes);
-      EXPECT_EQ(ReadyForWrite(), 4007);
-      EXPECT_EQ(errno, EPIPE);
-    }
+    EXPECT_EQ(With({SystemCall::Send, EPIPE, successes}, [&] { return ReadyForWrite(); }), 4007);
+    EXPECT_EQ(errno, EPIPE);
     log.ExpectOnce("3 lumo_tcp|TCP.Send the CONNECTIONINFO fail. Call:send. errno 32");
     log.ExpectOnce(words[successes]);
     DisconnectLink("test", __LINE__, Node, 0, 0);
-    close(FarEnd);
-    FarEnd = -1;
+    CloseFarEnd();
   }
 }
 
@@ -450,12 +429,11 @@ TEST_F(TcpDriver, AnAnnouncementThatCannotBeSentGives4007) {
 TEST_F(TcpDriver, ReadyForWriteOnAConnectedLinkSendsWhatWaitsWhateverComesOfIt) {
   Connected("0 0 0");
   const ClientMessage msg = MakeRequest(getpid(), -1, 1);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &msg, Node), 0);
+  Save(msg, Node);
   EXPECT_EQ(ReadyForWrite(), 0);
   EXPECT_EQ(ReceiveAll(FarEnd).size(), 108u);
-  ASSERT_EQ(SaveUnsendMsg("test", __LINE__, &msg, Node), 0);
-  close(FarEnd);
-  FarEnd = -1;
+  Save(msg, Node);
+  CloseFarEnd();
   EXPECT_EQ(ReadyForWrite(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }

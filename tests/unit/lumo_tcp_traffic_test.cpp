@@ -28,23 +28,22 @@ class TcpTimer : public TcpDriver {
 
 class TcpTraffic : public TcpDriver {
  protected:
-  // A request of the client is in flight on the link.
-  void InFlight() {
-    const MsgInfo info = {
-        .Link = Node, .TaskName = getpid(), .Socket = client_.Socket(), .AstInd = 3};
-    ASSERT_EQ(SaveMsgInfo("test", __LINE__, &info), 0);
+  // The link is connected.
+  void SetUp() override {
+    TcpDriver::SetUp();
+    Connected("1 30 0");
   }
+  // A request of the client is in flight on the link.
+  void InFlight() { Note(Node, getpid(), client_.Socket(), 3); }
   void ExpectAnswered(int codErr, int sysErr) const {
     EXPECT_EQ(client_.Received(),
               Texts{"3: " + std::to_string(codErr) + ", " + std::to_string(sysErr)});
   }
   int Read() { return TcpReadyForRead("test", __LINE__, Node); }
-  void Deliver(const std::string& bytes) const {
-    ASSERT_EQ(send(FarEnd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-  }
-  void DeliverLength(std::uint32_t length) const {
-    Deliver(std::string(reinterpret_cast<const char*>(&length), sizeof length));
-  }
+  int Send(ClientMessage msg) { return TcpSendToNetwork("test", __LINE__, Node, &msg); }
+  int TellOfDeath() { return TcpClientDeadEvent("test", __LINE__, Node, 4711); }
+  int Disconnect() { return TcpDisconnectLink("test", __LINE__, Node); }
+  void Deliver(const std::string& bytes) const { SendAll(FarEnd, bytes); }
 
   const FakeClient client_;
 };
@@ -91,10 +90,7 @@ TEST_F(TcpTimer, AFailedAlivePacketTakesTheLinkDownAndEndsTheTick) {
   Data().ReceiveCount = 0;  // the watchdog would report 4065
   const int fd = Data().Socket;
   const CapturedLog log(kLogDriver);
-  {
-    const FailingSystemCall failing(SystemCall::Send, ECONNRESET);
-    EXPECT_EQ(Tick(), 0);
-  }
+  EXPECT_EQ(With({SystemCall::Send, ECONNRESET}, [&] { return Tick(); }), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_FALSE(IsOpen(fd));
   log.ExpectOnce("3 lumo_tcp|TCP.Send the CONNECTIONINFO fail. Call:send. errno 104");
@@ -200,10 +196,7 @@ TEST_F(TcpTimer, AModeThatCannotBeSetAgainGives4002AndClosesTheSocket) {
   InProgress("0 0 0");
   const int fd = Data().Socket;
   const CapturedLog log;
-  {
-    const FailingSystemCall failing(SystemCall::Fcntl, EPERM);
-    EXPECT_EQ(Tick(), 4002);
-  }
+  EXPECT_EQ(With({SystemCall::Fcntl, EPERM}, [&] { return Tick(); }), 4002);
   EXPECT_FALSE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, -1);
   log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
@@ -223,18 +216,17 @@ TEST_F(TcpTimer, AnOptionThatCannotBeSetAgainGives4002AndKeepsTheSocket) {
 // Out
 
 TEST_F(TcpTraffic, ARequestGoesOutWithItsMarkAndTheLinksDescriptor) {
-  Connected("1 0 0");
   Data().AliveCount = 3;
   ClientMessage msg = MakeRequest(4711, 9, 0x1234, {"odd"});
   for (std::size_t at = 0; at < kTrailerSize; ++at) {
     if (at >= 4 && at != 12 && at != 13) Trailer(&msg)[at] = static_cast<std::uint8_t>(0xA0 + at);
   }
-  std::string expected(reinterpret_cast<const char*>(Wire(&msg)), msg.Length + 4);
+  std::string expected = WireBytes(msg, 0, msg.Length + 4);
   const std::int32_t fd = Data().Socket;
   std::memcpy(&expected[expected.size() - 48 + 4], &fd, sizeof fd);
   expected[expected.size() - 48 + 46] = 3;
   const CapturedLog log;
-  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
+  EXPECT_EQ(Send(msg), 0);
   EXPECT_EQ(ReceiveAll(FarEnd), expected);
   EXPECT_EQ(expected.size(), 112u);
   EXPECT_EQ(Data().AliveCount, 10);
@@ -243,21 +235,17 @@ TEST_F(TcpTraffic, ARequestGoesOutWithItsMarkAndTheLinksDescriptor) {
 }
 
 TEST_F(TcpTraffic, AnInterruptedWriteIsRepeated) {
-  Connected("0 0 0");
-  ClientMessage msg = MakeRequest(4711, 9, 1);
   const FailingSystemCall interrupted(SystemCall::Send, EINTR, 0, 2);
-  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 0);
+  EXPECT_EQ(Send(MakeRequest(4711, 9, 1)), 0);
   EXPECT_EQ(interrupted.Calls(), 3);
   EXPECT_EQ(ReceiveAll(FarEnd).size(), 108u);
 }
 
 TEST_F(TcpTraffic, AFailedWriteGives4007AndLeavesTheLinkToTheCaller) {
-  Connected("1 0 0");
   Data().AliveCount = 3;
-  ClientMessage msg = MakeRequest(4711, 9, 1);
   const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Send, EPIPE);
-  EXPECT_EQ(TcpSendToNetwork("test", __LINE__, Node, &msg), 4007);
+  EXPECT_EQ(Send(MakeRequest(4711, 9, 1)), 4007);
   EXPECT_EQ(errno, EPIPE);
   EXPECT_EQ(Node->State, kLinkConnected);
   EXPECT_EQ(Data().AliveCount, 3);
@@ -266,7 +254,6 @@ TEST_F(TcpTraffic, AFailedWriteGives4007AndLeavesTheLinkToTheCaller) {
 }
 
 TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
-  Connected("0 0 0");
   const CapturedLog log;
   const std::uint32_t params[2] = {7, 0x80000001};
   EXPECT_EQ(TcpSendConnectionInfo(42, Data().Socket, params), 0);
@@ -277,34 +264,25 @@ TEST_F(TcpTraffic, AControlPacketIsTracedAndSentWhole) {
 }
 
 TEST_F(TcpTraffic, AnInterruptedControlPacketIsRepeatedAndAFailedOneGivesMinusOne) {
-  Connected("0 0 0");
   const std::uint32_t params[2] = {1, 0};
-  {
-    const FailingSystemCall interrupted(SystemCall::Send, EINTR, 0, 1);
-    EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), 0);
-  }
+  const auto sendInfo = [&] { return TcpSendConnectionInfo(1, Data().Socket, params); };
+  EXPECT_EQ(With({SystemCall::Send, EINTR, 0, 1}, sendInfo), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 1, 0}}));
-  const FailingSystemCall failing(SystemCall::Send, EPIPE);
-  EXPECT_EQ(TcpSendConnectionInfo(1, Data().Socket, params), -1);
+  EXPECT_EQ(With({SystemCall::Send, EPIPE}, sendInfo), -1);
   EXPECT_EQ(errno, EPIPE);
 }
 
 TEST_F(TcpTraffic, AClientsDeathIsToldWithItsProcessId) {
-  Connected("0 0 0");
   const CapturedLog log;
-  EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 0);
+  EXPECT_EQ(TellOfDeath(), 0);
   EXPECT_EQ(Packets(ReceiveAll(FarEnd)), (std::vector<ControlWords>{{8, 2, 4711}}));
   log.ExpectOnce("15 lumo_tcp|Send CKIL packet to server \"SRV\". Pid = 4711");
 }
 
 TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
-  Connected("0 0 0");
   InFlight();
   const CapturedLog log;
-  {
-    const FailingSystemCall failing(SystemCall::Send, EPIPE, 0, 1);
-    EXPECT_EQ(TcpClientDeadEvent("test", __LINE__, Node, 4711), 4007);
-  }
+  EXPECT_EQ(With({SystemCall::Send, EPIPE, 0, 1}, [&] { return TellOfDeath(); }), 4007);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   ExpectAnswered(4007, EPIPE);
   log.ExpectOnce("15 lumo_tcp|'TcpClientDeadEvent' Leave FAILED send");
@@ -313,7 +291,6 @@ TEST_F(TcpTraffic, AClientsDeathThatCannotBeToldTakesTheLinkDown) {
 // In
 
 TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
-  Connected("0 30 0");
   Data().ReceiveCount = 2;
   Deliver(std::string("\x08\0\0\0\xFF\xFF\xFF\xFF\x01\x02\x03\x04", 12));
   const CapturedLog log;
@@ -324,11 +301,10 @@ TEST_F(TcpTraffic, AControlPacketOnlyRearmsTheWatchdog) {
 }
 
 TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
-  Connected("0 30 0");
   Data().ReceiveCount = 2;
   InFlight();
-  ClientMessage answer = MakeRequest(getpid(), 0, 3, {"one row"});
-  Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), answer.Length + 4));
+  const ClientMessage answer = MakeRequest(getpid(), 0, 3, {"one row"});
+  Deliver(WireBytes(answer, 0, answer.Length + 4));
   PutResult = -1;
   EXPECT_EQ(Read(), -1);
   ASSERT_EQ(Answers.size(), 1u);
@@ -339,9 +315,8 @@ TEST_F(TcpTraffic, AnAnswerRearmsTheWatchdogAndItsDeliveryIsTheResult) {
 }
 
 TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
-  Connected("0 30 0");
   Data().ReceiveCount = 2;
-  DeliverLength(8);
+  Deliver(BytesOf(8));
   EXPECT_EQ(Read(), 0);
   Deliver("abcd");
   EXPECT_EQ(Read(), 0);
@@ -352,9 +327,8 @@ TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
 }
 
 TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
-  Connected("0 0 0");
   InFlight();
-  DeliverLength(8189);
+  Deliver(BytesOf(8189));
   const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   EXPECT_EQ(Node->State, kLinkDisconnected);
@@ -365,7 +339,6 @@ TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
 }
 
 TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
-  Connected("0 0 0");
   InFlight();
   const CapturedLog log;
   close(Data().Socket);
@@ -376,7 +349,6 @@ TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
 }
 
 TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
-  Connected("0 0 0");
   InFlight();
   shutdown(FarEnd, SHUT_WR);
   errno = ENOTTY;
@@ -387,11 +359,10 @@ TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
 }
 
 TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
-  Connected("0 0 0");
   InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3);
   Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
-  Deliver(std::string(reinterpret_cast<const char*>(Wire(&answer)), 108));
+  Deliver(WireBytes(answer, 0, 108));
   const CapturedLog log;
   EXPECT_EQ(Read(), 4008);
   ExpectAnswered(4008, 0);
@@ -402,14 +373,13 @@ TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
 // The end
 
 TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
-  Connected("0 0 0");
   const int fd = Data().Socket;
   const std::string number = std::to_string(fd);
   const int copy = dup(fd);  // as a process that was forked meanwhile may hold one
-  DeliverLength(200);
+  Deliver(BytesOf(200));
   EXPECT_EQ(Read(), 0);  // half a packet is kept
   const CapturedLog log;
-  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Disconnect(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
   EXPECT_EQ(Data().Socket, -1);
   EXPECT_FALSE(IsOpen(fd));
@@ -424,9 +394,8 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
 }
 
 TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
-  Connected("0 0 0");
   const int fd = Data().Socket;
-  DeliverLength(200);
+  Deliver(BytesOf(200));
   EXPECT_EQ(Read(), 0);
   std::vector<char> flood(4 << 20);
   ASSERT_EQ(SendBytes("test", __LINE__, fd, flood.data(), flood.size()), 0);
@@ -442,20 +411,18 @@ TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
 }
 
 TEST_F(TcpTraffic, ADisconnectKeepsErrno) {
-  Connected("0 0 0");
   const FailingSystemCall notConnected(SystemCall::Shutdown, ENOTCONN);
   errno = 77;
-  TcpDisconnectLink("test", __LINE__, Node);
+  Disconnect();
   EXPECT_EQ(errno, 77);
   EXPECT_EQ(notConnected.Calls(), 1);
 }
 
 TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
-  Connected("0 0 0");
   Node->State = kLinkDisconnected;
   const int fd = Data().Socket;
   const CapturedLog log;
-  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Disconnect(), 0);
   EXPECT_TRUE(IsOpen(fd));
   EXPECT_EQ(Data().Socket, fd);
   log.ExpectOnce("15 lumo_tcp|'TcpDisconnectLink' Leave SUCCESS already disconnected");
@@ -463,13 +430,13 @@ TEST_F(TcpTraffic, ADisconnectedLinkIsLeftAsItIs) {
 }
 
 TEST_F(TcpTraffic, ALinkWithoutARecordIsOnlyMarkedDisconnected) {
+  TcpUninitLink("test", __LINE__, Node);
   Node->State = kLinkConnecting;
-  EXPECT_EQ(TcpDisconnectLink("test", __LINE__, Node), 0);
+  EXPECT_EQ(Disconnect(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
 }
 
 TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
-  Connected("0 0 0");
   const int fd = Data().Socket;
   InFlight();
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
@@ -480,7 +447,7 @@ TEST_F(TcpTraffic, UninitTakesTheLinkDownWithoutACode) {
 }
 
 TEST_F(TcpTraffic, UninitOfADisconnectedLinkOnlyFreesItsRecord) {
-  ASSERT_EQ(Init("dbhost"), 0);
+  Disconnect();
   const CapturedLog log;
   EXPECT_EQ(TcpUninitLink("test", __LINE__, Node), 0);
   EXPECT_EQ(Node->DriverData, nullptr);

@@ -20,33 +20,30 @@ class RequestBookkeeping : public AgentTest {
     const MsgInfo info = {.Link = link, .TaskName = 100, .Socket = socket, .AstInd = astInd};
     return SaveMsgInfo(kHere, 1, &info);
   }
-  static std::uint16_t AstIndOf(const SavedMessage& saved) {
-    return Get(Trailer(&saved.Message), kTrailerAstInd);
+  void SaveOfClosedConnections(int count) const {
+    for (int tag = 1; tag <= count; ++tag) {
+      Save(static_cast<std::uint16_t>(tag), A, 7);
+      ForgetConnection(7);
+    }
   }
-  static std::vector<std::uint16_t> SavedTags() {
-    std::vector<std::uint16_t> tags;
+  static Tags SavedTags() {
+    Tags tags;
     for (SavedMessage* saved = GetNextUnsendMsg(nullptr); saved; saved = GetNextUnsendMsg(saved))
-      tags.push_back(AstIndOf(*saved));
+      tags.push_back(TagOf(saved->Message));
     return tags;
   }
-  static std::vector<std::uint16_t> SentTags() {
-    std::vector<std::uint16_t> tags;
+  static Tags SentTags() {
+    Tags tags;
     for (MsgInfo* info = GetNextMsgInfo(kHere, 1, nullptr); info;
          info = GetNextMsgInfo(kHere, 1, info))
       tags.push_back(info->AstInd);
     return tags;
   }
-
   void SetUp() override {
     AgentTest::SetUp();
-    link_ = AddLink("SRV");
-    other_ = AddLink("OTHER");
+    AddTwoLinks();
   }
-
-  Link* link_ = nullptr;
-  Link* other_ = nullptr;
 };
-using Tags = std::vector<std::uint16_t>;
 
 TEST_F(RequestBookkeeping, BothArraysStartEmpty) {
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 0);
@@ -56,15 +53,15 @@ TEST_F(RequestBookkeeping, BothArraysStartEmpty) {
 }
 
 TEST_F(RequestBookkeeping, TheFirstSavedRequestIsTheFirstOfTwoElements) {
-  ASSERT_EQ(Save(1, link_), 0);
+  ASSERT_EQ(Save(1, A), 0);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
-  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, link_);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, A);
   EXPECT_EQ(g_DbcI.SavedArray.Items[1].Link, nullptr);
 }
 
 TEST_F(RequestBookkeeping, ASavedRequestIsAWholeCopy) {
   const ClientMessage msg = MakeRequest(4711, 9, 12, {"one", "", "three", "4"});
-  ASSERT_EQ(SaveUnsendMsg(kHere, 1, &msg, link_), 0);
+  ASSERT_EQ(SaveUnsendMsg(kHere, 1, &msg, A), 0);
   const SavedMessage& saved = g_DbcI.SavedArray.Items[0];
   EXPECT_EQ(std::memcmp(Wire(&saved.Message), Wire(&msg), msg.Length + 4), 0);
   EXPECT_EQ(saved.Message.TrailerOffset, msg.TrailerOffset);
@@ -72,52 +69,45 @@ TEST_F(RequestBookkeeping, ASavedRequestIsAWholeCopy) {
 }
 
 TEST_F(RequestBookkeeping, TheThirdSavedRequestGrowsTheArrayToFourAndKeepsTheOldOnes) {
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, A), 0);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 4);
-  EXPECT_EQ(AstIndOf(g_DbcI.SavedArray.Items[2]), 3);
+  EXPECT_EQ(TagOf(g_DbcI.SavedArray.Items[2].Message), 3);
   EXPECT_EQ(g_DbcI.SavedArray.Items[3].Link, nullptr);
   EXPECT_EQ(SavedTags(), (Tags{1, 2, 3}));
 }
 
 TEST_F(RequestBookkeeping, AfterAllAreSentTheNextSavedRequestReusesTheFirstElement) {
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) ASSERT_EQ(Save(tag, A), 0);
   while (SavedMessage* const saved = GetNextUnsendMsg(nullptr)) ReleaseSaved(saved);
-  ASSERT_EQ(Save(9, other_), 0);
+  ASSERT_EQ(Save(9, B), 0);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 4);
-  EXPECT_EQ(AstIndOf(g_DbcI.SavedArray.Items[0]), 9);
-  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, other_);
+  EXPECT_EQ(TagOf(g_DbcI.SavedArray.Items[0].Message), 9);
+  EXPECT_EQ(g_DbcI.SavedArray.Items[0].Link, B);
   EXPECT_EQ(SavedTags(), Tags{9});
 }
 
 TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSavedIsTaken) {
-  for (std::uint16_t tag = 1; tag <= 4; ++tag) ASSERT_EQ(Save(tag, link_), 0);
+  for (std::uint16_t tag = 1; tag <= 4; ++tag) ASSERT_EQ(Save(tag, A), 0);
   ReleaseSaved(&g_DbcI.SavedArray.Items[1]);
   ReleaseSaved(&g_DbcI.SavedArray.Items[2]);
-  ASSERT_EQ(Save(5, link_), 0);
+  ASSERT_EQ(Save(5, A), 0);
   EXPECT_EQ(SavedTags(), (Tags{1, 5, 4}));
 }
 
 TEST_F(RequestBookkeeping, SavingLeavesWithTheWordOfItsCase) {
-  const std::string existing =
-      "'SaveUnsendMsg' Leave SUCCESS save in exist element of SavedArray\n";
-  {
-    const CapturedLog log;
-    Save(1, link_);
-    EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Call from test:1 \n"));
-    EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave SUCCESS\n"));
-    EXPECT_FALSE(log.Contains(existing));
-  }
-  const CapturedLog log;
-  Save(2, link_);
-  EXPECT_TRUE(log.Contains(existing));
+  const std::string module = "15 primitiv|'SaveUnsendMsg' ";
+  EXPECT_EQ(Traced([&] { Save(1, A); }),
+            (Texts{module + "Call from test:1 ", module + "Leave SUCCESS"}));
+  EXPECT_EQ(Traced([&] { Save(2, A); }).back(),
+            module + "Leave SUCCESS save in exist element of SavedArray");
 }
 
 TEST_F(RequestBookkeeping, WithoutMemoryASavedRequestIsRefusedAndTheOldOnesStay) {
-  Save(1, link_);
-  Save(2, link_);
+  Save(1, A);
+  Save(2, A);
   SavedMessage* const before = g_DbcI.SavedArray.Items;
   const CapturedLog log;
-  EXPECT_EQ(WithoutMemory([&] { return Save(3, link_); }), -1);
+  EXPECT_EQ(WithoutMemory([&] { return Save(3, A); }), -1);
   EXPECT_TRUE(log.Contains("'SaveUnsendMsg' Leave FAILED allocation memory\n"));
   EXPECT_EQ(g_DbcI.SavedArray.Items, before);
   EXPECT_EQ(g_DbcI.SavedArray.Capacity, 2);
@@ -125,13 +115,13 @@ TEST_F(RequestBookkeeping, WithoutMemoryASavedRequestIsRefusedAndTheOldOnesStay)
 }
 
 TEST_F(RequestBookkeeping, AFreeElementNeedsNoMemory) {
-  Save(1, link_);
+  Save(1, A);
   const FailingAllocations failing;
-  EXPECT_EQ(Save(2, link_), 0);
+  EXPECT_EQ(Save(2, A), 0);
 }
 
 TEST_F(RequestBookkeeping, TheWalkOverSavedRequestsWritesNoTrace) {
-  Save(1, link_);
+  Save(1, A);
   const CapturedLog log;
   GetNextUnsendMsg(GetNextUnsendMsg(nullptr));
   EXPECT_EQ(log.Text(), "");
@@ -140,78 +130,69 @@ TEST_F(RequestBookkeeping, TheWalkOverSavedRequestsWritesNoTrace) {
 TEST_F(RequestBookkeeping, SentRequestsGrowTheirArrayByTheSameRule) {
   const int capacities[] = {2, 2, 4, 4, 8};
   for (std::uint16_t tag = 0; tag < 5; ++tag) {
-    ASSERT_EQ(Note(tag, link_), 0);
+    ASSERT_EQ(Note(tag, A), 0);
     EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, capacities[tag]);
   }
   EXPECT_EQ(SentTags(), (Tags{0, 1, 2, 3, 4}));
   const MsgInfo& last = g_DbcI.MsgInfoArray.Items[4];
-  EXPECT_TRUE(last.Link == link_ && last.TaskName == 100 && last.Socket == 7 && last.AstInd == 4);
+  EXPECT_TRUE(last.Link == A && last.TaskName == 100 && last.Socket == 7 && last.AstInd == 4);
 }
 
 TEST_F(RequestBookkeeping, TheFirstFreeElementOfTheSentIsTaken) {
-  for (std::uint16_t tag = 1; tag <= 4; ++tag) Note(tag, link_);
+  for (std::uint16_t tag = 1; tag <= 4; ++tag) Note(tag, A);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[3]);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[1]);
   EXPECT_EQ(SentTags(), (Tags{1, 3}));
-  Note(5, other_);
+  Note(5, B);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 4);
   EXPECT_EQ(SentTags(), (Tags{1, 5, 3}));
 }
 
 TEST_F(RequestBookkeeping, NotingASentRequestLeavesWithTheWordOfItsCase) {
-  {
-    const CapturedLog log;
-    Note(1, link_);
-    EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS\n"));
-  }
-  const CapturedLog log;
-  Note(2, link_);
-  EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave SUCCESS save in exist array element\n"));
+  EXPECT_EQ(Traced([&] { Note(1, A); }).back(), "15 primitiv|'SaveMsgInfo' Leave SUCCESS");
+  EXPECT_EQ(Traced([&] { Note(2, A); }).back(),
+            "15 primitiv|'SaveMsgInfo' Leave SUCCESS save in exist array element");
 }
 
 TEST_F(RequestBookkeeping, WithoutMemoryASentRequestIsNotNotedAndTheOldOnesStay) {
-  Note(1, link_);
-  Note(2, link_);
+  Note(1, A);
+  Note(2, A);
   const CapturedLog log;
-  EXPECT_EQ(WithoutMemory([&] { return Note(3, link_); }), -1);
+  EXPECT_EQ(WithoutMemory([&] { return Note(3, A); }), -1);
   EXPECT_TRUE(log.Contains("'SaveMsgInfo' Leave FAILED allocat memory\n"));
   EXPECT_EQ(g_DbcI.MsgInfoArray.Capacity, 2);
   EXPECT_EQ(SentTags(), (Tags{1, 2}));
 }
 
 TEST_F(RequestBookkeeping, TheWalkOverSentRequestsEndsWithItsWord) {
-  Note(1, link_);
-  MsgInfo* first;
-  {
-    const CapturedLog log;
-    first = GetNextMsgInfo(kHere, 1, nullptr);
-    ASSERT_NE(first, nullptr);
-    EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave SUCCESS\n"));
-  }
-  const CapturedLog log;
-  EXPECT_EQ(GetNextMsgInfo(kHere, 1, first), nullptr);
-  EXPECT_TRUE(log.Contains("'GetNextMsgInfo' Leave FAILED not found\n"));
+  Note(1, A);
+  MsgInfo* first = nullptr;
+  EXPECT_EQ(Traced([&] { first = GetNextMsgInfo(kHere, 1, nullptr); }).back(),
+            "15 primitiv|'GetNextMsgInfo' Leave SUCCESS");
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(Traced([&] { EXPECT_EQ(GetNextMsgInfo(kHere, 1, first), nullptr); }).back(),
+            "15 primitiv|'GetNextMsgInfo' Leave FAILED not found");
 }
 
 TEST_F(RequestBookkeeping, TheRequestsOfALinkAreTakenOutOneByOne) {
-  Note(1, link_);
-  Note(2, other_);
-  Note(3, link_);
+  Note(1, A);
+  Note(2, B);
+  Note(3, A);
   MsgInfo info;
   std::int32_t index = 0;
-  ASSERT_TRUE(TakeMsgInfo(link_, &index, &info));
+  ASSERT_TRUE(TakeMsgInfo(A, &index, &info));
   EXPECT_EQ(info.AstInd, 1);
   EXPECT_EQ(SentTags(), (Tags{2, 3})) << "taken before it is answered";
-  ASSERT_TRUE(TakeMsgInfo(link_, &index, &info));
+  ASSERT_TRUE(TakeMsgInfo(A, &index, &info));
   EXPECT_EQ(info.AstInd, 3);
-  EXPECT_FALSE(TakeMsgInfo(link_, &index, &info));
+  EXPECT_FALSE(TakeMsgInfo(A, &index, &info));
   EXPECT_EQ(SentTags(), Tags{2});
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].TaskName, 0) << "the whole element is cleared";
 }
 
 TEST_F(RequestBookkeeping, AReleasedRecordStaysReadableAClearedOneIsEmpty) {
-  Note(1, link_);
-  Note(2, link_);
+  Note(1, A);
+  Note(2, A);
   MsgInfo& first = g_DbcI.MsgInfoArray.Items[0];
   MsgInfo& second = g_DbcI.MsgInfoArray.Items[1];
   EXPECT_EQ(RequestsInFlight(), 2);
@@ -223,27 +204,27 @@ TEST_F(RequestBookkeeping, AReleasedRecordStaysReadableAClearedOneIsEmpty) {
 }
 
 TEST_F(RequestBookkeeping, ARequestIsFoundByItsPairAndLink) {
-  for (std::uint16_t tag = 1; tag <= 3; ++tag) Note(tag, tag == 2 ? other_ : link_);
+  for (std::uint16_t tag = 1; tag <= 3; ++tag) Note(tag, tag == 2 ? B : A);
   EXPECT_EQ(FindMsgInfo(nullptr, 100, 2), &g_DbcI.MsgInfoArray.Items[1]);
-  EXPECT_EQ(FindMsgInfo(other_, 100, 2), &g_DbcI.MsgInfoArray.Items[1]);
-  EXPECT_EQ(FindMsgInfo(link_, 100, 2), nullptr);
+  EXPECT_EQ(FindMsgInfo(B, 100, 2), &g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(FindMsgInfo(A, 100, 2), nullptr);
   EXPECT_EQ(FindMsgInfo(nullptr, 101, 2), nullptr);
   EXPECT_EQ(FindMsgInfo(nullptr, 100, 4), nullptr);
 }
 
 TEST_F(RequestBookkeeping, OfEqualPairsTheFirstInTheArrayIsFound) {
-  for (int i = 0; i < 3; ++i) Note(5, link_);
-  Note(5, other_);
+  for (int i = 0; i < 3; ++i) Note(5, A);
+  Note(5, B);
   EXPECT_EQ(FindMsgInfo(nullptr, 100, 5), &g_DbcI.MsgInfoArray.Items[0]);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
-  EXPECT_EQ(FindMsgInfo(link_, 100, 5), &g_DbcI.MsgInfoArray.Items[1]);
-  EXPECT_EQ(FindMsgInfo(other_, 100, 5), &g_DbcI.MsgInfoArray.Items[3]);
-  Note(5, other_);
+  EXPECT_EQ(FindMsgInfo(A, 100, 5), &g_DbcI.MsgInfoArray.Items[1]);
+  EXPECT_EQ(FindMsgInfo(B, 100, 5), &g_DbcI.MsgInfoArray.Items[3]);
+  Note(5, B);
   EXPECT_EQ(FindMsgInfo(nullptr, 100, 5), &g_DbcI.MsgInfoArray.Items[0]);
 }
 
 TEST_F(RequestBookkeeping, OfEqualPairsTheNextIsThatOfTheSameLink) {
-  for (Link* const link : {link_, other_, link_}) Note(5, link);
+  for (Link* const link : {A, B, A}) Note(5, link);
   MsgInfo* const all = g_DbcI.MsgInfoArray.Items;
   EXPECT_EQ(NextOfName(&all[0]), &all[2]);
   EXPECT_EQ(NextOfName(&all[1]), nullptr);
@@ -261,12 +242,12 @@ TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
     const auto tag = static_cast<std::uint16_t>(next(40));
     if (next(5) < 3) {
       const MsgInfo* const free = FirstFree(g_DbcI.MsgInfoArray);
-      Note(tag, next(2) ? link_ : other_);
+      Note(tag, next(2) ? A : B);
       ASSERT_TRUE(!free || InUse(*free)) << "the first free element is taken, step " << step;
-    } else if (MsgInfo* const found = FindMsgInfo(next(2) ? nullptr : other_, 100, tag)) {
+    } else if (MsgInfo* const found = FindMsgInfo(next(2) ? nullptr : B, 100, tag)) {
       ClearMsgInfo(found);
     }
-    const Link* const link = next(2) ? link_ : other_;
+    const Link* const link = next(2) ? A : B;
     const MsgInfo* expected = nullptr;
     int inUse = 0;
     for (const MsgInfo& info : g_DbcI.MsgInfoArray) {
@@ -280,23 +261,23 @@ TEST_F(RequestBookkeeping, FindingAgreesWithASearchThroughTheArray) {
 }
 
 TEST_F(RequestBookkeeping, WithoutMemoryForAnyPartNothingChanges) {
-  Note(1, link_);
-  Note(2, link_);
+  Note(1, A);
+  Note(2, A);
   for (int successes = 0; successes < 5; ++successes) {
     const FailingAllocations failing(successes);
-    EXPECT_EQ(Note(3, link_), -1) << successes;
+    EXPECT_EQ(Note(3, A), -1) << successes;
     EXPECT_EQ(SentTags(), (Tags{1, 2}));
-    EXPECT_NE(FindMsgInfo(link_, 100, 2), nullptr);
+    EXPECT_NE(FindMsgInfo(A, 100, 2), nullptr);
   }
-  EXPECT_EQ(Note(3, link_), 0);
+  EXPECT_EQ(Note(3, A), 0);
   EXPECT_EQ(SentTags(), (Tags{1, 2, 3}));
 }
 
 TEST_F(RequestBookkeeping, AClosedConnectionIsForgottenByItsRequestsAlone) {
-  Note(1, link_, 7);
-  Note(2, link_, 8);
-  Save(3, link_, 7);
-  Save(4, link_, 8);
+  Note(1, A, 7);
+  Note(2, A, 8);
+  Save(3, A, 7);
+  Save(4, A, 8);
   ForgetConnection(7);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, -1);
   EXPECT_EQ(g_DbcI.MsgInfoArray.Items[1].Socket, 8);
@@ -308,27 +289,27 @@ TEST_F(RequestBookkeeping, AClosedConnectionIsForgottenByItsRequestsAlone) {
 
 TEST_F(RequestBookkeeping, WhatConnectionsAndLinksHaveIsCounted) {
   const auto& requests = g_Connections[7].Requests;
-  Save(1, link_, 7);
-  Save(2, other_, 7);
-  Save(3, link_, 8);
-  Note(4, link_, 7);
+  Save(1, A, 7);
+  Save(2, B, 7);
+  Save(3, A, 8);
+  Note(4, A, 7);
   EXPECT_EQ(requests[kWaiting].Count, 2);
   EXPECT_EQ(requests[kInFlight].Count, 1);
-  EXPECT_EQ(link_->Books.Waiting, 2);
-  EXPECT_EQ(link_->Books.InFlight, 1);
-  MoveSaved(&g_DbcI.SavedArray.Items[0], other_);
-  EXPECT_EQ(link_->Books.Waiting, 1);
-  EXPECT_EQ(other_->Books.Waiting, 2);
+  EXPECT_EQ(A->Books.Waiting, 2);
+  EXPECT_EQ(A->Books.InFlight, 1);
+  MoveSaved(&g_DbcI.SavedArray.Items[0], B);
+  EXPECT_EQ(A->Books.Waiting, 1);
+  EXPECT_EQ(B->Books.Waiting, 2);
   ForgetConnection(7);
   EXPECT_EQ(requests[kWaiting].Count + requests[kInFlight].Count, 0);
-  EXPECT_EQ(other_->Books.Gone[kWaiting].Count, 2);
-  EXPECT_EQ(link_->Books.Gone[kInFlight].Count, 1);
-  MoveSaved(&g_DbcI.SavedArray.Items[1], link_);
-  EXPECT_EQ(other_->Books.Gone[kWaiting].Count, 1);
-  EXPECT_EQ(link_->Books.Gone[kWaiting].Count, 1);
+  EXPECT_EQ(B->Books.Gone[kWaiting].Count, 2);
+  EXPECT_EQ(A->Books.Gone[kInFlight].Count, 1);
+  MoveSaved(&g_DbcI.SavedArray.Items[1], A);
+  EXPECT_EQ(B->Books.Gone[kWaiting].Count, 1);
+  EXPECT_EQ(A->Books.Gone[kWaiting].Count, 1);
   while (SavedMessage* const saved = GetNextUnsendMsg(nullptr)) ReleaseSaved(saved);
   ClearMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
-  for (const Link* link : {link_, other_}) {
+  for (const Link* link : {A, B}) {
     EXPECT_EQ(link->Books.Waiting + link->Books.InFlight, 0);
     EXPECT_EQ(link->Books.Gone[kWaiting].Count + link->Books.Gone[kInFlight].Count, 0);
   }
@@ -336,54 +317,41 @@ TEST_F(RequestBookkeeping, WhatConnectionsAndLinksHaveIsCounted) {
 
 TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestWaitingRequestsAreDropped) {
   const CapturedLog log(kLogError);
-  for (std::uint16_t tag = 1; tag <= 1030; ++tag) {
-    Save(tag, link_, 7);
-    ForgetConnection(7);
-  }
+  SaveOfClosedConnections(1030);
   const Tags tags = SavedTags();
   EXPECT_EQ(tags.size(), 1024U);
   EXPECT_EQ(std::count_if(tags.begin(), tags.end(), [](int tag) { return tag <= 6; }), 0);
-  const std::string text = log.Text();
-  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "told once: " << text;
-  while (link_->Books.Waiting > 1000) ReleaseSaved(GetNextUnsendMsg(nullptr));
-  for (std::uint16_t tag = 1; tag <= 30; ++tag) {
-    Save(tag, link_, 7);
-    ForgetConnection(7);
-  }
-  const std::string again = log.Text();
-  EXPECT_EQ(std::count(again.begin(), again.end(), '\n'), 2) << "their number had fallen";
+  EXPECT_EQ(log.Lines().size(), 1U) << "told once: " << log.Text();
+  while (A->Books.Waiting > 1000) ReleaseSaved(GetNextUnsendMsg(nullptr));
+  SaveOfClosedConnections(30);
+  EXPECT_EQ(log.Lines().size(), 2U) << "their number had fallen";
 }
 
 TEST_F(RequestBookkeeping, OfClosedConnectionsTheOldestRequestsInFlightAreDropped) {
-  g_DbcI.LogLevel = kLogError;
-  const CapturedStderr log;
-  for (int i = 0; i < 262144; ++i) Note(1, link_, -1);
-  Note(2, other_, -1);
-  ASSERT_NE(FindMsgInfo(link_, 100, 1), nullptr);
-  Note(3, link_, -1);
-  EXPECT_EQ(link_->Books.InFlight, 262144);
-  EXPECT_NE(FindMsgInfo(link_, 100, 3), nullptr);
+  const CapturedLog log(kLogError);
+  for (int i = 0; i < 262144; ++i) Note(1, A, -1);
+  Note(2, B, -1);
+  ASSERT_NE(FindMsgInfo(A, 100, 1), nullptr);
+  Note(3, A, -1);
+  EXPECT_EQ(A->Books.InFlight, 262144);
+  EXPECT_NE(FindMsgInfo(A, 100, 3), nullptr);
   EXPECT_FALSE(InUse(g_DbcI.MsgInfoArray.Items[0])) << "the oldest";
-  EXPECT_NE(FindMsgInfo(other_, 100, 2), nullptr) << "each link has its own limit";
-  const auto lines = [&log] {
-    const std::string text = log.Text();
-    return std::count(text.begin(), text.end(), '\n');
-  };
-  Note(4, link_, -1);
-  EXPECT_EQ(lines(), 1) << "told once";
-  ReleaseMsgInfo(FindMsgInfo(link_, 100, 3));
-  for (int i = 0; i < 2; ++i) Note(5, link_, -1);
-  EXPECT_EQ(lines(), 2) << "their number had fallen";
+  EXPECT_NE(FindMsgInfo(B, 100, 2), nullptr) << "each link has its own limit";
+  Note(4, A, -1);
+  EXPECT_EQ(log.Lines().size(), 1U) << "told once";
+  ReleaseMsgInfo(FindMsgInfo(A, 100, 3));
+  for (int i = 0; i < 2; ++i) Note(5, A, -1);
+  EXPECT_EQ(log.Lines().size(), 2U) << "their number had fallen";
 }
 
 TEST_F(RequestBookkeeping, ARequestIsKnownByItsIdUntilItIsReleased) {
-  Note(1, link_);
+  Note(1, A);
   const RequestId first = LastSavedRequest();
-  Note(2, link_);
+  Note(2, A);
   EXPECT_EQ(FindRequest(first), &g_DbcI.MsgInfoArray.Items[0]);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
   EXPECT_EQ(FindRequest(first), nullptr);
-  Note(3, link_);
+  Note(3, A);
   EXPECT_EQ(LastSavedRequest().Slot, first.Slot);
   EXPECT_EQ(FindRequest(first), nullptr) << "the record has been used again";
   EXPECT_EQ(FindRequest({.Slot = -1, .Serial = 1}), nullptr);
@@ -435,14 +403,10 @@ TEST_F(ActiveLinks, ASingleLinkIsYieldedOnce) {
 TEST_F(ActiveLinks, TheWalkLeavesWithItsWords) {
   Link* const link = AddLink("A");
   link->State = kLinkConnected;
-  {
-    const CapturedLog log;
-    GetNextActiveLink(kHere, 1, nullptr);
-    EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave SUSSESS\n"));
-  }
-  const CapturedLog log;
-  GetNextActiveLink(kHere, 1, link);
-  EXPECT_TRUE(log.Contains("'GetNextActiveLink' Leave FAILED link not found\n"));
+  EXPECT_EQ(Traced([] { GetNextActiveLink(kHere, 1, nullptr); }).back(),
+            "15 primitiv|'GetNextActiveLink' Leave SUSSESS");
+  EXPECT_EQ(Traced([=] { GetNextActiveLink(kHere, 1, link); }).back(),
+            "15 primitiv|'GetNextActiveLink' Leave FAILED link not found");
 }
 
 int Compare(std::string a, std::string b) {

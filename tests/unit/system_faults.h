@@ -34,6 +34,12 @@ class FailingSystemCall {
   const SystemCall call_;
 };
 
+// What a call comes to during which the system's fail so.
+template <class Call>
+auto With(const FailingSystemCall&, Call call) {
+  return call();
+}
+
 // While it lives, this socket option cannot be set.
 class FailingSocketOption {
  public:

@@ -30,13 +30,6 @@ inline int SocketOption(int fd, int level, int name) {
   return value;
 }
 
-inline std::string ReceiveAll(int fd) {
-  std::string bytes(16384, '\0');
-  const ssize_t got = recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
-  bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-  return bytes;
-}
-
 inline std::vector<ControlWords> Packets(const std::string& bytes) {
   std::vector<ControlWords> packets(bytes.size() / sizeof(ControlWords));
   EXPECT_EQ(bytes.size() % sizeof(ControlWords), 0u);
@@ -89,6 +82,10 @@ class TcpDriver : public AgentTest {
   }
   int Connect() { return TcpConnectLink("test", __LINE__, Node); }
   // Connects the link up to the point where it is ready for write.
+  void ConnectAndWait(const char* timeouts) {
+    Connecting(timeouts);
+    ConnectAndWait();
+  }
   void ConnectAndWait() {
     ASSERT_EQ(Connect(), 0);
     pollfd ready{Data().Socket, POLLOUT, 0};
@@ -96,6 +93,10 @@ class TcpDriver : public AgentTest {
     ASSERT_TRUE(Server->Accept());
     FarEnd = dup(Server->Socket());
     Server.reset();
+  }
+  void CloseFarEnd() {
+    close(FarEnd);
+    FarEnd = -1;
   }
   int ReadyForWrite() { return TcpReadyForWrite("test", __LINE__, Node); }
   int Tick() { return TcpTimerEvent("test", __LINE__, Node); }
