@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -160,6 +161,15 @@ inline int NextDescriptor() {
   const int fd = dup(0);
   close(fd);
   return fd;
+}
+
+// What a call comes to that leaves errno as it was.
+template <class Call>
+auto KeepingErrno(Call call) {
+  errno = 77;
+  const auto result = call();
+  EXPECT_EQ(errno, 77);
+  return result;
 }
 
 // What has come to a socket, without waiting.

@@ -68,45 +68,39 @@ class LocalSocket : public AgentTest {
     ASSERT_EQ(listen(listener_, 4), 0);
   }
 
-  // A kernel that greets, and the link connected to it.
-  void ConnectToGreetingKernel(std::size_t greeting = 60) {
-    ASSERT_EQ(Init(std::to_string(kMbx)), 0);
+  void InitLink() { ASSERT_EQ(Init(std::to_string(kMbx)), 0); }
+  void InitAndListen() {
+    InitLink();
     Listen();
+  }
+  // A connect to a kernel that accepts and greets: the status.
+  int ConnectToKernel(std::size_t greeting = 60) {
     std::thread kernel([this, greeting] {
       kernel_ = accept(listener_, nullptr, nullptr);
       Write(std::string(greeting, 'g'));
     });
     const int status = Connect();
     kernel.join();
-    ASSERT_EQ(status, 0);
+    return status;
   }
+  void ConnectToGreetingKernel(std::size_t greeting = 60) {
+    InitAndListen();
+    ASSERT_EQ(ConnectToKernel(greeting), 0);
+  }
+  // What comes breaks the link.
+  void ExpectBroken(const std::string& bytes) {
+    Write(bytes);
+    EXPECT_EQ(Read(), kStatusReceive);
+    EXPECT_EQ(link_->State, kLinkDisconnected);
+  }
+  int Send(ClientMessage* msg) { return LSockSendToNetwork("test", 1, link_, msg); }
 
-  int Greet() {
-    const int fd = accept(listener_, nullptr, nullptr);
-    const char greeting[60] = {};
-    EXPECT_EQ(send(fd, greeting, sizeof greeting, MSG_NOSIGNAL), 60);
-    return fd;
-  }
-  static int LowestFree() {
-    const int fd = dup(0);
-    close(fd);
-    return fd;
-  }
-
-  void Write(const std::string& bytes) {
-    ASSERT_EQ(send(kernel_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(bytes.size()));
-  }
+  void Write(const std::string& bytes) { SendAll(kernel_, bytes); }
 
   // The wire form of a message as the kernel sends it.
   static std::string Frame(ClientMessage msg) {
     msg.Length += 4;
-    return std::string(reinterpret_cast<const char*>(Wire(&msg)), msg.Length);
-  }
-
-  void AddMsgInfo(std::int32_t task, std::uint16_t astInd, int socket) {
-    const MsgInfo info = {.Link = link_, .TaskName = task, .Socket = socket, .AstInd = astInd};
-    ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
+    return WireBytes(msg, 0, msg.Length);
   }
 
   bool Registered(int fd) {
@@ -155,7 +149,7 @@ TEST_F(LocalSocket, AddressNeedsMemory) {
 }
 
 TEST_F(LocalSocket, ConnectWithoutAKernelFailsAndMakesTheDirectoryUsable) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
+  InitLink();
   chmod(directory_.Path().c_str(), 0700);
   const CapturedLog stderrText;
   EXPECT_EQ(Connect(), kStatusConnect);
@@ -189,8 +183,7 @@ TEST_F(LocalSocket, ConnectDiscardsTheGreetingAndRegisters) {
 }
 
 TEST_F(LocalSocket, StopRequestEndsTheGreetingOfAKernelThatHungUp) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  Listen();
+  InitAndListen();
   g_DbcI.ExitStatus = -1;
   std::thread kernel([this] { close(accept(listener_, nullptr, nullptr)); });
   EXPECT_EQ(Connect(), kStatusConnect);
@@ -199,7 +192,7 @@ TEST_F(LocalSocket, StopRequestEndsTheGreetingOfAKernelThatHungUp) {
 }
 
 TEST_F(LocalSocket, SocketThatCannotBeMadeFailsTheConnect) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
+  InitLink();
   const CapturedLog stderrText(kLogError);
   FailingSystemCall failing(SystemCall::Socket, EMFILE);
   EXPECT_EQ(Connect(), -1);
@@ -208,37 +201,25 @@ TEST_F(LocalSocket, SocketThatCannotBeMadeFailsTheConnect) {
 }
 
 TEST_F(LocalSocket, RefusedModeClosesTheSocket) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  Listen();
+  InitAndListen();
   // Of the calls for the two modes, each gets and sets: let one after the other fail.
   for (const int successes : {0, 1, 2, 3}) {
-    const int expected = LowestFree();
-    std::thread kernel([this] { kernel_ = Greet(); });
-    int status;
-    {
-      FailingSystemCall failing(SystemCall::Fcntl, EBADF, successes, 1);
-      status = Connect();
-    }
-    kernel.join();
+    const int expected = NextDescriptor();
+    EXPECT_EQ(With({SystemCall::Fcntl, EBADF, successes, 1}, [&] { return ConnectToKernel(); }),
+              kStatusOption)
+        << successes;
     Close(&kernel_);
-    EXPECT_EQ(status, kStatusOption) << successes;
-    EXPECT_EQ(LowestFree(), expected) << successes;
+    EXPECT_EQ(NextDescriptor(), expected) << successes;
   }
 }
 
 TEST_F(LocalSocket, RefusedBufferSizeLeavesTheSocketOpen) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
-  Listen();
+  InitAndListen();
   for (const int successes : {0, 1}) {
     const CapturedLog stderrText;
-    std::thread kernel([this] { kernel_ = Greet(); });
-    int status;
-    {
-      FailingSystemCall failing(SystemCall::SetSockOpt, ENOBUFS, successes, 1);
-      status = Connect();
-    }
-    kernel.join();
-    EXPECT_EQ(status, kStatusOption);
+    EXPECT_EQ(
+        With({SystemCall::SetSockOpt, ENOBUFS, successes, 1}, [&] { return ConnectToKernel(); }),
+        kStatusOption);
     EXPECT_TRUE(stderrText.Contains(successes == 0 ? "Leave FAILED setsockopt(SO_SNDBUF)\n"
                                                    : "Leave FAILED setsockopt(SO_RCVBUF)\n"));
     char byte;
@@ -249,7 +230,7 @@ TEST_F(LocalSocket, RefusedBufferSizeLeavesTheSocketOpen) {
 }
 
 TEST_F(LocalSocket, DescriptorBeyondTheTableIsRefusedAndClosed) {
-  ASSERT_EQ(Init(std::to_string(kMbx)), 0);
+  InitLink();
   rlimit limit;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
   ASSERT_GT(limit.rlim_cur, 300U);
@@ -267,19 +248,16 @@ TEST_F(LocalSocket, RequestGoesOutAsItStandsWithItsFullLength) {
   ConnectToGreetingKernel();
   ClientMessage msg = MakeRequest(77, 9, 5, {"ab", "c"});
   const std::string expected = Frame(msg);
-  ASSERT_EQ(LSockSendToNetwork("test", 1, link_, &msg), 0);
+  ASSERT_EQ(Send(&msg), 0);
   EXPECT_EQ(msg.Length, expected.size());
-  std::string got(expected.size(), '\0');
-  EXPECT_EQ(recv(kernel_, got.data(), got.size(), MSG_WAITALL),
-            static_cast<ssize_t>(expected.size()));
-  EXPECT_EQ(got, expected);
+  EXPECT_EQ(ReceiveAll(kernel_), expected);
 }
 
 TEST_F(LocalSocket, SendingTwiceAddsFourTwice) {
   ConnectToGreetingKernel();
   ClientMessage msg = MakeRequest(77, 9, 5);
-  EXPECT_EQ(LSockSendToNetwork("test", 1, link_, &msg), 0);
-  EXPECT_EQ(LSockSendToNetwork("test", 1, link_, &msg), 0);
+  EXPECT_EQ(Send(&msg), 0);
+  EXPECT_EQ(Send(&msg), 0);
   EXPECT_EQ(msg.Length, kEmptyLength + 8);
 }
 
@@ -287,7 +265,7 @@ TEST_F(LocalSocket, SendingToAKernelThatHasGoneFails) {
   ConnectToGreetingKernel();
   Close(&kernel_);
   ClientMessage msg = MakeRequest(77, 9, 5);
-  EXPECT_EQ(LSockSendToNetwork("test", 1, link_, &msg), kStatusSend);
+  EXPECT_EQ(Send(&msg), kStatusSend);
   EXPECT_EQ(errno, EPIPE);
 }
 
@@ -296,7 +274,7 @@ TEST_F(LocalSocket, WhatTheKernelDoesNotTakeIsKept) {
   ClientMessage msg = MakeRequest(77, 9, 5, {std::string(4000, 'x')});
   for (int i = 0; i < 200 && UnsentBytes(Data().Socket) == 0; ++i) {
     msg.Length = msg.TrailerOffset + 52U;
-    ASSERT_EQ(LSockSendToNetwork("test", 1, link_, &msg), 0);
+    ASSERT_EQ(Send(&msg), 0);
   }
   EXPECT_GT(UnsentBytes(Data().Socket), 0U);
   EXPECT_TRUE(FD_ISSET(Data().Socket, &g_DbcI.SocketSets.WriteSet));
@@ -304,7 +282,7 @@ TEST_F(LocalSocket, WhatTheKernelDoesNotTakeIsKept) {
 
 TEST_F(LocalSocket, AnswerReachesTheClientOfItsRequest) {
   ConnectToGreetingKernel();
-  AddMsgInfo(77, 5, 9);
+  Note(link_, 77, 9, 5);
   Write(Frame(MakeRequest(77, 0, 5, {"answer"})));
   EXPECT_EQ(Read(), 0);
   ASSERT_EQ(Answers.size(), 1U);
@@ -316,13 +294,14 @@ TEST_F(LocalSocket, AnswerReachesTheClientOfItsRequest) {
 
 TEST_F(LocalSocket, AnswerInPiecesIsPutTogether) {
   ConnectToGreetingKernel();
-  AddMsgInfo(77, 5, 9);
+  Note(link_, 77, 9, 5);
   const std::string frame = Frame(MakeRequest(77, 0, 5, {"answer"}));
-  for (const std::size_t at : {std::size_t{0}, std::size_t{2}, std::size_t{4}, std::size_t{70}}) {
+  std::size_t sent = 0;
+  for (const std::size_t end : {std::size_t{2}, std::size_t{4}, std::size_t{70}, frame.size()}) {
     EXPECT_TRUE(Answers.empty());
-    const std::size_t end = at == 0 ? 2 : at == 2 ? 4 : at == 4 ? 70 : frame.size();
-    Write(frame.substr(at, end - at));
+    Write(frame.substr(sent, end - sent));
     EXPECT_EQ(Read(), 0);
+    sent = end;
   }
   EXPECT_EQ(Answers.size(), 1U);
   EXPECT_EQ(link_->State, kLinkConnected);
@@ -331,7 +310,7 @@ TEST_F(LocalSocket, AnswerInPiecesIsPutTogether) {
 TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
   ConnectToGreetingKernel();
   const int socket = Data().Socket;
-  AddMsgInfo(getpid(), 5, client_.Socket());
+  Note(link_, getpid(), client_.Socket(), 5);
   Close(&kernel_);
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_EQ(link_->State, kLinkDisconnected);
@@ -343,31 +322,26 @@ TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
 TEST_F(LocalSocket, FrameWithoutABodyCountsAsAHangUp) {
   ConnectToGreetingKernel();
   const CapturedLog stderrText;
-  Write(std::string("\4\0\0\0", 4));
-  EXPECT_EQ(Read(), kStatusReceive);
+  ExpectBroken(BytesOf(4));
   EXPECT_TRUE(stderrText.Contains("Local tavrin message len is 0 byte"));
   EXPECT_TRUE(stderrText.Contains("Tavrin socket is down. Call:recv"));
-  EXPECT_EQ(link_->State, kLinkDisconnected);
 }
 
 TEST_F(LocalSocket, LengthBelowItsOwnWordBreaksTheLink) {
   ConnectToGreetingKernel();
-  AddMsgInfo(getpid(), 5, client_.Socket());
-  Write(std::string("\3\0\0\0", 4));
-  EXPECT_EQ(Read(), kStatusReceive);
+  Note(link_, getpid(), client_.Socket(), 5);
+  ExpectBroken(BytesOf(3));
   EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 
 TEST_F(LocalSocket, FrameBeyondTheMessageAreaBreaksTheLink) {
   ConnectToGreetingKernel();
-  Write(std::string("\1\x20\0\0", 4));  // 8193
-  EXPECT_EQ(Read(), kStatusReceive);
-  EXPECT_EQ(link_->State, kLinkDisconnected);
+  ExpectBroken(BytesOf(8193));
 }
 
 TEST_F(LocalSocket, LargestFrameIsPassedOn) {
   ConnectToGreetingKernel();
-  AddMsgInfo(77, 5, 9);
+  Note(link_, 77, 9, 5);
   // 52 bytes before the strings, 3 empty strings, the trailer: the rest is the first string.
   const std::size_t room = kMessageArea - kStringsAt - 3 * 2 - kTrailerSize - 2;
   const std::string frame = Frame(MakeRequest(77, 0, 5, {std::string(room, 'x')}));
@@ -380,18 +354,12 @@ TEST_F(LocalSocket, LargestFrameIsPassedOn) {
 TEST_F(LocalSocket, StringsThatLeaveTheAreaBreakTheLink) {
   ConnectToGreetingKernel();
   std::string frame = Frame(MakeRequest(77, 0, 5));
-  frame[kStringsAt] = static_cast<char>(0xFF);
-  frame[kStringsAt + 1] = static_cast<char>(0xFF);
-  Write(frame);
-  EXPECT_EQ(Read(), kStatusReceive);
-  EXPECT_EQ(link_->State, kLinkDisconnected);
+  ExpectBroken(frame.replace(kStringsAt, 2, "\xFF\xFF"));
 }
 
 TEST_F(LocalSocket, DeathOfAClientIsTold) {
   ConnectToGreetingKernel();
   ASSERT_EQ(LSockClientDeadEvent("test", 1, link_, 0x01020304), 0);
-  std::string frame(136, '\0');
-  ASSERT_EQ(recv(kernel_, frame.data(), frame.size(), MSG_WAITALL), 136);
   std::string expected(136, '\0');
   const std::string pid("\4\3\2\1", 4);
   expected[0] = static_cast<char>(136);
@@ -401,7 +369,7 @@ TEST_F(LocalSocket, DeathOfAClientIsTold) {
   expected.replace(54, 4, pid);
   expected.replace(88, 4, pid);
   expected.replace(100, 2, "\xFF\xFF");
-  EXPECT_EQ(frame, expected);
+  EXPECT_EQ(ReceiveAll(kernel_), expected);
 }
 
 TEST_F(LocalSocket, DisconnectIsHarmlessTwice) {

@@ -412,9 +412,7 @@ TEST_F(TcpTraffic, WhatWasKeptForADescriptorDoesNotReachItsNextOwner) {
 
 TEST_F(TcpTraffic, ADisconnectKeepsErrno) {
   const FailingSystemCall notConnected(SystemCall::Shutdown, ENOTCONN);
-  errno = 77;
-  Disconnect();
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno([&] { return Disconnect(); }), 0);
   EXPECT_EQ(notConnected.Calls(), 1);
 }
 

@@ -35,9 +35,7 @@ constexpr FrameFormat kPlain = {.LengthCounts = 0,
                                 .TraceLength = nullptr};
 constexpr OutputTrace kTraced = {.Sent = NoteSend, .Failed = NoteFailure};
 
-std::string Frame(std::uint32_t length, const std::string& body) {
-  return std::string(reinterpret_cast<const char*>(&length), sizeof length) + body;
-}
+std::string Frame(std::uint32_t length, const std::string& body) { return BytesOf(length) + body; }
 
 class Streams : public AgentTest {
  protected:
@@ -60,10 +58,12 @@ class Streams : public AgentTest {
     close(pair_[1]);
     pair_[1] = -1;
   }
-  void Come(const std::string& bytes) const {
-    EXPECT_EQ(send(Far(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-  }
+  void Come(const std::string& bytes) const { SendAll(Far(), bytes); }
   FrameRead Read(const FrameFormat& format = kCounting) { return ReadFrame(Ours(), area_, format); }
+  FrameRead ComeAndRead(const std::string& bytes, const FrameFormat& format = kCounting) {
+    Come(bytes);
+    return Read(format);
+  }
   void ExpectFrame(const std::string& frame, const FrameFormat& format) {
     EXPECT_EQ(Read(format), FrameRead::Whole);
     EXPECT_EQ(Area(frame.size()), frame);
@@ -97,13 +97,7 @@ class Streams : public AgentTest {
     return all;
   }
   // What the far end can read without waiting.
-  std::string Take() const {
-    std::string all;
-    char part[65536];
-    for (ssize_t got; (got = recv(Far(), part, sizeof part, MSG_DONTWAIT)) > 0;)
-      all.append(part, static_cast<std::size_t>(got));
-    return all;
-  }
+  std::string Take() const { return ReceiveAll(Far()); }
 
   // All that is kept goes out: what the far end gets.
   std::string TakeAll() const {
@@ -138,14 +132,12 @@ TEST_F(FramesIn, AWholeFrameShowsAsReadInTwoSteps) {
 
 TEST_F(FramesIn, BelowTheTraceLevelNothingShows) {
   g_DbcI.LogLevel = kLogTrace - 1;
-  Come(Frame(10, "abcdef"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(10, "abcdef")), FrameRead::Whole);
   EXPECT_TRUE(receives.empty() && lengths.empty());
 }
 
 TEST_F(FramesIn, TheSecondOfALookShowsItsOwnLength) {
-  Come(Frame(10, "abcdef") + Frame(7, "xyz"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(10, "abcdef") + Frame(7, "xyz")), FrameRead::Whole);
   EXPECT_EQ(Read(), FrameRead::Whole);
   EXPECT_EQ(lengths, (std::vector<int>{6, 3}));
   EXPECT_EQ(receives, (std::vector<int>{4, 6, 4, 3}));
@@ -175,16 +167,14 @@ TEST_F(FramesIn, AFrameThatComesByteByByteIsPutTogether) {
 }
 
 TEST_F(FramesIn, TheNextFrameBeginsAnew) {
-  Come(Frame(9, "12345").substr(0, 6));
-  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_EQ(ComeAndRead(Frame(9, "12345").substr(0, 6)), FrameRead::Later);
   Come("345" + Frame(6, "xy"));
   ExpectFrame(Frame(9, "12345"), kCounting);
   ExpectFrame(Frame(6, "xy"), kCounting);
 }
 
 TEST_F(FramesIn, HalfAFrameAndTheEndIsClosed) {
-  Come(Frame(9, "12"));
-  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_EQ(ComeAndRead(Frame(9, "12")), FrameRead::Later);
   CloseFar();
   EXPECT_EQ(Read(), FrameRead::Closed);
   EXPECT_EQ(receives.back(), 0);
@@ -206,26 +196,21 @@ TEST_F(FramesIn, TheEndBeforeAFrameIsClosed) {
 }
 
 TEST_F(FramesIn, AFrameWithoutABodyCountsAsClosedAndDoesNotWait) {
-  Come(Frame(0, ""));
-  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
+  EXPECT_EQ(ComeAndRead(Frame(0, ""), kPlain), FrameRead::Closed);
 }
 
 TEST_F(FramesIn, LengthsOutOfBoundsAreRefusedWithoutReadingOn) {
   for (const std::uint32_t length : {0U, 4U, 8189U, 0x80000000U, 0xFFFFFFFFU}) {
-    Come(Frame(length, ""));
-    EXPECT_EQ(Read(), FrameRead::BadLength) << length;
+    EXPECT_EQ(ComeAndRead(Frame(length, "")), FrameRead::BadLength) << length;
     EXPECT_EQ(Area(4), Frame(length, ""));
     ForgetDescriptor(Ours());
   }
 }
 
 TEST_F(FramesIn, TheLargestAndTheSmallestLengthAreTaken) {
-  Come(Frame(5, "x"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  Come(Frame(8188, std::string(8184, 'z')));
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  Come(Frame(8188, std::string(8188, 'z')));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(5, "x")), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(8188, std::string(8184, 'z'))), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(8188, std::string(8188, 'z')), kPlain), FrameRead::Whole);
   EXPECT_EQ(Area(8192).substr(4), std::string(8188, 'z'));
 }
 
@@ -245,18 +230,14 @@ TEST_F(FramesIn, APeerThatLeavesAnswersUnreadFailsTheReceiveOnce) {
 }
 
 TEST_F(FramesIn, ErrnoStaysUnlessTheReceiveFailed) {
-  errno = 77;
-  EXPECT_EQ(Read(), FrameRead::Later);
-  EXPECT_EQ(errno, 77);
+  const auto read = [&] { return Read(); };
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Later);
   Come(Frame(9, "12"));
-  EXPECT_EQ(Read(), FrameRead::Later);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Later);
   Come("345");
-  EXPECT_EQ(Read(), FrameRead::Whole);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Whole);
   CloseFar();
-  EXPECT_EQ(Read(), FrameRead::Closed);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Closed);
 }
 
 TEST_F(FramesIn, WithoutMemoryHalfAFrameFails) {
@@ -273,16 +254,13 @@ TEST_F(FramesIn, AWholeFrameNeedsNoMemory) {
 }
 
 TEST_F(FramesIn, NoMemoryIsHeldBetweenFrames) {
-  Come(Frame(9, "12345"));
-  EXPECT_EQ(Read(), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(9, "12345")), FrameRead::Whole);
   const NoMemory none;
-  Come(Frame(9, "12345"));
-  EXPECT_EQ(Read(), FrameRead::NoMemory);
+  EXPECT_EQ(ComeAndRead(Frame(9, "12345")), FrameRead::NoMemory);
 }
 
 TEST_F(FramesIn, AForgottenDescriptorLosesItsHalfFrame) {
-  Come(Frame(9, "12"));
-  EXPECT_EQ(Read(), FrameRead::Later);
+  EXPECT_EQ(ComeAndRead(Frame(9, "12")), FrameRead::Later);
   ForgetDescriptor(Ours());
   Come(Frame(6, "xy"));
   ExpectFrame(Frame(6, "xy"), kCounting);
@@ -306,8 +284,7 @@ TEST_F(FramesAhead, AreHandedOutOneByOneInOrder) {
 }
 
 TEST_F(FramesAhead, APartThatHasComeDoesNotCountAsWaiting) {
-  Come(Frame(1, "a") + Frame(6, "half"));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(1, "a") + Frame(6, "half"), kPlain), FrameRead::Whole);
   EXPECT_FALSE(Waits());
   EXPECT_EQ(Read(kPlain), FrameRead::Later);
   Come("xx");
@@ -326,24 +303,21 @@ TEST_F(FramesAhead, ManyLargeOnesAllComeThrough) {
 
 TEST_F(FramesAhead, MoreIsExpectedAfterMuchUntilALookFindsNothing) {
   EXPECT_FALSE(MoreHasCome(Ours()));
-  Come(Frame(8188, std::string(8188, 'a')));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(8188, std::string(8188, 'a')), kPlain), FrameRead::Whole);
   EXPECT_TRUE(MoreHasCome(Ours()));
   EXPECT_EQ(Read(kPlain), FrameRead::Later);
   EXPECT_FALSE(MoreHasCome(Ours())) << "the descriptor would be read again and again";
 }
 
 TEST_F(FramesAhead, WhatIsOutOfBoundsWaitsToBeRefusedAtItsTurn) {
-  Come(Frame(1, "a") + Frame(8189, ""));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(1, "a") + Frame(8189, ""), kPlain), FrameRead::Whole);
   EXPECT_TRUE(Waits());
   EXPECT_EQ(Read(kPlain), FrameRead::BadLength);
   EXPECT_EQ(Area(4), Frame(8189, ""));
 }
 
 TEST_F(FramesAhead, OneWithoutABodyCountsAsClosedAtItsTurn) {
-  Come(Frame(1, "a") + Frame(0, ""));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(1, "a") + Frame(0, ""), kPlain), FrameRead::Whole);
   EXPECT_TRUE(Waits());
   EXPECT_EQ(Read(kPlain), FrameRead::Closed);
 }
@@ -357,8 +331,7 @@ TEST_F(FramesAhead, WholeOnesComeBeforeTheEnd) {
 }
 
 TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
-  Come(Frame(1, "a") + Frame(1, "b"));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(ComeAndRead(Frame(1, "a") + Frame(1, "b"), kPlain), FrameRead::Whole);
   ForgetDescriptor(Ours());
   EXPECT_FALSE(Waits());
   Come(Frame(1, "c"));
@@ -368,9 +341,7 @@ TEST_F(FramesAhead, AForgottenDescriptorHasNoneWaiting) {
 TEST_F(FramesAhead, ALookTakesThemAndTellsOfTheEnd) {
   EXPECT_FALSE(LookAhead(Ours())) << "it has not been read before";
   EXPECT_EQ(Read(kPlain), FrameRead::Later);
-  errno = 77;
-  EXPECT_FALSE(LookAhead(Ours()));
-  EXPECT_EQ(errno, 77);
+  EXPECT_FALSE(KeepingErrno([&] { return LookAhead(Ours()); }));
   Come(Frame(1, "a"));
   EXPECT_TRUE(LookAhead(Ours()));
   EXPECT_TRUE(Waits());
@@ -395,13 +366,12 @@ TEST_F(FramesAhead, AreReadAfterAFailureThatALookHasMet) {
 }
 
 TEST_F(FramesAhead, ErrnoStaysUnlessTheReceiveFailed) {
-  errno = 77;
-  EXPECT_EQ(Read(kPlain), FrameRead::Later);
+  const auto read = [&] { return Read(kPlain); };
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Later);
   Come(Frame(1, "a"));
-  EXPECT_EQ(Read(kPlain), FrameRead::Whole);
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Whole);
   CloseFar();
-  EXPECT_EQ(Read(kPlain), FrameRead::Closed);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno(read), FrameRead::Closed);
 }
 
 class BytesOut : public Streams {};
@@ -523,23 +493,16 @@ TEST_F(BytesOut, WithoutMemoryWhatIsKeptStays) {
 }
 
 TEST_F(BytesOut, ErrnoStaysWhenNothingFails) {
-  errno = 77;
-  EXPECT_EQ(Send("x"), 0);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno([&] { return Send("x"); }), 0);
   FillUp();
-  errno = 77;
-  EXPECT_EQ(Send("kept"), 0);
-  EXPECT_EQ(errno, 77);
-  EXPECT_EQ(Flush(), 0);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno([&] { return Send("kept"); }), 0);
+  EXPECT_EQ(KeepingErrno([&] { return Flush(); }), 0);
 }
 
 TEST_F(BytesOut, ErrnoStaysWhenThePeerTakesNothing) {
   const std::string part(8188, 'x');
   while (send(Ours(), part.data(), part.size(), MSG_DONTWAIT) > 0) continue;
-  errno = 77;
-  EXPECT_EQ(Send("kept"), 0);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno([&] { return Send("kept"); }), 0);
 }
 
 TEST_F(BytesOut, TheErrorOfAFailureIsTheSystemsWhateverIsDoneAboutIt) {
@@ -634,9 +597,7 @@ TEST_F(BytesTogether, ThatCannotBeSentTellWhatWasTaken) {
 
 TEST_F(BytesTogether, WithoutMemoryGoOutAloneAndErrnoStays) {
   const NoMemory nowhere;
-  errno = 77;
-  EXPECT_EQ(Send("alone"), 0);
-  EXPECT_EQ(errno, 77);
+  EXPECT_EQ(KeepingErrno([&] { return Send("alone"); }), 0);
   EXPECT_EQ(Take(), "alone");
 }
 

@@ -28,12 +28,13 @@ class Waiting : public AgentTest {
     const itimerval soonAndAgain = {{0, 100000}, {0, 100000}};
     setitimer(ITIMER_REAL, &soonAndAgain, nullptr);
     EXPECT_EQ(pipe(ends_), 0);
-    REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
+    REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, ends_[0]);
   }
   void TearDown() override {
     const itimerval never = {};
     setitimer(ITIMER_REAL, &never, nullptr);
     sigaction(SIGALRM, &formerAction_, nullptr);
+    for (const int signal : {SIGIO, SIGCHLD, SIGTERM, SIGINT}) std::signal(signal, SIG_DFL);
     close(ends_[0]);
     close(ends_[1]);
     EndWait();
@@ -47,6 +48,10 @@ class Waiting : public AgentTest {
   }
   bool Found() const { return FD_ISSET(ends_[0], &g_Ready.Read); }
 
+  static void ExpectFailure(bool atOnce, int error) {
+    EXPECT_EQ(Wait(atOnce), -1);
+    EXPECT_EQ(errno, error);
+  }
   // Something comes, and the wait finds it among so many events.
   void ExpectFound(bool atOnce, int events = 1) {
     ASSERT_EQ(write(ends_[1], "x", 1), 1);
@@ -59,8 +64,7 @@ class Waiting : public AgentTest {
 };
 
 TEST_F(Waiting, HasNoEndButAnEventOrASignal) {
-  EXPECT_EQ(Wait(false), kInterrupted);
-  EXPECT_EQ(errno, EINTR);
+  ExpectFailure(false, EINTR);
   ExpectFound(false);
 }
 
@@ -77,13 +81,12 @@ TEST_F(Waiting, FindsInputBehindEpollToo) {
 
 TEST_F(Waiting, BehindEpollHasNoEndButAnEventOrASignal) {
   PrepareWait();
-  EXPECT_EQ(Wait(false), kInterrupted);
-  EXPECT_EQ(errno, EINTR);
+  ExpectFailure(false, EINTR);
 }
 
 TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
   PrepareWait();
-  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, ends_[1]);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, ends_[1]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(FD_ISSET(ends_[1], &g_Ready.Write));
   ExpectFound(false, 2);
@@ -93,30 +96,30 @@ TEST_F(Waiting, OneDescriptorMayWaitForBothBehindEpoll) {
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
   PrepareWait();
-  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, pair[0]);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, pair[0]);
   EXPECT_EQ(Wait(true), 0);
   const FailingSystemCall looks(SystemCall::Select, 0, 1000000, 0);
-  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, pair[0]);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, pair[0]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(FD_ISSET(pair[0], &g_Ready.Write));
   EXPECT_EQ(looks.Calls(), 0);
-  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, pair[0]);
-  UNREGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, pair[0]);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, pair[0]);
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, pair[0]);
   for (const int fd : pair) close(fd);
 }
 
 TEST_F(Waiting, FindsInputOfWhatEpollRefuses) {
   PrepareWait();
   const int device = open("/dev/null", O_RDWR | O_CLOEXEC);
-  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, device);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, device);
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(Wait(false), 1) << i;
     EXPECT_TRUE(FD_ISSET(device, &g_Ready.Read)) << i;
   }
-  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, device);
-  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, device);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, device);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, device);
   for (int i = 0; i < 2; ++i) EXPECT_EQ(Wait(false), 1) << i;
-  UNREGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, device);
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, device);
   close(device);
 }
 
@@ -132,7 +135,7 @@ TEST_F(Waiting, ReportsNothingOfADescriptorThatIsClosedHereOnly) {
   PrepareWait();
   EXPECT_EQ(Wait(true), 0);
   const int copy = dup(ends_[0]);
-  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, ends_[0]);
   close(ends_[0]);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), kInterrupted);
@@ -143,7 +146,7 @@ TEST_F(Waiting, IsNotEndedByAClientWhoseConnectionIsClosedHereOnly) {
   PrepareWait();
   int connection[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, connection), 0);
-  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, connection[0]);
   FD_SET(connection[0], &g_DbcI.ClientSockets);
   EXPECT_EQ(Wait(true), 0);
   const int copy = dup(connection[0]);
@@ -168,10 +171,10 @@ TEST_F(Waiting, IsNotEndedByFramesOfADescriptorThatIsNotRead) {
   unsigned char area[8192];
   ASSERT_EQ(ReadFrame(connection[0], area, kFrame), FrameRead::Whole);
   ASSERT_TRUE(FrameWaits(connection[0]));
-  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, connection[0]);
   EXPECT_EQ(Wait(false), 1);
   EXPECT_TRUE(FD_ISSET(connection[0], &g_Ready.Read));
-  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, connection[0]);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, connection[0]);
   EXPECT_EQ(Wait(false), kInterrupted);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(false), 1);
@@ -184,13 +187,13 @@ TEST_F(Waiting, IsNotEndedByFramesOfADescriptorThatIsNotRead) {
 TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
   PrepareWait();
   EXPECT_EQ(Wait(true), 0);
-  UNREGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, ends_[0]);
   const int number = ends_[0];
   close(ends_[0]);
   close(ends_[1]);
   ASSERT_EQ(pipe(ends_), 0);
   ASSERT_EQ(ends_[0], number);
-  REGISTER_SOCKET_FOR_READ_EVENT("wait", __LINE__, ends_[0]);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, ends_[0]);
   ASSERT_EQ(write(ends_[1], "x", 1), 1);
   EXPECT_EQ(Wait(true), 1);
 }
@@ -199,8 +202,7 @@ TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
 TEST_F(Waiting, FailsWhenWhatIsRegisteredIsNotOpen) {
   PrepareWait();
   close(ends_[0]);
-  EXPECT_EQ(Wait(true), -1);
-  EXPECT_EQ(errno, EBADF);
+  ExpectFailure(true, EBADF);
 }
 
 TEST_F(Waiting, AWaitForAllNoticesADescriptorThatWasClosedMeanwhile) {
@@ -209,8 +211,7 @@ TEST_F(Waiting, AWaitForAllNoticesADescriptorThatWasClosedMeanwhile) {
   close(ends_[0]);
   EXPECT_EQ(Wait(true), 0) << "epoll does not notice";
   LookAtAllNext();
-  EXPECT_EQ(Wait(true), -1);
-  EXPECT_EQ(errno, EBADF);
+  ExpectFailure(true, EBADF);
 }
 
 TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
@@ -227,8 +228,7 @@ TEST_F(Waiting, LeavesTheDescriptorsToOthersWhereThereAreFew) {
 
 // Else a signal would write to whatever gets its number.
 TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
-  const int before = OpenDescriptors(), own = dup(ends_[0]);
-  close(own);
+  const int before = OpenDescriptors(), own = NextDescriptor();
   PrepareWait();
   EXPECT_EQ(OpenDescriptors(), before + 2);
   StopWaitingFor(own);
@@ -241,20 +241,18 @@ TEST_F(Waiting, GivesUpItsOwnDescriptorsTogether) {
 
 // One that comes between the look at its flag and the wait would else lie until the next event.
 TEST_F(Waiting, IsEndedByASignalThatCameBefore) {
-  InitialiseSignalHandlers("wait", __LINE__);
+  InitialiseSignalHandlers(kHere, 1);
   InitialiseTimer("wait", __LINE__);
   PrepareWait();
   for (const int signal : {SIGALRM, SIGTERM, SIGINT}) {
     EXPECT_EQ(Wait(true), 0);
     raise(signal);
-    EXPECT_EQ(Wait(true), -1) << signal;
-    EXPECT_EQ(errno, EINTR);
+    ExpectFailure(true, EINTR);
     ForgetWakeUp();
   }
   EXPECT_EQ(g_DbcI.AlarmFlag, 1);
   EXPECT_TRUE(Stopping());
   alarm(0);
-  for (const int signal : {SIGIO, SIGCHLD, SIGTERM, SIGINT}) std::signal(signal, SIG_DFL);
 }
 
 // With epoll, and with select alone.
@@ -269,8 +267,7 @@ class WakingUp : public Waiting, public testing::WithParamInterface<bool> {
 TEST_P(WakingUp, EndsTheNextWaitOnce) {
   Prepare();
   WakeUp();
-  EXPECT_EQ(Wait(false), -1);
-  EXPECT_EQ(errno, EINTR);
+  ExpectFailure(false, EINTR);
   ForgetWakeUp();
   EXPECT_EQ(Wait(true), 0);
 }
@@ -287,7 +284,7 @@ TEST_P(WakingUp, EndsAWaitForRoomToo) {
   int full[2];
   ASSERT_EQ(pipe2(full, O_NONBLOCK), 0);
   while (write(full[1], "0123456789", 10) > 0) continue;
-  REGISTER_SOCKET_FOR_WRITE_EVENT("wait", __LINE__, full[1]);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, full[1]);
   WakeUp();
   EXPECT_LE(Wait(false), 0);
   close(full[0]);
@@ -301,17 +298,15 @@ TEST_F(Waiting, KeepsErrnoWhateverItsStepsSay) {
     errno = EIO;
     return 0;
   };
+  EXPECT_EQ(KeepingErrno(WaitForEvents), 1);
   errno = 77;
-  EXPECT_EQ(WaitForEvents(), 1);
-  EXPECT_EQ(errno, 77);
   close(ends_[0]);
   StopWaitingFor(ends_[0]);
   EXPECT_EQ(errno, 77);
 }
 
 TEST_F(Waiting, ASignalKeepsErrnoWhereTheWaitsDescriptorIsGone) {
-  const int own = dup(ends_[0]);
-  close(own);
+  const int own = NextDescriptor();
   PrepareWait();
   close(own);
   errno = 77;
@@ -321,11 +316,10 @@ TEST_F(Waiting, ASignalKeepsErrnoWhereTheWaitsDescriptorIsGone) {
 
 // Looking for children that have ended finds none here, which is an error of its own.
 TEST_F(Waiting, ASignalOfAChildKeepsErrno) {
-  InitialiseSignalHandlers("wait", __LINE__);
+  InitialiseSignalHandlers(kHere, 1);
   errno = 77;
   raise(SIGCHLD);
   EXPECT_EQ(errno, 77);
-  for (const int signal : {SIGIO, SIGCHLD, SIGTERM, SIGINT}) std::signal(signal, SIG_DFL);
 }
 
 TEST_F(Waiting, OnlyLooksAfterAWakeUpThatHasNoDescriptor) {
