@@ -154,21 +154,14 @@ class UsingALinkAsDefault : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    A = AddLink("A");
-    B = AddLink("B");
+    AddTwoLinks();
     B->State = kLinkConnected;
   }
-  static void Save(std::uint16_t tag, Link* link, const char* node) {
+  static void Save(std::uint16_t tag, Link* link, const std::string& node) {
     ClientMessage msg = MakeRequest(getpid(), -1, tag);
-    std::memcpy(msg.CBL.Node, node, strnlen(node, sizeof msg.CBL.Node));
-    ASSERT_EQ(SaveUnsendMsg("test", 1, &msg, link), 0);
+    node.copy(msg.CBL.Node, sizeof msg.CBL.Node);
+    AgentTest::Save(msg, link);
   }
-  static int Waiting(const Link* link) {
-    int count = 0;
-    for (const SavedMessage& saved : g_DbcI.SavedArray) count += saved.Link == link;
-    return count;
-  }
-  Link *A = nullptr, *B = nullptr;
 };
 
 TEST_F(UsingALinkAsDefault, MovesTheDefault) {
@@ -183,8 +176,8 @@ TEST_F(UsingALinkAsDefault, SendsTheRequestsThatWaitForTheDefaultOverIt) {
   Save(3, A, " ");
   UseTheLinkAsDefault(1, B);
   EXPECT_EQ(Fake().Count("SendToNetwork B"), 2);
-  EXPECT_EQ(Waiting(A), 1);
-  EXPECT_EQ(Waiting(B), 0);
+  EXPECT_EQ(Waiting(A), Tags{2});
+  EXPECT_EQ(Waiting(B), Tags{});
 }
 
 TEST_F(UsingALinkAsDefault, ChangesNothingWhileTheDefaultIsConnected) {
@@ -192,7 +185,7 @@ TEST_F(UsingALinkAsDefault, ChangesNothingWhileTheDefaultIsConnected) {
   Save(1, A, "");
   EXPECT_EQ(UseTheLinkAsDefault(1, B), -1);
   EXPECT_EQ(g_DbcI.DefaultLink, A);
-  EXPECT_EQ(Waiting(A), 1);
+  EXPECT_EQ(Waiting(A), Tags{1});
   EXPECT_TRUE(Fake().Sent.empty());
 }
 
@@ -218,17 +211,12 @@ TEST_F(UsingALinkAsDefault, NeedsNoDefaultBefore) {
 }
 
 TEST_F(UsingALinkAsDefault, IsTracedWithTheModuleItBelongsTo) {
-  {
-    const CapturedLog log;
-    UseTheLinkAsDefault(77, A);
-    EXPECT_EQ(log.Lines(),
-              (Texts{"15 dbc|'UseTheLinkAsDefault' Call from dbc:77 ",
-                     "15 dbc|'UseTheLinkAsDefault' Leave FAILED Link is not connected or Link is "
-                     "already default"}));
-  }
-  const CapturedLog log;
-  UseTheLinkAsDefault(78, B);
-  EXPECT_EQ(log.Lines().back(), "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
+  EXPECT_EQ(Traced([&] { UseTheLinkAsDefault(77, A); }),
+            (Texts{"15 dbc|'UseTheLinkAsDefault' Call from dbc:77 ",
+                   "15 dbc|'UseTheLinkAsDefault' Leave FAILED Link is not connected or Link is "
+                   "already default"}));
+  EXPECT_EQ(Traced([&] { UseTheLinkAsDefault(78, B); }).back(),
+            "15 dbc|'UseTheLinkAsDefault' Leave SUCCESS");
 }
 
 // The step of the timer: with a link whose TimerEvent asks for a stop it is all that the loop does.
@@ -332,9 +320,15 @@ TEST_F(LinkThatIsDrained, IsLeftWhenAStopIsAskedForMeanwhile) {
 // The whole program in a child process in which a signal closes a descriptor behind its back.
 class FailingDescriptors : public testing::Test {
  protected:
+  // Ends the agent, which has come through.
   void TearDown() override {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-    if (pid_ > 0) waitpid(pid_, nullptr, 0);
+    if (pid_ < 0) return;
+    kill(pid_, HasFatalFailure() ? SIGKILL : SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    EXPECT_EQ(Log().find("AddressSanitizer"), std::string::npos) << Log();
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
   }
 
   // Without the trace epoll waits for most descriptors.
@@ -351,15 +345,6 @@ class FailingDescriptors : public testing::Test {
       control_ = lumo::Connection::Open(SocketPath());
       return control_.has_value();
     })) << Log();
-  }
-  // Ends the agent: its exit status.
-  int Stop() {
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    EXPECT_EQ(Log().find("AddressSanitizer"), std::string::npos) << Log();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   // Closes the descriptor of the agent; returns when the agent has looked at all of them.
   void CloseInAgent(int fd) {
@@ -413,6 +398,13 @@ class FailingDescriptors : public testing::Test {
     ASSERT_TRUE(request);
     node.SendMessage(*request);
     EXPECT_EQ(Answer(client), std::to_string(tag) + ": 0, 0");
+  }
+  // So is a request that reaches the node over a new connection.
+  static void ExpectServedAnew(test::Node& node, lumo::Connection& client, const std::string& name,
+                               std::uint16_t tag) {
+    Ask(client, name, tag);
+    ASSERT_TRUE(node.Accept());
+    ExpectServed(node, client, tag);
   }
   // The next answer: "TAG: CODE, ERRNO".
   static std::string Answer(lumo::Connection& client) {
@@ -485,16 +477,13 @@ TEST_F(WaitsOfTheAgent, AnAnswerThatIsThereAtOnceNeedsNone) {
   test::Node a;
   StartWithoutTrace(a.Line("A"));
   lumo::Connection client = Connect();
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ExpectServed(a, client, 1);
+  ExpectServedAnew(a, client, "A", 1);
   const int before = system.Waits();
   for (std::uint16_t tag = 2; tag < 42; ++tag) {
     Ask(client, "A", tag);
     ExpectServed(a, client, tag);
   }
   EXPECT_LE(system.Waits() - before, 45) << "one for each request";
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, WithoutTheTraceALinksIsNoticedAtTheNextTick) {
@@ -505,10 +494,7 @@ TEST_F(FailingDescriptors, WithoutTheTraceALinksIsNoticedAtTheNextTick) {
   CloseInAgent(HighestDescriptor());
   Tick();
   EXPECT_EQ(Answer(client), "1: 4005, 9");
-  Ask(client, "A", 2);
-  ASSERT_TRUE(a.Accept());
-  ExpectServed(a, client, 2);
-  EXPECT_EQ(Stop(), 0);
+  ExpectServedAnew(a, client, "A", 2);
 }
 
 TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
@@ -530,42 +516,29 @@ TEST_F(FailingDescriptors, ALinksIsTakenDownWith4005AndTheOthersGoOn) {
   EXPECT_TRUE(FoundGood(clientFd));
   EXPECT_FALSE(FoundGood(fdA));
   EXPECT_FALSE(Beginning(LogTexts(Log()), {"Disconnect link  A"}).empty());
-  Ask(client, "A", 3);
-  ASSERT_TRUE(a.Accept());
-  ExpectServed(a, client, 3);
-  EXPECT_EQ(Stop(), 0);
+  ExpectServedAnew(a, client, "A", 3);
 }
 
 // The first call of select is the wait that fails, each next one looks at one descriptor.
 TEST_F(FailingDescriptors, ALookThatIsInterruptedIsRepeated) {
   test::Node a;
-  {
-    const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
-    Start(a.Line("A"));
-  }
+  With({SystemCall::Select, EINTR, 1, 1}, [&] { Start(a.Line("A")); });
   lumo::Connection client = Connect();
   const lumo::Connection victim = Connect();
   CloseInAgent(NewestClient());
   EXPECT_TRUE(FoundGood(3)) << "the listener was looked at first";
-  Ask(client, "A", 1);
-  ASSERT_TRUE(a.Accept());
-  ExpectServed(a, client, 1);
+  ExpectServedAnew(a, client, "A", 1);
   EXPECT_EQ(Connect().AgentPid(), client.AgentPid());
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, OneThatCannotBeLookedAtIsClosed) {
-  {
-    const FailingSystemCall noMemory(SystemCall::Select, ENOMEM, 1, 1);
-    Start("A REZ\n");
-  }
+  With({SystemCall::Select, ENOMEM, 1, 1}, [&] { Start("A REZ\n"); });
   const lumo::Connection victim = Connect();
   const int listener = 3;
   ASSERT_TRUE(IsOpen(listener));
   CloseInAgent(NewestClient());
   EXPECT_FALSE(FoundGood(listener));
   EXPECT_FALSE(IsOpen(listener));
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
@@ -587,16 +560,12 @@ TEST_F(FailingDescriptors, AClientsIsForgottenAndItsNumberServesAgain) {
     Ask(*each, "X", 5);
     EXPECT_EQ(Answer(*each), "5: 4050, 0");
   }
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
   test::Node a;
-  {
-    // What the look at the listener leaves in errno is not the link's.
-    const FailingSystemCall interrupted(SystemCall::Select, EINTR, 1, 1);
-    Start(a.Line("A"));
-  }
+  // What the look at the listener leaves in errno is not the link's.
+  With({SystemCall::Select, EINTR, 1, 1}, [&] { Start(a.Line("A")); });
   lumo::Connection client = Connect();
   Reach(a, client, "A", 1);
   lumo::Connection victim = Connect();
@@ -605,7 +574,6 @@ TEST_F(FailingDescriptors, ALinkWithAnExceptionalConditionIsTakenDownToo) {
   CloseInAgent(victimFd);
   EXPECT_EQ(Answer(client), "1: 4005, 9");
   EXPECT_FALSE(FoundGood(DescriptorOfLink("A")));
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, ANumberThatAnotherLinkHasTakenMeanwhileIsNotClosed) {
@@ -622,7 +590,6 @@ TEST_F(FailingDescriptors, ANumberThatAnotherLinkHasTakenMeanwhileIsNotClosed) {
   ASSERT_TRUE(b.Accept());
   Ask(client, "", 2);
   ExpectServed(b, client, 2);
-  EXPECT_EQ(Stop(), 0);
 }
 
 TEST_F(FailingDescriptors, WithoutTheListenerTheClientsThatAreThereAreServed) {
@@ -637,7 +604,6 @@ TEST_F(FailingDescriptors, WithoutTheListenerTheClientsThatAreThereAreServed) {
   const int waits = Count("select return -1");
   ASSERT_TRUE(lumo::AnswerOne(Control()));
   EXPECT_LE(Count("select return -1"), waits + 1) << "only the alarm interrupts a wait now";
-  EXPECT_EQ(Stop(), 0);
 }
 
 }  // namespace

@@ -49,9 +49,7 @@ int Attached(const test::IpcKernel& kernel) {
   return shmctl(id, IPC_STAT, &segment) == 0 ? static_cast<int>(segment.shm_nattch) : -1;
 }
 
-std::string BodyOf(ClientMessage msg) {
-  return std::string(reinterpret_cast<const char*>(Wire(&msg)) + 4, msg.Length);
-}
+std::string BodyOf(const ClientMessage& msg) { return WireBytes(msg, 4, msg.Length); }
 
 class LocalIpc : public AgentTest {
  protected:
@@ -67,7 +65,7 @@ class LocalIpc : public AgentTest {
 
   void TearDown() override {
     const pid_t child = link_->DriverData ? Data().ChildPid : 0;
-    if (link_->DriverData) LIpcUninitLink("test", 1, link_);
+    if (link_->DriverData) Uninit();
     if (child > 0) waitpid(child, nullptr, 0);
     std::free(link_);
     CloseClients();
@@ -85,10 +83,18 @@ class LocalIpc : public AgentTest {
     return LIpcConnectLink("test", 1, link_);
   }
   void InitLink() { ASSERT_EQ(Init(std::to_string(kernel_.Key())), 0); }
+  void ExpectNoConnect(int error, const char* line = "") {
+    const CapturedLog log(kLogDriver);
+    EXPECT_EQ(Connect(), kStatusConnect);
+    EXPECT_EQ(errno, error);
+    EXPECT_TRUE(log.Contains(line)) << log.Text();
+  }
   void ConnectLink() {
     InitLink();
     ASSERT_EQ(Connect(), 0);
   }
+  int TakeDown() { return DisconnectLink("test", 1, link_, 4444, 0); }
+  int Uninit() { return LIpcUninitLink("test", 1, link_); }
   int Disconnect() { return LIpcDisconnectLink("test", 1, link_); }
   void Reconnect() {
     Disconnect();
@@ -106,6 +112,11 @@ class LocalIpc : public AgentTest {
   void KillReader() {
     ASSERT_EQ(kill(Data().ChildPid, SIGKILL), 0);
     ASSERT_TRUE(RecordComes());
+  }
+  void CollectReader() {
+    const pid_t reader = Data().ChildPid;
+    ASSERT_EQ(kill(reader, SIGKILL), 0);
+    ASSERT_EQ(waitpid(reader, nullptr, 0), reader);
   }
   bool RecordsCome(int count) {
     return test::WaitFor([&] {
@@ -126,12 +137,8 @@ class LocalIpc : public AgentTest {
   void Ask(const Client& client, int tag, const std::string& text = "request") {
     const auto astInd = static_cast<std::uint16_t>(tag);
     ClientMessage msg = MakeRequest(getpid(), client.Accepted, astInd, {text});
-    Note(client.Accepted, getpid(), astInd);
+    Note(link_, getpid(), client.Accepted, astInd);
     EXPECT_EQ(Send(msg), 0);
-  }
-  void Note(int socket, int task, std::uint16_t astInd) {
-    const MsgInfo info = {.Link = link_, .TaskName = task, .Socket = socket, .AstInd = astInd};
-    ASSERT_EQ(SaveMsgInfo("test", 1, &info), 0);
   }
   // The kernel's answer to the oldest request in its queue.
   void AnswerNext(const std::string& text = "answer") {
@@ -147,6 +154,29 @@ class LocalIpc : public AgentTest {
   void AskAndAnswer(const Client& client, int tag, const std::string& text = "answer") {
     Ask(client, tag);
     AnswerNext(text);
+  }
+  // A request with this tag is answered, and the agent reads of it.
+  void ExpectServed(const Client& client, int tag, const std::string& text) {
+    Ask(client, tag);
+    ExpectAnswered(client, text);
+  }
+  // So is the oldest request in the queue, which is the client's.
+  void ExpectAnswered(const Client& client, const std::string& text) {
+    AnswerNext(text);
+    ReadRecord();
+    ExpectText(client, text);
+  }
+  // The answer comes without the agent.
+  void AskAndExpect(const Client& client, int tag, const std::string& text) {
+    AskAndAnswer(client, tag, text);
+    ExpectText(client, text);
+  }
+  // The answer lies with the agent and reaches the client when the agent reads.
+  void ExpectHanded(const Client& client, const std::string& text) {
+    ASSERT_TRUE(RecordComes());
+    EXPECT_FALSE(Readable(client.Fd, 0));
+    EXPECT_EQ(Read(), 0);
+    ExpectText(client, text);
   }
   void AskAndAnswerThree(const Client& client) {
     for (int tag = 1; tag <= 3; ++tag) Ask(client, tag);
@@ -266,7 +296,7 @@ TEST_F(LocalIpc, AddressIsTakenInAnyBase) {
   EXPECT_EQ(Data().MsgQueueId, -1);
   EXPECT_EQ(Data().PipeRead, -1);
   EXPECT_EQ(Data().ChildPid, 0);
-  LIpcUninitLink("test", 1, link_);
+  Uninit();
   ASSERT_EQ(Init("024"), 0);
   EXPECT_EQ(Data().Key, 20);
 }
@@ -291,20 +321,16 @@ TEST_F(LocalIpc, ConnectNeedsTheSegment) {
     const test::IpcKernel gone;
     ASSERT_EQ(Init(std::to_string(gone.Key())), 0);
   }
-  const CapturedLog log(kLogDriver);
-  EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_TRUE(log.Contains("LIPC shmget failed. errno = 2"));
+  ExpectNoConnect(ENOENT, "LIPC shmget failed. errno = 2");
 }
 
 TEST_F(LocalIpc, ConnectNeedsALivingKernelAndKeepsOneAttachmentAtMost) {
   kernel_.SetKernelPid(test::DeadPid());
   InitLink();
-  const CapturedLog log(kLogDriver);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_TRUE(log.Contains("LIPC send 0 signal to kernel failed. errno 3"));
+  for (int i = 0; i < 3; ++i)
+    ExpectNoConnect(ESRCH, "LIPC send 0 signal to kernel failed. errno 3");
   EXPECT_EQ(Attached(kernel_), 1);
-  LIpcUninitLink("test", 1, link_);
+  Uninit();
   EXPECT_EQ(Attached(kernel_), 0);
 }
 
@@ -312,8 +338,7 @@ TEST_F(LocalIpc, SegmentWithoutRoomForAProcessIdBelongsToNoKernel) {
   kernel_.RemoveSegment();
   const int small = shmget(kernel_.Key(), 2, IPC_CREAT | 0600);
   InitLink();
-  EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_EQ(errno, ESRCH);
+  ExpectNoConnect(ESRCH);
   shmctl(small, IPC_RMID, nullptr);
 }
 
@@ -340,15 +365,9 @@ TEST_F(LocalIpc, KernelOfAnotherUserIsAlive) {
 TEST_F(LocalIpc, ConnectNeedsQueueAndSemaphoreAndSaysTheSameForBoth) {
   InitLink();
   kernel_.RemoveSemaphore();
-  {
-    const CapturedLog log(kLogDriver);
-    EXPECT_EQ(Connect(), kStatusConnect);
-    EXPECT_TRUE(log.Contains("LIPC msgget failed. errno 2"));
-  }
+  ExpectNoConnect(ENOENT, "LIPC msgget failed. errno 2");
   kernel_.RemoveQueue();
-  const CapturedLog log(kLogDriver);
-  EXPECT_EQ(Connect(), kStatusConnect);
-  EXPECT_TRUE(log.Contains("LIPC msgget failed. errno 2"));
+  ExpectNoConnect(ENOENT, "LIPC msgget failed. errno 2");
 }
 
 TEST_F(LocalIpc, ConnectStartsAReaderAndRegistersItsPipe) {
@@ -368,9 +387,7 @@ TEST_F(LocalIpc, PipeBeyondTheTableIsRefused) {
   EXPECT_EQ(Connect(), kStatusDescriptor);
   EXPECT_EQ(errno, 0);
   EXPECT_EQ(Data().ChildPid, 0);
-  const int next = dup(0);
-  EXPECT_EQ(next, kMaxDescriptors) << "nothing is left open";
-  close(next);
+  EXPECT_EQ(NextDescriptor(), kMaxDescriptors) << "nothing is left open";
   close(fillers.back());
   fillers.pop_back();
   EXPECT_EQ(Connect(), 0);
@@ -392,9 +409,7 @@ TEST_F(LocalIpc, ReaderWorksWithDescriptorsBeyondThoseOfClients) {
   fillers.erase(fillers.begin());
   ASSERT_EQ(Connect(), 0);
   for (const int fd : fillers) close(fd);
-  AskAndAnswer(client, 5, "answer");
-  ExpectText(client, "answer");
-  ReadRecord();
+  ExpectServed(client, 5, "answer");
   EXPECT_EQ(InFlight(), 0);
 }
 
@@ -447,8 +462,7 @@ TEST_F(LocalIpc, RequestWithoutASemaphoreFails) {
 
 TEST_F(LocalIpc, AnswerGoesStraightToAClientThatWasThereFirst) {
   const Client client = ConnectClientFirst();
-  AskAndAnswer(client, 5, "straight");
-  ExpectText(client, "straight");
+  AskAndExpect(client, 5, "straight");
   EXPECT_EQ(InFlight(), 1);
   ReadRecord();
   EXPECT_EQ(InFlight(), 0);
@@ -457,10 +471,7 @@ TEST_F(LocalIpc, AnswerGoesStraightToAClientThatWasThereFirst) {
 TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientThatCameLater) {
   const Client client = ConnectClientAfterwards();
   AskAndAnswer(client, 5, "handed");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_FALSE(Readable(client.Fd, 0));
-  EXPECT_EQ(Read(), 0);
-  ExpectText(client, "handed");
+  ExpectHanded(client, "handed");
   EXPECT_EQ(InFlight(), 0);
 }
 
@@ -471,10 +482,7 @@ TEST_F(LocalIpc, AnswerGoesThroughTheAgentToAClientWithLittleRoom) {
   ASSERT_EQ(setsockopt(client.Accepted, SOL_SOCKET, SO_SNDBUF, &little, sizeof little), 0);
   ConnectLink();
   AskAndAnswer(client, 5, "handed");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_FALSE(Readable(client.Fd, 0));
-  EXPECT_EQ(Read(), 0);
-  ExpectText(client, "handed");
+  ExpectHanded(client, "handed");
 }
 
 TEST_F(LocalIpc, TheTraceShowsWhoseAnswerIsLookedFor) {
@@ -494,9 +502,7 @@ TEST_F(LocalIpc, ConnectionWithAnOldNumberIsNotTakenForTheOldOne) {
   HangUp(first);
   const Client second = ConnectClient();
   ASSERT_EQ(second.Accepted, first.Accepted);
-  AskAndAnswer(second, 5, "second");
-  ReadRecord();
-  ExpectText(second, "second");
+  ExpectServed(second, 5, "second");
 }
 
 TEST_F(LocalIpc, EachConnectionOfAProcessGetsItsOwnAnswer) {
@@ -519,18 +525,14 @@ TEST_F(LocalIpc, OfTwoConnectionsWithOneTagEachGetsOneAnswerInTheOrderOfTheReque
   for (const bool lateFirst : {false, true}) {
     const Client& one = lateFirst ? late : early;
     const Client& two = lateFirst ? early : late;
-    Note(-1, 1, 1);
+    Note(link_, 1, -1, 1);
     Ask(one, 1);
     ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
     Ask(two, 1);
     ASSERT_EQ(g_DbcI.MsgInfoArray.Items[0].Socket, two.Accepted);
-    AnswerNext("first");
-    ReadRecord();
-    ExpectText(one, "first");
+    ExpectAnswered(one, "first");
     EXPECT_FALSE(Readable(two.Fd, 0));
-    AnswerNext("second");
-    ReadRecord();
-    ExpectText(two, "second");
+    ExpectAnswered(two, "second");
     EXPECT_FALSE(Readable(one.Fd, 0));
     EXPECT_EQ(InFlight(), 0);
   }
@@ -540,16 +542,12 @@ TEST_F(LocalIpc, OfTwoConnectionsWithOneTagEachGetsOneAnswerInTheOrderOfTheReque
 TEST_F(LocalIpc, OneTagBeyondTheBoardIsAnsweredInTheOrderOfTheRequestsToo) {
   const Client one = ConnectClient(), two = ConnectClient();
   ConnectLink();
-  for (std::int32_t i = 0; i < kBoardSlots; ++i) {
-    Note(-1, 1, 1);
-  }
+  for (std::int32_t i = 0; i < kBoardSlots; ++i) Note(link_, 1, -1, 1);
   Ask(one, 1);
   ReleaseMsgInfo(&g_DbcI.MsgInfoArray.Items[0]);
   Ask(two, 1);
   for (const Client& client : {one, two}) {
-    AnswerNext("answer");
-    ReadRecord();
-    ExpectText(client, "answer");
+    ExpectAnswered(client, "answer");
     EXPECT_FALSE(Readable(one.Fd, 0));
     EXPECT_FALSE(Readable(two.Fd, 0));
   }
@@ -574,7 +572,7 @@ TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnection) {
   ConnectLink();
   UseATagAgain(first, second);
   EXPECT_EQ(Read(), 0);
-  DisconnectLink("test", 1, link_, 4444, 0);
+  TakeDown();
   EXPECT_EQ(Receive(second).size(), 108U) << "the failure is told to who still waits";
   EXPECT_FALSE(Readable(first.Fd, 0));
 }
@@ -583,7 +581,7 @@ TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheLinkGoesDown) {
   const Client first = ConnectClient(), second = ConnectClient();
   ConnectLink();
   UseATagAgain(first, second);
-  DisconnectLink("test", 1, link_, 4444, 0);
+  TakeDown();
   EXPECT_EQ(Receive(second).size(), 108U);
   EXPECT_FALSE(Readable(first.Fd, 0));
 }
@@ -594,9 +592,7 @@ TEST_F(LocalIpc, TagUsedAgainAtOnceKeepsItsConnectionWhenTheFirstIsClosed) {
   UseATagAgain(first, second);
   HangUp(first);
   EXPECT_EQ(Read(), 0);
-  AnswerNext("second");
-  ReadRecord();
-  ExpectText(second, "second");
+  ExpectAnswered(second, "second");
 }
 
 TEST_F(LocalIpc, SlowClientGetsItsAnswersWholeAndInPlace) {
@@ -697,9 +693,7 @@ TEST_F(LocalIpc, KernelThatGoesFailsWhatIsKeptForIt) {
   EXPECT_EQ(RetryOutput(), 0);
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(link_->Unsent, 0U);
-  for (int i = 0; i < asked; ++i) {
-    ExpectFailure(client, kStatusSend, EAGAIN);
-  }
+  for (int i = 0; i < asked; ++i) ExpectFailure(client, kStatusSend, EAGAIN);
   EXPECT_EQ(RetryOutput(), -1);
 }
 
@@ -756,7 +750,7 @@ TEST_F(LocalIpc, ReaderThatFindsAClientDeadTellsNoLink) {
   AddClientPidIntoList("test", 1, g_DbcI.LinkList, dead, client.Accepted);
   ConnectLink();
   ClientMessage msg = MakeRequest(dead, client.Accepted, 5);
-  Note(client.Accepted, dead, 5);
+  Note(link_, dead, client.Accepted, 5);
   EXPECT_EQ(Send(msg), 0);
   AnswerNext();
   ASSERT_TRUE(RecordComes());
@@ -776,9 +770,8 @@ TEST_F(LocalIpc, AnswerWhoseStringsLeaveTheAreaIsSkipped) {
 TEST_F(LocalIpc, RequestAnsweredByTheReaderIsNotAnsweredAgainWhenTheLinkGoesDown) {
   const Client client = ConnectClientFirst();
   Ask(client, 1);
-  AskAndAnswer(client, 2, "answered");
-  ExpectText(client, "answered");
-  EXPECT_EQ(DisconnectLink("test", 1, link_, 4444, 0), 0);
+  AskAndExpect(client, 2, "answered");
+  EXPECT_EQ(TakeDown(), 0);
   ExpectFailure(client, 4444);
   EXPECT_FALSE(Readable(client.Fd, 0));
   EXPECT_EQ(InFlight(), 0);
@@ -793,12 +786,8 @@ TEST_F(LocalIpc, FlushIsPutOffWhileTheReaderWritesAndTheReaderStaysOutAfterwards
   Ask(client, 1);
   EXPECT_TRUE(MayFlush(client.Accepted));
   AnswerNext("by way of the agent");
-  ASSERT_TRUE(RecordComes());
-  EXPECT_FALSE(Readable(client.Fd, 0));
-  EXPECT_EQ(Read(), 0);
-  ExpectText(client, "by way of the agent");
-  AskAndAnswer(client, 2, "straight again");
-  ExpectText(client, "straight again");
+  ExpectHanded(client, "by way of the agent");
+  AskAndExpect(client, 2, "straight again");
 }
 
 // Puts the reader out of its work in the middle of writing the answer to the first client.
@@ -902,11 +891,9 @@ TEST_F(LocalIpc, ReaderGoesOnWhateverSignalsCome) {
       ConnectLink();
     }
     const Client client = ConnectClient();
-    AskAndAnswer(client, 5, "handed");
-    ReadRecord();
-    ExpectText(client, "handed");
+    ExpectServed(client, 5, "handed");
     const pid_t reader = Data().ChildPid;
-    LIpcUninitLink("test", 1, link_);
+    Uninit();
     waitpid(reader, nullptr, 0);
   }
 }
@@ -938,16 +925,13 @@ TEST_F(LocalIpc, HalfARecordOfAFormerReaderIsForgotten) {
   Data().RecordsEnd = 4;
   Reconnect();
   const Client client = ConnectClient();
-  AskAndAnswer(client, 5, "whole");
-  ReadRecord();
-  ExpectText(client, "whole");
+  ExpectServed(client, 5, "whole");
 }
 
 TEST_F(LocalIpc, ReaderMayWriteAgainWhenAllIsAnsweredThatItMayNotChooseAmong) {
   const Client client = ConnectClientFirst();
   Data().Board->AgentDecides = true;
-  AskAndAnswer(client, 5, "straight");
-  ExpectText(client, "straight");
+  AskAndExpect(client, 5, "straight");
 }
 
 TEST_F(LocalIpc, AnswerIsNotForARequestToWhichTheReaderHasOne) {
@@ -959,9 +943,7 @@ TEST_F(LocalIpc, AnswerIsNotForARequestToWhichTheReaderHasOne) {
   ASSERT_TRUE(BoardClaim(Data().Board, getpid(), 5, &request));
   ASSERT_EQ(request.Socket, first.Accepted);
   Data().Board->AgentDecides = true;
-  AnswerNext("second");
-  ReadRecord();
-  ExpectText(second, "second");
+  ExpectAnswered(second, "second");
 }
 
 // A reader that still lives would take a later request for one that is closed already.
@@ -986,9 +968,7 @@ TEST_F(LocalIpc, ReaderMayChooseAmongNoneAfterTheParting) {
 
 TEST_F(LocalIpc, TickFindsADeadReader) {
   ConnectLink();
-  const pid_t child = Data().ChildPid;
-  ASSERT_EQ(kill(child, SIGKILL), 0);
-  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  CollectReader();
   const CapturedLog log(kLogDriver);
   EXPECT_EQ(Tick(), kStatusReaderGone);
   EXPECT_TRUE(log.Contains("LIPC child proccess deaded"));
@@ -1037,9 +1017,7 @@ TEST_F(LocalIpc, ReaderThatIsStillEndingIsWaitedForBeforeTheNext) {
 
 TEST_F(LocalIpc, ProcessThatHasTheNumberOfAReaderIsNotTakenForIt) {
   ConnectLink();
-  const pid_t reader = Data().ChildPid;
-  ASSERT_EQ(kill(reader, SIGKILL), 0);
-  ASSERT_EQ(waitpid(reader, nullptr, 0), reader);
+  CollectReader();
   Data().ChildPid = getpid();
   EXPECT_EQ(Tick(), kStatusReaderGone);
   Disconnect();  // else this process would be told to end
@@ -1089,6 +1067,10 @@ class Board : public testing::Test {
              {.Id = id, .TaskName = task, .AstInd = astInd, .Socket = socket, .Connection = 3});
   }
   bool Claim(int task, std::uint16_t astInd) { return BoardClaim(board_, task, astInd, &request_); }
+  void AddAndClaim() {
+    Add({0, 1}, 1, 1);
+    ASSERT_TRUE(Claim(1, 1));
+  }
   void Write(int task, std::uint16_t astInd, bool written = true) {
     ASSERT_TRUE(Claim(task, astInd));
     ASSERT_TRUE(BoardBeginWrite(board_, request_));
@@ -1147,8 +1129,7 @@ TEST_F(Board, RequestThatFindsNoEntryLeavesTheChoiceToTheAgent) {
 }
 
 TEST_F(Board, ClaimedRequestIsNotTheAgentsToAnswer) {
-  Add({0, 1}, 1, 1);
-  ASSERT_TRUE(Claim(1, 1));
+  AddAndClaim();
   EXPECT_FALSE(BoardWithdraw(board_, {0, 1}));
   EXPECT_TRUE(BoardWithdraw(board_, {0, 2})) << "another request of that record";
 }
@@ -1183,8 +1164,7 @@ TEST_F(Board, PartingTellsWhatIsAnswered) {
 }
 
 TEST_F(Board, ClaimThatTheAgentHasClosedIsNotWritten) {
-  Add({0, 1}, 1, 1);
-  ASSERT_TRUE(Claim(1, 1));
+  AddAndClaim();
   const BoardRequest claimed = request_;
   Close(0);
   EXPECT_FALSE(BoardBeginWrite(board_, claimed));
@@ -1192,8 +1172,7 @@ TEST_F(Board, ClaimThatTheAgentHasClosedIsNotWritten) {
 }
 
 TEST_F(Board, ConnectionHasOneWriter) {
-  Add({0, 1}, 1, 1, 9);
-  ASSERT_TRUE(Claim(1, 1));
+  AddAndClaim();
   ASSERT_TRUE(BoardBeginWrite(board_, request_));
   EXPECT_FALSE(BoardTakeConnection(board_, 9));
   EXPECT_TRUE(BoardTakeConnection(board_, 10));
