@@ -45,7 +45,14 @@ class NodeTableTest : public AgentTest {
   const test::TemporaryDirectory directory_;
 };
 
-class NodeTableLine : public NodeTableTest {};
+class NodeTableLine : public NodeTableTest {
+ protected:
+  // The address of the link that is made of the line.
+  static std::string AddressOf(const std::string& line) {
+    const Link* const link = Parse(line);
+    return link ? static_cast<char*>(link->DriverData) : "no link";
+  }
+};
 
 TEST_F(NodeTableLine, HoldsNameProtocolAndAddress) {
   Link* const link = Parse("srv1 fake  the address  5");
@@ -59,10 +66,8 @@ TEST_F(NodeTableLine, HoldsNameProtocolAndAddress) {
 }
 
 TEST_F(NodeTableLine, AnyWhiteSpaceSeparates) {
-  Link* const link = Parse("\t\v A \r\f\tFAKE\t\t x\n");
-  ASSERT_NE(link, nullptr);
-  EXPECT_STREQ(link->NodeName, "A");
-  EXPECT_STREQ(static_cast<char*>(link->DriverData), "x\n");
+  EXPECT_EQ(AddressOf("\t\v A \r\f\tFAKE\t\t x\n"), "x\n");
+  EXPECT_EQ(Circle(), "A");
 }
 
 TEST_F(NodeTableLine, IsCutInPlaceAndTheProtocolWordRaised) {
@@ -71,17 +76,13 @@ TEST_F(NodeTableLine, IsCutInPlaceAndTheProtocolWordRaised) {
 }
 
 TEST_F(NodeTableLine, TheAddressMayBeMissing) {
-  for (const char* line : {"A FAKE", "B FAKE ", "C FAKE \t\n"}) {
-    Link* const link = Parse(line);
-    ASSERT_NE(link, nullptr) << line;
-    EXPECT_STREQ(static_cast<char*>(link->DriverData), "") << line;
-  }
+  for (const char* line : {"A FAKE", "B FAKE ", "C FAKE \t\n"})
+    EXPECT_EQ(AddressOf(line), "") << line;
 }
 
 TEST_F(NodeTableLine, ANameOfEightCharactersIsTaken) {
-  Link* const link = Parse("abcdefgh FAKE x");
-  ASSERT_NE(link, nullptr);
-  EXPECT_STREQ(link->NodeName, "ABCDEFGH");
+  EXPECT_NE(Parse("abcdefgh FAKE x"), nullptr);
+  EXPECT_EQ(Circle(), "ABCDEFGH");
 }
 
 TEST_F(NodeTableLine, ANameOfNineCharactersIsSkipped) {
@@ -357,12 +358,9 @@ TEST_F(NodeTable, AMissingFileMeansExit) {
 }
 
 TEST_F(NodeTable, TheFileIsClosedWhateverItHolds) {
-  const int before = dup(0);
-  close(before);
+  const int before = NextDescriptor();
   for (const char* text : {"A FAKE 1\n", "# nothing\n"}) Load(text);
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(NextDescriptor(), before);
 }
 
 TEST_F(NodeTable, APathGivenIsTheOnlyPlaceSearchedAndReportedAsItIs) {

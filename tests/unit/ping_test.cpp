@@ -28,32 +28,32 @@ class PingMode : public AgentTest {
     AgentTest::TearDown();
   }
 
-  // The choice of the node with this table; what is written goes to Log.
+  // What the call comes to; what it writes goes to Log.
+  template <class Call>
+  int Logged(Call call) {
+    CapturedStdout out;
+    CapturedStderr log;
+    const int result = call();
+    Log = log.Text();
+    return result;
+  }
+  // The choice of the node with this table.
   int Choose(const std::string& table, const char* defaultNode = "") {
     std::ofstream(Path) << table;
     g_DbcI.DefaultNode = defaultNode;
-    CapturedStdout out;
-    CapturedStderr log;
-    const int result = InitNodeForPing("test", __LINE__);
-    Log = log.Text();
-    return result;
+    return Logged([] { return InitNodeForPing("test", __LINE__); });
   }
 
   int Initialise(const std::string& table) {
     std::ofstream(Path) << table;
-    CapturedStdout out;
-    CapturedStderr log;
-    const int result = InitialisePing("test", __LINE__);
+    const int result = Logged([] { return InitialisePing("test", __LINE__); });
     PipeIsOpen = result == 0;
-    Log = log.Text();
     return result;
   }
-  // The pseudo request is handled; what is written goes to Log.
+  // The pseudo request is handled.
   int Handle() {
-    CapturedStderr log;
-    const int result = HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]);
-    Log = log.Text();
-    return result;
+    return Logged(
+        [] { return HandleMessageFromClientQueue("test", __LINE__, g_DbcI.PingPipe[0]); });
   }
 
   // The verdict's lines for a link named NODE.
@@ -162,8 +162,7 @@ TEST_F(PingMode, AFailedPipeIsAnErrorOfTheAgent) {
   std::ofstream(Path) << "ONE FAKE here\n";
   CapturedStdout out;
   const CapturedLog log(kLogError);
-  const int spare = dup(STDERR_FILENO);  // the table can be opened, a pipe needs one more
-  close(spare);
+  const int spare = NextDescriptor();  // the table can be opened, a pipe needs one more
   rlimit old;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
   const rlimit low = {static_cast<rlim_t>(spare) + 1, old.rlim_max};
@@ -307,8 +306,7 @@ TEST_F(PingMode, ARefusedConnectionEndsTheRunWithItsVerdict) {
 TEST_F(PingMode, AnAnswerOfTheNodeEndsTheRunAsAlive) {
   Fake().OnSend = [](Link*, ClientMessage* msg) {
     ClientMessage answer = *msg;
-    EXPECT_EQ(ReturnAnswerFromNetworkToClient("test", __LINE__, &answer), 0);
-    return 0;
+    return ReturnAnswerFromNetworkToClient("test", __LINE__, &answer);
   };
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
   EXPECT_EQ(Handle(), 0);
@@ -320,6 +318,7 @@ TEST_F(PingMode, AnAnswerOfTheNodeEndsTheRunAsAlive) {
 
 // Nobody has been asked: the verdict is that of the code.
 int PingMode::HandleWithoutMemory(std::uint8_t state) {
+  EXPECT_EQ(Initialise("NODE FAKE here\n"), 0);
   g_DbcI.DefaultLink->State = state;
   CapturedStderr log;
   const int result = WithoutMemory(
@@ -331,19 +330,16 @@ int PingMode::HandleWithoutMemory(std::uint8_t state) {
 }
 
 TEST_F(PingMode, ARequestThatCannotBeRecordedAsSentHasTheVerdictOfItsCode) {
-  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
   ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
   HandleWithoutMemory(kLinkConnected);
 }
 
 TEST_F(PingMode, ARequestThatCannotBeSavedHasTheVerdictOfItsCode) {
-  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
   ASSERT_NE(Grow(g_DbcI.ClientPidList), nullptr);
   HandleWithoutMemory(kLinkConnecting);
 }
 
 TEST_F(PingMode, AClientThatCannotBeListedEndsTheRun) {
-  ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
   EXPECT_EQ(HandleWithoutMemory(kLinkConnected), 0);
 }
 

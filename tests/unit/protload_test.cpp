@@ -29,20 +29,16 @@ class Registry : public AgentTest {
     EXPECT_NE(link, nullptr) << line;
     return link;
   }
-  // The last line of the log when the protocol is added.
-  static std::string LastWord(const std::string& name) {
-    const CapturedLog log;
-    Add(name);
-    return log.Lines().back();
+  void ParseThree(const std::string& a, const std::string& b, const std::string& c) {
+    A = Parse("A " + a);
+    B = Parse("B " + b);
+    C = Parse("C " + c);
   }
   // Links whose protocol is gone get one that can be taken down at the end.
-  void GiveAllLinksToFake() {
-    Protocol* const fake = &Fake().Record;
-    Link* link = g_DbcI.LinkList;
-    do {
-      link->Protocol = fake;
-      link = link->Next;
-    } while (link != g_DbcI.LinkList);
+  void TearDown() override {
+    for (Link* const link : {A, B, C})
+      if (link) link->Protocol = &Fake().Record;
+    AgentTest::TearDown();
   }
   inline static std::string Word;
 };
@@ -78,11 +74,7 @@ TEST_F(Registry, TheLocalIpcDriverHasANameOfItsOwn) {
 }
 
 TEST_F(Registry, RecordsStandInTheOrderOfTheirFirstUse) {
-  Add("LOCALI");
-  Add("TCPIP");
-  Add("LOCALI");
-  Add("NPIPE");
-  Add("LOCAL");
+  for (const char* name : {"LOCALI", "TCPIP", "LOCALI", "NPIPE", "LOCAL"}) Add(name);
   EXPECT_EQ(Loaded(), "LOCALI TCPIP DUMMY LOCALS");
 }
 
@@ -178,17 +170,17 @@ TEST_F(Registry, TheFirstDriverThatAcceptsEndsTheSearch) {
 
 TEST_F(Registry, TheSearchIsTracedFromTheNameAsWrittenToTheResult) {
   Add("TCPIP");
-  const CapturedLog log;
-  Add("tcpip");
-  EXPECT_EQ(log.Lines(), (Texts{"15 protload|'AddProtocol' Call from test:5 ",
-                                "15 protload|Protocol name = tcpip",
-                                "15 protload|Protocol TCPIP already is in list of protocol",
-                                "15 protload|'AddProtocol' Leave SUCCESS already load"}));
+  EXPECT_EQ(
+      Traced([] { Add("tcpip"); }),
+      (Texts{"15 protload|'AddProtocol' Call from test:5 ", "15 protload|Protocol name = tcpip",
+             "15 protload|Protocol TCPIP already is in list of protocol",
+             "15 protload|'AddProtocol' Leave SUCCESS already load"}));
 }
 
 TEST_F(Registry, TheWordsOfTheOtherResults) {
-  EXPECT_EQ(LastWord("nothing"), "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
-  EXPECT_EQ(LastWord("TSR"), "15 protload|'AddProtocol' Leave SUCCESS");
+  EXPECT_EQ(Traced([] { Add("nothing"); }).back(),
+            "15 protload|'AddProtocol' Leave FAILED init ( protocol func )");
+  EXPECT_EQ(Traced([] { Add("TSR"); }).back(), "15 protload|'AddProtocol' Leave SUCCESS");
   const CapturedLog log;
   Word = "LOCALS";
   WithoutMemory([] { return AddProtocol("test", 5, Word.data()); });
@@ -196,14 +188,12 @@ TEST_F(Registry, TheWordsOfTheOtherResults) {
 }
 
 TEST_F(Registry, ADriverThatRefusesANameLeavesTheRecordUntouched) {
-  InitProtocol* const inits[] = {TCPIPInitProtocol, LOCALSInitProtocol, LOCALIInitProtocol};
-  for (InitProtocol* const init : inits) {
+  for (InitProtocol* const init : {TCPIPInitProtocol, LOCALSInitProtocol, LOCALIInitProtocol}) {
     Protocol before;
     std::memset(static_cast<void*>(&before), 0x5A, sizeof before);
     Protocol record = before;
-    EXPECT_EQ(init("test", 1, &record, "TCPIPS", &g_DbcI.SocketSets), -1);
-    EXPECT_EQ(init("test", 1, &record, "tcpip", &g_DbcI.SocketSets), -1);
-    EXPECT_EQ(init("test", 1, &record, "locals", &g_DbcI.SocketSets), -1);
+    for (const char* name : {"TCPIPS", "tcpip", "locals"})
+      EXPECT_EQ(init("test", 1, &record, name, &g_DbcI.SocketSets), -1) << name;
     EXPECT_EQ(std::memcmp(&record, &before, sizeof before), 0);
   }
 }
@@ -223,39 +213,30 @@ TEST_F(Registry, WithoutLinksNoProtocolIsReleased) {
 }
 
 TEST_F(Registry, ReleasingAProtocolUninitialisesItsLinksButNotTheLastOfTheCircle) {
-  Link* const a = Parse("A LOCALS 1");
-  Link* const b = Parse("B LOCALS 2");
-  Link* const c = Parse("C LOCALS 3");
+  ParseThree("LOCALS 1", "LOCALS 2", "LOCALS 3");
   EXPECT_EQ(UninitProtocol("test", 1, g_DbcI.ProtocolList), 0);
   EXPECT_EQ(g_DbcI.ProtocolList, nullptr);
-  EXPECT_EQ(a->DriverData, nullptr);
-  EXPECT_EQ(b->DriverData, nullptr);
-  EXPECT_NE(c->DriverData, nullptr);
-  GiveAllLinksToFake();
+  EXPECT_EQ(A->DriverData, nullptr);
+  EXPECT_EQ(B->DriverData, nullptr);
+  EXPECT_NE(C->DriverData, nullptr);
 }
 
 TEST_F(Registry, ReleasingAProtocolLeavesTheLinksOfOthers) {
-  Link* const a = Parse("A TCPIP 127.0.0.1");
-  Link* const b = Parse("B LOCALS 2");
-  Link* const c = Parse("C TCPIP 127.0.0.1");
+  ParseThree("TCPIP 127.0.0.1", "LOCALS 2", "TCPIP 127.0.0.1");
   EXPECT_EQ(Loaded(), "TCPIP LOCALS");
-  UninitProtocol("test", 1, b->Protocol);
+  UninitProtocol("test", 1, B->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP");
-  EXPECT_NE(a->DriverData, nullptr);
-  EXPECT_EQ(b->DriverData, nullptr);
-  EXPECT_NE(c->DriverData, nullptr);
-  GiveAllLinksToFake();
+  EXPECT_NE(A->DriverData, nullptr);
+  EXPECT_EQ(B->DriverData, nullptr);
+  EXPECT_NE(C->DriverData, nullptr);
 }
 
 TEST_F(Registry, ReleasingAProtocolTakesItOutOfAnyPlaceOfTheList) {
-  Link* const a = Parse("A TCPIP 127.0.0.1");
-  Link* const b = Parse("B LOCALS 2");
-  Parse("C TSR");
-  UninitProtocol("test", 1, b->Protocol);
+  ParseThree("TCPIP 127.0.0.1", "LOCALS 2", "TSR");
+  UninitProtocol("test", 1, B->Protocol);
   EXPECT_EQ(Loaded(), "TCPIP DUMMY");
-  UninitProtocol("test", 1, a->Protocol);
+  UninitProtocol("test", 1, A->Protocol);
   EXPECT_EQ(Loaded(), "DUMMY");
-  GiveAllLinksToFake();
 }
 
 }  // namespace
