@@ -1,5 +1,6 @@
 // What the unit tests of the agent stand on: a fresh state record for every test, protocols whose
-// operations are scripted and recorded, and the answers that went to clients.
+// operations are scripted and recorded, and the answers that went to clients; and the headers that
+// most of them need.
 #pragma once
 #include <fcntl.h>
 #include <gtest/gtest.h>

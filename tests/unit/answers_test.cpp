@@ -1,7 +1,5 @@
 // Requests out and answers in, as the link sees them: the format of what comes from the network,
 // the request that an answer belongs to, recording and sending, and the flush of what waited.
-#include <algorithm>
-#include <cerrno>
 #include <random>
 
 #include "core/status.h"

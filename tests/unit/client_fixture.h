@@ -1,12 +1,8 @@
 // Client connections for the unit tests of the client exchange: pairs of sockets, one end served
 // by the agent's modules, the other held by the test.
 #pragma once
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <map>
-#include <string>
 
 #include "tests/support/client.h"
 #include "tests/support/process.h"

@@ -1,16 +1,8 @@
 // Reading requests, answering clients, and who of them is alive.
 #include "client/clntxch.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <csignal>
-#include <cstring>
-#include <string>
-#include <vector>
 
-#include "core/stream.h"
 #include "tests/unit/client_fixture.h"
 #include "tests/unit/faults.h"
 

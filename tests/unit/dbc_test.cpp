@@ -2,7 +2,6 @@
 // when a descriptor goes bad.
 #include "core/dbc.h"
 
-#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <csignal>

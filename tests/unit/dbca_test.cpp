@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <fstream>
 
 #include "core/status.h"

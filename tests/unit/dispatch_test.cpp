@@ -1,16 +1,10 @@
 // What becomes of a request, by the node that it names and the state of the link.
 #include "client/dispatch.h"
 
-#include <cerrno>
-#include <string>
-#include <vector>
-
 #include "core/blocks.h"
 #include "core/loop.h"
 #include "core/status.h"
-#include "core/stream.h"
 #include "link/joint.h"
-#include "link/link.h"
 #include "tests/unit/client_fixture.h"
 #include "tests/unit/faults.h"
 

@@ -1,7 +1,5 @@
 // Taking links down and moving the default link: who is answered, with what, and who is asked to
 // connect.
-#include <cerrno>
-#include <map>
 
 #include "core/status.h"
 #include "tests/unit/client_fixture.h"

@@ -2,27 +2,20 @@
 // reader child is a real one.
 #include "protocols/lipc.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <optional>
-#include <string>
 
 #include "core/mailbox.h"
 #include "core/status.h"
-#include "core/stream.h"
-#include "core/wait.h"
 #include "protocols/lipc_board.h"
 #include "protocols/lipc_queue.h"
 #include "protocols/lipc_reader.h"

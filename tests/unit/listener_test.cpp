@@ -1,6 +1,5 @@
 // The descriptor that is kept so that connections can be refused when all others are in use.
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <filesystem>
 

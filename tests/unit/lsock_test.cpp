@@ -1,19 +1,13 @@
 // The driver of the local kernel's socket, with a kernel played by the test.
 #include "protocols/lsock.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <string>
 #include <thread>
 
 #include "core/mailbox.h"
 #include "core/status.h"
-#include "core/stream.h"
 #include "tests/support/agent.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"

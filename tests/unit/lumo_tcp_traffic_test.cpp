@@ -2,9 +2,6 @@
 // out and comes in, and the end of the connection.
 #include <netinet/tcp.h>
 
-#include <cstddef>
-
-#include "core/stream.h"
 #include "tests/unit/tcp_driver.h"
 
 namespace {

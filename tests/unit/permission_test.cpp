@@ -3,16 +3,9 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <optional>
-#include <vector>
 
-#include "client/clntxch.h"
 #include "client/dispatch.h"
 #include "core/status.h"
 #include "tests/unit/client_fixture.h"

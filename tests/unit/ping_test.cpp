@@ -1,9 +1,7 @@
 #include "ping/ping.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 
-#include <cerrno>
 #include <fstream>
 
 #include "client/dispatch.h"

@@ -1,10 +1,6 @@
 // The arrays of waiting and sent requests, the walk over active links, the comparison of names.
 #include "client/primitiv.h"
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 

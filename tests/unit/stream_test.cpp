@@ -1,16 +1,6 @@
 // Frames in and bytes out, per descriptor, over real sockets.
 #include "core/stream.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "core/dbc.h"
-#include "link/link.h"
 #include "tests/unit/agent_test.h"
 #include "tests/unit/faults.h"
 #include "tests/unit/system_faults.h"

@@ -1,14 +1,10 @@
 // A link of the TCP driver for the tests of its operations.
 #pragma once
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <array>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "core/status.h"
 #include "protocols/lumo_tcp.h"

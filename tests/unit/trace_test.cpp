@@ -1,8 +1,6 @@
 // What the log writes of a line, whatever its length.
 #include "core/trace.h"
 
-#include <string>
-
 #include "tests/unit/agent_test.h"
 
 namespace {

@@ -1,13 +1,9 @@
 // The loop's wait and the signals whose flags the loop looks at before it.
 #include "core/wait.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 
 #include "core/init.h"
