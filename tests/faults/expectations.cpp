@@ -9,12 +9,28 @@ const std::vector<Expectation>& Expectations() {
   static constexpr char kRefused[] =
       "ECONNREFUSED ETIMEDOUT EHOSTUNREACH ENETUNREACH EADDRNOTAVAIL";
   static constexpr char kOpen[] = "EMFILE ENFILE EACCES ENOENT EISDIR";  // else it is repeated
+  // Texts of several failures
+  static constexpr char kTcpSocketFailed[] =
+      "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e";
+  static constexpr char kTcpConnectFailed[] = "tcpip. connect(...) return bad status. errno = %e";
+  static constexpr char kTcpWriteFailed[] =
+      "TCPIP.Write into socket failed. Call:write. errno = %e";
+  static constexpr char kTcpPacketFailed[] =
+      "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e";
+  static constexpr char kUnixSocketFailed[] = "Call socket(PF_UNIX...) failed. errno = %e";
+  static constexpr char kToClientFailed[] = "Send to client fail. Call:send. errno %e";
+  static constexpr char kFromClientFailed[] =
+      "Receive message from client fail. Call:recv. Errno %e";
+  static constexpr char kClientIsDead[] = "The message wasn't send to client. Client is dead";
+  static constexpr char kKernelIsDead[] = "LIPC send 0 signal to kernel failed. errno %e";
+  static constexpr char kQueueFailed[] = "LIPC msgsnd failed. errno %e";
+  static constexpr char kSemaphoreFailed[] = "LIPC semop failed. errno %e";
+  static constexpr char kFromLocalFailed[] =
+      "SOCK.Receive message from local tavrin. Call:recv. Errno %e";
   static const std::vector<Expectation> kExpectations = {
       // Start
-      {Call::socket, "CreateSocket < PathIsServed", "", "ends 255",
-       "Call socket(PF_UNIX...) failed. errno = %e"},
-      {Call::socket, "CreateSocket < Listen", "", "ends 255",
-       "Call socket(PF_UNIX...) failed. errno = %e"},
+      {Call::socket, "CreateSocket < PathIsServed", "", "ends 255", kUnixSocketFailed},
+      {Call::socket, "CreateSocket < Listen", "", "ends 255", kUnixSocketFailed},
       {Call::bind, "", "", "ends 255", "failed. Errno %e"},
       {Call::setsockopt, "SetBufferSize < Listen", "", "ends 255",
        "Initialization of interprocess communication failed"},
@@ -72,41 +88,32 @@ const std::vector<Expectation>& Expectations() {
       {Call::calloc, "SaveMsgInfo", "", "4200/0|4007/0 4200/0", ""},
       {Call::malloc, "SaveMsgInfo", "", "4200/0|4007/0 4200/0", ""},
       {Call::calloc, "LeaveOver", "", "4007/104", ""},  // ends with the link, as the first does
-      {Call::malloc, "TakeBlock < GetMsgFromClient", "", "closed",
-       "Receive message from client fail. Call:recv. Errno %e"},
+      {Call::malloc, "TakeBlock < GetMsgFromClient", "", "closed", kFromClientFailed},
       {Call::malloc, "TakeBlock < TcpReadyForRead", "", "4008/%e",
        "TCPIP.Receive network message fail."},
-      {Call::malloc, "TakeBlock < LSockReadyForRead", "", "4008/%e",
-       "SOCK.Receive message from local tavrin. Call:recv. Errno %e"},
+      {Call::malloc, "TakeBlock < LSockReadyForRead", "", "4008/%e", kFromLocalFailed},
       {Call::malloc, "TakeBlock < LookAhead", "", "4008/%e", ""},
       {Call::malloc, "< Join <", "", "unnoticed", ""},  // it goes by itself
-      {Call::malloc, "< TcpSendToNetwork", "", "4007/%e",
-       "TCPIP.Write into socket failed. Call:write. errno = %e"},
+      {Call::malloc, "< TcpSendToNetwork", "", "4007/%e", kTcpWriteFailed},
       {Call::malloc, "< LSockSendToNetwork", "", "4007/%e", ""},
-      {Call::malloc, "< PutMsgToClient", "", "nothing|some are lost",
-       "Send to client fail. Call:send. errno %e"},
+      {Call::malloc, "< PutMsgToClient", "", "nothing|some are lost", kToClientFailed},
 
       // Clients
       {Call::accept, "RefuseConnection", "", "accepted", ""},  // it waits and is taken later
       {Call::accept, "AcceptNewClientConnection", "", "unnoticed",
        "Call accept has failed. Errno %e"},
-      {Call::send, "SendNow < AcceptNewClientConnection", kHard, "unnoticed",
-       "Send to client fail. Call:send. errno %e"},
+      {Call::send, "SendNow < AcceptNewClientConnection", kHard, "unnoticed", kToClientFailed},
       {Call::send, "SendNow < PutMsgToClient < Manage", kHard, "unnoticed",
-       "Send to client fail. Call:send. errno %e"},  // of a command, which is asked again
-      {Call::send, "SendNow < PutMsgToClient", kHard, "nothing",
-       "Send to client fail. Call:send. errno %e"},
+       kToClientFailed},  // of a command, which is asked again
+      {Call::send, "SendNow < PutMsgToClient", kHard, "nothing", kToClientFailed},
       {Call::send, "FlushBytes < FlushClient < FlushClientsAtExit", kHard, "some are lost",
-       "Send to client fail. Call:send. errno %e"},
-      {Call::send, "FlushBytes < FlushClient", kHard, "closed",
-       "Send to client fail. Call:send. errno %e"},
+       kToClientFailed},
+      {Call::send, "FlushBytes < FlushClient", kHard, "closed", kToClientFailed},
       {Call::select, "FlushClientsAtExit", "EBADF EINVAL ENOMEM", "some are lost", ""},
-      {Call::recv, "GetMsgFromClient", kHard, "unnoticed",
-       "Receive message from client fail. Call:recv. Errno %e"},
+      {Call::recv, "GetMsgFromClient", kHard, "unnoticed", kFromClientFailed},
       {Call::kill, "ProcessIsAlive < PutMsgToClient < Manage", "ESRCH EINTR", "unnoticed",
-       "The message wasn't send to client. Client is dead"},
-      {Call::kill, "ProcessIsAlive < PutMsgToClient", "ESRCH EINTR", "nothing",
-       "The message wasn't send to client. Client is dead"},
+       kClientIsDead},
+      {Call::kill, "ProcessIsAlive < PutMsgToClient", "ESRCH EINTR", "nothing", kClientIsDead},
       // Nobody is permitted what cannot be looked up.
       {Call::getsockopt, "PeerOf", "", "4201/1", "is not permitted"},
       {Call::open, "IsOfUser", "", "4201/1", "is not permitted"},
@@ -117,11 +124,10 @@ const std::vector<Expectation>& Expectations() {
 
       // TCP links
       {Call::socket, "TcpConnectLink < ConnectTheLink < BringUpAndServe", "", "4001/%e",
-       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
+       kTcpSocketFailed},
       {Call::socket, "TcpConnectLink < ConnectTheLink < ConnectSomeLink", "", "4008/0",
-       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
-      {Call::socket, "TcpConnectLink", "", "unnoticed",
-       "tcpip. Connect. socket(PF_INET..) return bad status. errno = %e"},
+       kTcpSocketFailed},
+      {Call::socket, "TcpConnectLink", "", "unnoticed", kTcpSocketFailed},
       {Call::fcntl, "SetNoBlockMode < CreateSocket", "", "4002/%e", ""},
       {Call::fcntl, "SetBlockMode < CompleteConnect", "", "4002/%e", ""},
       {Call::fcntl, "SetNoBlockMode < TickConnecting", "", "4002/0", ""},
@@ -129,33 +135,26 @@ const std::vector<Expectation>& Expectations() {
       {Call::setsockopt, "< CreateSocket < TcpConnectLink", "", "4002/%e +1 descriptor", ""},
       {Call::setsockopt, "SetNoDelay < TickConnecting", "", "4002/0", ""},
       {Call::connect, "TcpConnectLink < ConnectTheLink < BringUpAndServe", kRefused, "4006/%e",
-       "tcpip. connect(...) return bad status. errno = %e"},
+       kTcpConnectFailed},
       {Call::connect, "TcpConnectLink < ConnectTheLink < ConnectSomeLink", kRefused, "4008/0",
-       "tcpip. connect(...) return bad status. errno = %e"},
-      {Call::connect, "TcpConnectLink", kRefused, "unnoticed",
-       "tcpip. connect(...) return bad status. errno = %e"},
+       kTcpConnectFailed},
+      {Call::connect, "TcpConnectLink", kRefused, "unnoticed", kTcpConnectFailed},
       {Call::connect, "RepeatConnect", kRefused, "4006/0",
        "tcpip. repeate connect(...) return bad status. errno = %e"},
       {Call::getsockopt, "CompleteConnect", "", "4006/0",
        "Call:getsockopt(SO_ERROR).Status 0. errno %e"},
-      {Call::send, "SendNow < TcpSendToNetwork", kHard, "4007/%e",
-       "TCPIP.Write into socket failed. Call:write. errno = %e"},
-      {Call::send, "SendNow < AnnounceReceiveTimeout", kHard, "4007/%e",
-       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
-      {Call::send, "SendNow < AnnounceSendTimeout", kHard, "4007/%e",
-       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
-      {Call::send, "SendNow < TickConnected", kHard, "unnoticed",
-       "TCP.Send the CONNECTIONINFO fail. Call:send. errno %e"},
-      {Call::send, "SendNow < SendJoinedOf", kHard, "4007/%e",
-       "TCPIP.Write into socket failed. Call:write. errno = %e"},
-      {Call::send, "FlushBytes < ServeWritableLink", kHard, "4007/%e",
-       "TCPIP.Write into socket failed. Call:write. errno = %e"},
+      {Call::send, "SendNow < TcpSendToNetwork", kHard, "4007/%e", kTcpWriteFailed},
+      {Call::send, "SendNow < AnnounceReceiveTimeout", kHard, "4007/%e", kTcpPacketFailed},
+      {Call::send, "SendNow < AnnounceSendTimeout", kHard, "4007/%e", kTcpPacketFailed},
+      {Call::send, "SendNow < TickConnected", kHard, "unnoticed", kTcpPacketFailed},
+      {Call::send, "SendNow < SendJoinedOf", kHard, "4007/%e", kTcpWriteFailed},
+      {Call::send, "FlushBytes < ServeWritableLink", kHard, "4007/%e", kTcpWriteFailed},
       {Call::recv, "Look < LookAhead", kHard, "4008/%e", ""},
       {Call::recv, "Look < TcpReadyForRead", kHard, "4008/%e",
        "TCPIP.Receive network message fail."},
 
       // The local node's socket
-      {Call::socket, "ConnectToKernel", "", "-1/%e", "Call socket(PF_UNIX...) failed. errno = %e"},
+      {Call::socket, "ConnectToKernel", "", "-1/%e", kUnixSocketFailed},
       {Call::connect, "ConnectToKernel", "", "4006/%e", ""},
       {Call::fcntl, "SetNonBlocking", "", "4002/%e", ""},
       {Call::fcntl, "SetBlocking", "", "4002/%e", ""},
@@ -163,15 +162,13 @@ const std::vector<Expectation>& Expectations() {
       {Call::recv, "DrainGreeting", "EAGAIN", "4008/0", ""},  // the greeting comes as an answer
       {Call::recv, "DrainGreeting", kHard, "4006/%e +1 descriptor", ""},
       {Call::send, "SendNow < LSockSendToNetwork < SendMsgToLink", kHard, "4007/%e", ""},
-      {Call::recv, "Look < LSockReadyForRead", kHard, "4008/%e",
-       "SOCK.Receive message from local tavrin. Call:recv. Errno %e"},
+      {Call::recv, "Look < LSockReadyForRead", kHard, "4008/%e", kFromLocalFailed},
 
       // The local node's queue
       {Call::shmget, "", "", "4006/%e", "LIPC shmget failed. errno = %e"},
       {Call::shmat, "", "", "4006/%e", "LIPC shmat failed. errno = %e"},
-      {Call::shmctl, "", "", "4006/%e", "LIPC send 0 signal to kernel failed. errno %e"},
-      {Call::kill, "ProcessIsAlive < KernelIsAlive", "ESRCH EINTR", "4006/%e",
-       "LIPC send 0 signal to kernel failed. errno %e"},
+      {Call::shmctl, "", "", "4006/%e", kKernelIsDead},
+      {Call::kill, "ProcessIsAlive < KernelIsAlive", "ESRCH EINTR", "4006/%e", kKernelIsDead},
       {Call::msgget, "", "", "4006/%e", "LIPC msgget failed. errno %e"},
       {Call::semget, "", "", "4006/%e", "LIPC msgget failed. errno %e"},
       {Call::pipe, "OpenChannels", "", "4006/%e", "LIPC pipe failed. errno %e"},
@@ -180,16 +177,14 @@ const std::vector<Expectation>& Expectations() {
       {Call::fork, "StartReader", "", "4006/%e", "LIPC fork failed. errno %e"},
       {Call::fork, "LIpcConnectLink", "", "4006/%e", "LIPC fork failed. errno %e"},
       {Call::msgsnd, "PutIntoQueue < LIpcSendToNetwork < LIpcClientDeadEvent",
-       "EIDRM EACCES EINVAL ENOMEM", "unnoticed", "LIPC msgsnd failed. errno %e"},
-      {Call::msgsnd, "PutIntoQueue", "EIDRM EACCES EINVAL ENOMEM", "4007/%e",
-       "LIPC msgsnd failed. errno %e"},
+       "EIDRM EACCES EINVAL ENOMEM", "unnoticed", kQueueFailed},
+      {Call::msgsnd, "PutIntoQueue", "EIDRM EACCES EINVAL ENOMEM", "4007/%e", kQueueFailed},
       {Call::semop, "WakeKernel < PutIntoQueue < LIpcSendToNetwork < LIpcClientDeadEvent",
-       "EIDRM EAGAIN ERANGE EACCES ENOMEM", "unnoticed", "LIPC semop failed. errno %e"},
-      {Call::semop, "WakeKernel", "EIDRM EAGAIN ERANGE EACCES ENOMEM", "4007/%e",
-       "LIPC semop failed. errno %e"},
+       "EIDRM EAGAIN ERANGE EACCES ENOMEM", "unnoticed", kSemaphoreFailed},
+      {Call::semop, "WakeKernel", "EIDRM EAGAIN ERANGE EACCES ENOMEM", "4007/%e", kSemaphoreFailed},
       {Call::kill, "ProcessIsAlive < PutIntoQueue", "ESRCH EINTR", "4007/11",
        "LIPC msgsnd failed. errno 11"},
-      {Call::malloc, "Keep <", "", "4007/%e", "LIPC msgsnd failed. errno %e"},
+      {Call::malloc, "Keep <", "", "4007/%e", kQueueFailed},
       {Call::recv, "PutHandedAnswers", "", "unnoticed", ""},
       // The answer is still there when the link is taken down.
       {Call::recv, "TakeHandedAnswer", "ECONNRESET ENOMEM", "unnoticed",

@@ -337,77 +337,65 @@ void StopWithUnsent(Run& run) {
   run.Tell("unsent", answers == requests.size() ? outcome : "some are lost");
 }
 
+using Variables = std::vector<std::pair<std::string, std::string>>;
+
+// An agent in the foreground, all of whose nodes must serve in the end.
+Scenario WithAllNodes(const char* name, void (*body)(Run&), const Variables& environment = {}) {
+  return {name, {}, AllNodes, Scenario::Foreground, kAllNodes, body, false, -1, environment};
+}
+
+// A run that ends by itself.
+Scenario ByItself(const char* name, const std::vector<std::string>& options,
+                  std::string (*table)(const Nodes&), void (*body)(Run&),
+                  bool besideAnother = false) {
+  return {name, options, table, Scenario::ByItself, {}, body, besideAnother};
+}
+
 }  // namespace
 
 const std::vector<Scenario>& Scenarios() {
-  using enum_kind = decltype(Scenario::Kind);
-  constexpr enum_kind kForeground = Scenario::Foreground, kDaemon = Scenario::Daemon,
-                      kByItself = Scenario::ByItself;
   static const std::vector<Scenario> kScenarios = {
-      {"serve", {}, AllNodes, kForeground, kAllNodes, Serve},
-      {"crowd", {}, AllNodes, kForeground, kAllNodes, Crowd},
+      WithAllNodes("serve", Serve),
+      WithAllNodes("crowd", Crowd),
       {"start",
        {"-PIDFILE", "pid", "-CONNECTONLOAD", "-PCHECK", "-PKILL", "17"},
        AllNodes,
-       kDaemon,
+       Scenario::Daemon,
        kAllNodes,
        AskOnce},
-      {"pieces", {}, AllNodes, kForeground, kAllNodes, Pieces},
-      {"management", {}, AllNodes, kForeground, kAllNodes, Manage},
-      {"death", {}, AllNodes, kForeground, kAllNodes, Death},
-      {"breaks", {}, AllNodes, kForeground, kAllNodes, Breaks},
-      {"slow node",
-       {},
-       AllNodes,
-       kForeground,
-       kAllNodes,
-       SlowNode,
-       false,
-       -1,
-       {{"LUMO_LINK_BUFFER", "0"}}},
-      {"slow client", {}, AllNodes, kForeground, kAllNodes, SlowClient},
-      {"stalled", {}, StalledAndTcp, kForeground, {"T2"}, Stalled},
+      WithAllNodes("pieces", Pieces),
+      WithAllNodes("management", Manage),
+      WithAllNodes("death", Death),
+      WithAllNodes("breaks", Breaks),
+      WithAllNodes("slow node", SlowNode, {{"LUMO_LINK_BUFFER", "0"}}),
+      WithAllNodes("slow client", SlowClient),
+      {"stalled", {}, StalledAndTcp, Scenario::Foreground, {"T2"}, Stalled},
       {"circle",
        {"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "20", "-DEFAULT", "D1"},
        DeadOnesFirst,
-       kForeground,
+       Scenario::Foreground,
        {"T2", "L", "K", ""},
        Circle},
-      {"parked", {}, StalledAndTcp, kForeground, {"T2"}, Parked},
-      {"bad descriptor", {}, AllNodes, kForeground, kAllNodes, BadDescriptor},
-      {"joint breaks", {}, AllNodes, kForeground, kAllNodes, JointBreaks},
-      {"permissions",
-       {},
-       AllNodes,
-       kForeground,
-       kAllNodes,
-       Permitted,
-       false,
-       -1,
-       {{"LUMO_MANAGERS", "0"}, {"LUMO_STRICT_TASKS", "1"}}},
-      {"watched",
-       {},
-       AllNodes,
-       kForeground,
-       kAllNodes,
-       Manage,
-       false,
-       -1,
-       {{"LUMO_STATS", "1"},
-        {"NOTIFY_SOCKET", "@lumo-no-manager"},
-        {"LUMO_STRICT_TASKS", std::string(5000, 'x')}}},  // told in a long line
-      {"no descriptors", {}, AllNodes, kForeground, kAllNodes, NoDescriptors},
-      {"full queue", {}, AllNodes, kForeground, kAllNodes, FullQueue},
-      {"busy reader", {}, AllNodes, kForeground, kAllNodes, BusyReader},
-      {"former reader", {}, AllNodes, kForeground, kAllNodes, FormerReader},
-      {"stop with unsent", {}, AllNodes, kForeground, kAllNodes, StopWithUnsent},
-      {"ping TCP", {"-PING"}, OneTcp, kByItself, {}, ReportVerdict},
-      {"ping local", {"-PING"}, OneLocal, kByItself, {}, ReportVerdict},
-      {"ping IPC", {"-PING"}, OneIpc, kByItself, {}, ReportVerdict},
-      {"unload nobody", {"-U", "-NODAEMON"}, OneTcp, kByItself, {}, Nothing},
-      {"unload", {"-U", "-NODAEMON"}, OneTcp, kByItself, {}, LookForOther, true},
-      {"closed stream", {}, OneTcp, kForeground, {"T1"}, Nothing, false, 0},
-      {"second agent", {"-NODAEMON"}, OneTcp, kByItself, {}, LookForOther, true},
+      {"parked", {}, StalledAndTcp, Scenario::Foreground, {"T2"}, Parked},
+      WithAllNodes("bad descriptor", BadDescriptor),
+      WithAllNodes("joint breaks", JointBreaks),
+      WithAllNodes("permissions", Permitted, {{"LUMO_MANAGERS", "0"}, {"LUMO_STRICT_TASKS", "1"}}),
+      WithAllNodes("watched", Manage,
+                   {{"LUMO_STATS", "1"},
+                    {"NOTIFY_SOCKET", "@lumo-no-manager"},
+                    {"LUMO_STRICT_TASKS", std::string(5000, 'x')}}),  // told in a long line
+      WithAllNodes("no descriptors", NoDescriptors),
+      WithAllNodes("full queue", FullQueue),
+      WithAllNodes("busy reader", BusyReader),
+      WithAllNodes("former reader", FormerReader),
+      WithAllNodes("stop with unsent", StopWithUnsent),
+      ByItself("ping TCP", {"-PING"}, OneTcp, ReportVerdict),
+      ByItself("ping local", {"-PING"}, OneLocal, ReportVerdict),
+      ByItself("ping IPC", {"-PING"}, OneIpc, ReportVerdict),
+      ByItself("unload nobody", {"-U", "-NODAEMON"}, OneTcp, Nothing),
+      ByItself("unload", {"-U", "-NODAEMON"}, OneTcp, LookForOther, true),
+      {"closed stream", {}, OneTcp, Scenario::Foreground, {"T1"}, Nothing, false, 0},
+      ByItself("second agent", {"-NODAEMON"}, OneTcp, LookForOther, true),
   };
   return kScenarios;
 }
