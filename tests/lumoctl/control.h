@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/process/program.h"
-#include "tests/support/agent.h"
+#include "tests/support/agent_test.h"
 
 namespace test {
 
@@ -18,23 +18,14 @@ struct CtlOutcome {
   std::string Out, Err;
 };
 
-class ControlTest : public ::testing::Test {
+// Runs lumoctl with what a fixture says.
+class ControlProgram {
  protected:
   using Json = nlohmann::json;
 
-  void Start(const std::string& nodetab) {
-    agent_.Nodetab(nodetab);
-    ASSERT_TRUE(agent_.Start());
-  }
-  std::vector<std::string> Full(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), {"-M", std::to_string(agent_.ExchangeId())});
-    return arguments;
-  }
-  std::map<std::string, std::string> Environment() const {
-    return {{"TAVRIN_TMP", agent_.SocketFolder()},
-            {"TMPDIR", agent_.Folder()},
-            {"LUMO_TCP", AgentProgram()}};
-  }
+  virtual std::vector<std::string> Full(std::vector<std::string> arguments) const = 0;
+  virtual std::map<std::string, std::string> Environment() const = 0;
+
   CtlOutcome Run(const std::vector<std::string>& arguments) const {
     Program program(LUMOCTL_PATH, Full(arguments), Environment());
     const auto status = program.Wait();
@@ -56,6 +47,20 @@ class ControlTest : public ::testing::Test {
     EXPECT_FALSE(value.is_discarded()) << outcome.Out;
     return value;
   }
+};
+
+class ControlTest : public AgentTest, protected ControlProgram {
+ protected:
+  void Start(const std::string& nodetab) { StartAgent(nodetab); }
+  std::vector<std::string> Full(std::vector<std::string> arguments) const override {
+    arguments.insert(arguments.begin(), {"-M", std::to_string(agent_.ExchangeId())});
+    return arguments;
+  }
+  std::map<std::string, std::string> Environment() const override {
+    return {{"TAVRIN_TMP", agent_.SocketFolder()},
+            {"TMPDIR", agent_.Folder()},
+            {"LUMO_TCP", AgentProgram()}};
+  }
   std::string Write(const std::string& name, const std::string& text) const {
     const std::string path = agent_.Folder() / name;
     WriteFile(path, text);
@@ -67,8 +72,6 @@ class ControlTest : public ::testing::Test {
     const CtlOutcome outcome = Run({"query", "-n", node, "select 1"});
     ASSERT_EQ(outcome.Status, 0) << outcome.Err;
   }
-
-  Agent agent_;
 };
 
 }  // namespace test

@@ -18,8 +18,7 @@ TEST_F(Process, DrainTellsWhoIsLeftWhenTheTimeIsOver) {
   agent_.CloseControl();
   test::Client client(agent_);
   client.Send("ONE");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
   const Json left = Ask({"--timeout", "0.1", "drain", "--stop"}, 4);
   EXPECT_EQ(left.at("drained"), false);
   EXPECT_EQ(left.at("stopped"), false);
@@ -42,11 +41,9 @@ TEST_F(Process, DrainWaitsForTheLastAndStopsWhenAsked) {
   agent_.CloseControl();
   test::Client client(agent_);
   const lumo::Message request = client.Send("ONE");
-  ASSERT_TRUE(node.Accept());
-  const auto got = node.ReadRequest();
-  ASSERT_TRUE(got);
+  const auto got = node.ExpectFirstRequest();
   test::Program drain(LUMOCTL_PATH, Full({"drain", "--stop"}), Environment());
-  node.Answer(*got);
+  node.Answer(got);
   client.ExpectAnswer(request);
   client.Close();
   EXPECT_EQ(drain.Wait(), 0) << drain.Stderr();

@@ -229,7 +229,7 @@ TEST_F(Manage, AgentIsNotAskedForWhatTheSystemTells) {
 TEST_F(Manage, TableOfAnAgentWithoutTheOptionIsTheOneInItsDirectory) {
   agent_.WithoutNodetab().WorkingDirectory(agent_.Folder());
   const std::string path = Write("nodetab", kTwo);
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(Run({"path"}).Out, path + "\n");
   EXPECT_EQ(test::Count(agent_.Stdout(), "Nodetab found"), 1U);
 }
@@ -268,7 +268,7 @@ TEST_F(Manage, WaitEndsWhenTheAgentAnswers) {
   agent_.Nodetab(kTwo);
   Expect({"wait", "--timeout", "0.05"}, 4, "", NobodyAnswers());
   Program wait(LUMOCTL_PATH, Full({"wait"}), Environment());
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_EQ(wait.Wait(), 0);
   EXPECT_EQ(wait.Stdout(), "the agent answers: process " + std::to_string(agent_.Pid()) + "\n");
   EXPECT_EQ(Ask({"wait"}).at("pid"), agent_.Pid());

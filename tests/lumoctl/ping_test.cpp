@@ -82,10 +82,9 @@ TEST_F(Ping, LocalKernelBehindAQueueIsTestedByItsKey) {
   test::IpcKernel kernel;
   const std::string path = Write("table", kernel.Line("KERNEL"));
   test::Program ping(LUMOCTL_PATH, Full({"ping", "--file", path}), Environment());
-  const auto request = kernel.ReadRequest();
-  ASSERT_TRUE(request);
-  EXPECT_EQ(request->Message.Command, "TS T");
-  EXPECT_TRUE(kernel.Answer(*request));
+  const auto request = kernel.ExpectRequest();
+  EXPECT_EQ(request.Message.Command, "TS T");
+  EXPECT_TRUE(kernel.Answer(request));
   EXPECT_EQ(ping.Wait(), 0) << ping.Stdout() << ping.Stderr();
 }
 

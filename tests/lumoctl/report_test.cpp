@@ -113,7 +113,7 @@ TEST_F(Report, LogIsThatOfTheJournalWhenStandardErrorIsNoFile) {
 TEST_F(Report, RelativeTableIsTheAgentsAndNotOursInAnotherDirectory) {
   agent_.WithoutNodetab();
   test::WriteFile(agent_.Folder() / "work" / "nodetab", "MINE REZ\nHERE LOCALS 7\n");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   const std::string elsewhere = agent_.Folder() / "elsewhere";
   std::filesystem::create_directory(elsewhere);
   test::WriteFile(elsewhere + "/nodetab", "MINE TCPIP 127.0.0.9 9\nHERE LOCALS 9\n");

@@ -14,10 +14,8 @@
 
 namespace {
 
-using Json = nlohmann::json;
-
 // A page with two nodes and two clients. The agent that it tells of is the test itself.
-class WatchedPage : public test::StatsPageTest {
+class WatchedPage : public test::StatsPageTest, protected test::ControlProgram {
  protected:
   void SetUp() override {
     Start();
@@ -54,25 +52,12 @@ class WatchedPage : public test::StatsPageTest {
       StatsNodeAnswer(one_, 120, StatsClock() - microseconds, {0, 0});
     }
   }
-  std::map<std::string, std::string> Environment() const {
+  std::map<std::string, std::string> Environment() const override {
     return {{"TAVRIN_TMP", folder_.Path()}, {"TERM", "xterm"}};
   }
-  std::vector<std::string> Full(std::vector<std::string> arguments) const {
+  std::vector<std::string> Full(std::vector<std::string> arguments) const override {
     arguments.insert(arguments.begin(), {"-M", "4711"});
     return arguments;
-  }
-  test::CtlOutcome Run(const std::vector<std::string>& arguments) const {
-    test::Program program(LUMOCTL_PATH, Full(arguments), Environment());
-    const auto status = program.Wait();
-    return {status, program.Stdout(), program.Stderr()};
-  }
-  Json Ask(std::vector<std::string> arguments) const {
-    arguments.push_back("--json");
-    const test::CtlOutcome outcome = Run(arguments);
-    EXPECT_EQ(outcome.Status, 0) << outcome.Err;
-    Json value = Json::parse(outcome.Out, nullptr, false);
-    EXPECT_FALSE(value.is_discarded()) << outcome.Out;
-    return value;
   }
 
   int one_ = -1, two_ = -1, pair_[2] = {-1, -1};

@@ -34,15 +34,12 @@ TEST_F(Trace, EachRequestIsALineWithItsWay) {
   Start(node.Line("ONE") + "BAD REZ\n");
   test::Client client(agent_);
   const lumo::Message first = client.Send("ONE", "a");  // waits for the link
-  ASSERT_TRUE(node.Accept());
-  const auto got = node.ReadRequest();
-  ASSERT_TRUE(got);
+  const auto got = node.ExpectFirstRequest();
   const lumo::Message second = client.Send("ONE", "b");  // goes at once
-  const auto gotToo = node.ReadRequest();
-  ASSERT_TRUE(gotToo);
-  node.Answer(*got, "one");
+  const auto gotToo = node.ExpectRequest();
+  node.Answer(got, "one");
   client.ExpectAnswer(first);
-  node.Answer(*gotToo, "two");
+  node.Answer(gotToo, "two");
   client.ExpectAnswer(second);
   const lumo::Message refused = client.Send("BAD", "c");
   client.ExpectError(refused, 4066, 0);

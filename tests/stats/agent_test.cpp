@@ -1,5 +1,5 @@
 // The real agent: what its page tells, what a service manager hears, its log level by signal.
-#include "tests/support/agent.h"
+#include "tests/support/agent_test.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,6 @@
 #include <optional>
 
 #include "lib/include/lumo_stats.h"
-#include "tests/support/client.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
@@ -22,16 +21,19 @@ namespace {
 
 using test::WaitFor;
 
-class AgentStats : public testing::Test {
+class AgentStats : public test::AgentTest {
  protected:
   AgentStats() { agent_.Environment("LUMO_STATS", "1"); }
   ~AgentStats() override { lumo_stats_close(stats_); }
 
   std::string Path() const { return agent_.SocketPath() + ".stats"; }
   void Start(const std::string& nodetab) {
-    agent_.Nodetab(nodetab);
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(nodetab);
     ASSERT_EQ(lumo_stats_open(Path().c_str(), &stats_), LUMO_OK);
+  }
+  test::Client StartWithClient(const std::string& nodetab) {
+    Start(nodetab);
+    return test::Client(agent_);
   }
   lumo_stats_agent Agent() const {
     lumo_stats_agent agent;
@@ -62,7 +64,6 @@ class AgentStats : public testing::Test {
     return 0;
   }
 
-  test::Agent agent_;
   lumo_stats* stats_ = nullptr;
 };
 
@@ -87,13 +88,13 @@ TEST_F(AgentStats, KilledAgentLeavesAPageThatIsKnownForIt) {
 
 TEST_F(AgentStats, UnsetThereIsNoPage) {
   agent_.Without("LUMO_STATS");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_FALSE(std::filesystem::exists(Path()));
 }
 
 TEST_F(AgentStats, BadValueIsToldAndCountsAsUnset) {
   agent_.Environment("LUMO_STATS", "2");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   EXPECT_TRUE(agent_.LogContains("LUMO_STATS cannot be used"));
   EXPECT_FALSE(std::filesystem::exists(Path()));
 }
@@ -101,7 +102,7 @@ TEST_F(AgentStats, BadValueIsToldAndCountsAsUnset) {
 TEST_F(AgentStats, PageThatCannotBeMadeIsOneLineAndTheAgentGoesOn) {
   agent_.LogLevel("2");
   std::filesystem::create_directories(std::filesystem::path(Path()) / "in-the-way");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   agent_.Barrier();
   EXPECT_EQ(agent_.CountLogged(
                 2, "stats",
@@ -112,8 +113,7 @@ TEST_F(AgentStats, PageThatCannotBeMadeIsOneLineAndTheAgentGoesOn) {
 
 TEST_F(AgentStats, RequestsAndAnswersAreCounted) {
   test::EchoNode node;
-  Start(node.Line("ONE") + "BAD REZ\n");
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE") + "BAD REZ\n");
   for (int i = 0; i < 5; ++i) client.Ask("ONE", "a text");
   client.ExpectError(client.Send("BAD"), 4066, 0);
   client.ExpectError(client.Send("NONE"), 4050, 0);
@@ -153,8 +153,7 @@ TEST_F(AgentStats, RequestsAndAnswersAreCounted) {
 }
 
 TEST_F(AgentStats, ARequestCountsWithAllItsBytes) {
-  Start("BAD REZ\n");
-  test::Client client(agent_);
+  test::Client client = StartWithClient("BAD REZ\n");
   client.ExpectError(client.Send("BAD"), 4066, 0);
   ASSERT_TRUE(WaitFor([&] { return Agent().requests == 1; }));
   const std::uint64_t before = Agent().bytes_in;
@@ -166,8 +165,7 @@ TEST_F(AgentStats, ARequestCountsWithAllItsBytes) {
 
 TEST_F(AgentStats, WhatANodeHasNotTakenGoesWithItsLink) {
   test::Node node;
-  Start(node.Line("ONE"));
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE"));
   client.Send("ONE");
   ASSERT_TRUE(node.Accept());
   ASSERT_TRUE(WaitFor([&] {
@@ -214,12 +212,9 @@ TEST_F(AgentStats, LinesThatNobodyReadsAreCounted) {
 
 TEST_F(AgentStats, LatencyIsTheTimeUntilTheAnswer) {
   test::Node node;
-  Start(node.Line("ONE"));
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE"));
   const lumo::Message request = client.Send("ONE");
-  ASSERT_TRUE(node.Accept());
-  const auto got = node.ReadRequest();
-  ASSERT_TRUE(got);
+  const auto got = node.ExpectFirstRequest();
   EXPECT_TRUE(WaitFor([&] { return Link("ONE").in_flight == 1; }));
   const std::int64_t from = Agent().last_pass;
   // The agent's own clock tells how long the node has kept it.
@@ -227,7 +222,7 @@ TEST_F(AgentStats, LatencyIsTheTimeUntilTheAnswer) {
     agent_.Barrier();
     return Agent().last_pass - from > 50000;
   }));
-  node.Answer(*got);
+  node.Answer(got);
   client.ExpectAnswer(request);
   agent_.Barrier();
   const lumo_stats_link link = Link("ONE");
@@ -282,8 +277,7 @@ TEST_F(AgentStats, ParkedConnectionIsShown) {
 
 TEST_F(AgentStats, FailuresOfConnectsAreToldWithTheirReason) {
   test::Node node(test::Node::Start::Bound);
-  Start(node.Line("ONE"));
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE"));
   client.ExpectError(client.Send("ONE"), 4006, ECONNREFUSED);
   agent_.Barrier();
   const lumo_stats_link link = Link("ONE");
@@ -297,16 +291,14 @@ TEST_F(AgentStats, FailuresOfConnectsAreToldWithTheirReason) {
 
 TEST_F(AgentStats, WatchdogsAndUnaskedAnswersAreCounted) {
   test::Node node;
-  Start(node.Line("ONE", "0 2 0"));
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE", "0 2 0"));
   const lumo::Message request = client.Send("ONE");
   ASSERT_TRUE(node.Accept());
   ASSERT_TRUE(node.ReadControl());  // the time-out
-  const auto got = node.ReadRequest();
-  ASSERT_TRUE(got);
-  node.Answer(*got);
+  const auto got = node.ExpectRequest();
+  node.Answer(got);
   client.ExpectAnswer(request);
-  node.Answer(*got);  // once more: nobody has asked
+  node.Answer(got);  // once more: nobody has asked
   EXPECT_TRUE(WaitFor([&] { return Link("ONE").unasked == 1; }));
   const lumo::Message silent = client.Send("ONE");
   for (int i = 0; i < 20 && Link("ONE").watchdogs == 0; ++i) agent_.Tick();
@@ -344,8 +336,7 @@ TEST_F(AgentStats, StoppedAgentCanBeLookedAt) {
 
 TEST_F(AgentStats, ClientThatDoesNotReadIsClosedForThatReason) {
   test::EchoNode node;
-  Start(node.Line("ONE"));
-  test::Client client(agent_);
+  test::Client client = StartWithClient(node.Line("ONE"));
   const std::string text(8000, 'x');
   for (int i = 0; i < 2000 && Agent().closed[LUMO_STATS_NOT_READING] == 0; ++i) {
     const lumo::Message request = client.Request("ONE", text);
@@ -374,7 +365,7 @@ TEST_F(AgentLogLevel, FollowsTheSignalWithoutARestart) {
 }
 
 // A manager's socket, and what came there.
-class AgentNotify : public testing::Test {
+class AgentNotify : public test::AgentTest {
  protected:
   AgentNotify() {
     path_ = folder_.Path() / "notify";
@@ -396,13 +387,11 @@ class AgentNotify : public testing::Test {
   test::TemporaryDirectory folder_;
   std::string path_, heard_;
   int socket_ = -1;
-  test::Agent agent_;
 };
 
 TEST_F(AgentNotify, ManagerHearsOfAWholeLife) {
   test::EchoNode node;
-  agent_.Nodetab(node.Line("SRV1") + "BAD REZ\n");
-  ASSERT_TRUE(agent_.Start());
+  StartAgent(node.Line("SRV1") + "BAD REZ\n");
   EXPECT_TRUE(WaitFor([&] { return Heard() == "READY=1\n"; })) << heard_;
   test::Client client(agent_);
   agent_.Tick();
@@ -414,7 +403,7 @@ TEST_F(AgentNotify, ManagerHearsOfAWholeLife) {
 }
 
 TEST_F(AgentNotify, StoppedAgentGivesNoSignOfLife) {
-  ASSERT_TRUE(agent_.Start());
+  StartAgent();
   agent_.Tick();
   Heard();
   test::Freeze(agent_.Pid());

@@ -11,8 +11,7 @@
 #include <string>
 
 #include "tests/stress/options.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/wait.h"
@@ -48,11 +47,7 @@ class Cycles : public testing::Test {
   void ExpectServes(const Agent& agent) {
     Client client(agent);
     EXPECT_EQ(client.Ask("SRV", "tcp").Strings[0], "tcp");
-    const lumo::Message request = client.Send("KERNEL", "queue");
-    const auto received = kernel_.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_TRUE(kernel_.Answer(*received, "answer"));
-    EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "answer");
+    test::ExpectExchange(client, client.Send("KERNEL", "queue"), kernel_, "answer");
   }
   // Neither the agent nor its reader: whoever lost its parent has become ours.
   static void ExpectNoChild() {
