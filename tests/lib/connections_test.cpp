@@ -28,12 +28,6 @@ using test::Open;
 using test::Peer;
 using test::Send;
 
-void Restart(test::Agent& agent) {
-  agent.CloseControl();
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-}
-
 // Changes the environment for one test.
 class Variable {
  public:
@@ -115,31 +109,30 @@ TEST(SocketPaths, RoomIsChecked) {
   EXPECT_EQ(lumo_socket_path(1, path, 0), LUMO_BAD_ARGUMENT);
 }
 
-TEST(Connections, WithoutAPathTheEnvironmentLeadsToTheAgent) {
-  test::Agent agent;
-  ASSERT_TRUE(agent.Start());
-  const Variable directory("TAVRIN_TMP", agent.SocketFolder().c_str());
-  const Variable exchange("NET_MBX", std::to_string(agent.ExchangeId()).c_str());
+using Connections = test::AgentTest;
+
+TEST_F(Connections, WithoutAPathTheEnvironmentLeadsToTheAgent) {
+  StartAgent();
+  const Variable directory("TAVRIN_TMP", agent_.SocketFolder().c_str());
+  const Variable exchange("NET_MBX", std::to_string(agent_.ExchangeId()).c_str());
   liblumo::Connection connection;
   ASSERT_TRUE(connection) << connection.Opened().Text();
-  EXPECT_EQ(connection.AgentPid(), agent.Pid());
-  EXPECT_EQ(lumo_connection_path(connection.Get()), agent.SocketPath());
+  EXPECT_EQ(connection.AgentPid(), agent_.Pid());
+  EXPECT_EQ(lumo_connection_path(connection.Get()), agent_.SocketPath());
   EXPECT_TRUE(connection.Probe());
 }
 
-TEST(Connections, ASocketIsClosedOnExec) {
-  test::Agent agent;
-  ASSERT_TRUE(agent.Start());
-  liblumo::Connection connection = Open(agent);
+TEST_F(Connections, ASocketIsClosedOnExec) {
+  StartAgent();
+  liblumo::Connection connection = Open(agent_);
   EXPECT_EQ(fcntl(connection.Descriptor(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST(Connections, NothingIsLeftOpen) {
-  test::Agent agent;
-  ASSERT_TRUE(agent.Start());
+TEST_F(Connections, NothingIsLeftOpen) {
+  StartAgent();
   const int before = test::OpenDescriptors(getpid());
   {
-    liblumo::Connection connection = Open(agent);
+    liblumo::Connection connection = Open(agent_);
     EXPECT_TRUE(connection.Probe(kAmple));
     EXPECT_GT(test::OpenDescriptors(getpid()), before);
   }
@@ -147,7 +140,7 @@ TEST(Connections, NothingIsLeftOpen) {
   EXPECT_EQ(test::OpenDescriptors(getpid()), before);
 }
 
-TEST(Connections, NobodyThereIsNoAgentAndErrnoSaysWhy) {
+TEST_F(Connections, NobodyThereIsNoAgentAndErrnoSaysWhy) {
   lumo_connection* connection = nullptr;
   errno = 0;
   EXPECT_EQ(lumo_open("/nowhere/at/all", 1000, &connection), LUMO_NO_AGENT);
@@ -156,7 +149,7 @@ TEST(Connections, NobodyThereIsNoAgentAndErrnoSaysWhy) {
   EXPECT_EQ(lumo_open(std::string(108, 'p').c_str(), 1000, &connection), LUMO_TOO_LONG);
 }
 
-TEST(Connections, AGreetingIsChecked) {
+TEST_F(Connections, AGreetingIsChecked) {
   const struct {
     std::string Bytes;
     lumo_status Status;
@@ -174,13 +167,13 @@ TEST(Connections, AGreetingIsChecked) {
   }
 }
 
-TEST(Connections, AGreetingThatDoesNotComeIsWaitedForNoLongerThanTheDeadline) {
+TEST_F(Connections, AGreetingThatDoesNotComeIsWaitedForNoLongerThanTheDeadline) {
   FakeAgent agent;  // accepts nothing: the system connects, and nobody greets
   EXPECT_EQ(liblumo::Connection(agent.Path(), kSoon).Opened().Code, LUMO_TIMEOUT);
   EXPECT_EQ(liblumo::Connection(agent.Path(), kAtOnce).Opened().Code, LUMO_TIMEOUT);
 }
 
-TEST(Connections, AFullBacklogIsWaitedForNoLongerThanTheDeadline) {
+TEST_F(Connections, AFullBacklogIsWaitedForNoLongerThanTheDeadline) {
   FakeAgent agent;
   std::vector<liblumo::Connection> waiting;
   for (int i = 0; i < 20; ++i) {
@@ -190,50 +183,49 @@ TEST(Connections, AFullBacklogIsWaitedForNoLongerThanTheDeadline) {
   }
 }
 
-TEST(Restarts, TheNextCallConnectsAgain) {
+class Restarts : public test::AgentTest {
+ protected:
+  void Restart() {
+    agent_.CloseControl();
+    agent_.Spawn();
+    ASSERT_TRUE(agent_.WaitUntilReady());
+  }
+};
+
+TEST_F(Restarts, TheNextCallConnectsAgain) {
   test::EchoNode echo;
-  test::Agent agent;
-  agent.Nodetab(echo.Line("SRV")).Option("-NODAEMON");
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-  liblumo::Connection connection = Open(agent);
+  StartAgent(echo.Line("SRV"));
+  liblumo::Connection connection = Open(agent_);
   EXPECT_EQ(connection.Ask("SRV", "one", kAmple).String(0), "one");
-  EXPECT_EQ(agent.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
   errno = 0;
   EXPECT_EQ(connection.Ask("SRV", "two", kAmple).Status(), LUMO_NO_AGENT);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(connection.Descriptor(), -1);
-  Restart(agent);
+  Restart();
   EXPECT_EQ(connection.Ask("SRV", "three", kAmple).String(0), "three");
-  EXPECT_EQ(connection.AgentPid(), agent.Pid());
+  EXPECT_EQ(connection.AgentPid(), agent_.Pid());
   EXPECT_EQ(echo.Served(), 2);
 }
 
-TEST(Restarts, WhatWasInFlightIsUnsureAndTheRestGoesOn) {
+TEST_F(Restarts, WhatWasInFlightIsUnsureAndTheRestGoesOn) {
   test::Node node;
-  test::Agent agent;
-  agent.Nodetab(node.Line("SRV")).Option("-NODAEMON");
-  agent.Spawn();
-  ASSERT_TRUE(agent.WaitUntilReady());
-  liblumo::Connection connection = Open(agent);
+  StartAgent(node.Line("SRV"));
+  liblumo::Connection connection = Open(agent_);
   const lumo_ticket lost = Send(connection, "SRV", "lost");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
-  agent.Kill();
-  Restart(agent);
+  node.ExpectFirstRequest();
+  agent_.Kill();
+  Restart();
   // Noticed only by sending: nothing was received in between.
   const lumo_ticket kept = Send(connection, "SRV", "kept");
-  ASSERT_TRUE(node.Accept());
-  const auto request = node.ReadRequest();
-  ASSERT_TRUE(request);
-  node.Answer(*request, "answer");
+  node.Answer(node.ExpectFirstRequest(), "answer");
   EXPECT_EQ(connection.Receive(kept, kAmple).String(0), "answer");
   const liblumo::Answer end = connection.Receive(lost, kAmple);
   EXPECT_TRUE(end.Unsure());
   EXPECT_EQ(end.Reason(), LUMO_REASON_CONNECTION_LOST);
 }
 
-TEST(Restarts, CanBeAskedFor) {
+TEST_F(Restarts, CanBeAskedFor) {
   FakeAgent agent;
   auto [connection, peer] = agent.Connect();
   EXPECT_TRUE(connection.Reconnect(kAmple));
@@ -245,14 +237,14 @@ TEST(Restarts, CanBeAskedFor) {
 }
 
 // The last answers may lie in the socket of a connection that is found lost by sending.
-TEST(Restarts, AnswersThatHadComeAreNotLost) {
+TEST_F(Restarts, AnswersThatHadComeAreNotLost) {
   FakeAgent agent;
   auto [connection, peer] = agent.Connect();
   const lumo_ticket answered = Send(connection, "SRV", "answered");
   const lumo_ticket unanswered = Send(connection, "SRV", "unanswered");
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request && peer.ReadRequest());
-  peer.Answer(*request, "last word");
+  const lumo::Message request = peer.ExpectRequest();
+  peer.ExpectRequest();
+  peer.Answer(request, "last word");
   peer.Close();
   std::thread server([&, &end = peer] { end = agent.Accept(); });
   const lumo_ticket next = Send(connection, "SRV", "next");
@@ -262,7 +254,7 @@ TEST(Restarts, AnswersThatHadComeAreNotLost) {
   EXPECT_EQ(connection.Receive(next, kAtOnce).Status(), LUMO_TIMEOUT);
 }
 
-TEST(Restarts, AnAgentThatAlwaysHangsUpIsGivenUp) {
+TEST_F(Restarts, AnAgentThatAlwaysHangsUpIsGivenUp) {
   FakeAgent agent;
   auto [connection, peer] = agent.Connect();
   peer.Close();
@@ -276,13 +268,11 @@ TEST(Restarts, AnAgentThatAlwaysHangsUpIsGivenUp) {
 }
 
 TEST(Answers, MayComeInPiecesAndTogether) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket one = Send(connection, "SRV", "one"), two = Send(connection, "SRV", "two");
-  auto first = peer.ReadRequest(), second = peer.ReadRequest();
-  ASSERT_TRUE(first && second);
+  const lumo::Message first = peer.ExpectRequest(), second = peer.ExpectRequest();
   const std::string bytes =
-      lumo::Encode(*first, lumo::Lengths::Client) + lumo::Encode(*second, lumo::Lengths::Client);
+      lumo::Encode(first, lumo::Lengths::Client) + lumo::Encode(second, lumo::Lengths::Client);
   for (std::size_t at = 0; at < bytes.size(); at += 50) {
     EXPECT_EQ(connection.Receive(two, kAtOnce).Status(), LUMO_TIMEOUT);
     peer.SendBytes(std::string_view(bytes).substr(at, 50));
@@ -292,35 +282,31 @@ TEST(Answers, MayComeInPiecesAndTogether) {
 }
 
 TEST(Answers, MayBeAsLargeAsANodesLargestPacket) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question"),
                     other = Send(connection, "SRV", "");
-  const auto request = peer.ReadRequest(), second = peer.ReadRequest();
-  ASSERT_TRUE(request && second);
-  const lumo::Message largest = test::AnswerTo(*request, std::string(8084, 'x'));
+  const lumo::Message request = peer.ExpectRequest(), second = peer.ExpectRequest();
+  const lumo::Message largest = test::AnswerTo(request, std::string(8084, 'x'));
   ASSERT_EQ(lumo::EncodedSize(largest), lumo::kMaxFrame);
   peer.SendMessage(largest);
   EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), largest.Strings[0]);
-  peer.SendMessage(test::AnswerTo(*second, std::string(8086, 'x')));
+  peer.SendMessage(test::AnswerTo(second, std::string(8086, 'x')));
   EXPECT_EQ(connection.Receive(other, kAmple).Reason(), LUMO_REASON_BAD_ANSWER);
 }
 
 TEST(Answers, ThatNobodyAskedForArePassedOver) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
-  auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
-  lumo::Message stray = *request;
-  stray.SetAstInd(static_cast<std::uint16_t>(request->AstInd() ^ 1));
+  const lumo::Message request = peer.ExpectRequest();
+  lumo::Message stray = request;
+  stray.SetAstInd(static_cast<std::uint16_t>(request.AstInd() ^ 1));
   peer.SendMessage(stray);
-  stray = *request;
+  stray = request;
   stray.TaskName = getppid();
   peer.SendMessage(stray);
   EXPECT_EQ(connection.Receive(ticket, kSoon).Status(), LUMO_TIMEOUT);
-  peer.SendMessage(*request);
-  peer.SendMessage(*request);
+  peer.SendMessage(request);
+  peer.SendMessage(request);
   EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
   EXPECT_EQ(connection.ReceiveAny(kAmple).Status(), LUMO_NOTHING_SENT);
 }
@@ -337,12 +323,10 @@ TEST(Answers, ThatAreNoMessagesEndTheConnection) {
     return frame;
   };
   for (int kind = 0; kind < 4; ++kind) {
-    FakeAgent agent;
-    auto [connection, peer] = agent.Connect();
+    auto [connection, peer] = FakeAgent().Connect();
     const lumo_ticket ticket = Send(connection, "SRV", "question");
-    const auto request = peer.ReadRequest();
-    ASSERT_TRUE(request);
-    const std::string frames[] = {tooLong(*request), lengthOf(0), lengthOf(107), lengthOf(8193)};
+    const std::string frames[] = {tooLong(peer.ExpectRequest()), lengthOf(0), lengthOf(107),
+                                  lengthOf(8193)};
     peer.SendBytes(frames[kind]);
     const liblumo::Answer answer = connection.Receive(ticket, kAmple);
     EXPECT_TRUE(answer.Unsure()) << kind;
@@ -384,8 +368,7 @@ class Sending : public ::testing::Test {
   // Another thread waits on the socket for an answer that comes when Release is called.
   void Occupy() {
     const lumo_ticket ticket = Send(pair_.Library, "SRV", "held");
-    held_ = pair_.Agent.ReadRequest();
-    ASSERT_TRUE(held_);
+    held_ = pair_.Agent.ExpectRequest();
     waiting_ = std::thread([this, ticket] {
       liblumo::Answer answer;
       // While the look below lasts, the request is not this thread's.
@@ -399,14 +382,14 @@ class Sending : public ::testing::Test {
         [&] { return pair_.Library.Receive(ticket, kAtOnce).Status() == LUMO_NO_TICKET; }));
   }
   void Release() {
-    pair_.Agent.SendMessage(*held_);
+    pair_.Agent.SendMessage(held_);
     waiting_.join();
   }
 
   FakeAgent agent_;
   FakeAgent::Pair pair_;
   liblumo::Request request_;
-  std::optional<lumo::Message> held_;
+  lumo::Message held_;
   std::thread waiting_;
 };
 
@@ -496,15 +479,12 @@ TEST_F(Sending, WaitsForRoomWhileAnotherThreadReceives) {
 }
 
 TEST(EventLoops, TheDescriptorTellsThatAnAnswerHasCome) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
   pollfd ready{connection.Descriptor(), POLLIN, 0};
   EXPECT_EQ(connection.ReceiveAny(kAtOnce).Status(), LUMO_TIMEOUT);
   EXPECT_EQ(poll(&ready, 1, 0), 0);
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
-  peer.SendMessage(*request);
+  peer.SendMessage(peer.ExpectRequest());
   EXPECT_EQ(poll(&ready, 1, 15000), 1);
   EXPECT_EQ(connection.ReceiveAny(kAtOnce).Ticket(), ticket);
 }

@@ -19,12 +19,11 @@ std::string SanitizerRuntime() {
   return {path, std::strcspn(path, "\n")};
 }
 
-class Examples : public ::testing::TestWithParam<Example> {
+class Examples : public test::AgentTest, public ::testing::WithParamInterface<Example> {
  protected:
   Examples() : node_({"--listen", "0", "--sql", "create table t(a); insert into t values (42)"}) {}
   void SetUp() override {
-    agent_.Nodetab(node_.Line("SRV"));
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(node_.Line("SRV"));
     environment_ = {{"TAVRIN_TMP", agent_.SocketFolder()},
                     {"NET_MBX", std::to_string(agent_.ExchangeId())},
                     {"PYTHONPATH", LUMO_PYTHON_PATH},
@@ -48,7 +47,6 @@ class Examples : public ::testing::TestWithParam<Example> {
   }
 
   test::NodeProgram node_;
-  test::Agent agent_;
   std::map<std::string, std::string> environment_;
 };
 

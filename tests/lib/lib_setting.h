@@ -2,7 +2,6 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "tests/support/agent.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/peer.h"
 #include "tests/support/process.h"
@@ -33,11 +32,7 @@ inline std::string Greeting(std::int32_t pid, std::uint32_t length = 56) {
 // A stand-in agent whose every byte is the test's. Connections wait until they are accepted.
 class FakeAgent {
  public:
-  FakeAgent() : path_(folder_.Path() / "socket"), listener_(socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  FakeAgent() : path_(folder_.Path() / "socket"), listener_(BoundAt(path_)) {
     EXPECT_EQ(listen(listener_, 16), 0);
   }
   ~FakeAgent() { close(listener_); }
@@ -68,6 +63,14 @@ class FakeAgent {
   TemporaryDirectory folder_;
   std::string path_;
   int listener_;
+};
+
+// An agent with the node SRV, which answers each request with its text.
+class EchoTest : public AgentTest {
+ protected:
+  void SetUp() override { StartAgent(echo_.Line("SRV")); }
+
+  EchoNode echo_;
 };
 
 // A thread of ours, by the number that it wrote there, waits for something.

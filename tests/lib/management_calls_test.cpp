@@ -7,12 +7,11 @@ using test::kAmple;
 
 constexpr liblumo::Time kTime = kAmple;
 
-class Management : public ::testing::Test {
+class Management : public test::AgentTest {
  protected:
   void SetUp() override {
-    agent_.Nodetab("FIRST TCPIP 127.0.0.1 1061 3 60 10\nSECOND LOCALS 31077\nTHIRD REZ\n");
     agent_.Options({"-DEFAULT", "FIRST"});
-    ASSERT_TRUE(agent_.Start());
+    StartAgent("FIRST TCPIP 127.0.0.1 1061 3 60 10\nSECOND LOCALS 31077\nTHIRD REZ\n");
     connection_.emplace(test::Open(agent_));
   }
   liblumo::Connection& Lumo() { return *connection_; }
@@ -24,7 +23,6 @@ class Management : public ::testing::Test {
     return names;
   }
 
-  test::Agent agent_;
   std::optional<liblumo::Connection> connection_;
 };
 
@@ -119,8 +117,7 @@ TEST_F(Management, ANodeInUseGoesLater) {
   test::Node node;
   Expect(Lumo().AddNode(node.Line("BUSY"), kTime), LUMO_OK, 0);
   test::Send(Lumo(), "BUSY", "question");
-  ASSERT_TRUE(node.Accept());
-  ASSERT_TRUE(node.ReadRequest());
+  node.ExpectFirstRequest();
   Expect(Lumo().DeleteNode("BUSY", kTime), LUMO_OK, LUMO_RESULT_PENDING);
   EXPECT_EQ(Names(), "FIRST SECOND THIRD BUSY");
   node.Close();
@@ -169,8 +166,7 @@ TEST_F(Management, AsARequest) {
 
 // Whichever call it was, errno is what the agent told.
 TEST(ManagementError, IsInErrno) {
-  test::FakeAgent fake;
-  test::FakeAgent::Pair pair = fake.Connect();
+  test::FakeAgent::Pair pair = test::FakeAgent().Connect();
   const auto refuse = [&](int sysErr, auto call) {
     std::thread agent([&] {
       auto request = pair.Agent.ReadRequest();

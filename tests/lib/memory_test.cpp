@@ -43,10 +43,10 @@ int FailEach(Call call) {
   }
 }
 
-TEST(Memory, OpeningFailsCleanly) {
-  test::Agent agent;
-  ASSERT_TRUE(agent.Start());
-  const std::string path = agent.SocketPath();
+using Memory = test::EchoTest;
+
+TEST_F(Memory, OpeningFailsCleanly) {
+  const std::string path = agent_.SocketPath();
   const int before = test::OpenDescriptors(getpid());
   const int failures = FailEach([&] {
     lumo_connection* connection = nullptr;
@@ -61,12 +61,8 @@ TEST(Memory, OpeningFailsCleanly) {
   EXPECT_EQ(test::OpenDescriptors(getpid()), before);
 }
 
-TEST(Memory, AskingFailsCleanlyAndTheConnectionGoesOn) {
-  test::EchoNode echo;
-  test::Agent agent;
-  agent.Nodetab(echo.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  liblumo::Connection connection = test::Open(agent);
+TEST_F(Memory, AskingFailsCleanlyAndTheConnectionGoesOn) {
+  liblumo::Connection connection = test::Open(agent_);
   const std::string text(300, 'x');
   int unsure = 0;
   const int failures = FailEach([&] {
@@ -87,12 +83,8 @@ TEST(Memory, AskingFailsCleanlyAndTheConnectionGoesOn) {
   EXPECT_EQ(connection.Ask("SRV", "afterwards", kAmple).String(0), "afterwards");
 }
 
-TEST(Memory, AnAnswerThatCouldNotBeTakenIsTakenLater) {
-  test::EchoNode echo;
-  test::Agent agent;
-  agent.Nodetab(echo.Line("SRV"));
-  ASSERT_TRUE(agent.Start());
-  liblumo::Connection connection = test::Open(agent);
+TEST_F(Memory, AnAnswerThatCouldNotBeTakenIsTakenLater) {
+  liblumo::Connection connection = test::Open(agent_);
   const std::string text(300, 'x');
   const int failures = FailEach([&] {
     const int budget = allocationsUntilFailure;
@@ -114,9 +106,8 @@ TEST(Memory, AnAnswerThatCouldNotBeTakenIsTakenLater) {
   EXPECT_GE(failures, 1);
 }
 
-TEST(Memory, OfAnswersThatCameTogetherTheOneThatCouldNotBeTakenIsTakenLater) {
-  test::FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+TEST_F(Memory, OfAnswersThatCameTogetherTheOneThatCouldNotBeTakenIsTakenLater) {
+  auto [connection, peer] = test::FakeAgent().Connect();
   const int failures = FailEach([&, &connection = connection, &peer = peer] {
     const int budget = allocationsUntilFailure;
     allocationsUntilFailure = -1;
@@ -124,9 +115,7 @@ TEST(Memory, OfAnswersThatCameTogetherTheOneThatCouldNotBeTakenIsTakenLater) {
     std::array<lumo_ticket, 2> tickets{};
     for (lumo_ticket& ticket : tickets) {
       ticket = test::Send(connection, "SRV", std::string(300, 'x'));
-      const auto request = peer.ReadRequest();
-      ASSERT_TRUE(request);
-      answers += lumo::Encode(*request, lumo::Lengths::Client);
+      answers += lumo::Encode(peer.ExpectRequest(), lumo::Lengths::Client);
     }
     ASSERT_TRUE(peer.SendBytes(answers));
     allocationsUntilFailure = budget;

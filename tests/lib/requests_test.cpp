@@ -13,20 +13,17 @@ using test::kSoon;
 using test::Open;
 using test::Send;
 
-class Requests : public ::testing::Test {
+class Requests : public test::AgentTest {
  protected:
   void Start(const std::string& nodetab) {
-    agent_.Nodetab(nodetab);
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(nodetab);
     connection_.emplace(Open(agent_));
   }
   // A request that the node has, and its ticket.
   lumo_ticket SendToNode(lumo::Message* received) {
     const lumo_ticket ticket = Send(*connection_, "SRV", "question");
     EXPECT_TRUE(node_.Open() || node_.Accept());
-    const auto request = node_.ReadRequest();
-    EXPECT_TRUE(request);
-    if (request) *received = *request;
+    *received = node_.ExpectRequest();
     return ticket;
   }
 
@@ -37,7 +34,6 @@ class Requests : public ::testing::Test {
   }
 
   test::Node node_;
-  test::Agent agent_;
   lumo::Message request_;
   std::optional<liblumo::Connection> connection_;
 };
@@ -72,15 +68,13 @@ TEST_F(Requests, EveryFieldGoesOutAndComesBack) {
             std::uint8_t{100});
   lumo_ticket ticket = 0;
   ASSERT_TRUE(connection_->Send(request, &ticket));
-  ASSERT_TRUE(node_.Accept());
-  const auto received = node_.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->Command, "EXEC");
-  EXPECT_EQ(lumo::NodeText(*received), "SRV");
-  EXPECT_EQ(received->Strings[1], std::string("a\0b", 3));
-  EXPECT_EQ(received->TaskName, getpid());
-  EXPECT_EQ(received->TrailerTaskName(), getpid());
-  node_.SendMessage(*received);
+  const lumo::Message received = node_.ExpectFirstRequest();
+  EXPECT_EQ(received.Command, "EXEC");
+  EXPECT_EQ(lumo::NodeText(received), "SRV");
+  EXPECT_EQ(received.Strings[1], std::string("a\0b", 3));
+  EXPECT_EQ(received.TaskName, getpid());
+  EXPECT_EQ(received.TrailerTaskName(), getpid());
+  node_.SendMessage(received);
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
   ASSERT_TRUE(answer) << answer.Words();
   const lumo_answer* const raw = answer.Get();
@@ -103,7 +97,7 @@ TEST_F(Requests, EveryFieldGoesOutAndComesBack) {
   EXPECT_EQ(std::memcmp(trailer + 8, request.Fields.trailer + 8, 4), 0);
   EXPECT_EQ(std::memcmp(trailer + 14, request.Fields.trailer + 14, 32), 0);
   EXPECT_EQ(trailer[47], request.Fields.trailer[47]);
-  EXPECT_EQ(lumo_answer_tag(raw), received->AstInd());
+  EXPECT_EQ(lumo_answer_tag(raw), received.AstInd());
 }
 
 TEST_F(Requests, TheNodesOwnCodeIsARefusal) {
@@ -236,9 +230,7 @@ TEST_F(Requests, TwoConnectionsNeverShareATag) {
     SendToNode(&request);
     tags.insert(request.AstInd());
     Send(other, "SRV", "question");
-    const auto received = node_.ReadRequest();
-    ASSERT_TRUE(received);
-    tags.insert(received->AstInd());
+    tags.insert(node_.ExpectRequest().AstInd());
   }
   EXPECT_EQ(tags.size(), 40u);
   EXPECT_EQ(tags.count(0), 0u);
@@ -270,14 +262,12 @@ TEST_F(Requests, AnAskThatIsNotAnsweredInTimeIsUnsureAndItsAnswerIsDropped) {
   EXPECT_TRUE(late.Unsure());
   EXPECT_EQ(late.Reason(), LUMO_REASON_DEADLINE);
   EXPECT_EQ(connection_->InFlight(), 0u);
-  ASSERT_TRUE(node_.Accept());
-  const auto slow = node_.ReadRequest();
-  ASSERT_TRUE(slow);
-  EXPECT_EQ(lumo_answer_tag(late.Get()), slow->AstInd());
+  const lumo::Message slow = node_.ExpectFirstRequest();
+  EXPECT_EQ(lumo_answer_tag(late.Get()), slow.AstInd());
   lumo::Message request;
   const lumo_ticket ticket = SendToNode(&request);
-  EXPECT_NE(request.AstInd(), slow->AstInd());
-  node_.Answer(*slow, "too late");
+  EXPECT_NE(request.AstInd(), slow.AstInd());
+  node_.Answer(slow, "too late");
   node_.Answer(request, "in time");
   EXPECT_EQ(connection_->Receive(ticket, kAmple).String(0), "in time");
   EXPECT_EQ(connection_->ReceiveAny(kAmple).Status(), LUMO_NOTHING_SENT);

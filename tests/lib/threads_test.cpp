@@ -20,12 +20,8 @@ using test::kSoon;
 using test::Open;
 using test::Send;
 
-class Threads : public ::testing::Test {
+class Threads : public test::EchoTest {
  protected:
-  void SetUp() override {
-    agent_.Nodetab(echo_.Line("SRV"));
-    ASSERT_TRUE(agent_.Start());
-  }
   // Asks until told to stop; every answer must be the asking thread's own.
   static void AskAll(liblumo::Connection& connection, const std::string& name, int count) {
     for (int i = 0; i < count; ++i) {
@@ -35,9 +31,6 @@ class Threads : public ::testing::Test {
       ASSERT_EQ(answer.String(0), text);
     }
   }
-
-  test::EchoNode echo_;
-  test::Agent agent_;
 };
 
 TEST_F(Threads, EachGetsItsOwnAnswers) {
@@ -76,30 +69,26 @@ TEST_F(Threads, WaitersForAnyRequestShareThem) {
 }
 
 TEST_F(Threads, AWaitForEverHindersNobody) {
-  FakeAgent fake;
-  auto [connection, peer] = fake.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket slow = Send(connection, "SRV", "slow");
-  const auto held = peer.ReadRequest();
-  ASSERT_TRUE(held);
+  const lumo::Message held = peer.ExpectRequest();
   std::thread waiting([&, &connection = connection] {
     EXPECT_EQ(connection.Receive(slow, liblumo::kForever).String(0), "slow");
   });
   for (int i = 0; i < 10; ++i) {
     const lumo_ticket quick = Send(connection, "SRV", "quick");
-    const auto request = peer.ReadRequest();
-    ASSERT_TRUE(request);
+    const lumo::Message request = peer.ExpectRequest();
     EXPECT_EQ(connection.Receive(quick, kAtOnce).Status(), LUMO_TIMEOUT);
-    peer.SendMessage(*request);
+    peer.SendMessage(request);
     EXPECT_EQ(connection.Receive(quick, kAmple).String(0), "quick");
   }
-  peer.SendMessage(*held);
+  peer.SendMessage(held);
   waiting.join();
 }
 
 // The one request that a thread waits for among any is given up by another thread.
 TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
-  FakeAgent fake;
-  auto [connection, peer] = fake.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
   std::atomic<pid_t> waiter{0};
   std::thread waiting([&, &connection = connection] {
@@ -123,12 +112,10 @@ int UntakenWakeUps() {
 
 // One that stayed would end every further wait at once.
 TEST_F(Threads, AWakeUpEndsOneWait) {
-  FakeAgent fake;
-  auto [connection, peer] = fake.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket given = Send(connection, "SRV", "given up"), kept = Send(connection, "SRV", "");
-  ASSERT_TRUE(peer.ReadRequest());
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
+  peer.ExpectRequest();
+  const lumo::Message request = peer.ExpectRequest();
   std::atomic<pid_t> waiter{0};
   std::thread waiting([&, &connection = connection] {
     waiter = gettid();
@@ -137,13 +124,12 @@ TEST_F(Threads, AWakeUpEndsOneWait) {
   EXPECT_TRUE(test::Sleeps(waiter));
   EXPECT_TRUE(connection.Abandon(given));
   EXPECT_TRUE(test::WaitFor([] { return UntakenWakeUps() == 0; })) << UntakenWakeUps();
-  peer.SendMessage(*request);
+  peer.SendMessage(request);
   waiting.join();
 }
 
 TEST_F(Threads, ALostConnectionEndsEveryWait) {
-  FakeAgent fake;
-  auto [connection, peer] = fake.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     const lumo_ticket ticket = Send(connection, "SRV", "question");
@@ -210,11 +196,9 @@ TEST_F(Threads, AChildGoesOnWithAConnectionOfItsOwn) {
 }
 
 TEST(Forks, WhatTheParentSentStaysTheParents) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
+  const lumo::Message request = peer.ExpectRequest();
   EXPECT_TRUE(InChild([&, &connection = connection] {
     return connection.InFlight() == 0 &&
            connection.Receive(ticket, kAmple).Status() == LUMO_FORKED &&
@@ -222,22 +206,19 @@ TEST(Forks, WhatTheParentSentStaysTheParents) {
            connection.ReceiveAny(kAmple).Status() == LUMO_NOTHING_SENT &&
            connection.Receive(ticket + 1000, kAtOnce).Status() == LUMO_NO_TICKET;
   }));
-  peer.SendMessage(*request);
+  peer.SendMessage(request);
   EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
 }
 
 TEST(Forks, ClosingInTheChildLeavesTheParentsConnection) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   EXPECT_TRUE(InChild([&, &connection = connection] {
     const int before = test::OpenDescriptors(getpid());
     lumo_close(connection.Get());
     return test::OpenDescriptors(getpid()) < before;
   }));
   const lumo_ticket ticket = Send(connection, "SRV", "question");
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
-  peer.SendMessage(*request);
+  peer.SendMessage(peer.ExpectRequest());
   EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), "question");
 }
 
@@ -247,8 +228,7 @@ TEST(Forks, ClosingInTheChildLeavesTheParentsConnection) {
 TEST(Forks, AChildOfABusyProcessIsNotHeldUp) {
   test::Agent agent;
   ASSERT_TRUE(agent.Start());
-  FakeAgent fake;
-  auto [parents, peer] = fake.Connect();
+  auto [parents, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(parents, "SRV", "question");
   liblumo::Connection childs = Open(agent);
   std::atomic<bool> stop{false};
@@ -270,90 +250,86 @@ TEST(Forks, AChildOfABusyProcessIsNotHeldUp) {
   for (std::thread& thread : threads) thread.join();
 }
 
-TEST(TagsOfAProcess, AllAreDifferentUntilTheyRunOut) {
-  Tags& tags = Tags::OfThisProcess();
+class TagsOfAProcess : public ::testing::Test {
+ protected:
+  // All that are left.
+  std::vector<std::uint16_t> TakeAll() {
+    std::vector<std::uint16_t> taken;
+    while (const auto tag = tags_.Take()) taken.push_back(*tag);
+    return taken;
+  }
+
+  Tags& tags_ = Tags::OfThisProcess();
+};
+
+TEST_F(TagsOfAProcess, AllAreDifferentUntilTheyRunOut) {
   std::set<std::uint16_t> taken;
-  while (const auto tag = tags.Take()) EXPECT_TRUE(taken.insert(*tag).second);
+  while (const auto tag = tags_.Take()) EXPECT_TRUE(taken.insert(*tag).second);
   EXPECT_EQ(taken.size(), 65534u);
   EXPECT_EQ(*taken.begin(), 1);
   EXPECT_EQ(*taken.rbegin(), 0xFFFE);
 
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+  auto [connection, peer] = FakeAgent().Connect();
   lumo_ticket ticket = 0;
   EXPECT_EQ(connection.Send(liblumo::Request("SRV"), &ticket).Code, LUMO_NO_TAG);
-  for (const std::uint16_t tag : taken) tags.Release(tag);
+  for (const std::uint16_t tag : taken) tags_.Release(tag);
   EXPECT_TRUE(connection.Send(liblumo::Request("SRV"), &ticket));
 }
 
-TEST(TagsOfAProcess, OneWhoseAnswerMayStillComeIsTakenLast) {
-  Tags& tags = Tags::OfThisProcess();
-  std::vector<std::uint16_t> taken;
-  while (const auto tag = tags.Take()) taken.push_back(*tag);
-  tags.Retire(700);
-  tags.Release(800);
-  EXPECT_EQ(tags.Take(), 800);
-  tags.Release(900);
-  EXPECT_EQ(tags.Take(), 900);
-  EXPECT_EQ(tags.Take(), 700);
-  EXPECT_EQ(tags.Take(), std::nullopt);
-  for (const std::uint16_t tag : taken) tags.Release(tag);
+TEST_F(TagsOfAProcess, OneWhoseAnswerMayStillComeIsTakenLast) {
+  const std::vector<std::uint16_t> taken = TakeAll();
+  tags_.Retire(700);
+  tags_.Release(800);
+  EXPECT_EQ(tags_.Take(), 800);
+  tags_.Release(900);
+  EXPECT_EQ(tags_.Take(), 900);
+  EXPECT_EQ(tags_.Take(), 700);
+  EXPECT_EQ(tags_.Take(), std::nullopt);
+  for (const std::uint16_t tag : taken) tags_.Release(tag);
 }
 
-TEST(TagsOfAProcess, OneOfALostConnectionIsTakenAfterAllThatAreFree) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+TEST_F(TagsOfAProcess, OneOfALostConnectionIsTakenAfterAllThatAreFree) {
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
+  const lumo::Message request = peer.ExpectRequest();
   peer.Close();
   EXPECT_TRUE(connection.Receive(ticket, kAmple).Unsure());
-  Tags& tags = Tags::OfThisProcess();
-  for (int i = 0; i < 1000; ++i) tags.Release(*tags.Take());  // else it would be the last in turn
-  std::vector<std::uint16_t> taken;
-  while (const auto tag = tags.Take()) taken.push_back(*tag);
-  const auto place = std::find(taken.begin(), taken.end(), request->AstInd());
+  for (int i = 0; i < 1000; ++i) tags_.Release(*tags_.Take());  // else it would be the last in turn
+  const std::vector<std::uint16_t> taken = TakeAll();
+  const auto place = std::find(taken.begin(), taken.end(), request.AstInd());
   EXPECT_LT(taken.end() - place, 500) << "behind it are those that other tests have left";
   EXPECT_NE(place, taken.end());
-  for (const std::uint16_t tag : taken) tags.Release(tag);
+  for (const std::uint16_t tag : taken) tags_.Release(tag);
 }
 
-TEST(TagsOfAProcess, OneThatWasGivenUpIsParkedUntilItsAnswerComes) {
-  FakeAgent agent;
-  auto [connection, peer] = agent.Connect();
+TEST_F(TagsOfAProcess, OneThatWasGivenUpIsParkedUntilItsAnswerComes) {
+  auto [connection, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(connection, "SRV", "question");
-  const auto request = peer.ReadRequest();
-  ASSERT_TRUE(request);
+  const lumo::Message request = peer.ExpectRequest();
   EXPECT_TRUE(connection.Abandon(ticket));
-  Tags& tags = Tags::OfThisProcess();
-  std::vector<std::uint16_t> taken;
-  while (const auto tag = tags.Take()) taken.push_back(*tag);
-  EXPECT_EQ(std::count(taken.begin(), taken.end(), request->AstInd()), 0);
-  tags.Release(taken.back());
+  std::vector<std::uint16_t> taken = TakeAll();
+  EXPECT_EQ(std::count(taken.begin(), taken.end(), request.AstInd()), 0);
+  tags_.Release(taken.back());
   const lumo_ticket other = Send(connection, "SRV", "question");
-  const auto second = peer.ReadRequest();
-  ASSERT_TRUE(second);
-  EXPECT_EQ(second->AstInd(), taken.back());
+  const lumo::Message second = peer.ExpectRequest();
+  EXPECT_EQ(second.AstInd(), taken.back());
   taken.pop_back();
-  peer.SendMessage(*request);
-  peer.SendMessage(*second);
+  peer.SendMessage(request);
+  peer.SendMessage(second);
   EXPECT_TRUE(connection.Receive(other, kAmple));
   // Both answers have come: both tags are free again, and taken before any that is only retired.
-  for (const std::uint16_t tag : taken) tags.Retire(tag);
-  std::vector<std::uint16_t> again;
-  while (const auto tag = tags.Take()) again.push_back(*tag);
+  for (const std::uint16_t tag : taken) tags_.Retire(tag);
+  const std::vector<std::uint16_t> again = TakeAll();
   ASSERT_EQ(again.size(), taken.size() + 2);
   EXPECT_EQ((std::set<std::uint16_t>{again[0], again[1]}),
-            (std::set<std::uint16_t>{request->AstInd(), second->AstInd()}));
-  for (const std::uint16_t tag : again) tags.Release(tag);
+            (std::set<std::uint16_t>{request.AstInd(), second.AstInd()}));
+  for (const std::uint16_t tag : again) tags_.Release(tag);
 }
 
-TEST(TagsOfAProcess, AChildHasItsOwn) {
-  Tags& tags = Tags::OfThisProcess();
-  std::vector<std::uint16_t> taken;
-  while (const auto tag = tags.Take()) taken.push_back(*tag);
+TEST_F(TagsOfAProcess, AChildHasItsOwn) {
+  const std::vector<std::uint16_t> taken = TakeAll();
   EXPECT_TRUE(InChild([&] { return Tags::OfThisProcess().Take().has_value(); }));
-  for (const std::uint16_t tag : taken) tags.Release(tag);
+  for (const std::uint16_t tag : taken) tags_.Release(tag);
 }
 
 }  // namespace
