@@ -103,9 +103,7 @@ TEST_F(Change, StrictRefusesLinesWithWarnings) {
                                                        {"refresh", "ONE", "--file", path}};
   for (std::vector<std::string> command : commands) {
     command.push_back("--strict");
-    const test::CtlOutcome outcome = Run(command);
-    EXPECT_EQ(outcome.Status, 1) << command[0];
-    EXPECT_NE(outcome.Err.find("34463 is used [port-range]\n"), std::string::npos) << outcome.Err;
+    ExpectError(command, 1, "34463 is used [port-range]\n");
   }
   EXPECT_EQ(Names(), "ONE\n");
   EXPECT_EQ(Ask({"show", "ONE"}).at("port"), 1);

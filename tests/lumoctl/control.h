@@ -18,6 +18,11 @@ struct CtlOutcome {
   std::string Out, Err;
 };
 
+inline void ExpectHolds(const std::string& text, const std::vector<std::string>& parts) {
+  for (const std::string& part : parts)
+    EXPECT_NE(text.find(part), std::string::npos) << part << '\n' << text;
+}
+
 // Runs lumoctl with what a fixture says.
 class ControlProgram {
  protected:
@@ -38,6 +43,13 @@ class ControlProgram {
     EXPECT_EQ(outcome.Out, out) << testing::PrintToString(arguments);
     EXPECT_EQ(outcome.Err, err) << testing::PrintToString(arguments);
   }
+  // Somewhere in what it says is this.
+  void ExpectError(const std::vector<std::string>& arguments, int status,
+                   const std::string& part) const {
+    const CtlOutcome outcome = Run(arguments);
+    EXPECT_EQ(outcome.Status, status) << testing::PrintToString(arguments);
+    ExpectHolds(outcome.Err, {part});
+  }
   // The value that it prints with --json.
   Json Ask(std::vector<std::string> arguments, int status = 0) const {
     arguments.push_back("--json");
@@ -51,6 +63,8 @@ class ControlProgram {
 
 class ControlTest : public AgentTest, protected ControlProgram {
  protected:
+  using ControlProgram::Run;
+
   void Start(const std::string& nodetab) { StartAgent(nodetab); }
   std::vector<std::string> Full(std::vector<std::string> arguments) const override {
     arguments.insert(arguments.begin(), {"-M", std::to_string(agent_.ExchangeId())});

@@ -1,5 +1,4 @@
 // drain and log: what is done with the process of a real agent.
-#include <filesystem>
 
 #include "tests/lumoctl/control.h"
 #include "tests/support/client.h"

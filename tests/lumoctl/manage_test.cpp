@@ -283,10 +283,9 @@ TEST_F(Manage, SocketMayBeGivenByItsPath) {
 
 TEST_F(Manage, HelpIsInWordsWithAllOptionsOfACommand) {
   const std::string help = Run({"set", "--help"}).Out;
-  EXPECT_NE(help.find("Usage: lumoctl set [OPTIONS] NODE LINE ...\n"), std::string::npos) << help;
-  for (const char* const option : {"--owner NUMBER", "--strict", "--no-lock", "General options:",
-                                   "-M,--exchange ID", "--timeout SECONDS", "--json"})
-    EXPECT_NE(help.find(option), std::string::npos) << option << '\n' << help;
+  test::ExpectHolds(
+      help, {"Usage: lumoctl set [OPTIONS] NODE LINE ...\n", "--owner NUMBER", "--strict",
+             "--no-lock", "General options:", "-M,--exchange ID", "--timeout SECONDS", "--json"});
   EXPECT_EQ(help.find("x)"), std::string::npos) << help;
 }
 

@@ -3,7 +3,9 @@
 
 #include <array>
 #include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 
 #include "core/init.h"
@@ -142,42 +144,20 @@ TEST_F(NodeTableModel, AgreesWithTheAgentOnRandomTables) {
 
 // The model finds an option in an argument when, and only when, the agent does.
 TEST_F(NodeTableModel, AgreesWithTheAgentOnWhatSpellsAnOption) {
-  static constexpr std::array kKeys{"H",
-                                    "?",
-                                    "HELP",
-                                    "VERSION",
-                                    "U",
-                                    "N",
-                                    "NODETAB",
-                                    "M",
-                                    "S",
-                                    "DEFAULT",
-                                    "A",
-                                    "AUTOCHANGE",
-                                    "G",
-                                    "AUTOCONNECT",
-                                    "AUTOCONNECTTIMEOUT",
-                                    "ERR1001",
-                                    "CONNECTONLOAD",
-                                    "CONNERROR",
-                                    "K",
-                                    "PKILL",
-                                    "NODAEMON",
-                                    "PCHECK",
-                                    "C",
-                                    "P",
-                                    "PIDFILE",
-                                    "PING"};
+  std::istringstream words(
+      "H ? HELP VERSION U N NODETAB M S DEFAULT A AUTOCHANGE G AUTOCONNECT AUTOCONNECTTIMEOUT "
+      "ERR1001 CONNECTONLOAD CONNERROR K PKILL NODAEMON PCHECK C P PIDFILE PING");
+  const std::vector<std::string> keys{std::istream_iterator<std::string>(words), {}};
   std::vector<std::string> arguments{
       "",    "-",  "/",  "--ping", "pi-ng", "U=1",          "U=", "u 1", "=",
       "SRV", "/s", "N-", "-N-=x",  "PINGS", "auto/connect", "Mx", "M 0"};
-  for (const char* key : kKeys) arguments.insert(arguments.end(), {key, std::string("-") + key});
+  for (const std::string& key : keys) arguments.insert(arguments.end(), {key, "-" + key});
   for (std::string argument : arguments) {
     char program[] = "lumo_tcp";
     char* argv[] = {program, argument.data(), nullptr};
     std::string found;
-    for (const char* key : kKeys)
-      if (GetArgument(1, argv, key)) found = key;
+    for (const std::string& key : keys)
+      if (GetArgument(1, argv, key.c_str())) found = key;
     EXPECT_EQ(lumo::ctl::OptionSpelled(argument), found) << argument;
   }
 }

@@ -17,6 +17,8 @@ namespace {
 // A page with two nodes and two clients. The agent that it tells of is the test itself.
 class WatchedPage : public test::StatsPageTest, protected test::ControlProgram {
  protected:
+  using ControlProgram::Run;
+
   void SetUp() override {
     Start();
     one_ = NewLinkStats("ONE", "TCPIP", "127.0.0.1 1060");
@@ -97,19 +99,16 @@ TEST_F(Stats, TellsOfAgentAndNodes) {
 }
 
 TEST_F(Stats, IsTextForPeople) {
-  const std::string text = Run({"stats"}).Out;
-  EXPECT_NE(text.find("clients   2 of "), std::string::npos) << text;
-  EXPECT_NE(text.find("answers   100 of nodes, 1 of the agent (1 of 4006)"), std::string::npos);
-  EXPECT_NE(text.find("*  ONE   up"), std::string::npos) << text;
-  EXPECT_NE(text.find("   TWO   down"), std::string::npos) << text;
+  test::ExpectHolds(Run({"stats"}).Out,
+                    {"clients   2 of ", "answers   100 of nodes, 1 of the agent (1 of 4006)",
+                     "*  ONE   up", "   TWO   down"});
 }
 
 TEST_F(Stats, TellsOfOneNode) {
   EXPECT_EQ(Ask({"stats", "two"}).at("connects_failed"), 1);
   EXPECT_EQ(Ask({"stats", "default"}).at("node"), "ONE");
-  const std::string text = Run({"stats", "TWO"}).Out;
-  EXPECT_NE(text.find("node      TWO, TCPIP 127.0.0.1 1061\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("with 4006, errno 111"), std::string::npos) << text;
+  test::ExpectHolds(Run({"stats", "TWO"}).Out,
+                    {"node      TWO, TCPIP 127.0.0.1 1061\n", "with 4006, errno 111"});
   EXPECT_EQ(Run({"stats", "NONE"}).Status, 1);
 }
 
@@ -129,9 +128,7 @@ TEST_F(Stats, ListsTheClients) {
 
 TEST_F(Stats, WithoutAPageSaysHowToHaveOne) {
   End();
-  const test::CtlOutcome outcome = Run({"stats"});
-  EXPECT_EQ(outcome.Status, 3);
-  EXPECT_NE(outcome.Err.find("LUMO_STATS=1"), std::string::npos) << outcome.Err;
+  ExpectError({"stats"}, 3, "LUMO_STATS=1");
 }
 
 TEST_F(Stats, StuckAgentIsToldFromOneThatHasEnded) {
@@ -139,9 +136,7 @@ TEST_F(Stats, StuckAgentIsToldFromOneThatHasEnded) {
   lumo_stats_agent* const row =
       reinterpret_cast<lumo_stats_agent*>(g_Stats.Base + sizeof(lumo_stats_header));
   row->last_pass = g_Stats.Clock;
-  test::CtlOutcome outcome = Run({"stats"});
-  EXPECT_EQ(outcome.Status, 0);
-  EXPECT_NE(outcome.Err.find("stuck or stopped"), std::string::npos) << outcome.Err;
+  ExpectError({"stats"}, 0, "stuck or stopped");
   EXPECT_EQ(Ask({"stats"}).at("agent").at("stuck"), true);
   std::filesystem::copy_file(Path(), Path() + ".kept");
   const pid_t child = fork();
@@ -151,15 +146,11 @@ TEST_F(Stats, StuckAgentIsToldFromOneThatHasEnded) {
     kill(getpid(), SIGKILL);
   }
   waitpid(child, nullptr, 0);
-  outcome = Run({"stats"});
-  EXPECT_EQ(outcome.Status, 3);
-  EXPECT_NE(outcome.Err.find("has ended"), std::string::npos) << outcome.Err;
+  ExpectError({"stats"}, 3, "has ended");
 }
 
 TEST_F(Stats, ProcessThatDoesNotKnowTheSignalOfALogLevelGetsNone) {
-  const test::CtlOutcome outcome = Run({"log", "15"});  // it would end the test
-  EXPECT_EQ(outcome.Status, 1);
-  EXPECT_NE(outcome.Err.find("does not take the signal"), std::string::npos) << outcome.Err;
+  ExpectError({"log", "15"}, 1, "does not take the signal");  // it would end the test
   EXPECT_EQ(Run({"log", "16"}).Status, 2);
   EXPECT_EQ(Run({"log"}).Out, "0\n");
 }
@@ -206,14 +197,9 @@ class Top : public WatchedPage {
 TEST_F(Top, ShowsSortsAndQuitsInATerminal) {
   const Terminal terminal(folder_.Path(), Command());
   ASSERT_TRUE(terminal.WaitFor("FD       PID")) << terminal.Screen();
-  std::string screen = terminal.Screen();
-  EXPECT_NE(screen.find("lumo_tcp, exchange id 4711, process " + std::to_string(getpid())),
-            std::string::npos)
-      << screen;
-  EXPECT_NE(screen.find("clients 2 of"), std::string::npos) << screen;
-  EXPECT_NE(screen.find("now by requests"), std::string::npos) << screen;
-  EXPECT_NE(screen.find("* ONE      up"), std::string::npos) << screen;
-  EXPECT_NE(screen.find("4242"), std::string::npos) << screen;
+  test::ExpectHolds(terminal.Screen(),
+                    {"lumo_tcp, exchange id 4711, process " + std::to_string(getpid()),
+                     "clients 2 of", "now by requests", "* ONE      up", "4242"});
   StatsTellCounts(two_, {9, 0}, -1, {});
   terminal.Press("f");
   ASSERT_TRUE(terminal.WaitFor("now by in flight"));
@@ -264,11 +250,7 @@ TEST_F(Top, RatesAreOfTheTimeBetweenTwoReadings) {
   EXPECT_TRUE(latencySeen);
 }
 
-TEST_F(Top, WithoutATerminalIsRefused) {
-  const test::CtlOutcome outcome = Run({"top"});
-  EXPECT_EQ(outcome.Status, 2);
-  EXPECT_NE(outcome.Err.find("--json"), std::string::npos);
-}
+TEST_F(Top, WithoutATerminalIsRefused) { ExpectError({"top"}, 2, "--json"); }
 
 class ExportPage : public WatchedPage {
  protected:

@@ -3,17 +3,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <optional>
 
-#include "lib/include/lumo_stats.h"
+#include "tests/stats/notify_socket.h"
+#include "tests/stats/page.h"
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
@@ -21,10 +18,9 @@ namespace {
 
 using test::WaitFor;
 
-class AgentStats : public test::AgentTest {
+class AgentStats : public test::AgentTest, protected test::StatsReader {
  protected:
   AgentStats() { agent_.Environment("LUMO_STATS", "1"); }
-  ~AgentStats() override { lumo_stats_close(stats_); }
 
   std::string Path() const { return agent_.SocketPath() + ".stats"; }
   void Start(const std::string& nodetab) {
@@ -35,15 +31,9 @@ class AgentStats : public test::AgentTest {
     Start(nodetab);
     return test::Client(agent_);
   }
-  lumo_stats_agent Agent() const {
-    lumo_stats_agent agent;
-    EXPECT_EQ(lumo_stats_read_agent(stats_, &agent, sizeof agent), LUMO_OK);
-    return agent;
-  }
   lumo_stats_link Link(const std::string& name) const {
-    lumo_stats_link link{};
-    for (std::uint32_t row = 0; row < 16; ++row) {
-      EXPECT_EQ(lumo_stats_read_link(stats_, row, &link, sizeof link), LUMO_OK);
+    for (int row = 0; row < 16; ++row) {
+      const lumo_stats_link link = StatsReader::Link(row);
       if (link.used != 0 && name == link.name) return link;
     }
     return {};
@@ -52,8 +42,7 @@ class AgentStats : public test::AgentTest {
   std::vector<lumo_stats_client> Clients() const {
     std::vector<lumo_stats_client> clients;
     for (std::uint32_t row = 0; row < 64; ++row) {
-      lumo_stats_client client;
-      EXPECT_EQ(lumo_stats_read_client(stats_, row, &client, sizeof client), LUMO_OK);
+      const lumo_stats_client client = Client(row);
       if (client.used != 0 && client.serial != 1) clients.push_back(client);
     }
     return clients;
@@ -63,17 +52,13 @@ class AgentStats : public test::AgentTest {
       if (one.used != 0 && one.code == code) return one.count;
     return 0;
   }
-
-  lumo_stats* stats_ = nullptr;
 };
 
 TEST_F(AgentStats, PageLivesAsLongAsTheAgent) {
   Start("NOWHERE REZ\n");
   EXPECT_EQ(lumo_stats_alive(stats_), 1);
-  lumo_stats_header header;
-  ASSERT_EQ(lumo_stats_read_header(stats_, &header, sizeof header), LUMO_OK);
-  EXPECT_EQ(header.pid, agent_.Pid());
-  EXPECT_EQ(header.exchange_id, agent_.ExchangeId());
+  EXPECT_EQ(Header().pid, agent_.Pid());
+  EXPECT_EQ(Header().exchange_id, agent_.ExchangeId());
   EXPECT_EQ(agent_.Stop(), 0);
   EXPECT_FALSE(std::filesystem::exists(Path()));
   EXPECT_EQ(lumo_stats_alive(stats_), 0);
@@ -318,11 +303,7 @@ TEST_F(AgentStats, DefaultThatMovesIsShown) {
   client.Ask("", "a");
   agent_.Barrier();
   EXPECT_EQ(Agent().default_moves, 1U);
-  lumo_stats_link link;
-  ASSERT_EQ(lumo_stats_read_link(stats_, static_cast<std::uint32_t>(Agent().default_link), &link,
-                                 sizeof link),
-            LUMO_OK);
-  EXPECT_STREQ(link.name, "TWO");
+  EXPECT_STREQ(StatsReader::Link(Agent().default_link).name, "TWO");
 }
 
 TEST_F(AgentStats, StoppedAgentCanBeLookedAt) {
@@ -368,25 +349,16 @@ TEST_F(AgentLogLevel, FollowsTheSignalWithoutARestart) {
 class AgentNotify : public test::AgentTest {
  protected:
   AgentNotify() {
-    path_ = folder_.Path() / "notify";
-    socket_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    agent_.Environment("NOTIFY_SOCKET", path_).Environment("WATCHDOG_USEC", "30000000");
+    EXPECT_TRUE(manager_.Listen(manager_.Path()));
+    agent_.Environment("NOTIFY_SOCKET", manager_.Path()).Environment("WATCHDOG_USEC", "30000000");
   }
-  ~AgentNotify() override { close(socket_); }
   std::string Heard() {
-    char text[256];
-    for (ssize_t got; (got = recv(socket_, text, sizeof text, 0)) > 0;)
-      heard_ += std::string(text, static_cast<std::size_t>(got)) + '\n';
+    for (const std::string& text : manager_.Heard()) heard_ += text + '\n';
     return heard_;
   }
 
-  test::TemporaryDirectory folder_;
-  std::string path_, heard_;
-  int socket_ = -1;
+  test::NotifySocket manager_;
+  std::string heard_;
 };
 
 TEST_F(AgentNotify, ManagerHearsOfAWholeLife) {

@@ -13,36 +13,10 @@
 
 namespace test {
 
-class StatsPageTest : public ::testing::Test {
+// Reads the rows of an open page.
+class StatsReader {
  protected:
-  StatsPageTest() {
-    setenv("TAVRIN_TMP", folder_.Path().c_str(), 1);
-    setenv("LUMO_STATS", "1", 1);
-    g_DbcI = {};
-    g_DbcI.NetMbx = 4711;
-    g_DbcI.Argv = arguments_.data();
-  }
-  ~StatsPageTest() override {
-    lumo_stats_close(stats_);
-    if (KeepsStats()) End();
-    unsetenv("LUMO_STATS");
-    unsetenv("TAVRIN_TMP");
-    g_DbcI = {};
-  }
-
-  void Begin() { InitialiseStats(); }
-  void End() { UninitStats(); }
-  std::string Path() const { return (folder_.Path() / "tavrin.4711.stats").string(); }
-  lumo_status Open() {
-    lumo_stats_close(stats_);
-    return lumo_stats_open(Path().c_str(), &stats_);
-  }
-  void Start() {
-    Begin();
-    ASSERT_TRUE(KeepsStats());
-    ASSERT_EQ(Open(), LUMO_OK);
-  }
-
+  ~StatsReader() { lumo_stats_close(stats_); }
   lumo_stats_header Header() const {
     lumo_stats_header header;
     EXPECT_EQ(lumo_stats_read_header(stats_, &header, sizeof header), LUMO_OK);
@@ -65,10 +39,41 @@ class StatsPageTest : public ::testing::Test {
     return link;
   }
 
+  lumo_stats* stats_ = nullptr;
+};
+
+class StatsPageTest : public ::testing::Test, protected StatsReader {
+ protected:
+  StatsPageTest() {
+    setenv("TAVRIN_TMP", folder_.Path().c_str(), 1);
+    setenv("LUMO_STATS", "1", 1);
+    g_DbcI = {};
+    g_DbcI.NetMbx = 4711;
+    g_DbcI.Argv = arguments_.data();
+  }
+  ~StatsPageTest() override {
+    if (KeepsStats()) End();
+    unsetenv("LUMO_STATS");
+    unsetenv("TAVRIN_TMP");
+    g_DbcI = {};
+  }
+
+  void Begin() { InitialiseStats(); }
+  void End() { UninitStats(); }
+  std::string Path() const { return (folder_.Path() / "tavrin.4711.stats").string(); }
+  lumo_status Open() {
+    lumo_stats_close(stats_);
+    return lumo_stats_open(Path().c_str(), &stats_);
+  }
+  void Start() {
+    Begin();
+    ASSERT_TRUE(KeepsStats());
+    ASSERT_EQ(Open(), LUMO_OK);
+  }
+
   TemporaryDirectory folder_;
   std::array<char*, 4> arguments_{const_cast<char*>("lumo_tcp"), const_cast<char*>("-M"),
                                   const_cast<char*>("4711"), nullptr};
-  lumo_stats* stats_ = nullptr;
 };
 
 }  // namespace test
