@@ -5,7 +5,6 @@
 
 #include "tests/man/page.h"
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
 
 namespace test {
 namespace {
@@ -25,14 +24,13 @@ Cells Row(Manager& manager, const std::string& name) {
   return row;
 }
 
-TEST(NodetabPage, TheExampleGivesTheNodesThatItSays) {
+using NodetabPage = ManagerTest;
+
+TEST_F(NodetabPage, TheExampleGivesTheNodesThatItSays) {
   const Page page("nodetab.5");
   const auto tables = page.Literals("EXAMPLES");
   ASSERT_EQ(tables.size(), 1U);
-  Agent agent;
-  agent.Nodetab(tables[0]);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager(tables[0]);
   const auto rows = page.Rows("EXAMPLES");
   ASSERT_FALSE(rows.empty());
   EXPECT_EQ(manager.Count(), static_cast<int>(rows.size()));
@@ -41,26 +39,22 @@ TEST(NodetabPage, TheExampleGivesTheNodesThatItSays) {
     EXPECT_EQ(lumo::ItemText(manager.Ask(105, static_cast<int>(i)).Item), rows[i][0]);
     EXPECT_EQ(Row(manager, rows[i][0]), rows[i]);
   }
-  EXPECT_EQ(agent.Log(), "");
+  EXPECT_EQ(agent_.Log(), "");
 }
 
-TEST(NodetabPage, TheLinesThatItSaysAreRefusedAreRefusedWithThoseMessages) {
+TEST_F(NodetabPage, TheLinesThatItSaysAreRefusedAreRefusedWithThoseMessages) {
   const auto rows = Page("nodetab.5").Rows("Lines that are refused");
   ASSERT_GE(rows.size(), 6U);
   std::string table = "GOOD LOCALS 1\n";
   for (const Cells& row : rows) table += row.at(0).substr(row[0].find(' ') + 1) + '\n';
-  Agent agent;
-  agent.Nodetab(table);
-  ASSERT_TRUE(agent.Start());
-  for (const Cells& row : rows) EXPECT_EQ(agent.CountLogged(0, "", row.at(1)), 1) << row[1];
-  EXPECT_EQ(Manager(agent).Names(), "GOOD");
+  EXPECT_EQ(StartWithManager(table).Names(), "GOOD");
+  for (const Cells& row : rows) EXPECT_EQ(agent_.CountLogged(0, "", row.at(1)), 1) << row[1];
 }
 
-TEST(NodetabPage, ANameInLowerCaseAndTheLineRightBeforeAreNotFoundToBeTaken) {
-  Agent agent;
-  agent.Nodetab("A LOCALS 1\nB LOCALS 2\nB LOCALS 3\na LOCALS 4\nA LOCALS 5\n");
-  ASSERT_TRUE(agent.Start());
-  EXPECT_EQ(Manager(agent).Names(), "A B B A");
+TEST_F(NodetabPage, ANameInLowerCaseAndTheLineRightBeforeAreNotFoundToBeTaken) {
+  Manager manager =
+      StartWithManager("A LOCALS 1\nB LOCALS 2\nB LOCALS 3\na LOCALS 4\nA LOCALS 5\n");
+  EXPECT_EQ(manager.Names(), "A B B A");
 }
 
 }  // namespace

@@ -12,8 +12,6 @@
 #include "lib/message_codec.h"
 #include "tests/man/page.h"
 #include "tests/process/manager.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
 #include "tests/support/node.h"
 
 namespace test {
@@ -92,7 +90,9 @@ void ExpectFields(const std::vector<Cells>& rows, const std::map<std::string, Se
   EXPECT_EQ(seen.size(), fields.size());
 }
 
-TEST(ProtocolPage, TheFieldsOfAMessageAreWhereItSays) {
+using ProtocolPage = ManagerTest;
+
+TEST_F(ProtocolPage, TheFieldsOfAMessageAreWhereItSays) {
   const auto rows = Page("lumo-protocol.7").Rows("Client message");
   ASSERT_EQ(rows.size(), 19U);
   const std::map<std::string, Set> fields{
@@ -126,45 +126,39 @@ TEST(ProtocolPage, TheFieldsOfAMessageAreWhereItSays) {
   EXPECT_EQ(At<std::uint16_t>(frame, 52), 2);
 }
 
-TEST(ProtocolPage, TheAgentFillsInTheTrailerOnTcpWhereItSays) {
+TEST_F(ProtocolPage, TheAgentFillsInTheTrailerOnTcpWhereItSays) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV1"));
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient(node.Line("SRV1"));
   lumo::Message sent = client.Send("SRV1");
-  ASSERT_TRUE(node.Accept());
-  const auto got = node.ReadRequest();
-  ASSERT_TRUE(got);
+  const lumo::Message got = node.ExpectFirstRequest();
   const auto rows = Page("lumo-protocol.7").Rows("Client message");
   int checked = 0;
   for (const Cells& row : rows) {
     if (row.at(2) != "LinkSocket" && row[2] != "Mark") continue;
     ++checked;
     const std::size_t offset = std::stoul(row[0]);
-    EXPECT_EQ(got->Trailer.at(offset) == 3, row[2] == "Mark");
-    EXPECT_NE(got->Trailer.at(offset), 0);
-    std::memcpy(&sent.Trailer.at(offset), &got->Trailer.at(offset), Width(row[1]));
+    EXPECT_EQ(got.Trailer.at(offset) == 3, row[2] == "Mark");
+    EXPECT_NE(got.Trailer.at(offset), 0);
+    std::memcpy(&sent.Trailer.at(offset), &got.Trailer.at(offset), Width(row[1]));
   }
   EXPECT_EQ(checked, 2);
-  EXPECT_EQ(got->Trailer, sent.Trailer);
+  EXPECT_EQ(got.Trailer, sent.Trailer);
 }
 
-TEST(ProtocolPage, TheGreetingIsWhatItSays) {
-  Agent agent;
-  ASSERT_TRUE(agent.Start());
-  const int socket = ConnectRaw(agent.SocketPath());
+TEST_F(ProtocolPage, TheGreetingIsWhatItSays) {
+  StartAgent();
+  const int socket = ConnectRaw(agent_.SocketPath());
   const std::string greeting = ReadRaw(socket, 60);
   close(socket);
   const auto rows = Page("lumo-protocol.7").Rows("Greeting");
   ASSERT_EQ(rows.size(), 3U);
   const auto offset = [&](std::size_t row) { return std::stoul(rows[row].at(0)); };
   EXPECT_EQ(std::to_string(At<std::uint32_t>(greeting, offset(0))), rows[0].at(2));
-  EXPECT_EQ(At<std::int32_t>(greeting, offset(1)), agent.Pid());
+  EXPECT_EQ(At<std::int32_t>(greeting, offset(1)), agent_.Pid());
   EXPECT_EQ(greeting.substr(offset(2)), std::string(Width(rows[2].at(1)), '\0'));
 }
 
-TEST(ProtocolPage, TheExampleOfARequestIsWhatTheCodecMakes) {
+TEST_F(ProtocolPage, TheExampleOfARequestIsWhatTheCodecMakes) {
   lumo::Message request;
   request.TaskName = kTaskNameOfExamples;
   request.SetTrailerTaskName(kTaskNameOfExamples);
@@ -174,45 +168,35 @@ TEST(ProtocolPage, TheExampleOfARequestIsWhatTheCodecMakes) {
   EXPECT_EQ(lumo::Encode(request, lumo::Lengths::Client), Example(0));
 }
 
-TEST(ProtocolPage, TheAgentAnswersTheExampleOfARequestAsItSays) {
-  Agent agent;
-  agent.Nodetab("OTHER LOCALS 1\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+TEST_F(ProtocolPage, TheAgentAnswersTheExampleOfARequestAsItSays) {
+  Client client = StartWithClient("OTHER LOCALS 1\n");
   ASSERT_TRUE(client.SendBytes(WithOwnTaskName(Example(0), {kTaskNameAt, 70})));
   EXPECT_EQ(client.ReceiveFrame(), WithOwnTaskName(Example(1), {kTaskNameAt}));
 }
 
-TEST(ProtocolPage, TheExampleOfAManagementCommandIsCarriedOutAsItSays) {
+TEST_F(ProtocolPage, TheExampleOfAManagementCommandIsCarriedOutAsItSays) {
   lumo::Message request = lumo::ManagementRequest(105, 1);
   request.TaskName = kTaskNameOfExamples;
   request.SetTrailerTaskName(kTaskNameOfExamples);
   request.SetAstInd(8);
   EXPECT_EQ(lumo::Encode(request, lumo::Lengths::Client), Example(2));
-  Agent agent;
-  agent.Nodetab("SRV1 LOCALS 1\nSRV2 LOCALS 2\n");
-  ASSERT_TRUE(agent.Start());
-  Client client(agent);
+  Client client = StartWithClient("SRV1 LOCALS 1\nSRV2 LOCALS 2\n");
   ASSERT_TRUE(client.SendBytes(WithOwnTaskName(Example(2), {kTaskNameAt, kEmptyTrailerAt})));
   EXPECT_EQ(client.ReceiveFrame(), WithOwnTaskName(Example(3), {kTaskNameAt}));
 }
 
-TEST(ProtocolPage, TheExampleOfControlPacketsIsWhatANodeGets) {
+TEST_F(ProtocolPage, TheExampleOfControlPacketsIsWhatANodeGets) {
   Node node;
-  Agent agent;
-  agent.Nodetab(node.Line("SRV1", "3 60 10")).Option("-CONNECTONLOAD");
-  ASSERT_TRUE(agent.Start());
+  agent_.Option("-CONNECTONLOAD");
+  StartAgent(node.Line("SRV1", "3 60 10"));
   ASSERT_TRUE(node.Accept());
   std::string packets = node.ReadFrame().value_or("");
   packets += node.ReadFrame().value_or("");
   EXPECT_EQ(packets, Example(4));
 }
 
-TEST(ProtocolPage, ADescriptionHasItsFieldsWhereItSays) {
-  Agent agent;
-  agent.Nodetab("SRV1 TCPIP 192.0.2.7 1061 3 60 10\n");
-  ASSERT_TRUE(agent.Start());
-  const std::string item = Manager(agent).Ask(121, 0).Item;
+TEST_F(ProtocolPage, ADescriptionHasItsFieldsWhereItSays) {
+  const std::string item = StartWithManager("SRV1 TCPIP 192.0.2.7 1061 3 60 10\n").Ask(121, 0).Item;
   ASSERT_EQ(item.size(), 232U);
   std::map<std::string, std::string> found;
   std::size_t end = 8;
@@ -244,11 +228,8 @@ Outcome Try(Manager& manager, const Cells& row) {
   return manager.Ask(std::stoi(row.at(0)), row.at(1) == "owner" ? 7 : 0, text);
 }
 
-TEST(ProtocolPage, ManagementCommandsTakeAndGiveWhatItSays) {
-  Agent agent;
-  agent.Nodetab("SRV1 LOCALS 1\nSRV2 LOCALS 2\nSRV3 LOCALS 3\n");
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+TEST_F(ProtocolPage, ManagementCommandsTakeAndGiveWhatItSays) {
+  Manager manager = StartWithManager("SRV1 LOCALS 1\nSRV2 LOCALS 2\nSRV3 LOCALS 3\n");
   std::set<int> codes;
   for (const Cells& row : Page("lumo-protocol.7").Rows("Management commands")) {
     if (row.size() != 6) continue;
@@ -259,8 +240,9 @@ TEST(ProtocolPage, ManagementCommandsTakeAndGiveWhatItSays) {
     const std::string result = " " + std::to_string(outcome.Result) + ",";
     EXPECT_TRUE(results.starts_with(" number") || results.find(result) != std::string::npos)
         << row[0] << ":" << result;
-    const std::string size =
-        row[4] == "path and NUL" ? std::to_string(agent.NodetabPath().string().size() + 1) : row[4];
+    const std::string size = row[4] == "path and NUL"
+                                 ? std::to_string(agent_.NodetabPath().string().size() + 1)
+                                 : row[4];
     EXPECT_EQ(size == "-" ? "0" : size, std::to_string(outcome.Item.size())) << row[0];
   }
   EXPECT_EQ(codes.size(), 20U);
