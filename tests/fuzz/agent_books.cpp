@@ -3,7 +3,6 @@
 
 #include "client/clntxch.h"
 #include "client/connection.h"
-#include "client/primitiv.h"
 #include "core/stream.h"
 #include "link/link.h"
 #include "tests/fuzz/agent_state.h"

@@ -6,13 +6,7 @@
 #include <csignal>
 #include <vector>
 
-#include "client/clntxch.h"
-#include "client/primitiv.h"
-#include "core/init.h"
-#include "core/stream.h"
-#include "link/link.h"
 #include "protocols/lipc.h"
-#include "protocols/protload.h"
 #include "tests/fuzz/agent_peers.h"
 #include "tests/fuzz/agent_reader.h"
 #include "tests/fuzz/agent_state.h"
@@ -127,25 +121,23 @@ void Manage() {
 }
 
 void HangUp(int fd) {
-  if (fd < 0) return;
-  if (run.Script->Below(3) == 0) At(fd).Error = ECONNRESET;
-  At(fd).PeerGone = true;
+  if (fd >= 0) peers::HangUp(fd, run.Script->Below(3) == 0);
 }
+void ClientHangsUp() { HangUp(SomeClient()); }
+void NodeHangsUp() { HangUp(SomeNode()); }
 
-void SetRoom(int fd) {
+int SomePeer() { return run.Script->Below(2) == 0 ? SomeClient() : SomeNode(); }
+
+void SetRoom() {
+  const int fd = SomePeer();
   const unsigned room = run.Script->Byte();
-  if (fd >= 0) At(fd).Room = room < 200 ? room * room : world::Socket::kEndless;
+  if (fd >= 0) peers::SetRoom(fd, room);
 }
 
-void SetPiece(int fd) {
+void SetPiece() {
+  const int fd = SomePeer();
   const unsigned piece = run.Script->Byte();
   if (fd >= 0) At(fd).Piece = piece < 200 ? 1 + piece : world::Socket::kEndless;
-}
-
-std::string AnswerFor(const Tag& tag, std::size_t lengthMore) {
-  std::string bytes = MakeMessage({.TaskName = tag.first, .AstInd = tag.second, .Text = "row"});
-  SetLengthWord(&bytes, static_cast<std::uint32_t>(bytes.size() - 4 + lengthMore));
-  return bytes;
 }
 
 // An answer, by the node that was asked or by another one; perhaps more than once.
@@ -153,9 +145,7 @@ void Answer() {
   const int node = SomeNode();
   const Tag tag = SomeTag();
   const unsigned times = 1 + run.Script->Below(4) / 3;
-  if (node < 0) return;
-  for (unsigned i = 0; i < times; ++i)
-    At(node).Input += AnswerFor(tag, At(node).What == world::Kind::Kernel ? 4 : 0);
+  for (unsigned i = 0; node >= 0 && i < times; ++i) peers::Answer(node, tag, "row");
 }
 
 void NodeSendsAnyBytes() {
@@ -195,7 +185,7 @@ LIpcLinkData* SomeReader() { return reader::Of(LinkNumber(run.Script->Byte())); 
 void ReaderHandsOver() {
   LIpcLinkData* const data = SomeReader();
   const Tag tag = SomeTag();
-  if (data) reader::HandOver(*data, tag, AnswerFor(tag, 0));
+  if (data) reader::HandOver(*data, tag, "row");
 }
 
 void ReaderDelivers() {
@@ -203,8 +193,10 @@ void ReaderDelivers() {
   const Tag tag = SomeTag();
   const unsigned end = run.Script->Below(4);
   if (!data || run.AnswersVanish) return;
-  reader::Deliver(data, tag, AnswerFor(tag, 0), static_cast<reader::End>(end));
+  reader::Deliver(data, tag, "row", static_cast<reader::End>(end));
 }
+
+void AnswerByReader() { run.Script->Below(2) == 0 ? ReaderHandsOver() : ReaderDelivers(); }
 
 void ReaderMisbehaves() {
   LIpcLinkData* const data = SomeReader();
@@ -220,97 +212,39 @@ void ReaderMisbehaves() {
 }
 
 void ChangeSystem() {
-  const unsigned what = run.Script->Byte();
-  switch (what % 6) {
-    case 0:
-      world::state.Now += what;
-      return;
-    case 1:
-      world::state.Limit = 8 + static_cast<int>(what);
-      return;
-    case 2:
-      world::state.QueueRoom = what / 64;
-      run.AnswersVanish = true;
-      return;
-    case 3:
-      world::state.KernelCloses = !world::state.KernelCloses;
-      return;
-    case 4:
-      world::state.Greeting.assign(what, 'g');
-      return;
-    default:
-      world::state.Dead.insert(world::state.KernelPid);
-      return;
+  const unsigned what = run.Script->Byte(), kind = what % 6;
+  if (kind == 0) world::state.Now += what;
+  if (kind == 1) world::state.Limit = 8 + static_cast<int>(what);
+  if (kind == 2) {
+    world::state.QueueRoom = what / 64;
+    run.AnswersVanish = true;
   }
+  if (kind == 3) world::state.KernelCloses = !world::state.KernelCloses;
+  if (kind == 4) world::state.Greeting.assign(what, 'g');
+  if (kind == 5) world::state.Dead.insert(world::state.KernelPid);
+}
+
+void Disturb() { run.Script->Below(2) == 0 ? ReaderMisbehaves() : ChangeSystem(); }
+
+bool Tick() {
+  NoteTick();
+  world::Signal(SIGALRM);
+  run.Ticked = true;
+  return true;
 }
 
 // One step; true: the loop makes a pass now.
 bool Step() {
-  switch (run.Script->Below(22)) {
-    case 0:
-    case 1:
-      return true;
-    case 2:
-      NoteTick();
-      world::Signal(SIGALRM);
-      run.Ticked = true;
-      return true;
-    case 3:
-      NewClients();
-      return false;
-    case 4:
-    case 5:
-      Ask();
-      return false;
-    case 6:
-      AskInPieces();
-      return false;
-    case 7:
-      SendRest();
-      return false;
-    case 8:
-      SendAnyBytes();
-      return false;
-    case 9:
-      Manage();
-      return false;
-    case 10:
-      HangUp(SomeClient());
-      return false;
-    case 11:
-      SetRoom(run.Script->Below(2) == 0 ? SomeClient() : SomeNode());
-      return false;
-    case 12:
-      SetPiece(run.Script->Below(2) == 0 ? SomeClient() : SomeNode());
-      return false;
-    case 13:
-      Answer();
-      return false;
-    case 14:
-      NodeSendsAnyBytes();
-      return false;
-    case 15:
-      EndConnect();
-      return false;
-    case 16:
-      PlanConnect();
-      return false;
-    case 17:
-      HangUp(SomeNode());
-      return false;
-    case 18:
-      KillClient();
-      return false;
-    case 19:
-      Fail();
-      return false;
-    case 20:
-      run.Script->Below(2) == 0 ? ReaderHandsOver() : ReaderDelivers();
-      return false;
-    default:
-      run.Script->Below(2) == 0 ? ReaderMisbehaves() : ChangeSystem();
-      return false;
-  }
+  constexpr void (*kSteps[])() = {
+      NewClients, Ask,           Ask,         AskInPieces, SendRest, SendAnyBytes,
+      Manage,     ClientHangsUp, SetRoom,     SetPiece,    Answer,   NodeSendsAnyBytes,
+      EndConnect, PlanConnect,   NodeHangsUp, KillClient,  Fail,     AnswerByReader,
+      Disturb};
+  const unsigned what = run.Script->Below(22);
+  if (what < 2) return true;
+  if (what == 2) return Tick();
+  kSteps[what - 3]();
+  return false;
 }
 
 // The script is over: everybody takes what there is, and the agent is told to end.
@@ -381,11 +315,8 @@ void RunScript(Input* script) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input script(data, size);
-  world::Begin();
+  const SimulatedAgent agent(0);
   peers::Reset();
-  StartAgent(0);
   RunScript(&script);
-  EndAgent();
-  world::End();
   return 0;
 }

@@ -1,11 +1,13 @@
 #include "tests/fuzz/agent_peers.h"
 
+#include <cerrno>
 #include <cstring>
 
 #include "client/message.h"
 #include "client/primitiv.h"
 #include "core/dbc.h"
 #include "core/stream.h"
+#include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/world.h"
 
 namespace {
@@ -189,6 +191,25 @@ void peers::Send(int client, const std::string& bytes, std::size_t count) {
   At(client).Input += arrives;
   peer.Unparsed += arrives;
   NoteRequests(client, &peer);
+}
+
+void peers::HangUp(int fd, bool broken) {
+  if (broken) At(fd).Error = ECONNRESET;
+  At(fd).PeerGone = true;
+}
+
+void peers::SetRoom(int fd, unsigned room) {
+  At(fd).Room = room < 200 ? room * room : world::Socket::kEndless;
+}
+
+std::string peers::AnswerFrame(const Tag& tag, const std::string& text, std::uint32_t counted) {
+  std::string frame = MakeMessage({.TaskName = tag.first, .AstInd = tag.second, .Text = text});
+  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size()) - 4 + counted);
+  return frame;
+}
+
+void peers::Answer(int node, const Tag& tag, const std::string& text) {
+  At(node).Input += AnswerFrame(tag, text, At(node).What == Kind::Kernel ? 4 : 0);
 }
 
 void peers::AnswerCame(int client, const std::string& frame) {

@@ -38,6 +38,17 @@ int Choose(const std::vector<int>& descriptors, unsigned number);  // -1: there 
 // Lets bytes of a client arrive, `count` of those staged before and now.
 void Send(int client, const std::string& bytes, std::size_t count = SIZE_MAX);
 
+// It closes its connection, which perhaps breaks.
+void HangUp(int fd, bool broken);
+
+// It takes so much from now on: the square of a small number, else everything.
+void SetRoom(int fd, unsigned room);
+
+// The frame of an answer. `counted`: how many of the four bytes of the length word its value
+// includes.
+std::string AnswerFrame(const Tag& tag, const std::string& text, std::uint32_t counted);
+void Answer(int node, const Tag& tag, const std::string& text);
+
 // A reader child hands over what no kernel has sent: from here on answers may be anything.
 void ExpectAnything();
 

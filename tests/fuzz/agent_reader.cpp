@@ -5,31 +5,19 @@
 #include "client/connection.h"
 #include "link/link.h"
 #include "link/protocol.h"
-#include "protocols/lipc_board.h"
 #include "tests/fuzz/world.h"
 
 namespace {
 
-void WriteRecord(const LIpcLinkData& data, const Tag& tag, RequestId request, bool handedOver) {
-  const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
-  const PipeRecord record = {
-      .TaskName = tag.first, .AstInd = tag.second, .Entry = static_cast<std::uint16_t>(entry)};
-  world::At(data.PipeRead).Input.append(reinterpret_cast<const char*>(&record), sizeof record);
-}
-
-// The request of that name which the reader claims; Slot -1: none.
-BoardRequest Claim(const LIpcLinkData& data, const Tag& tag) {
-  BoardRequest request = {};
-  request.Id.Slot = -1;
-  BoardClaim(data.Board, tag.first, tag.second, &request);
-  return request;
+template <class T>
+std::string BytesOf(const T& value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
 }
 
 void HandOver(const LIpcLinkData& data, const Tag& tag, RequestId request,
-              const std::string& answer) {
-  const std::string identity(reinterpret_cast<const char*>(&request), sizeof request);
-  world::At(data.Pair).Packets.push_back(identity + answer);
-  WriteRecord(data, tag, request, true);
+              const std::string& text) {
+  world::At(data.Pair).Packets.push_back(BytesOf(request) + peers::AnswerFrame(tag, text, 0));
+  reader::Tell(data, tag, request, true);
 }
 
 }  // namespace
@@ -46,20 +34,33 @@ void reader::Die(const LIpcLinkData& data) {
   world::state.Dead.insert(data.ChildPid);
 }
 
-void reader::HandOver(const LIpcLinkData& data, const Tag& tag, const std::string& answer) {
-  ::HandOver(data, tag, Claim(data, tag).Id, answer);
+BoardRequest reader::Claim(const LIpcLinkData& data, const Tag& tag) {
+  BoardRequest request = {};
+  request.Id.Slot = -1;
+  BoardClaim(data.Board, tag.first, tag.second, &request);
+  return request;
 }
 
-void reader::Deliver(LIpcLinkData* data, const Tag& tag, const std::string& answer, End end) {
+void reader::Tell(const LIpcLinkData& data, const Tag& tag, RequestId request, bool handedOver) {
+  const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
+  world::At(data.PipeRead).Input += BytesOf(PipeRecord{
+      .TaskName = tag.first, .AstInd = tag.second, .Entry = static_cast<std::uint16_t>(entry)});
+}
+
+void reader::HandOver(const LIpcLinkData& data, const Tag& tag, const std::string& text) {
+  ::HandOver(data, tag, Claim(data, tag).Id, text);
+}
+
+void reader::Deliver(LIpcLinkData* data, const Tag& tag, const std::string& text, End end) {
   const BoardRequest request = Claim(*data, tag);
   if (request.Id.Slot < 0) return;
   if (request.Connection == 0 || request.Connection != ConnectionSerial(request.Socket) ||
       !BoardBeginWrite(data->Board, request))
-    return ::HandOver(*data, tag, request.Id, answer);
-  peers::AnswerCame(request.Socket, answer);
+    return ::HandOver(*data, tag, request.Id, text);
+  peers::AnswerCame(request.Socket, peers::AnswerFrame(tag, text, 4));
   if (end != End::DiesUnsaid) BoardEndWrite(data->Board, request, true);
   if (end == End::Tells || end == End::TellsToo)
-    WriteRecord(*data, tag, request.Id, false);
+    Tell(*data, tag, request.Id, false);
   else
     Die(*data);
 }

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
@@ -121,6 +120,16 @@ void StartAgent(std::uint8_t logLevel) {
   g_DbcI.GetMsg = GetMsgFromClient;
   g_DbcI.PutMsg = PutMsgToClient;
   ClientTimeout = kClientTimeout;
+}
+
+SimulatedAgent::SimulatedAgent(std::size_t inputSize) {
+  world::Begin();
+  StartAgent((inputSize & 1) != 0 ? 15 : 0);
+}
+
+SimulatedAgent::~SimulatedAgent() {
+  EndAgent();
+  world::End();
 }
 
 void RunAgent(std::vector<std::string> options, int logLevel, bool (*onWait)()) {

@@ -24,6 +24,15 @@ void RunAgent(std::vector<std::string> options, int logLevel, bool (*onWait)());
 // Takes everything down and frees it.
 void EndAgent();
 
+// A fresh agent in a fresh simulated system until its end; an input of odd size is traced.
+class SimulatedAgent {
+ public:
+  explicit SimulatedAgent(std::size_t inputSize);
+  ~SimulatedAgent();
+  SimulatedAgent(const SimulatedAgent&) = delete;
+  SimulatedAgent& operator=(const SimulatedAgent&) = delete;
+};
+
 // No descriptor from this number on has ever been in use.
 int EndOfDescriptors();
 

@@ -108,10 +108,9 @@ ReaderBoard* EmptyBoard() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  world::Begin();
-  StartAgent((size & 1) != 0 ? 15 : 0);
-  run = {};
   LIpcLinkData link = {};
+  const SimulatedAgent agent(size);
+  run = {};
   link.MsgQueueId = 1;
   link.Board = EmptyBoard();
   link.Pair = run.Pair = world::Open(world::Kind::Pair);
@@ -123,7 +122,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (ReadMessageFromKernelAndSendToDbc(kFuzz, __LINE__, &link, pipe) != -1)
     world::Violated("the reader ended without an error");
   if (world::At(pipe).Output.size() % sizeof(PipeRecord) != 0) world::Violated("half a record");
-  EndAgent();
-  world::End();
   return 0;
 }

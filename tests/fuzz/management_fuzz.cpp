@@ -18,7 +18,6 @@
 #include "client/primitiv.h"
 #include "core/wire.h"
 #include "link/link.h"
-#include "protocols/protload.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/answer_checks.h"
 #include "tests/fuzz/world.h"
@@ -127,15 +126,12 @@ void Step(const std::string& line) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  world::Begin();
-  StartAgent((size & 1) != 0 ? 15 : 0);
+  const SimulatedAgent agent(size);
   LoadNodetab(kNodetab);
   for (int i = 0; i < kStepsMax && !input.Empty(); ++i) {
     Step(input.Line());
     CheckRecords();
     CheckNoneWaitsInVain();
   }
-  EndAgent();
-  world::End();
   return 0;
 }

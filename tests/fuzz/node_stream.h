@@ -7,8 +7,8 @@
 
 #include "client/clntxch.h"
 #include "client/primitiv.h"
+#include "core/stream.h"
 #include "link/link.h"
-#include "protocols/protload.h"
 #include "tests/fuzz/answer_checks.h"
 #include "tests/fuzz/stream_target.h"
 

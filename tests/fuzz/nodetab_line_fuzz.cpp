@@ -6,7 +6,6 @@
 #include "protocols/lipc.h"
 #include "protocols/lsock.h"
 #include "protocols/lumo_tcp.h"
-#include "protocols/protload.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/world.h"
 
@@ -46,15 +45,12 @@ void CheckLinks() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  world::Begin();
-  StartAgent((size & 1) != 0 ? 15 : 0);
   const std::string defaultNode = input.Line();
+  const SimulatedAgent agent(size);
   g_DbcI.DefaultNode = defaultNode.c_str();
   g_DbcI.AutoConnect = 1;
   LoadNodetab(input.Rest());
   CheckAgent();
   CheckLinks();
-  EndAgent();
-  world::End();
   return 0;
 }

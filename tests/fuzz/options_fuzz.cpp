@@ -42,18 +42,15 @@ void SetNetMbx(const std::string& value) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  world::Begin();
-  StartAgent((size & 1) != 0 ? 15 : 0);
   SetNetMbx(input.Line());
   std::vector<std::string> arguments = {"lumo_tcp"};
   while (!input.Empty() && arguments.size() < kArgumentsMax) arguments.push_back(input.Line());
+  const SimulatedAgent agent(size);
   std::vector<char*> argv;
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   for (const char* const key : kKeys)
     MustBeArgument(arguments, GetArgument(__LINE__, argv.data(), key));
   if (DbcInitGlobalInternal(kFuzz, __LINE__, argv.data()) == 0) CheckOptions(arguments);
-  EndAgent();
-  world::End();
   return 0;
 }

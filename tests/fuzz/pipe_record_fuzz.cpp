@@ -2,13 +2,11 @@
 // order and shape. Each step of the input is a byte that says what, and its operands.
 #include <cstring>
 
-#include "client/clntxch.h"
-#include "client/primitiv.h"
 #include "core/status.h"
 #include "link/link.h"
 #include "protocols/lipc.h"
 #include "protocols/lipc_board.h"
-#include "protocols/protload.h"
+#include "tests/fuzz/agent_reader.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/answer_checks.h"
 #include "tests/fuzz/world.h"
@@ -17,11 +15,6 @@ namespace {
 
 constexpr int kStepsMax = 300;
 constexpr std::int32_t kTask = 7;
-
-template <class T>
-std::string BytesOf(const T& value) {
-  return {reinterpret_cast<const char*>(&value), sizeof value};
-}
 
 class Child {
  public:
@@ -44,30 +37,17 @@ class Child {
     link_->Protocol->ReadyForRead(kFuzz, __LINE__, link_);
     g_DbcI.ServedLink = nullptr;
   }
-  // The child takes the request of that name; Slot -1: there is none.
-  RequestId Claim(std::uint16_t tag) const {
-    BoardRequest request = {};
-    request.Id.Slot = -1;
-    BoardClaim(data_->Board, kTask, tag, &request);
-    return request.Id;
-  }
-  // It has written the answer to the client itself, or is about to.
+  // The child has written the answer to the client itself, or is about to.
   RequestId Write(std::uint16_t tag, bool whole) const {
-    BoardRequest request = {};
-    request.Id.Slot = -1;
-    if (!BoardClaim(data_->Board, kTask, tag, &request)) return request.Id;
-    if (BoardBeginWrite(data_->Board, request) && whole) BoardEndWrite(data_->Board, request, true);
+    const BoardRequest request = reader::Claim(*data_, {kTask, tag});
+    if (request.Id.Slot >= 0 && BoardBeginWrite(data_->Board, request) && whole)
+      BoardEndWrite(data_->Board, request, true);
     return request.Id;
   }
   void Tell(std::uint16_t tag, RequestId request, bool handedOver) const {
-    const int entry = (request.Slot < 0 ? kNoEntry : request.Slot) | (handedOver ? kHandedOver : 0);
-    Pipe().Input += BytesOf(
-        PipeRecord{.TaskName = kTask, .AstInd = tag, .Entry = static_cast<std::uint16_t>(entry)});
+    reader::Tell(*data_, {kTask, tag}, request, handedOver);
   }
-  void HandOver(std::uint16_t tag, RequestId request) const {
-    Pair().Packets.push_back(BytesOf(request) +
-                             MakeMessage({.TaskName = kTask, .AstInd = tag, .Text = "rows"}));
-  }
+  void HandOver(std::uint16_t tag) const { reader::HandOver(*data_, {kTask, tag}, "rows"); }
   void AddClient() {
     client_ = world::Open(world::Kind::Client);
     FD_SET(client_, &g_DbcI.ClientSockets);
@@ -87,12 +67,8 @@ void Step(const Child& child, Input* input) {
       const std::uint16_t tag = input->Byte();
       return child.Tell(tag, {input->Byte() - 1, input->Byte()}, true);
     }
-    case 2: {
-      const std::uint16_t tag = input->Byte();
-      const RequestId request = child.Claim(tag);
-      child.HandOver(tag, request);
-      return child.Tell(tag, request, true);
-    }
+    case 2:
+      return child.HandOver(input->Byte());
     case 3:
       child.Pipe().Input += input->Bytes(input->Below(24));
       return;
@@ -131,8 +107,7 @@ void SeeChildrenEnd() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  world::Begin();
-  StartAgent((size & 1) != 0 ? 15 : 0);
+  const SimulatedAgent agent(size);
   LoadNodetab("NODE LOCALI 32\n");
   g_DbcI.PutMsg = CheckedPut;
   Child child(g_DbcI.LinkList);
@@ -145,7 +120,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   DisconnectLink(kFuzz, __LINE__, g_DbcI.LinkList, kStatusPeerClosed, 0);
   CheckRecords();
   SeeChildrenEnd();
-  EndAgent();
-  world::End();
   return 0;
 }

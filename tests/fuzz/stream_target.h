@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/stream.h"
 #include "tests/fuzz/agent_state.h"
 #include "tests/fuzz/world.h"
 

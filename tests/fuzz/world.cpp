@@ -1,7 +1,5 @@
 #include "tests/fuzz/world.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -64,26 +62,7 @@ bool AnyFaultUsed() { return faultUsed; }
 void Begin() {
   for (int fd = kFirst; fd <= state.Highest; ++fd) At(fd) = {};
   state.Highest = kFirst - 1;
-  state.Limit = FD_SETSIZE;
-  state.HasEpoll = true;
-  state.Backlog = 0;
-  state.LastSerial = 0;
-  state.Connects.clear();
-  state.Greeting.assign(60, '\0');
-  state.KernelCloses = false;
-  state.KernelsListen = false;
-  state.Nodetab.clear();
-  state.HasNodetab = true;
-  state.ToKernel.clear();
-  state.FromKernel.clear();
-  state.QueueRoom = 64;
-  state.KernelPid = 4711;
-  state.SegmentSize = 64;
-  state.Now = 1000000;
-  state.Monotonic = 1;
-  state.OnWait = nullptr;
-  state.OnOutcome = nullptr;
-  state.OnReceive = nullptr;
+  static_cast<Beginning&>(state) = {};
   BeginQuiet();
   state.Active = true;
 }

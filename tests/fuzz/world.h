@@ -76,28 +76,21 @@ enum class Call : std::uint8_t {
 
 enum class Plan : std::uint8_t { Pending, AtOnce, Refused, Unreachable, Count };
 
-struct State {
-  bool Active = false;
-  bool Quiet = false;
-  bool ShowLog = false;  // LUMO_FUZZ_LOG in the environment: the agent's log is not dropped
-  std::array<Socket, FD_SETSIZE> Sockets;
-  int Highest = 2;  // of the descriptors in use
+// What is the same at the beginning of every run.
+struct Beginning {
   int Limit = FD_SETSIZE;
   bool HasEpoll = true;  // else select does all the waiting
   int Backlog = 0;       // connections that wait to be accepted
   std::uint32_t LastSerial = 0;
-  unsigned long Transfers = 0;  // counts what goes in and out, to see whether anything does
 
-  std::deque<Plan> Connects;   // how the next connects to nodes go; empty: Pending
-  std::string Greeting;        // of a local kernel
-  bool KernelCloses = false;   // after its greeting
+  std::deque<Plan> Connects;  // how the next connects to nodes go; empty: Pending
+  std::string Greeting = std::string(60, '\0');  // of a local kernel
+  bool KernelCloses = false;                     // after its greeting
   bool KernelsListen = false;  // a connect that has no plan succeeds, else it is refused
 
   std::string Nodetab;  // what every node table file holds
   bool HasNodetab = true;
 
-  std::set<pid_t> Dead;
-  pid_t LastChild = 0;
   std::deque<std::string> ToKernel, FromKernel;  // messages of the queue, from TaskName on
   std::size_t QueueRoom = 64;                    // messages
   void (*OnReceive)() = nullptr;                 // called when the queue is waited for
@@ -105,8 +98,7 @@ struct State {
   std::size_t SegmentSize = 64;
 
   std::time_t Now = 1000000;
-  std::int64_t Monotonic = 0;      // milliseconds
-  void (*Handlers[65])(int) = {};  // of signals
+  std::int64_t Monotonic = 1;  // milliseconds
 
   // Called when the agent's loop waits, not when it only looks; false: it is interrupted.
   bool (*OnWait)() = nullptr;
@@ -114,6 +106,18 @@ struct State {
   // Told what connect, send, recv, read and the look at a pending connection (GetSockOpt) have come
   // to, and with descriptor -1 which call was made to fail.
   void (*OnOutcome)(Call call, int fd, long result, int error) = nullptr;
+};
+
+struct State : Beginning {
+  bool Active = false;
+  bool Quiet = false;
+  bool ShowLog = false;  // LUMO_FUZZ_LOG in the environment: the agent's log is not dropped
+  std::array<Socket, FD_SETSIZE> Sockets;
+  int Highest = 2;              // of the descriptors in use
+  unsigned long Transfers = 0;  // counts what goes in and out, to see whether anything does
+  std::set<pid_t> Dead;
+  pid_t LastChild = 0;
+  void (*Handlers[65])(int) = {};  // of signals
 };
 extern State state;
 

@@ -9,12 +9,10 @@
 #include <tuple>
 #include <vector>
 
-#include "client/message.h"
 #include "client/primitiv.h"
 #include "core/dbc.h"
 #include "core/status.h"
 #include "link/link.h"
-#include "tests/fuzz/agent_peers.h"
 #include "tests/fuzz/world.h"
 #include "tests/simulate/codes.h"
 

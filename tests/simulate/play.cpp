@@ -1,6 +1,5 @@
 #include "tests/simulate/play.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <deque>
@@ -101,13 +100,11 @@ void Manage(const Step& step) {
 }
 
 void Go(int fd, unsigned how) {
-  if (fd < 0) return;
-  if (how % 3 == 0) At(fd).Error = ECONNRESET;
-  At(fd).PeerGone = true;
+  if (fd >= 0) peers::HangUp(fd, how % 3 == 0);
 }
 
 void Stall(int fd, unsigned room) {
-  if (fd >= 0) At(fd).Room = room < 200 ? room * room : world::Socket::kEndless;
+  if (fd >= 0) peers::SetRoom(fd, room);
 }
 
 void Dribble(int fd, unsigned piece) {
@@ -115,13 +112,6 @@ void Dribble(int fd, unsigned piece) {
 }
 
 // Nodes
-
-void GiveAnswer(int node, const Tag& tag, const std::string& text) {
-  std::string frame = MakeMessage({.TaskName = tag.first, .AstInd = tag.second, .Text = text});
-  const unsigned more = At(node).What == world::Kind::Kernel ? 4 : 0;
-  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size() - 4 + more));
-  At(node).Input += frame;
-}
 
 // One that the node owes: the oldest, the youngest or any.
 ledger::Owed Take(std::deque<ledger::Owed>& owed, unsigned how) {
@@ -136,7 +126,7 @@ void Answer(int node, unsigned count, unsigned how) {
   std::deque<ledger::Owed>& owed = ledger::OwedBy(node);
   for (; count > 0 && !owed.empty(); --count) {
     const ledger::Owed taken = Take(owed, how);
-    GiveAnswer(node, taken.Tag, ledger::Give(taken.Number, node));
+    peers::Answer(node, taken.Tag, ledger::Give(taken.Number, node));
   }
 }
 
@@ -145,11 +135,11 @@ void AnswerOddly(const Step& step) {
   const int node = Node(step.A), other = Node(step.A + 1U);
   if (node < 0) return;
   std::deque<ledger::Owed>& owed = ledger::OwedBy(other);
-  if (step.B % 3 == 0 || owed.empty()) return GiveAnswer(node, {kFirstProcess, 65535}, "odd");
+  if (step.B % 3 == 0 || owed.empty()) return peers::Answer(node, {kFirstProcess, 65535}, "odd");
   const ledger::Owed first = owed.front();
-  GiveAnswer(node, first.Tag, ledger::Give(first.Number, node));
+  peers::Answer(node, first.Tag, ledger::Give(first.Number, node));
   if (other != node) return;
-  GiveAnswer(node, first.Tag, ledger::Give(first.Number, node));
+  peers::Answer(node, first.Tag, ledger::Give(first.Number, node));
   owed.pop_front();
 }
 
@@ -186,19 +176,12 @@ LIpcLinkData* FindReader() {
 }
 
 void DeliverFromQueue(LIpcLinkData* data, const ledger::Owed& owed, unsigned how) {
-  std::string frame = MakeMessage({.TaskName = owed.Tag.first,
-                                   .AstInd = owed.Tag.second,
-                                   .Text = ledger::Give(owed.Number, kQueue)});
-  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size() - 4));
-  if (how % 8 < 4) {
-    reader::HandOver(*data, owed.Tag, frame);
-    return;
-  }
-  SetLengthWord(&frame, static_cast<std::uint32_t>(frame.size()));
+  const std::string text = ledger::Give(owed.Number, kQueue);
+  if (how % 8 < 4) return reader::HandOver(*data, owed.Tag, text);
   const auto end = how % 8 == 7 ? static_cast<reader::End>(how / 8 % 2) : reader::End::Tells;
   if (end != reader::End::Tells) ledger::ReaderDies();
   if (end == reader::End::DiesUnsaid) ledger::Doubt(owed.Number);
-  reader::Deliver(data, owed.Tag, frame, end);
+  reader::Deliver(data, owed.Tag, text, end);
 }
 
 void Reader(const Step& step) {
@@ -228,50 +211,42 @@ void Plan(unsigned how) {
   world::state.Connects.push_back(static_cast<world::Plan>(how % kPlans));
 }
 
+void Connect(const Step& step) {
+  if (peers::Clients().size() < kConnectionsMax) world::state.Backlog += step.A;
+}
+
+void Kill(const Step& step) {
+  world::state.Dead.insert(kFirstProcess + static_cast<int>(step.A % kProcesses));
+}
+
+// All but those after which the agent goes on.
+constexpr struct {
+  What Kind;
+  void (*Do)(const Step& step);
+} kActions[] = {
+    {What::Connect, Connect},
+    {What::Ask, Ask},
+    {What::Trickle, [](const Step& step) { stage.Piece = 1 + step.B; }},
+    {What::Answer, [](const Step& step) { Answer(Node(step.A), step.B, step.C); }},
+    {What::AnswerOddly, AnswerOddly},
+    {What::Decide, [](const Step& step) { Decide(step.A, step.B); }},
+    {What::Plan, [](const Step& step) { Plan(step.A); }},
+    {What::NodeGoes, [](const Step& step) { Go(Node(step.A), step.B); }},
+    {What::NodeStalls, [](const Step& step) { Stall(Node(step.A), step.B); }},
+    {What::NodeDribbles, [](const Step& step) { Dribble(Node(step.A), step.B); }},
+    {What::ClientGoes, [](const Step& step) { Go(Client(step.A), step.B); }},
+    {What::ClientStalls, [](const Step& step) { Stall(Client(step.A), step.B); }},
+    {What::Kill, Kill},
+    {What::Manage, Manage},
+    {What::Fail, Fail},
+    {What::Junk, Junk},
+    {What::Reader, Reader},
+    {What::Queue, [](const Step& step) { world::state.QueueRoom = step.A % 4; }},
+};
+
 void Do(const Step& step) {
-  switch (step.Kind) {
-    case What::Connect:
-      if (peers::Clients().size() < kConnectionsMax) world::state.Backlog += step.A;
-      return;
-    case What::Ask:
-      return Ask(step);
-    case What::Trickle:
-      stage.Piece = 1 + step.B;
-      return;
-    case What::Answer:
-      return Answer(Node(step.A), step.B, step.C);
-    case What::AnswerOddly:
-      return AnswerOddly(step);
-    case What::Decide:
-      return Decide(step.A, step.B);
-    case What::Plan:
-      return Plan(step.A);
-    case What::NodeGoes:
-      return Go(Node(step.A), step.B);
-    case What::NodeStalls:
-      return Stall(Node(step.A), step.B);
-    case What::NodeDribbles:
-      return Dribble(Node(step.A), step.B);
-    case What::ClientGoes:
-      return Go(Client(step.A), step.B);
-    case What::ClientStalls:
-      return Stall(Client(step.A), step.B);
-    case What::Kill:
-      world::state.Dead.insert(kFirstProcess + static_cast<int>(step.A % kProcesses));
-      return;
-    case What::Manage:
-      return Manage(step);
-    case What::Fail:
-      return Fail(step);
-    case What::Junk:
-      return Junk(step);
-    case What::Reader:
-      return Reader(step);
-    case What::Queue:
-      world::state.QueueRoom = step.A % 4;
-      return;
-    default:
-      return;
+  for (const auto& action : kActions) {
+    if (action.Kind == step.Kind) return action.Do(step);
   }
 }
 
@@ -411,13 +386,10 @@ play::Played play::Play(const story::Story& told, int logLevel) {
   stage.Piece = SIZE_MAX;
   stage.DefaultTakesAll =
       !told.Edits && (story::Has(told, "-AUTOCONNECT") || !story::Has(told, "-AUTOCHANGE"));
-  world::Begin();
+  const SimulatedAgent agent(0);
   peers::Reset();
   ledger::Begin(told);
-  StartAgent(0);
   RunStory(told, logLevel);
   ledger::End();
-  EndAgent();
-  world::End();
   return {.Totals = ledger::Result(), .Seconds = double{kTickSeconds} * stage.TicksDone};
 }
