@@ -7,7 +7,6 @@
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -45,14 +44,8 @@ int TcpListener(std::uint16_t* port) {
 }
 
 int LocalListener(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return Fail("the directory's name is too long");
-  std::memcpy(address.sun_path, path.data(), path.size());
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 64) != 0)
-    return Fail("the local node does not start");
-  return fd;
+  const int fd = test::BoundAt(path);
+  return listen(fd, 64) == 0 ? fd : Fail("the local node does not start");
 }
 
 lumo::Message AnswerFor(const lumo::Message& request) {

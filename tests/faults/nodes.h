@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/agent.h"
 #include "tests/support/kernel.h"

@@ -7,9 +7,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "tests/support/client.h"
@@ -23,12 +22,10 @@ constexpr test::Milliseconds kAfterFault{5000};  // an answer that is not there 
 constexpr test::Milliseconds kAfterLoss{150};    // or by then, when the agent says that it is
 constexpr int kAttempts = 6;                     // a node has to serve within so many
 
-int ChildrenOf(pid_t pid) {
+std::vector<pid_t> ChildrenOf(pid_t pid) {
   const std::string id = std::to_string(pid);
   std::ifstream file("/proc/" + id + "/task/" + id + "/children");
-  int count = 0;
-  for (std::string child; file >> child;) ++count;
-  return count;
+  return {std::istream_iterator<pid_t>(file), {}};
 }
 
 }  // namespace
@@ -144,11 +141,8 @@ void Run::Tick() {
 }
 
 pid_t Run::Reader() const {
-  const std::string id = std::to_string(agent_.Pid());
-  std::ifstream file("/proc/" + id + "/task/" + id + "/children");
-  pid_t child = 0;
-  file >> child;
-  return child;
+  const std::vector<pid_t> children = ChildrenOf(agent_.Pid());
+  return children.empty() ? 0 : children.front();
 }
 
 bool Run::WaitForProvoked() {
@@ -332,7 +326,7 @@ void Run::LookAtRest() {
   Tick();
   const pid_t pid = agent_.Pid();
   outcome_.Descriptors = test::OpenDescriptors(pid);
-  outcome_.Children = ChildrenOf(pid);
+  outcome_.Children = static_cast<int>(ChildrenOf(pid).size());
 }
 
 void Run::Finish() {

@@ -132,18 +132,30 @@ void Death(Run& run) {
   AskAll(run, other, "much later");
 }
 
-void Crowd(Run& run) {
+std::deque<App> NewApps(Run& run, int count) {
   std::deque<App> apps;
-  for (int i = 0; i < 12; ++i) apps.push_back(run.NewApp());
+  for (int i = 0; i < count; ++i) apps.push_back(run.NewApp());
+  return apps;
+}
+
+// A request of each, which the agent finds in one pass of its loop with what else comes.
+void AskTogether(Run& run, std::deque<App>& apps, const std::string& node, const auto& whatElse) {
+  run.Ask(apps[0], node, "first", node + " first");
+  if (!run.Alive()) return;
+  std::vector<lumo::Message> requests;
+  test::Freeze(run.Subject().Pid());
+  for (App& app : apps) requests.push_back(run.Send(app, node, "together"));
+  whatElse();
+  test::Thaw(run.Subject().Pid());
+  for (std::size_t i = 0; i < apps.size(); ++i)
+    run.Expect(apps[i], requests[i], "together", node + std::to_string(i));
+}
+
+void Crowd(Run& run) {
+  std::deque<App> apps = NewApps(run, 12);
   for (const char* const node : {"T2", "T1", "L"}) {
-    run.Ask(apps[0], node, "first", node + std::string(" first"));
+    AskTogether(run, apps, node, [] {});
     if (!run.Alive()) return;
-    std::vector<lumo::Message> requests;
-    test::Freeze(run.Subject().Pid());
-    for (App& app : apps) requests.push_back(run.Send(app, node, "together"));
-    test::Thaw(run.Subject().Pid());
-    for (std::size_t i = 0; i < apps.size(); ++i)
-      run.Expect(apps[i], requests[i], "together", node + std::to_string(i));
   }
   for (int i = 0; i < 8; ++i) apps.pop_back();
   run.Barrier();
@@ -255,17 +267,8 @@ void BadDescriptor(Run& run) {
 
 // Requests that go out together, of which the first fails: the others are served anew.
 void JointBreaks(Run& run) {
-  std::deque<App> apps;
-  for (int i = 0; i < 4; ++i) apps.push_back(run.NewApp());
-  run.Ask(apps[0], "T1", "first");
-  if (!run.Alive()) return;
-  std::vector<lumo::Message> requests;
-  test::Freeze(run.Subject().Pid());
-  for (App& app : apps) requests.push_back(run.Send(app, "T1", "together"));
-  run.Provoke(Call::send, "SendNow", ECONNRESET);
-  test::Thaw(run.Subject().Pid());
-  for (std::size_t i = 0; i < apps.size(); ++i)
-    run.Expect(apps[i], requests[i], "together", std::to_string(i));
+  std::deque<App> apps = NewApps(run, 4);
+  AskTogether(run, apps, "T1", [&] { run.Provoke(Call::send, "SendNow", ECONNRESET); });
 }
 
 void NoDescriptors(Run& run) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -11,64 +12,25 @@ namespace {
 
 constexpr std::size_t kCallersShown = 3;
 
+std::set<std::string> Words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
+
 // Functions that pass a call on for others: who called them matters more.
-const std::set<std::string> kPlumbing = {"SendOrKeep",
-                                         "SendBytes",
-                                         "ReserveOutput",
-                                         "KeepOutput",
-                                         "ReadFrame",
-                                         "ReadRequest",
-                                         "SetSendBuffer",
-                                         "SetReceiveBuffer",
-                                         "TestAliveClient",
-                                         "ServeEvents",
-                                         "AgentMain",
-                                         "main",
-                                         "RunLoop",
-                                         "WritePass",
-                                         "ReadPass",
-                                         "ServeLastClient",
-                                         "HandleMessageFromClientQueue",
-                                         "ReadFromLink",
-                                         "DrainLink",
-                                         "ServeLastLink",
-                                         "LIpcReadyForRead",
-                                         "ServeRecord",
-                                         "FindFile",
-                                         "SearchForNodetab",
-                                         "OpenNodetabFile",
-                                         "SendControl",
-                                         "TcpSendConnectionInfo",
-                                         "SendConnectionInfo",
-                                         "GrowMsgInfos",
-                                         "RunReader",
-                                         "StartReader",
-                                         "Look",
-                                         "ReadNext",
-                                         "MakeRoom",
-                                         "SendAnswer",
-                                         "MoveTo",
-                                         "SendKept",
-                                         "SendJoined",
-                                         "SendTogether",
-                                         "SendToQueue",
-                                         "SendJoinedRequests",
-                                         "Enlarge",
-                                         "ReserveSlots",
-                                         "GrowSaved",
-                                         "MakeNames",
-                                         "Wait",
-                                         "Serve",
-                                         "WaitForEvents",
-                                         "Deliver"};
+const std::set<std::string> kPlumbing = Words(
+    "SendOrKeep SendBytes ReserveOutput KeepOutput ReadFrame ReadRequest SetSendBuffer "
+    "SetReceiveBuffer TestAliveClient ServeEvents AgentMain main RunLoop WritePass ReadPass "
+    "ServeLastClient HandleMessageFromClientQueue ReadFromLink DrainLink ServeLastLink "
+    "LIpcReadyForRead ServeRecord FindFile SearchForNodetab OpenNodetabFile SendControl "
+    "TcpSendConnectionInfo SendConnectionInfo GrowMsgInfos RunReader StartReader Look ReadNext "
+    "MakeRoom SendAnswer MoveTo SendKept SendJoined SendTogether SendToQueue SendJoinedRequests "
+    "Enlarge ReserveSlots GrowSaved MakeNames Wait Serve WaitForEvents Deliver");
 
 // Where the loop begins to serve one descriptor.
-const std::set<std::string> kServing = {"HandleMessageFromClientQueue",
-                                        "ReadFromLink",
-                                        "ServeWritableLink",
-                                        "TickLinks",
-                                        "SendJoinedOf",
-                                        "ReadMessageFromKernelAndSendToDbc"};
+const std::set<std::string> kServing = Words(
+    "HandleMessageFromClientQueue ReadFromLink ServeWritableLink TickLinks SendJoinedOf "
+    "ReadMessageFromKernelAndSendToDbc");
 
 struct ErrorsOfCall {
   Call Kind;
@@ -137,14 +99,6 @@ const std::vector<ErrorsOfPath> kErrorsOfPaths = {
     {Call::connect, "", {EINTR, ECONNREFUSED, ENOENT, EACCES, EAGAIN}},
 };
 
-bool HasWord(const std::string& words, const std::string& word) {
-  std::istringstream text(words);
-  for (std::string one; text >> one;) {
-    if (one == word) return true;
-  }
-  return false;
-}
-
 // Names the call and its nearest callers that matter, and cuts the path behind what that took: how
 // the loop came to serve the descriptor is not looked at.
 std::string NameAndCut(FramePath& path, Program& program) {
@@ -152,11 +106,11 @@ std::string NameAndCut(FramePath& path, Program& program) {
   std::size_t callers = 0;
   for (std::uint32_t i = 1; i < path.Depth; ++i) {
     const std::string& caller = program.PlaceOf(path.Frames[i]).Function;
-    if (!kPlumbing.count(caller)) {
+    if (!kPlumbing.contains(caller)) {
       name += " < " + caller;
       ++callers;
     }
-    if (callers == kCallersShown || kServing.count(caller)) path.Depth = i + 1;
+    if (callers == kCallersShown || kServing.contains(caller)) path.Depth = i + 1;
   }
   return name;
 }
@@ -233,7 +187,7 @@ const Expectation* ExpectationOf(const CallPath& path, const Row& row) {
   for (const Expectation& one : Expectations()) {
     if (one.Kind != path.Kind || !MatchesPath(path.Function, one.Path)) continue;
     if (one.Skip != row.Skip) continue;
-    if (*one.Errors == '\0' || HasWord(one.Errors, ErrorName(row.Error))) return &one;
+    if (*one.Errors == '\0' || Words(one.Errors).contains(ErrorName(row.Error))) return &one;
   }
   return nullptr;
 }

@@ -1,7 +1,5 @@
 // The rows of the table: which call fails how, and what is to come of it.
 #pragma once
-#include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
