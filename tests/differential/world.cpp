@@ -249,32 +249,25 @@ void World::Ask(Application& client, const Event& event) {
 }
 
 void World::Manage(Application& client, const Event& event) {
-  const auto command = [&](std::uint16_t number, std::int32_t row, const std::string& argument) {
-    lumo::Message request = lumo::ManagementRequest(number, row, argument);
-    request.TaskName = client.Connection.TaskName();
-    request.SetAstInd(static_cast<std::uint16_t>(0x8000 + ++client.Asked));
-    Send(client, lumo::Encode(request, lumo::Lengths::Client));
-  };
   const auto index = static_cast<std::int32_t>(event.Count % 6);
-  const std::string name = NodeName(event.Who % kNodes) + '\0';
-  switch (event.Value % 8) {
-    case 0:
-      return command(102, 0, {});
-    case 1:
-      return command(103, 0, {});
-    case 2:
-      return command(105, index, {});
-    case 3:
-      return command(106, index, {});
-    case 4:
-      return command(119, 0, std::string("N7 REZ") + '\0');
-    case 5:
-      return command(123, 0, event.Count % 2 ? std::string("N7") + '\0' : name);
-    case 6:
-      return command(126, 0, name + '\0' + name.substr(0, 2) + " REZ" + '\0');
-    default:
-      return command(100, 0, {});
-  }
+  const std::string name = NodeName(event.Who % kNodes) + '\0', added = std::string("N7") + '\0';
+  const struct {
+    std::uint16_t Number;
+    std::int32_t Row;
+    std::string Argument;
+  } commands[] = {{102, 0, {}},
+                  {103, 0, {}},
+                  {105, index, {}},
+                  {106, index, {}},
+                  {119, 0, std::string("N7 REZ") + '\0'},
+                  {123, 0, event.Count % 2 ? added : name},
+                  {126, 0, name + '\0' + name.substr(0, 2) + " REZ" + '\0'},
+                  {100, 0, {}}};
+  const auto& [number, row, argument] = commands[event.Value % std::size(commands)];
+  lumo::Message request = lumo::ManagementRequest(number, row, argument);
+  request.TaskName = client.Connection.TaskName();
+  request.SetAstInd(static_cast<std::uint16_t>(0x8000 + ++client.Asked));
+  Send(client, lumo::Encode(request, lumo::Lengths::Client));
 }
 
 void World::ApplyToClient(const Event& event) {

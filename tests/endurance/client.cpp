@@ -14,18 +14,11 @@
 namespace endurance {
 namespace {
 
-constexpr std::size_t kGreetingSize = 60, kLengthSize = 4, kStringsAt = 52;
 constexpr std::uint32_t kGreetingWord = 56;
 constexpr std::uint64_t kAnswersKept = 1024 * 1024;  // by the agent, for one connection
 constexpr std::uint64_t kLargestOwnAnswer = 120;     // of the agent, to what is asked here
 constexpr std::uint32_t kLargeAnswer = 7800;
 constexpr Milliseconds kOldest{30000};
-
-std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
-  std::uint32_t word;
-  std::memcpy(&word, bytes.data() + at, sizeof word);
-  return word;
-}
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <sstream>
 
 namespace endurance {
@@ -27,27 +28,16 @@ std::uint64_t NumberIn(const std::string& text, char kind) {
   return std::strtoull(text.c_str() + 1, nullptr, 10);
 }
 
-const char* Name(End end) {
-  switch (end) {
-    case End::Open:
-      return "waiting";
-    case End::NodeAnswered:
-      return "answered by the node";
-    case End::AgentAnswered:
-      return "answered by the agent";
-    case End::HungUp:
-      return "dropped, the client had hung up";
-    case End::Malformed:
-      return "dropped, the client's message was malformed";
-    case End::NotTaken:
-      return "dropped, the client took no answers";
-    case End::ProcessDied:
-      return "dropped, the client's process had died";
-    case End::NeverSent:
-      return "never sent";
-  }
-  return "";
-}
+// Of each End, in its order.
+constexpr const char* kEndNames[] = {"waiting",
+                                     "answered by the node",
+                                     "answered by the agent",
+                                     "dropped, the client had hung up",
+                                     "dropped, the client's message was malformed",
+                                     "dropped, the client took no answers",
+                                     "dropped, the client's process had died",
+                                     "never sent"};
+static_assert(std::size(kEndNames) == static_cast<std::size_t>(End::NeverSent) + 1);
 
 }  // namespace
 
@@ -290,7 +280,7 @@ std::string Ledger::Describe(const Request& request) const {
   std::ostringstream text;
   text << "request " << request.Number << " of connection " << request.Connection << ", task name "
        << request.TaskName << ", AstInd " << request.Tag << ", node " << request.Node << ", "
-       << Name(request.Ended) << ", asked "
+       << kEndNames[static_cast<std::size_t>(request.Ended)] << ", asked "
        << std::chrono::duration_cast<Milliseconds>(Clock::now() - request.AskedAt).count()
        << " ms ago, the node "
        << (request.Incarnation < 0

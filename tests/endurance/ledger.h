@@ -9,10 +9,12 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,6 +23,15 @@
 #include "tests/endurance/loop.h"
 
 namespace endurance {
+
+// Of frames.
+constexpr std::size_t kGreetingSize = 60, kLengthSize = 4, kStringsAt = 52;
+
+inline std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
+  std::uint32_t word;
+  std::memcpy(&word, bytes.data() + at, sizeof word);
+  return word;
+}
 
 struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;

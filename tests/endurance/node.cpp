@@ -1,6 +1,5 @@
 #include "tests/endurance/node.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace endurance {

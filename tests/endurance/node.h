@@ -69,7 +69,6 @@ class Node {
   NodeHistory& history() const { return account().History(setting_.Index); }
   const NodeSetting& setting() const { return setting_; }
   bool settling() const { return settling_; }
-  int current() const { return current_; }
   Time awayUntil() const { return awayUntil_; }
   void Touch() { ++activity_; }
 

@@ -5,7 +5,6 @@
 #include <sys/msg.h>
 #include <sys/sem.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -16,7 +15,7 @@ namespace {
 
 constexpr long kRequestType = 1;
 constexpr std::size_t kLargestBody = 8188, kRoom = 8192;
-constexpr std::size_t kStringsAt = 48;  // in a body
+constexpr std::size_t kStringsInBody = kStringsAt - kLengthSize;
 constexpr int kTakenAtOnce = 256, kSemaphoreSeconds = 20;
 constexpr Milliseconds kQuietWithin{200};
 
@@ -91,7 +90,7 @@ void QueueNode::Transmit(const lumo::Message& message) {
   if (luck().PerMille(3)) {
     Fault("strings too long, passed over");
     std::string spoilt = body;
-    spoilt.replace(kStringsAt, 2, "\xF0\xFF");
+    spoilt.replace(kStringsInBody, 2, "\xF0\xFF");
     unsent_.push_back({reader_, std::move(spoilt)});
   }
   if (unsent_.empty() && Put(reader_, body)) return;
@@ -125,8 +124,7 @@ void QueueNode::Break(Time now) {
       killUntil_ = now + kQuietWithin;
       return;
     default:
-      if (!unsent_.empty() || !Put(reader_, std::string(kLargestBody + 4, 'x'))) return;
-      EndReader("body too long for the reader");
+      if (unsent_.empty()) EndSpares();
   }
 }
 

@@ -1,11 +1,11 @@
 #include "tests/endurance/stream_node.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,27 +13,16 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tests/support/peer.h"
+
 namespace endurance {
 namespace {
 
 constexpr int kBacklog = 64;
-constexpr std::size_t kLengthSize = 4, kStringsAt = 52, kGreetingSize = 60;
 constexpr std::uint32_t kClientDied = 2;  // type of a control packet
-
-std::uint32_t WordAt(std::string_view bytes, std::size_t at) {
-  std::uint32_t word;
-  std::memcpy(&word, bytes.data() + at, sizeof word);
-  return word;
-}
 
 std::string Word(std::uint32_t word) {
   return std::string(reinterpret_cast<const char*>(&word), sizeof word);
-}
-
-int NewSocket(int family) {
-  const int created = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (created < 0) throw Failure("a socket cannot be made");
-  return created;
 }
 
 }  // namespace
@@ -285,7 +274,7 @@ std::string TcpNode::Line() const {
 }
 
 void TcpNode::Bind() {
-  listener_ = NewSocket(AF_INET);
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   const int on = 1;
   setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   sockaddr_in address = {};
@@ -331,13 +320,8 @@ std::string KernelNode::Line() const {
 }
 
 void KernelNode::Listen() {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path_.size() >= sizeof address.sun_path) throw Failure("the socket's path is too long");
-  path_.copy(address.sun_path, path_.size());
-  listener_ = NewSocket(AF_UNIX);
-  if (bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener_, kBacklog) != 0)
+  listener_ = test::BoundAt(path_);
+  if (fcntl(listener_, F_SETFL, O_NONBLOCK) != 0 || listen(listener_, kBacklog) != 0)
     throw Failure("the local kernel's socket cannot be made");
   WatchListener();
 }

@@ -14,12 +14,10 @@
 
 #include "tests/stress/options.h"
 #include "tests/stress/process_figures.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
-#include "tests/support/text.h"
 
 namespace stress {
 namespace {
@@ -40,7 +38,7 @@ void PrintTo(const Crowd& crowd, std::ostream* out) {
   *out << crowd.Clients << " clients, " << crowd.Limit << " descriptors";
 }
 
-class Descriptors : public testing::TestWithParam<Crowd> {
+class Descriptors : public test::AgentTest, public testing::WithParamInterface<Crowd> {
  protected:
   ~Descriptors() override {
     for (const int fd : connections_) close(fd);
@@ -48,8 +46,7 @@ class Descriptors : public testing::TestWithParam<Crowd> {
   void SetUp() override {
     AllowOurselves(1400);
     agent_.LogLevel("3").Limit(RLIMIT_NOFILE, GetParam().Limit);
-    agent_.Nodetab(node_.Line("SRV") + other_.Line("OTHER"));
-    ASSERT_TRUE(agent_.Start());
+    StartAgent(node_.Line("SRV") + other_.Line("OTHER"));
   }
   static void AllowOurselves(rlim_t count) {
     rlimit limit{};
@@ -116,7 +113,6 @@ class Descriptors : public testing::TestWithParam<Crowd> {
                        connections_.begin() + static_cast<std::ptrdiff_t>(count));
   }
 
-  test::Agent agent_;
   test::EchoNode node_, other_;
   std::vector<int> connections_;
   int refused_ = 0;

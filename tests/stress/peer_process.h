@@ -5,7 +5,6 @@
 #pragma once
 #include <sys/types.h>
 
-#include <array>
 #include <cstdint>
 #include <string>
 

@@ -106,8 +106,7 @@ void Scene::ExpectDeathIsTold() {
   test::LivingProcess application;
   Client client(agent_, application.Pid());
   client.Send("TOLD");
-  ASSERT_TRUE(told_.Accept());
-  ASSERT_TRUE(told_.ReadRequest());
+  told_.ExpectFirstRequest();
   const pid_t pid = application.Pid();
   application.Kill();
   BusyTick(agent_);

@@ -9,8 +9,6 @@
 #include <cstring>
 #include <ctime>
 
-#include "tests/support/process.h"
-
 namespace stress {
 namespace {
 
