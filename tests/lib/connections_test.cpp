@@ -18,15 +18,8 @@ ssize_t __wrap_send(int fd, const void* bytes, std::size_t count, int flags) {
   return sent;
 }
 
+namespace test {
 namespace {
-
-using test::FakeAgent;
-using test::kAmple;
-using test::kAtOnce;
-using test::kSoon;
-using test::Open;
-using test::Peer;
-using test::Send;
 
 // Changes the environment for one test.
 class Variable {
@@ -71,7 +64,7 @@ TEST(SocketPaths, ATooLongDirectoryIsIgnored) {
 
 TEST(SocketPaths, ThePackagedServiceIsLookedForFirstWhenItsDirectoryIsThere) {
   using lumo::detail::SocketDirectories;
-  const test::TemporaryDirectory packaged;
+  const TemporaryDirectory packaged;
   const std::string missing = packaged.Path() / "missing";
   const Variable unset("TAVRIN_TMP", nullptr);
   EXPECT_EQ(SocketDirectories(packaged.Path()),
@@ -82,12 +75,12 @@ TEST(SocketPaths, ThePackagedServiceIsLookedForFirstWhenItsDirectoryIsThere) {
 }
 
 TEST(SocketPaths, TheFirstThatIsThereIsTaken) {
-  const test::TemporaryDirectory one, two;
+  const TemporaryDirectory one, two;
   const std::string first = one.Path() / "tavrin.1", second = two.Path() / "tavrin.1";
   EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), first);
-  test::WriteFile(second, "");
+  WriteFile(second, "");
   EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), second);
-  test::WriteFile(first, "");
+  WriteFile(first, "");
   EXPECT_EQ(lumo::detail::ChoosePlace({first, second}), first);
 }
 
@@ -109,7 +102,7 @@ TEST(SocketPaths, RoomIsChecked) {
   EXPECT_EQ(lumo_socket_path(1, path, 0), LUMO_BAD_ARGUMENT);
 }
 
-using Connections = test::AgentTest;
+using Connections = AgentTest;
 
 TEST_F(Connections, WithoutAPathTheEnvironmentLeadsToTheAgent) {
   StartAgent();
@@ -130,14 +123,14 @@ TEST_F(Connections, ASocketIsClosedOnExec) {
 
 TEST_F(Connections, NothingIsLeftOpen) {
   StartAgent();
-  const int before = test::OpenDescriptors(getpid());
+  const int before = OpenDescriptors(getpid());
   {
     liblumo::Connection connection = Open(agent_);
     EXPECT_TRUE(connection.Probe(kAmple));
-    EXPECT_GT(test::OpenDescriptors(getpid()), before);
+    EXPECT_GT(OpenDescriptors(getpid()), before);
   }
   EXPECT_FALSE(liblumo::Connection("/nowhere/at/all"));
-  EXPECT_EQ(test::OpenDescriptors(getpid()), before);
+  EXPECT_EQ(OpenDescriptors(getpid()), before);
 }
 
 TEST_F(Connections, NobodyThereIsNoAgentAndErrnoSaysWhy) {
@@ -153,10 +146,10 @@ TEST_F(Connections, AGreetingIsChecked) {
   const struct {
     std::string Bytes;
     lumo_status Status;
-  } cases[] = {{test::Greeting(4711, 60), LUMO_BAD_GREETING},
-               {test::Greeting(0), LUMO_BAD_GREETING},
-               {test::Greeting(-5), LUMO_BAD_GREETING},
-               {test::Greeting(4711).substr(0, 59), LUMO_NO_AGENT},
+  } cases[] = {{Greeting(4711, 60), LUMO_BAD_GREETING},
+               {Greeting(0), LUMO_BAD_GREETING},
+               {Greeting(-5), LUMO_BAD_GREETING},
+               {Greeting(4711).substr(0, 59), LUMO_NO_AGENT},
                {std::string(), LUMO_NO_AGENT}};
   FakeAgent agent;
   for (const auto& [bytes, status] : cases) {
@@ -179,11 +172,11 @@ TEST_F(Connections, AFullBacklogIsWaitedForNoLongerThanTheDeadline) {
   for (int i = 0; i < 20; ++i) {
     const auto before = test::Clock::now();
     EXPECT_EQ(liblumo::Connection(agent.Path(), kSoon).Opened().Code, LUMO_TIMEOUT);
-    EXPECT_LT(test::Clock::now() - before, test::kPatience);
+    EXPECT_LT(test::Clock::now() - before, kPatience);
   }
 }
 
-class Restarts : public test::AgentTest {
+class Restarts : public AgentTest {
  protected:
   void Restart() {
     agent_.CloseControl();
@@ -193,7 +186,7 @@ class Restarts : public test::AgentTest {
 };
 
 TEST_F(Restarts, TheNextCallConnectsAgain) {
-  test::EchoNode echo;
+  EchoNode echo;
   StartAgent(echo.Line("SRV"));
   liblumo::Connection connection = Open(agent_);
   EXPECT_EQ(connection.Ask("SRV", "one", kAmple).String(0), "one");
@@ -209,7 +202,7 @@ TEST_F(Restarts, TheNextCallConnectsAgain) {
 }
 
 TEST_F(Restarts, WhatWasInFlightIsUnsureAndTheRestGoesOn) {
-  test::Node node;
+  Node node;
   StartAgent(node.Line("SRV"));
   liblumo::Connection connection = Open(agent_);
   const lumo_ticket lost = Send(connection, "SRV", "lost");
@@ -230,7 +223,7 @@ TEST_F(Restarts, CanBeAskedFor) {
   auto [connection, peer] = agent.Connect();
   EXPECT_TRUE(connection.Reconnect(kAmple));
   peer.Close();
-  std::thread server([&, &end = peer] { end = agent.Accept(test::Greeting(815)); });
+  std::thread server([&, &end = peer] { end = agent.Accept(Greeting(815)); });
   EXPECT_TRUE(connection.Reconnect(kAmple));
   server.join();
   EXPECT_EQ(connection.AgentPid(), 815);
@@ -286,11 +279,11 @@ TEST(Answers, MayBeAsLargeAsANodesLargestPacket) {
   const lumo_ticket ticket = Send(connection, "SRV", "question"),
                     other = Send(connection, "SRV", "");
   const lumo::Message request = peer.ExpectRequest(), second = peer.ExpectRequest();
-  const lumo::Message largest = test::AnswerTo(request, std::string(8084, 'x'));
+  const lumo::Message largest = AnswerTo(request, std::string(8084, 'x'));
   ASSERT_EQ(lumo::EncodedSize(largest), lumo::kMaxFrame);
   peer.SendMessage(largest);
   EXPECT_EQ(connection.Receive(ticket, kAmple).String(0), largest.Strings[0]);
-  peer.SendMessage(test::AnswerTo(second, std::string(8086, 'x')));
+  peer.SendMessage(AnswerTo(second, std::string(8086, 'x')));
   EXPECT_EQ(connection.Receive(other, kAmple).Reason(), LUMO_REASON_BAD_ANSWER);
 }
 
@@ -378,8 +371,8 @@ class Sending : public ::testing::Test {
       EXPECT_EQ(answer.String(0), "held");
     });
     // From now on the request is that thread's.
-    EXPECT_TRUE(test::WaitFor(
-        [&] { return pair_.Library.Receive(ticket, kAtOnce).Status() == LUMO_NO_TICKET; }));
+    EXPECT_TRUE(
+        WaitFor([&] { return pair_.Library.Receive(ticket, kAtOnce).Status() == LUMO_NO_TICKET; }));
   }
   void Release() {
     pair_.Agent.SendMessage(held_);
@@ -411,14 +404,14 @@ TEST_F(Sending, AnAgentThatTakesNothingIsWaitedForNoLongerThanTheDeadline) {
     if (received) pair_.Agent.SendMessage(*received);
   }
   waiting_.join();
-  EXPECT_TRUE(pair_.Agent.Silent(test::kShortly));
+  EXPECT_TRUE(pair_.Agent.Silent(kShortly));
 }
 
 TEST_F(Sending, ARequestDoesNotOvertakeTheRestOfAnother) {
   TakeInPieces();
   std::size_t sent = Fill().size(), received = 0;
   // What there is of a request is kept.
-  const auto makeRoom = [&] { received += pair_.Agent.ReadFrame(test::Milliseconds(0)) ? 1 : 0; };
+  const auto makeRoom = [&] { received += pair_.Agent.ReadFrame(Milliseconds(0)) ? 1 : 0; };
   for (int round = 0; round < 20; ++round) {
     makeRoom();
     sent += Fill().size();
@@ -450,7 +443,7 @@ TEST_F(Sending, TheRestGoesOutOnceWhateverErrnoHasBeenLeftBehind) {
     last = pair_.Agent.ReadRequest();
     EXPECT_TRUE(last) << i;
   }
-  EXPECT_TRUE(pair_.Agent.Silent(test::kShortly));
+  EXPECT_TRUE(pair_.Agent.Silent(kShortly));
   if (last) pair_.Agent.SendMessage(*last);
   flushing.join();
 }
@@ -472,7 +465,7 @@ TEST_F(Sending, WaitsForRoomWhileAnotherThreadReceives) {
     waiter = gettid();
     EXPECT_TRUE(pair_.Library.Send(request_, &ticket, liblumo::kForever));
   });
-  EXPECT_TRUE(test::Sleeps(waiter));
+  EXPECT_TRUE(Sleeps(waiter));
   for (std::size_t i = 0; i <= sent; ++i) EXPECT_TRUE(pair_.Agent.ReadRequest()) << i;
   Release();
   sender.join();
@@ -490,3 +483,4 @@ TEST(EventLoops, TheDescriptorTellsThatAnAnswerHasCome) {
 }
 
 }  // namespace
+}  // namespace test

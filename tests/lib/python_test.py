@@ -323,89 +323,87 @@ class Threads(WithAgent):
         self.assertEqual(connection.in_flight, 0)
 
 
-class Asyncio(WithAgent):
-    def run_with(self, body):
+def with_connection(body):
+    """A test whose body gets a connection."""
+    def test(self):
         async def main():
             async with lumo.AsyncConnection(self.agent.path, PATIENCE) as agent:
-                await asyncio.wait_for(body(agent), PATIENCE)
+                await asyncio.wait_for(body(self, agent), PATIENCE)
         asyncio.run(main())
+    return test
 
-    def test_many_at_once(self):
-        async def body(agent):
-            answers = await asyncio.gather(*(agent.ask("SRV", f"select {n}", None)
-                                             for n in range(500)))
-            self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(500)])
-            self.assertEqual(agent.connection.in_flight, 0)
-        self.run_with(body)
 
-    def test_a_refused_statement(self):
-        async def body(agent):
-            with self.assertRaises(lumo.Refused):
-                await agent.ask("SRV", "nonsense")
-            with self.assertRaises(lumo.AgentError):
-                await agent.ask("NOBODY", "select 1")
-        self.run_with(body)
+class Asyncio(WithAgent):
+    @with_connection
+    async def test_many_at_once(self, agent):
+        answers = await asyncio.gather(*(agent.ask("SRV", f"select {n}", None)
+                                         for n in range(500)))
+        self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(500)])
+        self.assertEqual(agent.connection.in_flight, 0)
 
-    def test_more_than_the_agent_takes(self):
-        async def body(agent):
-            os.kill(self.agent.pid, signal.SIGSTOP)
-            pad = " " * 7000
-            tasks = [asyncio.create_task(agent.ask("SRV", f"select {n}{pad}", None))
-                     for n in range(200)]
-            while agent._room is None:  # until it takes no more
-                await asyncio.sleep(0)
-            with self.assertRaises(lumo.Timeout):
-                await agent.ask("SRV", "select 1", 0.01)
-            os.kill(self.agent.pid, signal.SIGCONT)
-            answers = await asyncio.gather(*tasks)
-            self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(200)])
-        self.run_with(body)
+    @with_connection
+    async def test_a_refused_statement(self, agent):
+        with self.assertRaises(lumo.Refused):
+            await agent.ask("SRV", "nonsense")
+        with self.assertRaises(lumo.AgentError):
+            await agent.ask("NOBODY", "select 1")
 
-    def test_time_and_cancellation(self):
-        async def body(agent):
-            os.kill(self.agent.pid, signal.SIGSTOP)
-            with self.assertRaises(lumo.Unsure) as raised:
-                await agent.ask("SRV", "select 1", 0.01)
-            self.assertEqual(raised.exception.reason, lumo.Reason.DEADLINE)
-            task = asyncio.create_task(agent.ask("SRV", "select 2", None))
-            while not agent.connection.in_flight:
-                await asyncio.sleep(0)
-            task.cancel()
-            with self.assertRaises(asyncio.CancelledError):
-                await task
-            self.assertEqual(agent.connection.in_flight, 0)
-            os.kill(self.agent.pid, signal.SIGCONT)
-            self.assertEqual((await agent.ask("SRV", "select 3", PATIENCE)).rows, "3")
-        self.run_with(body)
+    @with_connection
+    async def test_more_than_the_agent_takes(self, agent):
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        pad = " " * 7000
+        tasks = [asyncio.create_task(agent.ask("SRV", f"select {n}{pad}", None))
+                 for n in range(200)]
+        while agent._room is None:  # until it takes no more
+            await asyncio.sleep(0)
+        with self.assertRaises(lumo.Timeout):
+            await agent.ask("SRV", "select 1", 0.01)
+        os.kill(self.agent.pid, signal.SIGCONT)
+        answers = await asyncio.gather(*tasks)
+        self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(200)])
 
-    def test_an_agent_that_is_started_again(self):
-        async def body(agent):
-            os.kill(self.agent.pid, signal.SIGSTOP)
-            tasks = [asyncio.create_task(agent.ask("SRV", f"select {n}", None)) for n in range(20)]
-            while agent.connection.in_flight < 20:
-                await asyncio.sleep(0)
-            self.agent.stop(signal.SIGKILL)
-            ends = await asyncio.gather(*tasks, return_exceptions=True)
-            self.assertEqual({type(end) for end in ends}, {lumo.Unsure})
-            with self.assertRaises(lumo.NoAgent):
-                await agent.ask("SRV", "select 1")
-            self.agent.start()
-            answers = await asyncio.gather(*(agent.ask("SRV", f"select {n}", PATIENCE)
-                                             for n in range(20)))
-            self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(20)])
-        self.run_with(body)
+    @with_connection
+    async def test_time_and_cancellation(self, agent):
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        with self.assertRaises(lumo.Unsure) as raised:
+            await agent.ask("SRV", "select 1", 0.01)
+        self.assertEqual(raised.exception.reason, lumo.Reason.DEADLINE)
+        task = asyncio.create_task(agent.ask("SRV", "select 2", None))
+        while not agent.connection.in_flight:
+            await asyncio.sleep(0)
+        task.cancel()
+        with self.assertRaises(asyncio.CancelledError):
+            await task
+        self.assertEqual(agent.connection.in_flight, 0)
+        os.kill(self.agent.pid, signal.SIGCONT)
+        self.assertEqual((await agent.ask("SRV", "select 3", PATIENCE)).rows, "3")
 
-    def test_closing_ends_what_is_in_flight(self):
-        async def body(agent):
-            os.kill(self.agent.pid, signal.SIGSTOP)
-            task = asyncio.create_task(agent.ask("SRV", "select 1", None))
-            while not agent.connection.in_flight:
-                await asyncio.sleep(0)
-            agent.close()
-            with self.assertRaises(lumo.Unsure):
-                await task
-            os.kill(self.agent.pid, signal.SIGCONT)
-        self.run_with(body)
+    @with_connection
+    async def test_an_agent_that_is_started_again(self, agent):
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        tasks = [asyncio.create_task(agent.ask("SRV", f"select {n}", None)) for n in range(20)]
+        while agent.connection.in_flight < 20:
+            await asyncio.sleep(0)
+        self.agent.stop(signal.SIGKILL)
+        ends = await asyncio.gather(*tasks, return_exceptions=True)
+        self.assertEqual({type(end) for end in ends}, {lumo.Unsure})
+        with self.assertRaises(lumo.NoAgent):
+            await agent.ask("SRV", "select 1")
+        self.agent.start()
+        answers = await asyncio.gather(*(agent.ask("SRV", f"select {n}", PATIENCE)
+                                         for n in range(20)))
+        self.assertEqual([answer.rows for answer in answers], [str(n) for n in range(20)])
+
+    @with_connection
+    async def test_closing_ends_what_is_in_flight(self, agent):
+        os.kill(self.agent.pid, signal.SIGSTOP)
+        task = asyncio.create_task(agent.ask("SRV", "select 1", None))
+        while not agent.connection.in_flight:
+            await asyncio.sleep(0)
+        agent.close()
+        with self.assertRaises(lumo.Unsure):
+            await task
+        os.kill(self.agent.pid, signal.SIGCONT)
 
 
 if __name__ == "__main__":

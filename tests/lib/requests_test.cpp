@@ -5,15 +5,10 @@
 
 #include "tests/lib/lib_setting.h"
 
+namespace test {
 namespace {
 
-using test::kAmple;
-using test::kAtOnce;
-using test::kSoon;
-using test::Open;
-using test::Send;
-
-class Requests : public test::AgentTest {
+class Requests : public AgentTest {
  protected:
   void Start(const std::string& nodetab) {
     StartAgent(nodetab);
@@ -33,13 +28,13 @@ class Requests : public test::AgentTest {
     return SendToNode(&request_);
   }
 
-  test::Node node_;
+  Node node_;
   lumo::Message request_;
   std::optional<liblumo::Connection> connection_;
 };
 
 TEST_F(Requests, TheNodesAnswerComesBack) {
-  test::EchoNode echo;
+  EchoNode echo;
   Start(echo.Line("SRV"));
   const liblumo::Answer answer = connection_->Ask("srv", "question", kAmple);
   ASSERT_TRUE(answer) << answer.Words();
@@ -103,7 +98,7 @@ TEST_F(Requests, EveryFieldGoesOutAndComesBack) {
 TEST_F(Requests, TheNodesOwnCodeIsARefusal) {
   const lumo_ticket ticket = StartAndSend();
   const std::string words("no\nthanks\0hidden", 16);
-  lumo::Message refusal = test::AnswerTo(request_, "", 4050);
+  lumo::Message refusal = AnswerTo(request_, "", 4050);
   refusal.Strings[LUMO_ROWS] = words;
   node_.SendMessage(refusal);
   const liblumo::Answer answer = connection_->Receive(ticket, kAmple);
@@ -252,8 +247,8 @@ TEST_F(Requests, ADeadlineIsKept) {
   const auto before = test::Clock::now();
   EXPECT_EQ(connection_->Receive(ticket, liblumo::Time(80)).Status(), LUMO_TIMEOUT);
   const auto waited = test::Clock::now() - before;
-  EXPECT_GE(waited, test::Milliseconds(80));
-  EXPECT_LT(waited, test::kPatience);
+  EXPECT_GE(waited, Milliseconds(80));
+  EXPECT_LT(waited, kPatience);
 }
 
 TEST_F(Requests, AnAskThatIsNotAnsweredInTimeIsUnsureAndItsAnswerIsDropped) {
@@ -294,7 +289,7 @@ TEST_F(Requests, OneThatWasGivenUpIsGone) {
 }
 
 TEST_F(Requests, TheLargestMessageGoesThroughAndALargerOneDoesNotGoOut) {
-  test::EchoNode echo;
+  EchoNode echo;
   Start(echo.Line("SRV"));
   const std::string largest(8080, 'x');
   EXPECT_EQ(connection_->Ask("SRV", largest, kAmple).String(0), largest);
@@ -309,7 +304,7 @@ TEST_F(Requests, TheLargestMessageGoesThroughAndALargerOneDoesNotGoOut) {
 }
 
 TEST_F(Requests, ANameMayHaveEightCharacters) {
-  test::EchoNode echo;
+  EchoNode echo;
   Start(echo.Line("EIGHTCHR"));
   EXPECT_EQ(connection_->Ask("EIGHTCHR", "x", kAmple).String(0), "x");
   EXPECT_EQ(connection_->DefaultName(kAmple).Name, "EIGHTCHR");
@@ -359,3 +354,4 @@ TEST_F(Requests, ATicketBelongsToItsConnection) {
 }
 
 }  // namespace
+}  // namespace test

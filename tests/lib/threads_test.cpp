@@ -10,17 +10,12 @@
 #include "lib/tags.h"
 #include "tests/lib/lib_setting.h"
 
+namespace test {
 namespace {
 
 using lumo::detail::Tags;
-using test::FakeAgent;
-using test::kAmple;
-using test::kAtOnce;
-using test::kSoon;
-using test::Open;
-using test::Send;
 
-class Threads : public test::EchoTest {
+class Threads : public EchoTest {
  protected:
   // Asks until told to stop; every answer must be the asking thread's own.
   static void AskAll(liblumo::Connection& connection, const std::string& name, int count) {
@@ -95,7 +90,7 @@ TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
     waiter = gettid();
     EXPECT_EQ(connection.ReceiveAny(liblumo::kForever).Status(), LUMO_NOTHING_SENT);
   });
-  EXPECT_TRUE(test::Sleeps(waiter));
+  EXPECT_TRUE(Sleeps(waiter));
   EXPECT_TRUE(connection.Abandon(ticket));
   waiting.join();
 }
@@ -103,7 +98,7 @@ TEST_F(Threads, AWaiterForAnyRequestIsToldWhenThereIsNoneLeft) {
 // What the library's event descriptor counts; -1: there is none.
 int UntakenWakeUps() {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
-    const std::string info = test::ReadFile(entry.path());
+    const std::string info = ReadFile(entry.path());
     const std::size_t at = info.find("eventfd-count:");
     if (at != std::string::npos) return std::stoi(info.substr(at + 14), nullptr, 16);
   }
@@ -121,9 +116,9 @@ TEST_F(Threads, AWakeUpEndsOneWait) {
     waiter = gettid();
     EXPECT_TRUE(connection.Receive(kept, liblumo::kForever));
   });
-  EXPECT_TRUE(test::Sleeps(waiter));
+  EXPECT_TRUE(Sleeps(waiter));
   EXPECT_TRUE(connection.Abandon(given));
-  EXPECT_TRUE(test::WaitFor([] { return UntakenWakeUps() == 0; })) << UntakenWakeUps();
+  EXPECT_TRUE(WaitFor([] { return UntakenWakeUps() == 0; })) << UntakenWakeUps();
   peer.SendMessage(request);
   waiting.join();
 }
@@ -159,13 +154,13 @@ TEST_F(Threads, SurviveARestart) {
       }
     });
   }
-  EXPECT_TRUE(test::WaitFor([&] { return answered > 20; }));
+  EXPECT_TRUE(WaitFor([&] { return answered > 20; }));
   agent_.Kill();
   agent_.CloseControl();
   agent_.Spawn();
   EXPECT_TRUE(agent_.WaitUntilReady());
   const int before = answered;
-  EXPECT_TRUE(test::WaitFor([&] { return answered > before + 20; }));
+  EXPECT_TRUE(WaitFor([&] { return answered > before + 20; }));
   stop = true;
   for (std::thread& thread : threads) thread.join();
 }
@@ -176,7 +171,7 @@ bool InChild(Steps steps) {
   const pid_t child = fork();
   if (child == 0) _exit(steps() ? 0 : 1);
   int status = -1;
-  if (!test::WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; })) {
+  if (!WaitFor([&] { return waitpid(child, &status, WNOHANG) == child; })) {
     ADD_FAILURE() << "the child is held up";
     kill(child, SIGKILL);
     waitpid(child, &status, 0);
@@ -213,9 +208,9 @@ TEST(Forks, WhatTheParentSentStaysTheParents) {
 TEST(Forks, ClosingInTheChildLeavesTheParentsConnection) {
   auto [connection, peer] = FakeAgent().Connect();
   EXPECT_TRUE(InChild([&, &connection = connection] {
-    const int before = test::OpenDescriptors(getpid());
+    const int before = OpenDescriptors(getpid());
     lumo_close(connection.Get());
-    return test::OpenDescriptors(getpid()) < before;
+    return OpenDescriptors(getpid()) < before;
   }));
   const lumo_ticket ticket = Send(connection, "SRV", "question");
   peer.SendMessage(peer.ExpectRequest());
@@ -226,7 +221,7 @@ TEST(Forks, ClosingInTheChildLeavesTheParentsConnection) {
 // anybody else in the process needs memory meanwhile: a sanitizer's own allocator does not survive
 // a fork in the middle of it.
 TEST(Forks, AChildOfABusyProcessIsNotHeldUp) {
-  test::Agent agent;
+  Agent agent;
   ASSERT_TRUE(agent.Start());
   auto [parents, peer] = FakeAgent().Connect();
   const lumo_ticket ticket = Send(parents, "SRV", "question");
@@ -333,3 +328,4 @@ TEST_F(TagsOfAProcess, AChildHasItsOwn) {
 }
 
 }  // namespace
+}  // namespace test
