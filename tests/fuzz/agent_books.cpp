@@ -11,7 +11,6 @@
 namespace {
 
 // The bounds as they are promised; the agent has its own.
-constexpr std::int32_t kWaitingBound = 32, kInFlightBound = 65536;
 constexpr std::size_t kLinkBound = std::size_t{64} * 1024;
 constexpr std::size_t kClientBound = std::size_t{1024} * 1024;
 

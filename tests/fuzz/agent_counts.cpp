@@ -14,7 +14,6 @@ namespace {
 
 // The bounds as they are promised; the agent has its own.
 constexpr std::int32_t kGoneBounds[2] = {1024, 262144};
-constexpr std::int32_t kWaitingBound = 32, kInFlightBound = 65536;
 constexpr const char* kKinds[] = {"waiting", "in flight"};
 
 struct Counts {

@@ -15,6 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 inline constexpr char kFuzz[] = "fuzz";  // the place that calls come from
 
+// The bounds of a connection's requests as they are promised; the agent has its own.
+inline constexpr std::int32_t kWaitingBound = 32, kInFlightBound = 65536;
+
 // A fresh agent that has no links; the input decides whether it traces.
 void StartAgent(std::uint8_t logLevel);
 

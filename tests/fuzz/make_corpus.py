@@ -227,94 +227,83 @@ def answer(node=0, request=0, times=0):
 def agent():
     two, go = [3, 1], [PASS]
     start = [*two, PASS]
-    seed("agent", "request", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, go, answer(), go))
-    seed("agent", "traced", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, go, answer(), go,
-                                trace=True))
-    seed("agent", "select", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, [TICK], answer(),
-                                go, epoll=False))
-    seed("agent", "default", run(0, [0, 1], start, ask(0, ""), go, connect(), go, answer(), go))
-    seed("agent", "refused", run(0, [0], [PLAN, REFUSED], start, ask(0, "SRV1"), go, go))
-    seed("agent", "fails_later", run(0, [0], start, ask(0, "SRV1"), go, connect(0, False), go, go))
-    seed("agent", "times_out", run(0, [1], start, ask(0, "SRV2"), go, *[[TICK]] * 6))
-    seed("agent", "watchdog", run(0, [1], start, ask(0, "SRV2"), go, connect(), go, *[[TICK]] * 9))
-    seed("agent", "circle", run(AUTO_CONNECT, [0, 1, 2], [PLAN, REFUSED], [PLAN, REFUSED], start,
-                                ask(0, ""), go, connect(), go, answer(), go))
-    seed("agent", "circle_fails", run(AUTO_CONNECT | ERR_1001, [0, 1], [PLAN, REFUSED] * 3, start,
-                                      ask(0, ""), go, go))
-    seed("agent", "circle_again", run(AUTO_CONNECT | RETRY, [0, 1, 6], [PLAN, REFUSED] * 9, start,
-                                      ask(0, ""), ask(1, "SRV1"), go, *[[TICK]] * 5))
-    seed("agent", "change", run(AUTO_CHANGE, [0, 2], [PLAN, REFUSED], start, ask(0, ""), go,
-                                ask(0, ""), go, connect(), go))
-    seed("agent", "on_load", run(ON_LOAD, [0, 1, 2], connect(0), go, connect(1), go, start,
-                                 ask(0, ""), go, answer(), go))
-    seed("agent", "ping", run(PING, [0], go, connect(), go, answer(), go))
-    seed("agent", "conn_error", run(CONN_ERROR, [0], start, ask(0, ""), go, ask(1, ""), go))
-    seed("agent", "late_answer", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, [HANG_UP, 0, 1],
-                                     go, start, ask(1, "SRV1", 1, 2), go, answer(0, 1), go,
-                                     answer(0, 0, 3), go))
-    seed("agent", "wrong_link", run(0, [0, 1], start, ask(0, "SRV1"), ask(1, "SRV2", 1), go,
-                                    connect(0), connect(1), go, answer(1, 1), go, answer(0, 0), go))
-    seed("agent", "node_gone", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, ask(1, "SRV1"),
-                                   go, [NODE_GONE, 0, 1], go))
-    seed("agent", "dead_client", run(0, [0], start, ask(0, "SRV1"), go, connect(), go, [DEATH, 0],
-                                     answer(), go, [TICK], go))
-    seed("agent", "slow_node", run(0, [0], start, ask(0, "SRV1"), go, connect(), go,
-                                   [ROOM, 1, 0, 9], [ASK, 0, 3, *range(50)], go,
-                                   [ASK, 1, 0x33, *range(50)], go, go, [ROOM, 1, 0, 255], go, go))
-    seed("agent", "slow_client", run(0, [0], start, [ROOM, 0, 0, 12], ask(0, "SRV1"), go, connect(),
-                                     go, answer(), answer(), go, [ROOM, 0, 0, 255], go))
-    seed("agent", "many_wait", run(0, [0], start, [ASK, 0, 3, *range(50)], go,
-                                   [ASK, 0, 3, *range(50)], go, connect(), go, go))
-    seed("agent", "pieces", run(0, [0], start, [ASK_IN_PIECES, 0, 1, 2, 0, 3], go, [SEND_REST, 0, 60],
-                                go, [SEND_REST, 0, 255], go, connect(), go, [PIECE, 1, 0, 9],
-                                answer(), go, go))
-    seed("agent", "any_bytes", run(0, [0], start, [ANY_BYTES, 0, 8, 8, 0, 0, 0, 1, 2, 3, 4], go,
-                                   ask(1, "SRV1"), go, connect(), go,
-                                   [NODE_BYTES, 0, 6, 255, 255, 255, 255, 0, 0], go))
-    seed("agent", "editing", run(0, [0, 1], start, manage(119, 5), manage(123, 0), manage(102, 0), go,
-                                 ask(1, "SRV2"), go, connect(), go, manage(123, 1), go,
-                                 [NODE_GONE, 0, 1], go, manage(125, 0), go, manage(125, 0), go,
-                                 ask(0, ""), go))
-    seed("agent", "redefined", run(AUTO_CONNECT, [0, 1, 2], start, ask(0, "SRV1"), go, connect(), go,
-                                   manage(126, 12), go, ask(0, "SRV1"), go, [NODE_GONE, 0, 1], go,
-                                   ask(1, "SRV1"), go))
+    up = [start, ask(0, "SRV1"), go, connect(), go]
+
+    def case(name, *arguments, **how):
+        seed("agent", name, run(*arguments, **how))
+
+    case("request", 0, [0], *up, go, answer(), go)
+    case("traced", 0, [0], *up, go, answer(), go, trace=True)
+    case("select", 0, [0], *up, [TICK], answer(), go, epoll=False)
+    case("default", 0, [0, 1], start, ask(0, ""), go, connect(), go, answer(), go)
+    case("refused", 0, [0], [PLAN, REFUSED], start, ask(0, "SRV1"), go, go)
+    case("fails_later", 0, [0], start, ask(0, "SRV1"), go, connect(0, False), go, go)
+    case("times_out", 0, [1], start, ask(0, "SRV2"), go, *[[TICK]] * 6)
+    case("watchdog", 0, [1], start, ask(0, "SRV2"), go, connect(), go, *[[TICK]] * 9)
+    case("circle", AUTO_CONNECT, [0, 1, 2], [PLAN, REFUSED], [PLAN, REFUSED], start, ask(0, ""), go,
+         connect(), go, answer(), go)
+    case("circle_fails", AUTO_CONNECT | ERR_1001, [0, 1], [PLAN, REFUSED] * 3, start, ask(0, ""),
+         go, go)
+    case("circle_again", AUTO_CONNECT | RETRY, [0, 1, 6], [PLAN, REFUSED] * 9, start, ask(0, ""),
+         ask(1, "SRV1"), go, *[[TICK]] * 5)
+    case("change", AUTO_CHANGE, [0, 2], [PLAN, REFUSED], start, ask(0, ""), go, ask(0, ""), go,
+         connect(), go)
+    case("on_load", ON_LOAD, [0, 1, 2], connect(0), go, connect(1), go, start, ask(0, ""), go,
+         answer(), go)
+    case("ping", PING, [0], go, connect(), go, answer(), go)
+    case("conn_error", CONN_ERROR, [0], start, ask(0, ""), go, ask(1, ""), go)
+    case("late_answer", 0, [0], *up, [HANG_UP, 0, 1], go, start, ask(1, "SRV1", 1, 2), go,
+         answer(0, 1), go, answer(0, 0, 3), go)
+    case("wrong_link", 0, [0, 1], start, ask(0, "SRV1"), ask(1, "SRV2", 1), go, connect(0),
+         connect(1), go, answer(1, 1), go, answer(0, 0), go)
+    case("node_gone", 0, [0], *up, ask(1, "SRV1"), go, [NODE_GONE, 0, 1], go)
+    case("dead_client", 0, [0], *up, [DEATH, 0], answer(), go, [TICK], go)
+    case("slow_node", 0, [0], *up, [ROOM, 1, 0, 9], [ASK, 0, 3, *range(50)], go,
+         [ASK, 1, 0x33, *range(50)], go, go, [ROOM, 1, 0, 255], go, go)
+    case("slow_client", 0, [0], start, [ROOM, 0, 0, 12], ask(0, "SRV1"), go, connect(), go,
+         answer(), answer(), go, [ROOM, 0, 0, 255], go)
+    case("many_wait", 0, [0], start, [ASK, 0, 3, *range(50)], go, [ASK, 0, 3, *range(50)], go,
+         connect(), go, go)
+    case("pieces", 0, [0], start, [ASK_IN_PIECES, 0, 1, 2, 0, 3], go, [SEND_REST, 0, 60], go,
+         [SEND_REST, 0, 255], go, connect(), go, [PIECE, 1, 0, 9], answer(), go, go)
+    case("any_bytes", 0, [0], start, [ANY_BYTES, 0, 8, 8, 0, 0, 0, 1, 2, 3, 4], go, ask(1, "SRV1"),
+         go, connect(), go, [NODE_BYTES, 0, 6, 255, 255, 255, 255, 0, 0], go)
+    case("editing", 0, [0, 1], start, manage(119, 5), manage(123, 0), manage(102, 0), go,
+         ask(1, "SRV2"), go, connect(), go, manage(123, 1), go, [NODE_GONE, 0, 1], go,
+         manage(125, 0), go, manage(125, 0), go, ask(0, ""), go)
+    case("redefined", AUTO_CONNECT, [0, 1, 2], *up, manage(126, 12), go, ask(0, "SRV1"), go,
+         [NODE_GONE, 0, 1], go, ask(1, "SRV1"), go)
     # What closed connections leave waiting: more than a link keeps.
     crowd = [[CLIENTS, 0, PASS, ASK, 0, 3, *[1, 1] * 25, PASS, HANG_UP, 0, 1, PASS]
              for _ in range(42)]
-    seed("agent", "many_gone", run(0, [0], *crowd, connect(), go, go))
+    case("many_gone", 0, [0], *crowd, connect(), go, go)
     # One more asks in the pass in which much goes out that has waited.
     long = 0x33
-    seed("agent", "much_waits", run(0, [0], start, [ASK, 0, long, *[1, 1] * 25], go, start, go,
-                                    connect(), ask(2, "SRV1", 2, 2), go, go))
-    seed("agent", "parked_hangs_up", run(0, [0], start, [ASK, 0, 3, *[1, 1] * 25], go,
-                                         [ASK, 0, 3, *[1, 1] * 25], go, [HANG_UP, 0, 1], go, [TICK],
-                                         start, ask(1, "SRV1"), go, connect(), go, go))
+    case("much_waits", 0, [0], start, [ASK, 0, long, *[1, 1] * 25], go, start, go, connect(),
+         ask(2, "SRV1", 2, 2), go, go)
+    case("parked_hangs_up", 0, [0], start, [ASK, 0, 3, *[1, 1] * 25], go, [ASK, 0, 3, *[1, 1] * 25],
+         go, [HANG_UP, 0, 1], go, [TICK], start, ask(1, "SRV1"), go, connect(), go, go)
     stuck = [*[CLIENTS, 2, PASS], *ask(0, "SRV1"), PASS, *connect(), PASS, PASS, ROOM, 1, 0, 0]
-    seed("agent", "parked_in_a_row", run(0, [0], stuck, *[[ASK, number, long, *[1, 1] * 25, PASS]
-                                                          for number in range(3)],
-                                         [HANG_UP, 1, 1], [TICK], go, [ROOM, 1, 0, 255], go, go))
-    seed("agent", "just_not_parked", run(0, [0], stuck, [ASK, 0, 0x31, *[1, 1] * 9],
-                                         [ASK, 0, 0x30, 1, 1], [ASK, 0, 3, *[1, 1] * 25],
-                                         [ASK, 0, 1, *[1, 1] * 9], *[[ASK, 0, 0, 1, 1]] * 7, go,
-                                         ask(0, "SRV1"), go, [ROOM, 1, 0, 255], go, go))
+    case("parked_in_a_row", 0, [0], stuck,
+         *[[ASK, number, long, *[1, 1] * 25, PASS] for number in range(3)], [HANG_UP, 1, 1], [TICK],
+         go, [ROOM, 1, 0, 255], go, go)
+    case("just_not_parked", 0, [0], stuck, [ASK, 0, 0x31, *[1, 1] * 9], [ASK, 0, 0x30, 1, 1],
+         [ASK, 0, 3, *[1, 1] * 25], [ASK, 0, 1, *[1, 1] * 9], *[[ASK, 0, 0, 1, 1]] * 7, go,
+         ask(0, "SRV1"), go, [ROOM, 1, 0, 255], go, go)
     local = [PLAN, AT_ONCE]
-    seed("agent", "local_socket", run(0, [3], local, start, ask(0, "SRV4"), go, answer(), go,
-                                      [NODE_GONE, 0, 1], go))
-    seed("agent", "local_queue", run(0, [4], start, ask(0, "SRV5"), ask(1, "SRV5", 1), go,
-                                     [READER, 0, 0, 0], go, [READER, 1, 0, 1, 0], go))
-    seed("agent", "reader_delivers_and_dies", run(0, [4], start, ask(0, "SRV5"), ask(1, "SRV5", 1),
-                                                  go, [READER, 1, 0, 1, 1],
-                                                  [MORE, 0, 0, 0, 2], go, ask(0, "SRV5"), go))
-    seed("agent", "reader_dead", run(0, [4], start, ask(0, "SRV5"), go, [MORE, 0, 0, 0, 3], [TICK],
-                                     go))
-    seed("agent", "failing", run(0, [0, 4], *[[FAIL, call, call, 0, *start, *ask(0, "SRV1"), PASS,
-                                               *ask(1, "SRV5"), PASS, *connect(), PASS]
-                                              for call in range(27)]))
-    seed("agent", "many_clients", run(0, [0], [CLIENTS, 3, PASS] * 5, ask(9, "SRV1"),
-                                      ask(15, "SRV1", 2), go, connect(), go, answer(), answer(0, 1),
-                                      go, [HANG_UP, 9, 1], [HANG_UP, 3, 0], go))
-    seed("agent", "few_descriptors", run(0, [0], [MORE, 1, 7], [CLIENTS, 3, PASS] * 5,
-                                         ask(0, "SRV1"), go, go))
+    case("local_socket", 0, [3], local, start, ask(0, "SRV4"), go, answer(), go, [NODE_GONE, 0, 1],
+         go)
+    case("local_queue", 0, [4], start, ask(0, "SRV5"), ask(1, "SRV5", 1), go, [READER, 0, 0, 0], go,
+         [READER, 1, 0, 1, 0], go)
+    case("reader_delivers_and_dies", 0, [4], start, ask(0, "SRV5"), ask(1, "SRV5", 1), go,
+         [READER, 1, 0, 1, 1], [MORE, 0, 0, 0, 2], go, ask(0, "SRV5"), go)
+    case("reader_dead", 0, [4], start, ask(0, "SRV5"), go, [MORE, 0, 0, 0, 3], [TICK], go)
+    case("failing", 0, [0, 4],
+         *[[FAIL, call, call, 0, *start, *ask(0, "SRV1"), PASS, *ask(1, "SRV5"), PASS, *connect(), PASS]
+           for call in range(27)])
+    case("many_clients", 0, [0], [CLIENTS, 3, PASS] * 5, ask(9, "SRV1"), ask(15, "SRV1", 2), go,
+         connect(), go, answer(), answer(0, 1), go, [HANG_UP, 9, 1], [HANG_UP, 3, 0], go)
+    case("few_descriptors", 0, [0], [MORE, 1, 7], [CLIENTS, 3, PASS] * 5, ask(0, "SRV1"), go, go)
 
 
 def main():

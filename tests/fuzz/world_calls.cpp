@@ -152,6 +152,13 @@ ssize_t GiveBytes(Socket& socket, const void* buffer, std::size_t size) {
 
 // Connecting
 
+Plan NextPlan(Plan otherwise) {
+  if (state.Connects.empty()) return otherwise;
+  const Plan plan = state.Connects.front();
+  state.Connects.pop_front();
+  return plan;
+}
+
 int ConnectNode(Socket& socket) {
   if (socket.Connecting && !socket.ConnectOver) return Fail(EALREADY);
   if (socket.Connecting) {
@@ -160,11 +167,7 @@ int ConnectNode(Socket& socket) {
   }
   if (socket.What == Kind::Node) return Fail(EISCONN);
   socket.What = Kind::Node;
-  Plan plan = Plan::Pending;
-  if (!state.Connects.empty()) {
-    plan = state.Connects.front();
-    state.Connects.pop_front();
-  }
+  const Plan plan = NextPlan(Plan::Pending);
   if (plan == Plan::Refused) return Fail(ECONNREFUSED);
   if (plan == Plan::Unreachable) return Fail(EHOSTUNREACH);
   if (plan == Plan::AtOnce) return 0;
@@ -174,11 +177,7 @@ int ConnectNode(Socket& socket) {
 
 // Nobody listens at the agent's own path before the agent does; kernels are tried by links.
 int ConnectKernel(Socket& socket) {
-  Plan plan = state.KernelsListen ? Plan::AtOnce : Plan::Refused;
-  if (!state.Connects.empty()) {
-    plan = state.Connects.front();
-    state.Connects.pop_front();
-  }
+  const Plan plan = NextPlan(state.KernelsListen ? Plan::AtOnce : Plan::Refused);
   if (plan == Plan::Refused) return Fail(ECONNREFUSED);
   if (plan == Plan::Unreachable) return Fail(ENOENT);
   socket.What = Kind::Kernel;
