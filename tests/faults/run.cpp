@@ -237,11 +237,12 @@ void Run::Expect(App& app, const lumo::Message& request, const std::string& text
   Tell(label, Receive(app, request, text));
 }
 
-void Run::Ask(App& app, const std::string& node, const std::string& text,
+bool Run::Ask(App& app, const std::string& node, const std::string& text,
               const std::string& label) {
-  if (!Alive()) return;
+  if (!Alive()) return false;
   const std::string shown = label.empty() ? (node.empty() ? "default" : node) : label;
   Expect(app, Send(app, node, text), text, shown);
+  return Alive();
 }
 
 void Run::Manage(App& app, std::uint16_t command, const std::string& argument,

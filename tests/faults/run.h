@@ -90,8 +90,9 @@ class Run {
   test::Agent& Subject() { return agent_; }
   test::Agent& Other() { return other_; }
   App NewApp(std::int32_t taskName = 0);
-  // Sends, and tells what comes: "right", "code/errno", "closed" or "nothing".
-  void Ask(App& app, const std::string& node, const std::string& text,
+  // Sends, and tells what comes: "right", "code/errno", "closed" or "nothing". False: the agent has
+  // ended.
+  bool Ask(App& app, const std::string& node, const std::string& text,
            const std::string& label = {});
   lumo::Message Send(App& app, const std::string& node, const std::string& text);
   void Expect(App& app, const lumo::Message& request, const std::string& text,

@@ -140,8 +140,7 @@ std::deque<App> NewApps(Run& run, int count) {
 
 // A request of each, which the agent finds in one pass of its loop with what else comes.
 void AskTogether(Run& run, std::deque<App>& apps, const std::string& node, const auto& whatElse) {
-  run.Ask(apps[0], node, "first", node + " first");
-  if (!run.Alive()) return;
+  if (!run.Ask(apps[0], node, "first", node + " first")) return;
   std::vector<lumo::Message> requests;
   test::Freeze(run.Subject().Pid());
   for (App& app : apps) requests.push_back(run.Send(app, node, "together"));
@@ -282,8 +281,7 @@ void NoDescriptors(Run& run) {
 
 void FullQueue(Run& run) {
   App app = run.NewApp();
-  run.Ask(app, "K", "hello");
-  if (!run.Alive()) return;
+  if (!run.Ask(app, "K", "hello")) return;
   run.Database().Kernel().FillQueue();
   const lumo::Message request = run.Send(app, "K", "waits");
   run.Barrier();
@@ -295,8 +293,7 @@ void FullQueue(Run& run) {
 // The reader of the broken link is still there when the next one is to start.
 void FormerReader(Run& run) {
   App app = run.NewApp();
-  run.Ask(app, "K", "hello");
-  if (!run.Alive()) return;
+  if (!run.Ask(app, "K", "hello")) return;
   const pid_t reader = run.Reader();
   run.Provoke(Call::msgsnd, "PutIntoQueue", EIDRM);
   run.Provoke(Call::kill, "TellToEnd", ESRCH);
@@ -310,8 +307,7 @@ void FormerReader(Run& run) {
 // The link breaks while its reader is writing to a client.
 void BusyReader(Run& run) {
   App app = run.NewApp(), other = run.NewApp();
-  run.Ask(app, "K", "hello");
-  if (!run.Alive()) return;
+  if (!run.Ask(app, "K", "hello")) return;
   run.Provoke(Call::send, "SendNow", kDelay);
   const lumo::Message request = run.Send(app, "K", "slow");
   run.WaitForProvoked();
@@ -323,8 +319,7 @@ void BusyReader(Run& run) {
 // Answers that a client has not taken yet when the agent is told to stop.
 void StopWithUnsent(Run& run) {
   App app = run.NewApp(), other = run.NewApp();
-  run.Ask(app, "T2", "first");
-  if (!run.Alive()) return;
+  if (!run.Ask(app, "T2", "first")) return;
   const std::vector<lumo::Message> requests = AskForTooMuch(run, app, other, "T2");
   if (!run.Alive()) return;
   kill(run.Subject().Pid(), SIGTERM);
