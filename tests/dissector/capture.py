@@ -11,7 +11,7 @@ SECONDS_TO_READ_UP = 2  # after the stop
 
 class PcapFile:
     def __init__(self, path, link_type):
-        self.file = open(path, "wb")
+        self.file = open(path, "wb", buffering=0)  # may be read at any time
         self.file.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, link_type))
 
     def write(self, seconds, data):

@@ -58,7 +58,9 @@ class Directory(unittest.TestCase):
 
 class MadeCaptures(Directory):
     def conversation(self, **options):
-        return Conversation(self.pcap, **options)
+        made = Conversation(self.pcap, **options)
+        self.addCleanup(made.close)
+        return made
 
     def expert(self, packets):
         """The expert notes on each of these packets, all on connections of their own."""
@@ -66,7 +68,6 @@ class MadeCaptures(Directory):
         for i, packet in enumerate(packets):
             made.connect(1060, 50000 + i)
             made.request(packet)
-        made.close()
         rows = dissect(self.pcap, ["_ws.expert.message"])
         self.assertEqual(len(rows), len(packets))
         return [row[0] for row in rows]
@@ -74,7 +75,6 @@ class MadeCaptures(Directory):
     def test_every_field_of_a_message(self):
         made = self.conversation()
         made.request(message(strings=[b"SELECT 10", b"two", b"", b"four"]))
-        made.close()
         expected = {
             "lumo.length": "122", "lumo.task_name": "77", "lumo.cod_err": "0", "lumo.prior": "1",
             "lumo.num_chan": "2", "lumo.cbl.uninterpreted": "01020304", "lumo.command": "EXEC",
@@ -95,7 +95,6 @@ class MadeCaptures(Directory):
         made = self.conversation()
         made.request(control(0, 3) + control(1, 60 << 16 | 0x5555), control(1, 0), control(2, 4711))
         made.answer(control(1, 99))
-        made.close()
         rows = dissect(self.pcap, ["lumo.control.type", "lumo.control.receive_timeout",
                                    "lumo.control.send_timeout", "lumo.control.alive",
                                    "lumo.control.dead_pid", "_ws.expert.message"])
@@ -110,7 +109,6 @@ class MadeCaptures(Directory):
         made = self.conversation()
         made.request(*(bytes([byte]) for byte in first), stream[:150], stream[150:1000],
                      stream[1000:])
-        made.close()
         rows = dissect(self.pcap,
                        ["lumo.trailer.ast_ind", "lumo.control.type", "lumo.string1.count"])
         tags = [tag for row in rows for tag in row[0]]
@@ -129,7 +127,6 @@ class MadeCaptures(Directory):
         made.answer(message(tag=3) * 2)  # both in packet 12
         made.request(message(tag=2))  # the tag again, after its answer
         made.request(message(tag=2))  # and once more, without
-        made.close()
         names = ["frame.number", "lumo.response_in", "lumo.request_in", "lumo.response_time",
                  "_ws.expert.message"]
         rows = dissect(self.pcap, names, "-2")
@@ -152,7 +149,6 @@ class MadeCaptures(Directory):
         made.request(message())
         made.connect(1060, 40001)
         made.answer(message())
-        made.close()
         rows = dissect(self.pcap, ["lumo.request_in", "_ws.expert.message"])
         self.assertEqual(rows[1][0], [])
         self.assertIn("No request for this answer", rows[1][1][0])
@@ -194,13 +190,11 @@ class MadeCaptures(Directory):
                 data.append(seed >> 16 & 255)
             made.request(struct.pack("<I", size) + bytes(data))
             made.answer(struct.pack("<I", size) + bytes(data))
-        made.close()
         self.assertEqual(len(dissect(self.pcap, ["lumo.length"])), 4 * 129)
 
     def test_other_ports_and_byte_order(self):
         made = self.conversation(port=5999)
         made.request(message(order=">"))
-        made.close()
         self.assertEqual(dissect(self.pcap, ["lumo.length"]), [])
         big = ["-o", "lumo.big_endian:TRUE"]
         for port in (["-o", "lumo.ports:1060,5999"], ["-d", "tcp.port==5999,lumo"]):
