@@ -203,10 +203,8 @@ TEST_F(Change, RefreshTakesAllNodesAndAnotherFile) {
       Write("other", "TWO TCPIP 127.0.0.2 2\nONE TCPIP 127.0.0.1 1\nNEW REZ\n");
   const Json nodes = Ask({"refresh", "--all", "--file", path}, 1).at("nodes");
   ASSERT_EQ(nodes.size(), 3U);
-  EXPECT_EQ(nodes[0], (Json{{"node", "TWO"},
-                            {"from", "TWO TCPIP 127.0.0.1 2 1 0 0"},
-                            {"to", "TWO TCPIP 127.0.0.2 2 1 0 0"},
-                            {"outcome", "in force"}}));
+  EXPECT_EQ(nodes[0], R"({"node": "TWO", "from": "TWO TCPIP 127.0.0.1 2 1 0 0",
+                          "to": "TWO TCPIP 127.0.0.2 2 1 0 0", "outcome": "in force"})"_json);
   EXPECT_EQ(nodes[1].at("outcome"), "in force");
   EXPECT_EQ(nodes[2], (Json{{"node", "NEW"}, {"outcome", "refused"}}));
   EXPECT_EQ(Names(), "ONE\nTWO\n");

@@ -27,15 +27,9 @@ TEST_F(Manage, ListIsATableOrJsonOrNames) {
          "1     TWO   LOCALS\n");
   const Json nodes = Ask({"list"}).at("nodes");
   ASSERT_EQ(nodes.size(), 2U);
-  EXPECT_EQ(nodes[0], (Json{{"index", 0},
-                            {"default", true},
-                            {"name", "ONE"},
-                            {"protocol", "TCPIP"},
-                            {"address", "127.0.0.1"},
-                            {"port", 1},
-                            {"receive_timeout", 2},
-                            {"send_timeout", 3},
-                            {"connect_timeout", 4}}));
+  EXPECT_EQ(nodes[0], R"({"index": 0, "default": true, "name": "ONE", "protocol": "TCPIP",
+                          "address": "127.0.0.1", "port": 1, "receive_timeout": 2,
+                          "send_timeout": 3, "connect_timeout": 4})"_json);
   EXPECT_EQ(nodes[1],
             (Json{{"index", 1}, {"default", false}, {"name", "TWO"}, {"protocol", "LOCALS"}}));
   Expect({"list", "--names"}, 0, "ONE\nTWO\n");

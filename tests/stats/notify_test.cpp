@@ -21,13 +21,17 @@ class Notify : public testing::Test {
     InitialiseNotify();
   }
 
+  static void Begin() {
+    InitialiseNotify();
+    NotifyReady();
+  }
+
   using Texts = std::vector<std::string>;
   test::NotifySocket manager_;
 };
 
 TEST_F(Notify, ManagerHearsOfBeginningStateAndEnd) {
-  InitialiseNotify();
-  NotifyReady();
+  Begin();
   NotifyTick(12, 3, "SRV1");
   NotifyTick(12, 3, "SRV1");  // nothing new
   NotifyTick(0, 0, nullptr);
@@ -57,8 +61,7 @@ TEST_F(Notify, AbstractNamesAreUnderstood) {
   const std::string name = "@lumo-notify-" + std::to_string(getpid());
   ASSERT_TRUE(manager_.Listen(name));
   setenv("NOTIFY_SOCKET", name.c_str(), 1);
-  InitialiseNotify();
-  NotifyReady();
+  Begin();
   EXPECT_EQ(manager_.Heard(), Texts{"READY=1"});
 }
 
@@ -66,8 +69,7 @@ TEST_F(Notify, AbstractNameMayBeOneByte) {
   std::string name = "@!";
   while (!manager_.Listen(name) && name[1] != '~') ++name[1];  // another test may have it
   setenv("NOTIFY_SOCKET", name.c_str(), 1);
-  InitialiseNotify();
-  NotifyReady();
+  Begin();
   EXPECT_EQ(manager_.Heard(), Texts{"READY=1"});
 }
 
@@ -78,12 +80,10 @@ TEST_F(Notify, NobodyIsToldWithoutAManager) {
     NotifyReady();
   }
   unsetenv("NOTIFY_SOCKET");
-  InitialiseNotify();
-  NotifyReady();
+  Begin();
   NotifyTick(1, 1, "A");
   setenv("NOTIFY_SOCKET", std::string(200, '/').c_str(), 1);
-  InitialiseNotify();
-  NotifyReady();
+  Begin();
   EXPECT_EQ(manager_.Heard(), Texts{});
 }
 
