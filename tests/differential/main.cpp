@@ -18,7 +18,7 @@ using differential::Course;
 using differential::Scenario;
 
 struct Options {
-  std::uint32_t Seed = 0;
+  std::uint32_t Seed = std::random_device{}();
   double Seconds = 60;
   int Scenarios = 1 << 30;
   std::vector<std::string> Levels = {"0", "3", "15"};
@@ -84,9 +84,7 @@ void Compare(std::uint32_t seed, const Options& options, Count* count) {
   }
 }
 
-bool Parse(int argc, char** argv, Options* options, int* status) {
-  CLI::App app("Compares the agent at several log levels");
-  options->Seed = std::random_device{}();
+void AddOptions(CLI::App& app, Options* options) {
   app.add_option("--seed", options->Seed, "Of the first scenario; the next has the next number");
   app.add_option("--seconds", options->Seconds, "Time after which no further scenario is begun");
   app.add_option("--scenarios", options->Scenarios, "How many at most");
@@ -95,22 +93,16 @@ bool Parse(int argc, char** argv, Options* options, int* status) {
   app.add_flag("--ignore-link-numbers", differential::settings.IgnoreLinkNumbers,
                "Leave out the descriptor that a request carries to its node");
   app.add_flag("--verbose", options->Verbose, "Print each scenario, and its course at the first");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    *status = app.exit(error);
-    return false;
-  }
-  return true;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  CLI::App app("Compares the agent at several log levels");
   Options options;
-  int status = 0;
-  if (!Parse(argc, argv, &options, &status)) return status;
+  AddOptions(app, &options);
+  CLI11_PARSE(app, argc, argv);
   std::printf("seed %u\n", options.Seed);
   std::fflush(stdout);
   Count count;
