@@ -2,7 +2,6 @@
 
 import functools
 import re
-import subprocess
 import unittest
 
 import roff
@@ -27,9 +26,7 @@ class ControlPage(unittest.TestCase):
     @classmethod
     @functools.cache
     def help(cls, *command):
-        run = subprocess.run([cls.PROGRAM, *command, "--help"], capture_output=True, text=True,
-                             timeout=20, check=True)
-        return run.stdout
+        return sources.run(cls.PROGRAM, *command, "--help").stdout
 
     @staticmethod
     def options_of_help(text):

@@ -2,7 +2,6 @@
 """Compares the manual pages with the sources: pages_check.py ROOT AGENT LUMOCTL"""
 
 import re
-import subprocess
 import sys
 import unittest
 from pathlib import Path
@@ -27,7 +26,7 @@ class EveryPage(unittest.TestCase):
     """Form, and that every page is installed."""
 
     def check(self, command, name):
-        run = subprocess.run([*command, name], cwd=MAN, capture_output=True, text=True, check=False)
+        run = sources.run(*command, name, cwd=MAN, check=False)
         # The pages' footer names this system; manuals of the BSDs leave that to the formatter.
         said = [line for line in (run.stdout + run.stderr).splitlines()
                 if "operating system explicitly specified" not in line]
@@ -43,9 +42,8 @@ class EveryPage(unittest.TestCase):
 
     def test_footer_names_the_system(self):
         for path in MAN.glob("*.[1-8]"):
-            run = subprocess.run(["groff", "-mdoc", "-Tascii", path], capture_output=True, text=True,
-                                 check=True)
-            self.assertTrue(run.stdout.rstrip().splitlines()[-1].startswith("lumo_tcp"), path.name)
+            text = sources.run("groff", "-mdoc", "-Tascii", path).stdout
+            self.assertTrue(text.rstrip().splitlines()[-1].startswith("lumo_tcp"), path.name)
 
     def test_all_are_installed(self):
         listed = re.search(r"foreach\(page ([^)]+)\)", sources.read(MAN / "CMakeLists.txt"))
@@ -216,8 +214,7 @@ class ProtocolPage(unittest.TestCase):
     """lumo-protocol(7); what its tables say is tried by man_tests."""
 
     def test_tables_are_those_of_the_document(self):
-        run = subprocess.run([ROOT / "tools/protocol_page.py", "--check"], capture_output=True,
-                             text=True, check=False)
+        run = sources.run(ROOT / "tools/protocol_page.py", "--check", check=False)
         self.assertEqual((run.stderr, run.returncode), ("", 0))
 
 
@@ -226,12 +223,11 @@ class DeveloperPages(unittest.TestCase):
 
     def check(self, name, program):
         self.assertTrue(program.is_file(), f"{program} is not in the build: nothing to check with")
-        run = subprocess.run([program, "--help"], capture_output=True, text=True, timeout=20,
-                             check=True)
+        text = sources.run(program, "--help").stdout
         listed = set()
         for item in page(name).items("DESCRIPTION"):
             listed |= ControlPage.options_of_head(item)
-        self.assertEqual(listed - {"-h", "--help"}, ControlPage.options_of_help(run.stdout))
+        self.assertEqual(listed - {"-h", "--help"}, ControlPage.options_of_help(text))
 
     def test_node(self):
         self.check("lumo_node.1", BUILD / "tools/lumo_node/lumo_node")

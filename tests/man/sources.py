@@ -10,6 +10,10 @@ LITERAL = r'"((?:[^"\\]|\\.)*)"'
 CONVERSION = re.compile(r"%[-+ 0-9.*]*(?:hh|h|ll|l|z)?[diuxXcsp]")
 
 
+def run(*command, check=True, **how):
+    return subprocess.run(command, capture_output=True, text=True, timeout=60, check=check, **how)
+
+
 def agent_sources(root):
     return [path for folder in AGENT for path in sorted((root / folder).glob("*.cpp"))]
 
@@ -97,8 +101,8 @@ def options(root):
 
 def usage_options(agent):
     """The options of the agent's own help."""
-    run = subprocess.run([agent, "-HELP"], capture_output=True, text=True, timeout=20, check=False)
-    return set(re.findall(r"(?:\[| )-([A-Z?][A-Z0-9]*)(?=[\]\s])", run.stdout)), run.returncode
+    said = run(agent, "-HELP", check=False)
+    return set(re.findall(r"(?:\[| )-([A-Z?][A-Z0-9]*)(?=[\]\s])", said.stdout)), said.returncode
 
 
 def environment(root):
