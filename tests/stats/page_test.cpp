@@ -257,6 +257,17 @@ TEST_F(StatsPageFile, PathStandsBesideTheSocket) {
 class StatsPageRows : public test::StatsPageTest {
  protected:
   void SetUp() override { Start(); }
+  // A link that is connected, at the second try.
+  static int NewConnectedLink() {
+    const int row = NewLinkStats("SRV1", "TCPIP", "127.0.0.1 1060");
+    StatsConnectTried(row);
+    StatsLinkState(row, LUMO_STATS_CONNECTING);
+    StatsConnectFailed(row, 4006, ECONNREFUSED);
+    StatsLinkState(row, LUMO_STATS_DISCONNECTED);
+    StatsConnectTried(row);
+    StatsLinkState(row, LUMO_STATS_CONNECTED);
+    return row;
+  }
 };
 
 TEST_F(StatsPageRows, HeaderTellsWhoseItIs) {
@@ -337,8 +348,7 @@ TEST_F(StatsPageRows, ConnectionHasARowWhileItIsOpen) {
   EXPECT_EQ(agent.parked, 1U);
   StatsClientClosed(pair[0], LUMO_STATS_NOT_READING);
   StatsClientClosed(pair[0], LUMO_STATS_OTHER);  // once is enough
-  client = Client(row);
-  EXPECT_EQ(client.used, 0U);
+  EXPECT_EQ(Client(row).used, 0U);
   agent = Agent();
   EXPECT_EQ(agent.clients, 0U);
   EXPECT_EQ(agent.clients_most, 1U);
@@ -369,13 +379,7 @@ TEST_F(StatsPageRows, NumbersThatNoRowHasAreIgnored) {
 }
 
 TEST_F(StatsPageRows, LinkTellsItsWay) {
-  const int row = NewLinkStats("SRV1", "TCPIP", "127.0.0.1 1060");
-  StatsConnectTried(row);
-  StatsLinkState(row, LUMO_STATS_CONNECTING);
-  StatsConnectFailed(row, 4006, ECONNREFUSED);
-  StatsLinkState(row, LUMO_STATS_DISCONNECTED);
-  StatsConnectTried(row);
-  StatsLinkState(row, LUMO_STATS_CONNECTED);
+  const int row = NewConnectedLink();
   StatsLinkState(row, LUMO_STATS_CONNECTED);
   StatsPass();
   const std::int64_t sent = StatsClock();
