@@ -79,7 +79,6 @@ TEST_F(HangUps, LeaveNoMoreThanTheNewestOfTheirRequests) {
   EXPECT_EQ(received->Strings[0], "last") << "no other request follows";
   node_.Answer(*received);
   live.ExpectAnswer(last);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(HangUps, ThatGoBeyondTheBoundAreReportedOnce) {
@@ -113,7 +112,6 @@ TEST_F(HangUps, OfConnectionsThatAreNotReadGiveTheirDescriptorsBack) {
   })) << OpenDescriptors(agent_.Pid())
       << " instead of " << idle_;
   EXPECT_EQ(Client(agent_).Ask("SRV", "still there").Strings[0], "still there");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(HangUps, OfConnectionsThatAreNotReadDoNotShutClientsOut) {

@@ -1,7 +1,6 @@
 // Client messages as they go over real connections: their bytes, their bounds, and what becomes of
 // answers whose client is gone.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -18,6 +17,8 @@ namespace {
 using ClientTimeout = AgentTest;
 
 constexpr std::size_t kMarkInTrailer = 46, kSocketInTrailer = 4, kTrailerSize = 48;
+constexpr char kSkipped[] = "The message were not send by the agent. Skip the message";
+constexpr char kDead[] = "The message wasn't send to client. Client is dead";
 
 std::string LengthWord(std::uint32_t length) { return Bytes(length); }
 
@@ -37,16 +38,9 @@ class ClientMessages : public AgentTest {
  protected:
   void SetUp() override {
     agent_.LogLevel("2");
-    StartAgent(node_.Line("SRV"));
-    client_.emplace(agent_);
-    const lumo::Message request = client_->Send("SRV", "first");
-    ASSERT_TRUE(node_.Accept());
-    const auto received = node_.ReadRequest();
-    ASSERT_TRUE(received);
-    node_.Answer(*received);
-    client_->ExpectAnswer(request);
+    client_.emplace(StartWithClient(node_.Line("SRV")));
+    ExpectFirstExchange(*client_, client_->Send("SRV", "first"), node_);
   }
-  void TearDown() override { EXPECT_EQ(agent_.Stop(), 0); }
 
   // The message reaches the node, byte for byte.
   void ExpectAtNode(const lumo::Message& request) {
@@ -54,14 +48,20 @@ class ClientMessages : public AgentTest {
     ASSERT_TRUE(received);
     EXPECT_EQ(*received, PacketOf(request, *received));
   }
+  // Of the request the client sends its task and its node alone, and so much reaches the node.
+  void ExpectShortened(const lumo::Message& request) {
+    const std::string frame = lumo::Encode(request, lumo::Lengths::Client);
+    client_->SendBytes(LengthWord(32) + frame.substr(4, 28));
+    lumo::Message expected;
+    expected.TaskName = request.TaskName;
+    expected.Node = request.Node;
+    ExpectAtNode(expected);
+  }
   void ExpectServed() {
     Client other(agent_);
-    const lumo::Message request = other.Send("SRV", "other");
-    const auto received = node_.ReadRequest();
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->Strings[0], "other");
-    node_.Answer(*received, "row");
-    EXPECT_EQ(other.ExpectAnswer(request).Strings[0], "row");
+    const lumo::Message request = other.Send("SRV", "other"), received = node_.ExpectRequest();
+    EXPECT_EQ(received.Strings[0], "other");
+    ExpectAnswered(other, request, node_, received, "row");
   }
   // The connection is closed with this line, and the others are served on.
   void ExpectRefused(const std::string& bytes, const std::string& line) {
@@ -99,8 +99,7 @@ TEST_F(ClientMessages, EveryFieldOfAnAnswerReachesTheClientUnchanged) {
 
 TEST_F(ClientMessages, TheTaskNameOfAnAnswerIsTheTrailers) {
   const lumo::Message request = client_->Send("SRV");
-  const auto received = node_.ExpectRequest();
-  lumo::Message answer = AnswerTo(received, "row");
+  lumo::Message answer = AnswerTo(node_.ExpectRequest(), "row");
   answer.TaskName = 4711;
   node_.SendMessage(answer);
   client_->ExpectAnswer(request);
@@ -130,8 +129,7 @@ TEST_F(ClientMessages, StringsOfAnySizeArePaddedToAnEvenSize) {
                        std::string(2 * size, 'd')};
     client_->SendMessage(request);
     ExpectAtNode(request);
-    node_.Answer(request, std::string(size, 'z'));
-    EXPECT_EQ(client_->ExpectAnswer(request).Strings[0], std::string(size, 'z'));
+    ExpectAnswered(*client_, request, node_, request, std::string(size, 'z'));
   }
 }
 
@@ -145,15 +143,10 @@ TEST_F(ClientMessages, BytesBehindTheTrailerAreDropped) {
 
 TEST_F(ClientMessages, BytesThatTheLengthLeavesOutCountAsZero) {
   const lumo::Message whole = client_->Request("SRV");
-  const std::string frame = lumo::Encode(whole, lumo::Lengths::Client);
-  client_->SendBytes(LengthWord(32) + frame.substr(4, 28));
-  lumo::Message expected;
-  expected.TaskName = whole.TaskName;
-  expected.Node = whole.Node;
-  ExpectAtNode(expected);
+  ExpectShortened(whole);
   node_.Answer(AnswerTo(whole, ""));  // its tag is unknown: the request had none
   agent_.Barrier();
-  EXPECT_TRUE(agent_.Logged(2, "link", "The message were not send by the agent. Skip the message"));
+  EXPECT_TRUE(agent_.Logged(2, "link", kSkipped));
 }
 
 TEST_F(ClientMessages, NothingOfAnEarlierMessageShowsInAShorterOne) {
@@ -162,12 +155,7 @@ TEST_F(ClientMessages, NothingOfAnEarlierMessageShowsInAShorterOne) {
   longer.SetTrailerTaskName(client_->TaskName());
   client_->SendMessage(longer);
   ExpectAtNode(longer);
-  const lumo::Message request = client_->Request("SRV");
-  client_->SendBytes(LengthWord(32) + lumo::Encode(request, lumo::Lengths::Client).substr(4, 28));
-  lumo::Message expected;
-  expected.TaskName = request.TaskName;
-  expected.Node = "SRV";
-  ExpectAtNode(expected);
+  ExpectShortened(client_->Request("SRV"));
 }
 
 TEST_F(ClientMessages, TheLargestMessagePassesBothWays) {
@@ -176,8 +164,7 @@ TEST_F(ClientMessages, TheLargestMessagePassesBothWays) {
   ASSERT_EQ(frame.size(), 8188u);
   client_->SendBytes(frame);
   ExpectAtNode(request);
-  node_.Answer(request, std::string(8080, 'r'));
-  EXPECT_EQ(client_->ExpectAnswer(request).Strings[0], std::string(8080, 'r'));
+  ExpectAnswered(*client_, request, node_, request, std::string(8080, 'r'));
 }
 
 TEST_F(ClientMessages, LengthsOutOfBoundsCloseTheirConnectionAlone) {
@@ -281,7 +268,7 @@ TEST_F(DeadClients, TheirAnswersAreDroppedAndTheNodeIsTold) {
   node_.Answer(request, "late");
   EXPECT_EQ(node_.ReadControl(), (Control{2, static_cast<std::uint32_t>(pid)}));
   agent_.Barrier();
-  EXPECT_EQ(Lines("The message wasn't send to client. Client is dead"), 1);
+  EXPECT_EQ(Lines(kDead), 1);
   client.ExpectNothing();
 }
 
@@ -297,14 +284,10 @@ TEST_F(DeadClients, TheirRequestsArePurgedByTheFirstHalfWordOfTheTrailer) {
   node_.Answer(first);
   node_.Answer(purged);
   agent_.WaitForLog("Skip the message");
-  EXPECT_EQ(
-      agent_.CountLogged(2, "link", "The message were not send by the agent. Skip the message"), 1);
+  EXPECT_EQ(agent_.CountLogged(2, "link", kSkipped), 1);
   node_.Answer(other);
-  ASSERT_TRUE(WaitFor([&] {
-    return Lines("The message wasn't send to client. Client is dead") == 2;
-  })) << agent_.Log();
-  EXPECT_EQ(
-      agent_.CountLogged(2, "link", "The message were not send by the agent. Skip the message"), 1);
+  ASSERT_TRUE(WaitFor([&] { return Lines(kDead) == 2; })) << agent_.Log();
+  EXPECT_EQ(agent_.CountLogged(2, "link", kSkipped), 1);
 }
 
 TEST_F(DeadClients, ATickTellsTheNodes) {
@@ -328,7 +311,7 @@ TEST_F(DeadClients, AnAnswerToTaskZeroFailsWhileADeadClientIsListed) {
   process_.Kill();
   client.Send("NOBODY");
   agent_.Barrier();
-  EXPECT_EQ(Lines("The message wasn't send to client. Client is dead"), 1);
+  EXPECT_EQ(Lines(kDead), 1);
   client.ExpectError(client.Send("NOBODY"), 4050, 0);
 }
 
@@ -350,7 +333,6 @@ TEST_F(ClientTimeout, WithoutClientsTheLinksAreDisconnectedAtThe151stTick) {
   agent_.Tick();
   EXPECT_TRUE(node.ReadEnd(Milliseconds(0)));
   EXPECT_EQ(agent_.CountLogged(1, "", "Disconnect link  SRV"), 1);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(ClientTimeout, ARequestStartsTheCountAnew) {
@@ -366,7 +348,6 @@ TEST_F(ClientTimeout, ARequestStartsTheCountAnew) {
   EXPECT_TRUE(node.ReadControl());
   agent_.Ticks(60);
   EXPECT_TRUE(node.Silent(Milliseconds(0)));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

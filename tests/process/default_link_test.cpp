@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
+#include "tests/process/manager.h"
 #include "tests/process/reconnection.h"
 #include "tests/support/agent_test.h"
 #include "tests/support/kernel.h"
-#include "tests/support/management.h"
 #include "tests/support/node.h"
 
 namespace test {
@@ -104,7 +104,7 @@ TEST_F(CircleTimer, RequestsThatComeBackToAStartThatIsUpAreSentAtOnce) {
   agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"});
   Client client = StartWithClient(node.Line("A") + "B REZ\n");
   client.Ask("", "up");
-  ASSERT_EQ(lumo::SetDefaultByIndex(agent_.Control(), 1)->Result, 1);
+  ASSERT_EQ(Manager(agent_).Result(106, 1), 1);
   const lumo::Message request = client.Send("", "again");
   const std::optional<lumo::Message> answer = client.Receive(kShortly * 10);
   ASSERT_TRUE(answer) << "the request waits on a link that is up";
@@ -119,8 +119,7 @@ TEST_F(CircleTimer, AnyNodeOfTheCircleMayComeUpMeanwhile) {
     Agent agent;
     agent.Nodetab(a.Line("A") + b.Line("B"));
     agent.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60"}).LogLevel("1");
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     const lumo::Message request = client.Send();
     ASSERT_TRUE(agent.WaitForLog("Set link  A as default\n"));
     client.ExpectNothing();
@@ -166,8 +165,7 @@ TEST_F(ConnErrorMode, RequestsForALinkThatIsConnectingAreAnsweredAtOnce) {
     Agent agent;
     agent.Nodetab(slow.Line("A")).Option("-CONNERROR");
     if (err1001) agent.Option("-ERR1001");
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     const int code = err1001 ? 1001 : 4006;
     client.ExpectError(client.Send(), code, EINPROGRESS);
     client.ExpectError(client.Send("A"), code, EINPROGRESS);
@@ -253,7 +251,7 @@ TEST_F(ConnectingOnLoad, TheChoiceStaysOpenUntilSomeNodeConnects) {
   StartAgent("A REZ\n" + refusing.Line("B"));
   ASSERT_TRUE(agent_.WaitForLog("TCPIP.Asyncrounus connection failed."));
   EXPECT_EQ(DefaultName(agent_), "A");
-  ASSERT_EQ(lumo::AddNode(agent_.Control(), another.Line("C"))->Result, 0);
+  ASSERT_EQ(Manager(agent_).AddNode(another.Line("C")), 0);
   Client client(agent_);
   refusing.Listen();
   ExpectFirstServedBy(refusing, "B", client, client.Send("B"));

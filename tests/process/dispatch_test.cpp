@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <optional>
@@ -32,7 +31,6 @@ TEST_F(Dispatch, ARequestReachesTheNodeThatItNames) {
   EXPECT_EQ(client.Ask("B", "to b again").Strings[0], "to b again");
   EXPECT_EQ(a.Served(), 1);
   EXPECT_EQ(b.Served(), 2);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
@@ -47,7 +45,6 @@ TEST_F(Dispatch, NamesArePaddedWithBlanksOrNulsAndKnowNoCase) {
   EXPECT_EQ(b.Served(), 1);
   client.ExpectError(client.Send("ABC"), 4050, 0);
   client.ExpectError(client.Send("ABCDEFG"), 4050, 0);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
@@ -61,7 +58,6 @@ TEST_F(Dispatch, ANodeThatBeginsWithABlankOrNulIsTheDefault) {
     EXPECT_EQ(b.Served(), ++served) << testing::PrintToString(name);
   }
   EXPECT_EQ(a.Served(), 0);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, AnUnknownNodeIsAnsweredWith4050) {
@@ -70,7 +66,6 @@ TEST_F(Dispatch, AnUnknownNodeIsAnsweredWith4050) {
   client.ExpectError(client.Send("NOBODY"), 4050, 0);
   EXPECT_TRUE(agent_.Logged(
       15, "clntxch", "Node name NOBODY dasn't correspondence to the nodetab file information"));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
@@ -88,29 +83,22 @@ TEST_F(Dispatch, ManagementRequestsAreAnsweredWhateverNodeTheyName) {
     EXPECT_EQ(answer->Result, 1) << name;
   }
   EXPECT_EQ(node.Served(), 0);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, WithoutAnyLinkOnlyManagementIsServed) {
-  StartAgent();
-  const lumo::Answer deleted = lumo::DeleteDefaultNode(agent_.Control());
-  ASSERT_TRUE(deleted);
-  EXPECT_EQ(deleted->Result, lumo::kDone);
-  Client client(agent_);
+  Client client = StartWithClient();
+  Manager manager(agent_);
+  EXPECT_EQ(manager.Result(125), 0);
   client.ExpectError(client.Send(""), 4050, 0);
   client.ExpectError(client.Send("NOWHERE"), 4050, 0);
-  const lumo::Answer count = lumo::CountNodes(client.Connection());
-  ASSERT_TRUE(count);
-  EXPECT_EQ(count->Result, 0);
-  EXPECT_EQ(agent_.Stop(), 0);
+  EXPECT_EQ(manager.Count(), 0);
 }
 
 TEST_F(Dispatch, AnUnsupportedProtocolIsAnsweredWith4066AndNoSystemError) {
   for (const char* level : {"0", "15"}) {
     Agent agent;
     agent.LogLevel(level);
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     client.ExpectError(client.Send("NOWHERE"), 4066, 0);
     client.ExpectError(client.Send(""), 4066, 0);
     EXPECT_EQ(agent.Stop(), 0);
@@ -123,8 +111,7 @@ TEST_F(Dispatch, AFailedConnectIsAnsweredWithItsOwnErrorAtEveryTraceLevel) {
     LocalKernel kernel(agent);
     kernel.StopListening();
     agent.Nodetab(kernel.Line("K") + "REZ REZ\n").LogLevel(level);
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     client.ExpectError(client.Send("K"), 4006, ENOENT);
     client.ExpectError(client.Send("REZ"), 4066, 0);
     client.ExpectError(client.Send("K"), 4006, ENOENT);
@@ -145,13 +132,7 @@ TEST_F(Dispatch, RequestsWaitWhileTheirLinkConnects) {
   node.Unstall();
   agent_.Tick();
   ASSERT_TRUE(node.Accept());
-  for (const lumo::Message& request : requests) {
-    const auto received = node.ExpectRequest();
-    EXPECT_EQ(received.AstInd(), request.AstInd());
-    node.Answer(received, "row");
-    client.ExpectAnswer(request);
-  }
-  EXPECT_EQ(agent_.Stop(), 0);
+  for (const lumo::Message& request : requests) ExpectExchange(client, request, node, "row");
 }
 
 TEST_F(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
@@ -174,8 +155,7 @@ TEST_F(Dispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
     const lumo::Message request = client.Send("SRV", "now");
     const auto received = node.ExpectRequest();
     EXPECT_EQ(received.Strings[0], "now") << "the requests answered before are not sent";
-    node.Answer(received);
-    client.ExpectAnswer(request);
+    ExpectAnswered(client, request, node, received);
     EXPECT_EQ(agent.Stop(), 0);
   }
 }
@@ -188,7 +168,6 @@ TEST_F(Dispatch, ARequestForAFailedDefaultFollowsItToTheNextNode) {
   EXPECT_TRUE(agent_.Logged(15, "clntxch", "It's default link. Try set new default link"));
   EXPECT_TRUE(agent_.Logged(1, "", "Set link  B as default"));
   client.ExpectError(client.Send("A"), 4066, 0);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, TheStepsOfARequestAreTraced) {
@@ -201,7 +180,6 @@ TEST_F(Dispatch, TheStepsOfARequestAreTraced) {
        {"Link SRV is disconnect state. Try up the link",
         "Link SRV is already connect state. Try send message", "Link SRV SUCESS send message"})
     EXPECT_EQ(agent_.CountLogged(15, "clntxch", text), 1) << text;
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Dispatch, AClientIsReportedDeadToEveryNodeThatItUsed) {
@@ -218,7 +196,6 @@ TEST_F(Dispatch, AClientIsReportedDeadToEveryNodeThatItUsed) {
   agent_.Tick();
   EXPECT_EQ(a.ReadControl(), (Control{2, pid}));
   EXPECT_EQ(b.ReadControl(), (Control{2, pid}));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // A client hangs up with a request under way, and another gets the number of its connection.
@@ -228,7 +205,6 @@ class ReusedConnection : public AgentTest {
     agent_.Trace();
     StartAgent(node_.Line("SRV"));
   }
-  void TearDown() override { EXPECT_EQ(agent_.Stop(), 0); }
 
   // The agent's descriptor of the connection that was served last, other than the control one.
   std::string LastSocket() {
@@ -260,10 +236,7 @@ TEST_F(ReusedConnection, ALateAnswerReachesNobody) {
   node_.Answer(late, "for nobody");
   ASSERT_TRUE(WaitFor([&] { return agent_.Logged(2, "clntxch", kSendFailed9); }));
   second.ExpectNothing();
-  node_.Answer(received, "for the second");
-  const std::optional<lumo::Message> answer = second.Receive();
-  ASSERT_TRUE(answer);
-  EXPECT_EQ(answer->Strings[0], "for the second");
+  ExpectAnswered(second, received, node_, received, "for the second");
   EXPECT_EQ(agent_.CountLogged(2, "clntxch", kSendFailed9), 1);
 }
 
@@ -319,22 +292,21 @@ class ClosedInHand : public AgentTest {
 
   void SetUp() override {
     agent_.Options({"-AUTOCONNECT", "-AUTOCONNECTTIMEOUT", "60000"});
-    StartAgent(k_.Line("K") + t_.Line("T"));
-    client_.emplace(agent_);
+    client_.emplace(StartWithClient(k_.Line("K") + t_.Line("T")));
+    manager_.emplace(agent_);
     LeaveUnread();
     for (int i = 0; i < kWaiting; ++i) client_->Send({}, "waits");
     AwaitServed();
     agent_.Tick();  // the next one, which tries K by itself, is two seconds away
-    ASSERT_TRUE(WaitFor([&] { return DefaultName(agent_) == "K"; })) << "T is still being tried";
+    ASSERT_TRUE(WaitFor([&] { return manager_->Default() == "K"; })) << "T is still being tried";
   }
   // The client's last request is served: one that shows elsewhere.
   void AwaitServed() {
     const std::int32_t owner = ++lastOwner_;
     client_->SendMessage(lumo::ManagementRequest(117, owner));
     ASSERT_TRUE(WaitFor([&] {
-      const lumo::Answer locked = lumo::GetNodetabStatus(agent_.Control(), owner);
-      const bool served = locked && locked->Result == lumo::kHeldByCaller;
-      if (served) lumo::UnlockNodetab(agent_.Control(), owner);
+      const bool served = manager_->Result(129, owner) == kHeldByCaller;
+      if (served) manager_->Result(118, owner);
       return served;
     }));
   }
@@ -360,6 +332,7 @@ class ClosedInHand : public AgentTest {
   LateKernel k_{agent_};
   Node t_{Node::Start::Bound};
   std::optional<Client> client_;
+  std::optional<Manager> manager_;
   std::int32_t lastOwner_ = 0;
 };
 
@@ -376,7 +349,6 @@ TEST_F(ClosedInHand, ARequestIsNotSavedForANumberThatIsInUseAgain) {
   Client other(agent_);
   ExpectServedBy(t_, "T", other, other.Send({}, "afterwards"));
   EXPECT_TRUE(t_.Silent(Milliseconds(0))) << "the node gets an answer";
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The log: its threshold, the form of its lines, the call trace.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <ctime>
@@ -23,10 +22,7 @@ void MakeItTalk(Agent& agent, Node& node) {
   ASSERT_TRUE(agent.Start());
   {
     Client client(agent);
-    const lumo::Message request = client.Send("A");
-    const auto received = node.ExpectFirstRequest();
-    node.Answer(received);
-    client.ExpectAnswer(request);
+    ExpectFirstExchange(client, client.Send("A"), node);
   }
   agent.Barrier();
   EXPECT_EQ(agent.Stop(), 0);

@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "tests/support/agent_test.h"
-#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
@@ -148,8 +147,7 @@ TEST_F(LoopOrder, ReadyLinksAreServedInTheOrderOfTheirDescriptors) {
 TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) {
   Node node;
   agent_.Trace();
-  StartAgent(node.Line("A"));
-  Client first(agent_);
+  Client first = StartWithClient(node.Line("A"));
   Exchange(first, node, "A", true);
   auto [c0, fd0] = NewClient();
   auto [c1, fd1] = NewClient();

@@ -1,7 +1,6 @@
 // The management commands: their numbers, arguments, results and items, and the node table lock.
 // What they do to nodes in use stands in node_redefinition_test.cpp and node_deletion_test.cpp.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -11,8 +10,6 @@
 
 #include "tests/process/manager.h"
 #include "tests/process/reconnection.h"
-#include "tests/support/agent_test.h"
-#include "tests/support/kernel.h"
 #include "tests/support/node.h"
 
 namespace test {
@@ -21,9 +18,6 @@ namespace {
 using ManagementCommands = ManagerTest;
 using NodetabLock = ManagerTest;
 using ManagementTrace = ManagerTest;
-
-constexpr int kNoSuchNode = 17, kHeldByCaller = 4, kHeldByOther = 5;
-constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
 
 Outcome Name(std::string name) {
   name.resize(8, ' ');
@@ -151,8 +145,7 @@ TEST_F(ManagementCommands, ThePathComesWithItsNulAndWithoutAPadByte) {
     const std::string path = agent.Folder() / file;
     WriteFile(path, kThreeNodes);
     agent.WithoutNodetab().Options({"-NODETAB", path});
-    ASSERT_TRUE(agent.Start());
-    Manager manager(agent);
+    Manager manager = StartWithManager(agent);
     EXPECT_EQ(manager.Ask(116), (Outcome{0, path + '\0'}));
   }
 }
@@ -176,7 +169,7 @@ TEST_F(ManagementCommands, AMissingNodeTableIsReported) {
   StartAgent();
   std::filesystem::remove(agent_.NodetabPath());
   Manager manager(agent_);
-  EXPECT_EQ(manager.Ask(116), Outcome{129});
+  EXPECT_EQ(manager.Ask(116), Outcome{kNoNodeTable});
 }
 
 std::string PathOfLength(const Agent& agent, std::size_t length) {
@@ -193,8 +186,7 @@ TEST_F(ManagementCommands, APathThatDoesNotFitIsNotReturned) {
     const std::string path = PathOfLength(agent, length);
     WriteFile(path, kThreeNodes);
     agent.WithoutNodetab().Options({"-NODETAB", path});
-    ASSERT_TRUE(agent.Start());
-    Manager manager(agent);
+    Manager manager = StartWithManager(agent);
     const Outcome expected = length < 260 ? Outcome{0, path + '\0'} : Outcome{3};
     EXPECT_EQ(manager.Ask(116), expected) << length;
     EXPECT_EQ(agent.Stop(), 0);

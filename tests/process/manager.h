@@ -15,12 +15,12 @@
 
 namespace test {
 
-inline constexpr std::int32_t kDeletionPending = 33;  // the result of a deletion that has to wait
+using enum lumo::ManagementResult;
 
 inline constexpr char kThreeNodes[] = "A REZ\nB REZ\nC REZ\n";
 
 inline std::string DefaultName(Agent& agent) {
-  const lumo::Answer answer = lumo::GetDefaultName(agent.Control());
+  const lumo::Answer answer = lumo::AskManagement(agent.Control(), 103);
   return answer ? lumo::ItemText(answer->Item) : "no answer";
 }
 
@@ -125,7 +125,9 @@ class Manager {
   lumo::NodeDescription Describe(const std::string& name, const Place& place = Place::Here()) {
     const Outcome outcome = Ask(120, 0, name + '\0', place);
     EXPECT_EQ(outcome.Result, 0) << name;
-    return lumo::DecodeNodeDescription(outcome.Item).value_or(lumo::NodeDescription{});
+    const auto description = lumo::DecodeNodeDescription(outcome.Item);
+    EXPECT_TRUE(description) << name;
+    return description.value_or(lumo::NodeDescription{});
   }
   Client& Connection() { return client_; }
 
@@ -137,12 +139,16 @@ class ManagerTest : public AgentTest {
  protected:
   // The agent runs, with this node table, and is managed.
   Manager StartWithManager(const Place& place = Place::Here()) {
-    StartAgent(place);
-    return Manager(agent_);
+    return StartWithManager(agent_, place);
   }
   Manager StartWithManager(const std::string& nodetab, const Place& place = Place::Here()) {
     StartAgent(nodetab, place);
     return Manager(agent_);
+  }
+  // Another agent, too.
+  static Manager StartWithManager(Agent& agent, const Place& place = Place::Here()) {
+    StartAgent(agent, place);
+    return Manager(agent);
   }
 };
 

@@ -1,12 +1,10 @@
 // Where the node table is looked for, and what becomes of its lines.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 
 #include "tests/process/manager.h"
 #include "tests/support/agent_test.h"
-#include "tests/support/management.h"
 #include "tests/support/node.h"
 
 namespace test {

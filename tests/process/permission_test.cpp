@@ -26,7 +26,6 @@ TEST_F(Permission, StrictTasksLetOwnProcessesThroughAndRefuseOthersWithACode) {
   client.ExpectError(client.Send("SRV", "of nobody"), kStatusNotPermitted, EPERM);
   EXPECT_EQ(node.Served(), 2);
   EXPECT_TRUE(agent_.LogContains("Request in the name of process"));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Permission, WithoutTheVariableAForeignNameIsServedAsItSays) {
@@ -34,7 +33,6 @@ TEST_F(Permission, WithoutTheVariableAForeignNameIsServedAsItSays) {
   StartAgent(node.Line("SRV"));
   Client client(agent_, 1);
   EXPECT_EQ(client.Ask("SRV", "in the name of process 1").Strings[0], "in the name of process 1");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Permission, PingIsNotLimited) {
@@ -50,7 +48,6 @@ TEST_F(Permission, ValuesThatCannotBeUsedAreToldAtTheStart) {
   StartAgent();
   EXPECT_TRUE(agent_.LogContains("LUMO_STRICT_TASKS: 'on' is neither 0 nor 1\n"));
   EXPECT_TRUE(agent_.LogContains("LUMO_MANAGERS: '@no-such-group' is no user, group or number\n"));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

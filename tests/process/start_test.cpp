@@ -1,7 +1,6 @@
 // Start-up, the order of service in the loop, and the shutdown, seen from outside.
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,7 +32,6 @@ TEST_F(Start, TheCommandReturnsWhenTheDaemonServes) {
   EXPECT_EQ(ReadRaw(connection, 60).size(), 60u);
   close(connection);
   ASSERT_TRUE(agent_.WaitUntilReady());
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Start, TheCommandReturnsZeroWhenTheDaemonDies) {
@@ -54,13 +52,11 @@ TEST_F(Start, TheCommandReturnsOnlyAfterConnectOnLoad) {
   ASSERT_TRUE(kernel.Accept());
   EXPECT_EQ(agent_.Wait(), 0);
   ASSERT_TRUE(agent_.WaitUntilReady());
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Start, TheDaemonLeadsASessionOfItsOwn) {
   ASSERT_TRUE(agent_.StartDaemon());
   EXPECT_EQ(getsid(agent_.Pid()), agent_.Pid());
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Start, WithNodaemonTheStartedProcessIsTheAgent) {
@@ -70,7 +66,6 @@ TEST_F(Start, WithNodaemonTheStartedProcessIsTheAgent) {
   ASSERT_TRUE(agent_.WaitUntilReady());
   EXPECT_EQ(agent_.Pid(), started);
   EXPECT_EQ(getsid(agent_.Pid()), getsid(0));
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Start, TheDaemonKeepsStandardError) {
@@ -104,7 +99,6 @@ TEST_F(Start, ClosedStandardStreamsAreOpenedOnTheNullDevice) {
     EXPECT_EQ(DescriptorTarget(agent_.Pid(), descriptor), "/dev/null") << descriptor;
   Client client(agent_);
   client.ExpectNothing();
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Start, TheTextsComeInTheOrderOfTheStart) {
@@ -165,7 +159,6 @@ TEST_F(PidFile, OneThatCannotBeWrittenIsReportedAndTheStartGoesOn) {
   StartAgent();
   EXPECT_EQ(agent_.Results(),
             "lumo_tcp:File open failed: " + path + ". Status: " + std::to_string(ENOENT) + ".\n");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(PidFile, IsRemovedAfterAFailedNodeTable) {
@@ -199,8 +192,7 @@ TEST_F(PingRun, StaysInTheForegroundWithoutAClientSocketAndEndsWithTheVerdict) {
   ASSERT_TRUE(node.Accept());
   EXPECT_TRUE(agent_.Running());
   EXPECT_NE(access(agent_.SocketPath().c_str(), F_OK), 0) << "a client socket was opened";
-  const auto request = node.ExpectRequest();
-  node.Answer(request);
+  node.Answer(node.ExpectRequest());
   EXPECT_EQ(agent_.Wait(), 0);
   EXPECT_EQ(agent_.Results(), "lumo_tcp:Node \"SRV\" is alive\n");
   sigset_t pending;
@@ -234,7 +226,6 @@ TEST_F(ConnectOnLoad, AsksEveryLinkOnceAndTheFirstToConnectAtOnceIsTheDefault) {
   client.Send("", "to the default");
   const auto request = first.ExpectRequest();
   EXPECT_EQ(request.Strings[0], "to the default");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(ConnectOnLoad, AConnectionThatCompletesLaterChoosesTheDefault) {
@@ -355,10 +346,7 @@ TEST_F(Loop, EachReadyDescriptorOfALinkIsTraced) {
   Node node;
   agent_.Trace();
   Client client = StartWithClient(node.Line("A"));
-  const lumo::Message request = client.Send("A");
-  const auto received = node.ExpectFirstRequest();
-  node.Answer(received);
-  client.ExpectAnswer(request);
+  ExpectFirstExchange(client, client.Send("A"), node);
   const std::string log = agent_.Log();
   EXPECT_NE(log.find("|select return 1\n"), std::string::npos);
   EXPECT_NE(log.find(" ready for write\n"), std::string::npos);

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <deque>
 
+#include "tests/process/manager.h"
 #include "tests/support/agent_test.h"
-#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
@@ -118,7 +118,7 @@ TEST_F(TcpAddressText, ABadAddressIsReportedAndItsLineSkipped) {
   StartAgent("BAD TCPIP 1.2.3.4.5.6 1060\nEMPTY TCPIP\n" + node.Line("SRV"));
   EXPECT_TRUE(agent_.Logged(0, "", "'1.2.3.4.' is not a valid tcp address"));
   EXPECT_TRUE(agent_.Logged(0, "", "Tcp address is empty"));
-  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 1);
+  EXPECT_EQ(Manager(agent_).Count(), 1);
   Client client(agent_);
   EXPECT_EQ(client.Ask("SRV", "x").Strings[0], "x");
   client.ExpectError(client.Send("BAD"), 4050, 0);

@@ -1,15 +1,15 @@
 // Nodes with protocols that the agent does not carry.
 #include <gtest/gtest.h>
 
+#include "tests/process/manager.h"
 #include "tests/support/agent_test.h"
-#include "tests/support/management.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 
 namespace test {
 namespace {
 
-using UnsupportedProtocol = AgentTest;
+using UnsupportedProtocol = ManagerTest;
 
 constexpr const char* kProtocols[] = {"ATCPIP", "ATCPIPS", "REZ",    "IPX/SPX", "NPIPE",
                                       "DECNET", "TSR",     "TCPIPS", "NETBIOS"};
@@ -18,15 +18,14 @@ TEST_F(UnsupportedProtocol, EachOfTheNineMakesANodeThatFailsOnlyWhenItIsConnecte
   std::string table;
   for (const char* protocol : kProtocols)
     table += "N" + std::to_string(table.size()) + " " + protocol + " some address\n";
-  StartAgent(table);
+  Manager manager = StartWithManager(table);
   EXPECT_EQ(agent_.Results(), "");
-  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 9);
+  EXPECT_EQ(manager.Count(), 9);
   Client client(agent_);
   for (int index = 0; index < 9; ++index) {
-    const std::string name = lumo::ItemText(lumo::GetNameByIndex(agent_.Control(), index)->Item);
+    const std::string name = lumo::ItemText(manager.Ask(105, index).Item);
     client.ExpectError(client.Send(name), 4066, 0);
   }
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(UnsupportedProtocol, IsRecognisedInAnyCase) {
@@ -41,19 +40,17 @@ TEST_F(UnsupportedProtocol, OtherNamesAreNotAcceptedAtAll) {
     EXPECT_TRUE(
         agent_.Logged(2, "protload", "Protocol '" + std::string(protocol) + "' don't support"));
   }
-  EXPECT_EQ(lumo::CountNodes(agent_.Control())->Result, 1);
+  EXPECT_EQ(Manager(agent_).Count(), 1);
   Client client(agent_);
   client.ExpectError(client.Send("A"), 4050, 0);
 }
 
 TEST_F(UnsupportedProtocol, EachNodeLoadsARecordOfItsOwn) {
   agent_.Trace();
-  StartAgent("A REZ\nB REZ\n");
+  Manager manager = StartWithManager("A REZ\nB REZ\n");
   EXPECT_EQ(agent_.CountLogged(15, "dummy", "'DUMMYInitProtocol' Leave SUCCESS"), 2);
   EXPECT_FALSE(agent_.LogContains("already is in list of protocol"));
-  const auto a = lumo::DecodeNodeDescription(lumo::GetNodeByName(agent_.Control(), "A")->Item);
-  ASSERT_TRUE(a);
-  EXPECT_EQ(a->ProtocolCode, 0u);
+  EXPECT_EQ(manager.Describe("A").ProtocolCode, 0u);
 }
 
 TEST_F(UnsupportedProtocol, TheFailureIsTracedAndNothingElseOfTheDriver) {
@@ -85,10 +82,11 @@ TEST_F(UnsupportedProtocol, RepeatedFailuresUseNoDescriptor) {
 TEST_F(UnsupportedProtocol, ANodeCanBeDeletedAndRedefined) {
   Node node;
   Client client = StartWithClient("A REZ\nB TCPIPS\n");
+  Manager manager(agent_);
   client.ExpectError(client.Send("B"), 4066, 0);
-  EXPECT_EQ(lumo::DeleteNodeByName(agent_.Control(), "B")->Result, lumo::kDone);
+  EXPECT_EQ(manager.DeleteNode("B"), 0);
   client.ExpectError(client.Send("B"), 4050, 0);
-  EXPECT_EQ(lumo::SetNodeByName(agent_.Control(), "A", node.Line("A"))->Result, lumo::kDone);
+  EXPECT_EQ(manager.SetNode("A", node.Line("A")), 0);
   ExpectFirstExchange(client, client.Send("A"), node, "now");
 }
 

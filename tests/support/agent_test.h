@@ -18,18 +18,30 @@ class AgentTest : public testing::Test {
   // The same, and a client of it.
   Client StartWithClient(const Place& place = Place::Here());
   Client StartWithClient(const std::string& nodetab, const Place& place = Place::Here());
+  // The same with another agent.
+  static void StartAgent(Agent& agent, const Place& place = Place::Here());
+  static Client StartWithClient(Agent& agent, const Place& place = Place::Here());
+  // The agent, if the test has not seen its end, has lived on and stops in order.
+  void TearDown() override;
 
   Agent agent_;
 };
+
+// The server's answer with this text, to what it has received, reaches the client.
+template <class Server, class Received>
+void ExpectAnswered(Client& client, const lumo::Message& request, Server& server,
+                    const Received& received, const std::string& text = {},
+                    const Place& place = Place::Here()) {
+  const testing::ScopedTrace trace(place.File, place.Line, "");
+  EXPECT_TRUE(server.Answer(received, text));
+  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], text);
+}
 
 // The request has come to the server, whose answer with this text reaches the client.
 template <class Server>
 void ExpectExchange(Client& client, const lumo::Message& request, Server& server,
                     const std::string& text = {}, const Place& place = Place::Here()) {
-  const auto received = server.ExpectRequest(place);
-  const testing::ScopedTrace trace(place.File, place.Line, "");
-  EXPECT_TRUE(server.Answer(received, text));
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], text);
+  ExpectAnswered(client, request, server, server.ExpectRequest(place), text, place);
 }
 
 // The same over the server's next connection.

@@ -1,5 +1,5 @@
-// The agent's management commands, one function each. An answer is missing when the connection is
-// lost or the time is over; a command that the agent carried out negatively still has an answer.
+// The agent's management commands. An answer is missing when the connection is lost or the time is
+// over; a command that the agent carried out negatively still has an answer.
 #pragma once
 #include <cstdint>
 #include <optional>
@@ -38,20 +38,7 @@ std::optional<ManagementAnswer> DecodeManagementAnswer(std::string_view frame);
 Answer AskManagement(Connection& agent, std::uint16_t command, std::int32_t rowId = 0,
                      const std::string& argument = {}, int timeoutMs = kManagementTimeoutMs);
 
-Answer AnswerOne(Connection& agent);                           // 100: Result 1
-Answer CountNodes(Connection& agent);                          // 102: Result is the number of nodes
-Answer GetDefaultName(Connection& agent);                      // 103: Result 1, Item the name
-Answer GetNameByIndex(Connection& agent, std::int32_t index);  // 105: Result 1, Item the name
-Answer SetDefaultByIndex(Connection& agent, std::int32_t index);      // 106: Result 1
-Answer LockNodetab(Connection& agent, std::int32_t owner);            // 117
-Answer UnlockNodetab(Connection& agent, std::int32_t owner);          // 118
-Answer AddNode(Connection& agent, const std::string& line);           // 119: Result 1 when refused
-Answer GetNodeByName(Connection& agent, const std::string& name);     // 120: Item a description
-Answer GetDefaultNode(Connection& agent);                             // 122
+Answer AnswerOne(Connection& agent);                                  // 100: Result 1
 Answer DeleteNodeByName(Connection& agent, const std::string& name);  // 123
-Answer DeleteDefaultNode(Connection& agent);                          // 125
-Answer SetNodeByName(Connection& agent, const std::string& name,
-                     const std::string& line);                   // 126
-Answer GetNodetabStatus(Connection& agent, std::int32_t owner);  // 129
 
 }  // namespace lumo
