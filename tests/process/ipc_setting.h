@@ -5,57 +5,55 @@
 
 #include <optional>
 
-#include "tests/process/local_kernel.h"
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/process/manager.h"
 #include "tests/support/kernel.h"
 #include "tests/support/process.h"
 
 namespace test {
 
 // An agent with one kernel, and a client of it whose connection is older than the link.
-struct IpcSetting {
-  IpcSetting() { Subject.Nodetab(Kernel.Line("K") + "OTHER REZ\n"); }
-  bool Start() {
-    if (!Subject.Start()) return false;
-    Application.emplace(Subject);
-    return true;
-  }
+class IpcTest : public ManagerTest {
+ protected:
+  IpcTest() { agent_.Nodetab(kernel_.Line("K") + "OTHER REZ\n"); }
+  void Start(const Place& place = Place::Here()) { client_.emplace(StartWithClient(place)); }
   // A request over the link, answered. Returns the process id of the reader.
-  pid_t Use(Client* client) {
+  pid_t Use(Client* client, const Place& place = Place::Here()) {
     const lumo::Message request = client->Send("K", "question");
-    const auto received = Kernel.ReadRequest();
-    if (!received) return 0;
-    EXPECT_EQ(received->Message.Strings[0], "question");
-    EXPECT_TRUE(Kernel.Answer(*received, "answer"));
-    EXPECT_EQ(client->ExpectAnswer(request).Strings[0], "answer");
-    return received->Reader;
+    const IpcKernel::Request received = kernel_.ExpectRequest(place);
+    EXPECT_EQ(received.Message.Strings[0], "question");
+    ExpectAnswered(*client, request, kernel_, received, "answer", place);
+    return received.Reader;
   }
-  pid_t Use() { return Use(&*Application); }
+  pid_t Use(const Place& place = Place::Here()) { return Use(&*client_, place); }
   // Starts, brings the link up and returns the reader.
-  pid_t Connect() { return Start() ? Use() : 0; }
+  pid_t Connect(const Place& place = Place::Here()) {
+    Start(place);
+    return Use(place);
+  }
   // A request that the kernel has read.
   lumo::Message InFlight() {
-    const lumo::Message request = Application->Send("K");
-    Kernel.ExpectRequest();
+    const lumo::Message request = client_->Send("K");
+    kernel_.ExpectRequest();
     return request;
   }
   // The reader waits for the next answer, and the agent knows of those that it gave.
   void Settle(pid_t reader) {
-    EXPECT_TRUE(WaitFor([&] { return ProcessStatus(reader, "State").rfind('S', 0) == 0; }));
-    Subject.Barrier();
+    EXPECT_TRUE(WaitFor([&] { return Sleeps(reader); }));
+    agent_.Barrier();
+  }
+  pid_t ConnectAndSettle(const Place& place = Place::Here()) {
+    const pid_t reader = Connect(place);
+    Settle(reader);
+    return reader;
   }
   int Attached() const {
     shmid_ds state{};
-    shmctl(shmget(Kernel.Key(), 0, 0), IPC_STAT, &state);
+    shmctl(shmget(kernel_.Key(), 0, 0), IPC_STAT, &state);
     return static_cast<int>(state.shm_nattch);
   }
 
-  IpcKernel Kernel;
-  Agent Subject;
-  std::optional<Client> Application;
+  IpcKernel kernel_;
+  std::optional<Client> client_;
 };
-
-class IpcTest : public testing::Test, protected IpcSetting {};
 
 }  // namespace test

@@ -2,9 +2,7 @@
 // kernel, a client or the node goes.
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
-#include <sys/sem.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -17,6 +15,7 @@
 #include <vector>
 
 #include "tests/process/ipc_setting.h"
+#include "tests/process/local_kernel.h"
 #include "tests/process/manager.h"
 #include "tests/support/node.h"
 
@@ -59,18 +58,18 @@ std::string ListenerAt(const std::string& path) {
 
 TEST_F(LocalIpcReader, TheReaderHoldsClientConnectionsButNeitherTheListenerNorOtherLinks) {
   EchoNode node;
-  LocalKernel neighbour(Subject);
-  Subject.Nodetab(Kernel.Line("K") + node.Line("N") + neighbour.Line("L"));
-  ASSERT_TRUE(Start());
-  const pid_t agent = Subject.Pid();
-  Application->ExpectNothing();
+  LocalKernel neighbour(agent_);
+  agent_.Nodetab(kernel_.Line("K") + node.Line("N") + neighbour.Line("L"));
+  Start();
+  const pid_t agent = agent_.Pid();
+  client_->ExpectNothing();
   const std::set<std::string> atFirst = Targets(agent);
-  EXPECT_EQ(Application->Ask("N", "text").Strings[0], "text");
-  Application->Send("L");
+  EXPECT_EQ(client_->Ask("N", "text").Strings[0], "text");
+  client_->Send("L");
   neighbour.ExpectFirstRequest();
   const std::set<std::string> links = Without(Targets(agent), atFirst);
   EXPECT_EQ(links.size(), 2u);
-  const std::string listener = ListenerAt(Subject.SocketPath());
+  const std::string listener = ListenerAt(agent_.SocketPath());
   ASSERT_TRUE(atFirst.count(listener));
   const pid_t reader = Use();
   const std::set<std::string> held = Targets(reader);
@@ -97,16 +96,14 @@ TEST_F(LocalIpcReader, TheReaderTakesSignalsAsItShould) {
 
 TEST_F(LocalIpcReader, TheReaderEndsWithTheAgent) {
   for (const int signal : {SIGTERM, SIGKILL}) {
-    IpcSetting setting;
-    const pid_t reader = setting.Connect();
-    setting.Settle(reader);  // it writes nothing more, which would end it, too
+    const pid_t reader = ConnectAndSettle();  // it writes nothing more, which would end it, too
     ASSERT_TRUE(ProcessRuns(reader));
     if (signal == SIGKILL)
-      setting.Subject.Kill();
+      agent_.Kill();
     else
-      EXPECT_EQ(setting.Subject.Stop(), 0);
+      EXPECT_EQ(agent_.Stop(), 0);
     EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); })) << signal;
-    EXPECT_TRUE(WaitFor([&] { return setting.Attached() == 0; }));
+    EXPECT_TRUE(WaitFor([&] { return Attached() == 0; }));
   }
 }
 
@@ -125,12 +122,12 @@ pid_t CatchNewProcess(pid_t agent) {
 }
 
 TEST_F(LocalIpcReader, AReaderWhoseAgentIsGoneBeforeItBeginsEnds) {
-  ASSERT_TRUE(Start());
-  ASSERT_EQ(ptrace(PTRACE_SEIZE, Subject.Pid(), nullptr, PTRACE_O_TRACEFORK), 0);
-  Application->Send("K");
-  const pid_t reader = CatchNewProcess(Subject.Pid());
+  Start();
+  ASSERT_EQ(ptrace(PTRACE_SEIZE, agent_.Pid(), nullptr, PTRACE_O_TRACEFORK), 0);
+  client_->Send("K");
+  const pid_t reader = CatchNewProcess(agent_.Pid());
   ASSERT_GT(reader, 0);
-  Subject.Kill();
+  agent_.Kill();
   ASSERT_TRUE(ProcessRuns(reader));
   ASSERT_EQ(ptrace(PTRACE_DETACH, reader, nullptr, nullptr), 0);
   EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
@@ -138,76 +135,72 @@ TEST_F(LocalIpcReader, AReaderWhoseAgentIsGoneBeforeItBeginsEnds) {
 
 TEST_F(LocalIpcReader, AnAgentWithTwoKernelsStops) {
   IpcKernel another;
-  Subject.Nodetab(Kernel.Line("K") + another.Line("L"));
+  agent_.Nodetab(kernel_.Line("K") + another.Line("L"));
   const pid_t reader = Connect();
-  Application->Send("L");
+  client_->Send("L");
   const auto received = another.ExpectRequest();
   EXPECT_NE(received.Reader, reader);
-  EXPECT_EQ(Subject.Stop(), 0);
+  EXPECT_EQ(agent_.Stop(), 0);
   for (const pid_t pid : {reader, received.Reader})
     EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(pid); }));
 }
 
 TEST_F(LocalIpcReader, AReaderThatEndsBreaksTheLink) {
+  agent_.Trace();
+  pid_t reader = Connect();
+  int broken = 0;
   for (const int signal : {SIGKILL, SIGTERM}) {
-    IpcSetting setting;
-    setting.Subject.Trace();
-    const pid_t reader = setting.Connect();
-    setting.Settle(reader);
-    const lumo::Message first = setting.Application->Send("K"),
-                        second = setting.Application->Send("K");
-    ASSERT_TRUE(setting.Kernel.ReadRequest() && setting.Kernel.ReadRequest());
+    Settle(reader);
+    const lumo::Message first = InFlight(), second = InFlight();
     kill(reader, signal);
-    setting.Application->ExpectError(first, 4009, 0);
-    setting.Application->ExpectError(second, 4009, 0);
-    setting.Application->ExpectNothing();
-    EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "LIPC Connection \"K\" is broken. Call:read"));
-    EXPECT_TRUE(setting.Subject.Logged(15, "lipc", "'LIpcReadyForRead' Leave FAILED receive"));
+    client_->ExpectError(first, 4009, 0);
+    client_->ExpectError(second, 4009, 0);
+    client_->ExpectNothing();
+    ++broken;
+    EXPECT_EQ(agent_.CountLogged(15, "lipc", "LIPC Connection \"K\" is broken. Call:read"), broken);
+    EXPECT_EQ(agent_.CountLogged(15, "lipc", "'LIpcReadyForRead' Leave FAILED receive"), broken);
     EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); })) << "it is reaped";
-    EXPECT_EQ(setting.Attached(), 0);
-    EXPECT_NE(setting.Use(), reader) << "the next request starts another";
-    EXPECT_EQ(setting.Subject.Stop(), 0);
+    EXPECT_EQ(Attached(), 0);
+    const pid_t next = Use();
+    EXPECT_NE(next, reader) << "the next request starts another";
+    reader = next;
   }
 }
 
 TEST_F(LocalIpcReader, AReaderThatATickFindsGoneBreaksTheLink) {
-  Subject.LogLevel("3");
-  const pid_t reader = Connect(), agent = Subject.Pid();
-  Settle(reader);
+  agent_.LogLevel("3");
+  const pid_t reader = ConnectAndSettle();
   const lumo::Message request = InFlight();
-  Subject.Barrier();
-  Subject.Signal(SIGSTOP);  // so that the tick comes before the end of the pipe is seen
-  ASSERT_TRUE(WaitFor([&] { return ProcessStatus(agent, "State").rfind('T', 0) == 0; }));
+  agent_.Barrier();
+  Freeze(agent_.Pid());  // so that the tick comes before the end of the pipe is seen
   kill(reader, SIGKILL);
   ASSERT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
-  Subject.Signal(SIGALRM);
-  Subject.Signal(SIGCONT);
-  Application->ExpectError(request, 4053, 0);
-  EXPECT_EQ(Subject.CountLogged(3, "lipc", "LIPC child proccess deaded"), 1);
+  agent_.Signal(SIGALRM);
+  Thaw(agent_.Pid());
+  client_->ExpectError(request, 4053, 0);
+  EXPECT_EQ(agent_.CountLogged(3, "lipc", "LIPC child proccess deaded"), 1);
   EXPECT_GT(Use(), 0);
 }
 
 TEST_F(LocalIpcReader, AnswersGivenBeforeTheReaderEndsAreGivenOnce) {
   const pid_t reader = Connect();
-  Client late(Subject);
+  Client late(agent_);
   std::vector<lumo::Message> requests;
   std::vector<IpcKernel::Request> received;
-  for (Client* client : {&*Application, &late}) {
+  for (Client* client : {&*client_, &late}) {
     requests.push_back(client->Send("K"));
-    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    received.push_back(kernel_.ExpectRequest());
   }
   Settle(reader);
-  Subject.Signal(SIGSTOP);  // it learns of the answers and of the end together
-  for (const IpcKernel::Request& request : received) Kernel.Answer(request, "answer");
-  EXPECT_TRUE(WaitFor([&] {
-    return Kernel.QueuedMessages() == 0 && ProcessStatus(reader, "State").rfind('S', 0) == 0;
-  }));
+  Freeze(agent_.Pid());  // it learns of the answers and of the end together
+  for (const IpcKernel::Request& request : received) kernel_.Answer(request, "answer");
+  EXPECT_TRUE(WaitFor([&] { return kernel_.QueuedMessages() == 0 && Sleeps(reader); }));
   kill(reader, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(reader); }));
-  Subject.Signal(SIGCONT);
-  EXPECT_EQ(Application->ExpectAnswer(requests[0]).Strings[0], "answer");
+  Thaw(agent_.Pid());
+  EXPECT_EQ(client_->ExpectAnswer(requests[0]).Strings[0], "answer");
   EXPECT_EQ(late.ExpectAnswer(requests[1]).Strings[0], "answer");
-  Application->ExpectNothing();
+  client_->ExpectNothing();
   late.ExpectNothing();
   EXPECT_GT(Use(), 0);
 }
@@ -216,27 +209,24 @@ TEST_F(LocalIpcReader, AnswersGivenBeforeTheReaderEndsAreGivenOnce) {
 // before it: the client served last comes before links, the link served last is another one.
 TEST_F(LocalIpcReader, ANameUsedAgainOnAnotherConnectionIsNotTakenForTheAnsweredOne) {
   EchoNode other;
-  Subject.Nodetab(Kernel.Line("K") + other.Line("T"));
-  ASSERT_TRUE(Start());
-  Client first(Subject), second(Subject);
+  agent_.Nodetab(kernel_.Line("K") + other.Line("T"));
+  Start();
+  Client first(agent_), second(agent_);
   first.ExpectNothing();
   second.ExpectNothing();
   const pid_t reader = Use();
   const lumo::Message before = first.Send("K"), request = first.Send("K");
-  const auto received = Kernel.ReadRequest(), answered = Kernel.ReadRequest();
-  ASSERT_TRUE(received && answered);
-  EXPECT_TRUE(Kernel.Answer(*received));
-  first.ExpectAnswer(before);  // its record becomes free, ahead of the other
+  const auto received = kernel_.ExpectRequest(), answered = kernel_.ExpectRequest();
+  ExpectAnswered(first, before, kernel_, received);  // its record becomes free, ahead of the other
   Settle(reader);
   second.Ask("T", "served last");
-  Freeze(Subject.Pid());
-  EXPECT_TRUE(Kernel.Answer(*answered));
-  first.ExpectAnswer(request);
+  Freeze(agent_.Pid());
+  ExpectAnswered(first, request, kernel_, answered);
   lumo::Message again = second.Request("K");
   again.SetAstInd(request.AstInd());
   EXPECT_TRUE(second.SendMessage(again));
-  Thaw(Subject.Pid());
-  ASSERT_TRUE(Kernel.ReadRequest());
+  Thaw(agent_.Pid());
+  ASSERT_TRUE(kernel_.ReadRequest());
   Settle(reader);
   kill(reader, SIGKILL);
   second.ExpectError(again, 4009, 0);
@@ -245,88 +235,80 @@ TEST_F(LocalIpcReader, ANameUsedAgainOnAnotherConnectionIsNotTakenForTheAnswered
 
 TEST_F(LocalIpcReader, NothingIsLeftOverWhenReadersComeAndGo) {
   pid_t reader = Connect();
-  const int descriptors = OpenDescriptors(Subject.Pid());
+  const int descriptors = OpenDescriptors(agent_.Pid());
   for (int time = 0; time < 5; ++time) {
     Settle(reader);
     kill(reader, SIGKILL);
     EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-    Subject.Barrier();
+    agent_.Barrier();
     reader = Use();
-    EXPECT_EQ(OpenDescriptors(Subject.Pid()), descriptors);
+    EXPECT_EQ(OpenDescriptors(agent_.Pid()), descriptors);
     EXPECT_EQ(Attached(), 2);
   }
 }
 
 TEST_F(LocalIpcReader, WhatTheReaderDoesIsTraced) {
-  Subject.Trace();
-  Settle(Connect());
-  const std::string task = std::to_string(Application->TaskName());
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "LIPC CHLD. TaskName = " + task));
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "LIPC read TaskName = " + task));
-  EXPECT_TRUE(Subject.LogContains("'ReadMessageFromKernelAndSendToDbc' Call from lipc:"));
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcConnectLink' Leave SUCCESS"));
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave SUCCESS"));
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcReadyForRead' Leave SUCCESS"));
-  Kernel.RemoveQueue();
-  EXPECT_TRUE(Subject.WaitForLog("'ReadMessageFromKernelAndSendToDbc' Leave FAILED msgrcv"));
+  agent_.Trace();
+  ConnectAndSettle();
+  const std::string task = std::to_string(client_->TaskName());
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "LIPC CHLD. TaskName = " + task));
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "LIPC read TaskName = " + task));
+  EXPECT_TRUE(agent_.LogContains("'ReadMessageFromKernelAndSendToDbc' Call from lipc:"));
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "'LIpcConnectLink' Leave SUCCESS"));
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "'LIpcSendToNetwork' Leave SUCCESS"));
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "'LIpcReadyForRead' Leave SUCCESS"));
+  kernel_.RemoveQueue();
+  EXPECT_TRUE(agent_.WaitForLog("'ReadMessageFromKernelAndSendToDbc' Leave FAILED msgrcv"));
 }
 
 // The kernel
 
 TEST_F(LocalIpcReader, AQueueThatGoesBreaksTheLink) {
-  const pid_t reader = Connect();
-  Settle(reader);
+  const pid_t reader = ConnectAndSettle();
   const lumo::Message request = InFlight();
-  Subject.Barrier();
-  Kernel.RemoveQueue();
-  Application->ExpectError(request, 4009, 0);
+  agent_.Barrier();
+  kernel_.RemoveQueue();
+  client_->ExpectError(request, 4009, 0);
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-  Application->ExpectError(Application->Send("K"), 4006, ENOENT);
+  client_->ExpectError(client_->Send("K"), 4006, ENOENT);
 }
 
 TEST_F(LocalIpcReader, ASemaphoreThatGoesFailsTheSending) {
-  Subject.Trace();
-  Settle(Connect());
-  Kernel.RemoveSemaphore();
-  const lumo::Message request = Application->Send("K");
-  Application->ExpectError(request, 4007, EINVAL);
-  EXPECT_EQ(Subject.CountLogged(3, "lipc", "LIPC semop failed. errno " + std::to_string(EINVAL)),
-            1);
-  EXPECT_TRUE(Subject.Logged(15, "lipc", "'LIpcSendToNetwork' Leave FAILED semop"));
-  Application->ExpectNothing();
+  agent_.Trace();
+  ConnectAndSettle();
+  kernel_.RemoveSemaphore();
+  client_->ExpectError(client_->Send("K"), 4007, EINVAL);
+  EXPECT_EQ(agent_.CountLogged(3, "lipc", "LIPC semop failed. errno " + std::to_string(EINVAL)), 1);
+  EXPECT_TRUE(agent_.Logged(15, "lipc", "'LIpcSendToNetwork' Leave FAILED semop"));
+  client_->ExpectNothing();
 }
 
 TEST_F(LocalIpcReader, ASemaphoreAtItsLimitFailsTheSending) {
-  constexpr int kLargest = 32767;
   Connect();
-  ASSERT_EQ(semctl(semget(Kernel.Key(), 1, 0), 0, SETVAL, kLargest), 0);
-  const lumo::Message request = Application->Send("K");
-  Application->ExpectError(request, 4007, ERANGE);
+  kernel_.SetSemaphore(IpcKernel::kLargestSemaphore);
+  client_->ExpectError(client_->Send("K"), 4007, ERANGE);
 }
 
 TEST_F(LocalIpcReader, AReaderThatIsStillEndingDoesNotHoldUpTheNext) {
-  constexpr int kLargest = 32767;
   Connect();
-  const int semaphore = semget(Kernel.Key(), 1, 0);
   for (int time = 0; time < 50 && !testing::Test::HasFailure(); ++time) {
-    ASSERT_EQ(semctl(semaphore, 0, SETVAL, kLargest), 0);
-    Application->ExpectError(Application->Send("K"), 4007, ERANGE);
-    ASSERT_EQ(semctl(semaphore, 0, SETVAL, 0), 0);
-    ASSERT_TRUE(Kernel.ReadRequest());  // it had come as far as the queue
+    kernel_.SetSemaphore(IpcKernel::kLargestSemaphore);
+    client_->ExpectError(client_->Send("K"), 4007, ERANGE);
+    kernel_.SetSemaphore(0);
+    ASSERT_TRUE(kernel_.ReadRequest());  // it had come as far as the queue
     EXPECT_GT(Use(), 0) << time;
   }
 }
 
 TEST_F(LocalIpcReader, AFullQueueIsWaitedForWhileTheKernelLives) {
   Connect();
-  Kernel.FillQueue();
-  const lumo::Message request = Application->Send("K", "at last");
-  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
-  Kernel.DrainQueue();
-  const auto received = Kernel.ExpectRequest();
+  kernel_.FillQueue();
+  const lumo::Message request = client_->Send("K", "at last");
+  EXPECT_FALSE(client_->ReceiveFrame(kShortly));
+  kernel_.DrainQueue();
+  const auto received = kernel_.ExpectRequest();
   EXPECT_EQ(received.Message.Strings[0], "at last");
-  Kernel.Answer(received, "answer");
-  EXPECT_EQ(Application->ExpectAnswer(request).Strings[0], "answer");
+  ExpectAnswered(*client_, request, kernel_, received, "answer");
 }
 
 // Answers that the reader cannot give itself lie between it and the agent until there is no room
@@ -335,30 +317,30 @@ TEST_F(LocalIpcReader, AFullQueueIsWaitedForWhileTheKernelLives) {
 TEST_F(LocalIpcReader, AQueueFullOfAnswersThatWaitForTheAgentDoesNotBlockIt) {
   constexpr std::size_t kRequests = 300, kText = 7900;
   EchoNode other;
-  Subject.Nodetab(Kernel.Line("K") + other.Line("T"));
+  agent_.Nodetab(kernel_.Line("K") + other.Line("T"));
   const pid_t reader = Connect();
-  Client later(Subject);
+  Client later(agent_);
   std::vector<lumo::Message> requests;
   std::vector<IpcKernel::Request> received;
   for (std::size_t i = 0; i < kRequests; ++i) {
     requests.push_back(later.Send("K"));
-    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    received.push_back(kernel_.ExpectRequest());
   }
   later.Ask("T", "the link and the client that are served first");
-  ASSERT_TRUE(WaitFor([&] { return Sleeps(Subject.Pid()); }));
-  Freeze(Subject.Pid());
+  ASSERT_TRUE(WaitFor([&] { return Sleeps(agent_.Pid()); }));
+  Freeze(agent_.Pid());
   std::size_t answered = 0;
-  for (; answered < kRequests && Kernel.HasRoomFor(kText); ++answered) {
-    ASSERT_TRUE(Kernel.Answer(received[answered], std::string(kText, 'x')));
+  for (; answered < kRequests && kernel_.HasRoomFor(kText); ++answered) {
+    ASSERT_TRUE(kernel_.Answer(received[answered], std::string(kText, 'x')));
     // Taken, or asleep with an answer left: it waits for the agent.
     ASSERT_TRUE(WaitFor([&] {
-      return Kernel.QueuedMessages() == 0 || (Sleeps(reader) && Kernel.QueuedMessages() > 0);
+      return kernel_.QueuedMessages() == 0 || (Sleeps(reader) && kernel_.QueuedMessages() > 0);
     }));
   }
-  ASSERT_FALSE(Kernel.HasRoomFor(kText)) << "there was room for all answers";
+  ASSERT_FALSE(kernel_.HasRoomFor(kText)) << "there was room for all answers";
   later.Send("K", std::string(kText, 'q'));
-  Thaw(Subject.Pid());
-  const auto last = Kernel.ExpectRequest();
+  Thaw(agent_.Pid());
+  const auto last = kernel_.ExpectRequest();
   EXPECT_EQ(last.Message.Strings[0], std::string(kText, 'q'));
   for (std::size_t i = 0; i < answered; ++i)
     EXPECT_EQ(later.ExpectAnswer(requests[i]).Strings[0], std::string(kText, 'x')) << i;
@@ -367,106 +349,98 @@ TEST_F(LocalIpcReader, AQueueFullOfAnswersThatWaitForTheAgentDoesNotBlockIt) {
 
 TEST_F(LocalIpcReader, AFullQueueHoldsUpNobodyElse) {
   EchoNode node;
-  Subject.Nodetab(Kernel.Line("K") + node.Line("N"));
+  agent_.Nodetab(kernel_.Line("K") + node.Line("N"));
   Connect();
-  Client other(Subject);
-  Kernel.FillQueue();
+  Client other(agent_);
+  kernel_.FillQueue();
   std::vector<lumo::Message> requests;
-  for (int i = 0; i < 5; ++i) requests.push_back(Application->Send("K", std::to_string(i)));
-  Subject.Barrier();
+  for (int i = 0; i < 5; ++i) requests.push_back(client_->Send("K", std::to_string(i)));
+  agent_.Barrier();
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(other.Ask("N", std::to_string(i)).Strings[0], std::to_string(i));
-    Subject.Tick();
+    agent_.Tick();
   }
-  Kernel.DrainQueue();
+  kernel_.DrainQueue();
   for (int i = 0; i < 5; ++i) {
-    const auto received = Kernel.ExpectRequest();
+    const auto received = kernel_.ExpectRequest();
     EXPECT_EQ(received.Message.Strings[0], std::to_string(i)) << "in their order";
-    Kernel.Answer(received, "answer");
-    Application->ExpectAnswer(requests[static_cast<std::size_t>(i)]);
+    ExpectAnswered(*client_, requests[static_cast<std::size_t>(i)], kernel_, received, "answer");
   }
 }
 
 TEST_F(LocalIpcReader, AReaderThatEndsBesideAFullQueueIsNoticedAtOnce) {
-  const pid_t reader = Connect();
-  Settle(reader);
-  Kernel.FillQueue();
-  const lumo::Message request = Application->Send("K");
-  Subject.Barrier();
+  const pid_t reader = ConnectAndSettle();
+  kernel_.FillQueue();
+  const lumo::Message request = client_->Send("K");
+  agent_.Barrier();
   kill(reader, SIGKILL);
-  Application->ExpectError(request, 4009, 0);
-  Kernel.DrainQueue();
+  client_->ExpectError(request, 4009, 0);
+  kernel_.DrainQueue();
   EXPECT_NE(Use(), reader);
 }
 
 // Two of 7 KB are more than half of the queue.
 TEST_F(LocalIpcReader, AnswersToAFormerReaderDoNotFillTheQueue) {
   constexpr unsigned long kSmallQueue = 16384;
-  Kernel.LimitQueue(kSmallQueue);
-  const pid_t former = Connect();
-  Settle(former);
+  kernel_.LimitQueue(kSmallQueue);
+  const pid_t former = ConnectAndSettle();
   std::vector<IpcKernel::Request> received;
   for (int i = 0; i < 2; ++i) {
-    Application->Send("K");
-    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    client_->Send("K");
+    received.push_back(kernel_.ExpectRequest());
   }
   kill(former, SIGKILL);
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(Application->Receive());
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(client_->Receive());
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(former); }));
   EXPECT_NE(Use(), former);
   const std::string text(7000, 'x');
-  for (const IpcKernel::Request& request : received) EXPECT_TRUE(Kernel.Answer(request, text));
-  const lumo::Message large = Application->Send("K", text);
-  const auto request = Kernel.ExpectRequest();
-  EXPECT_TRUE(Kernel.Answer(request, text));
-  EXPECT_EQ(Application->ExpectAnswer(large).Strings[0], text);
+  for (const IpcKernel::Request& request : received) EXPECT_TRUE(kernel_.Answer(request, text));
+  ExpectExchange(*client_, client_->Send("K", text), kernel_, text);
 }
 
 // Each request has come as far as the queue when its semaphore fails, and is answered to a reader
 // that is no more.
 TEST_F(LocalIpcReader, ABurstOfFailingSemaphoresLeavesNothingInTheQueue) {
-  constexpr int kLargest = 32767;
   constexpr unsigned long kSmallQueue = 16384;
-  Kernel.LimitQueue(kSmallQueue);
+  kernel_.LimitQueue(kSmallQueue);
   Connect();
-  const int semaphore = semget(Kernel.Key(), 1, 0);
   const std::string text(7000, 'x');
   std::vector<IpcKernel::Request> received;
-  ASSERT_EQ(semctl(semaphore, 0, SETVAL, kLargest), 0);
+  kernel_.SetSemaphore(IpcKernel::kLargestSemaphore);
   for (int i = 0; i < 5; ++i) {
-    Application->ExpectError(Application->Send("K"), 4007, ERANGE);
-    received.push_back(Kernel.ReadRequest().value_or(IpcKernel::Request{}));
+    client_->ExpectError(client_->Send("K"), 4007, ERANGE);
+    received.push_back(kernel_.ExpectRequest());
   }
-  ASSERT_EQ(semctl(semaphore, 0, SETVAL, 0), 0);
+  kernel_.SetSemaphore(0);
   for (const IpcKernel::Request& request : received) {
-    EXPECT_TRUE(Kernel.Answer(request, text)) << "there is room";
+    EXPECT_TRUE(kernel_.Answer(request, text)) << "there is room";
     EXPECT_GT(Use(), 0);
-    Subject.Tick();
+    agent_.Tick();
   }
-  EXPECT_EQ(Kernel.QueuedMessages(), 0);
+  EXPECT_EQ(kernel_.QueuedMessages(), 0);
 }
 
 TEST_F(LocalIpcReader, AFullQueueOfADeadKernelFailsTheSending) {
-  Subject.LogLevel("3");
+  agent_.LogLevel("3");
   Connect();
-  Kernel.FillQueue();
-  const lumo::Message request = Application->Send("K");
-  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
-  Kernel.SetKernelPid(DeadPid());
-  const auto answer = Application->Receive();
+  kernel_.FillQueue();
+  const lumo::Message request = client_->Send("K");
+  EXPECT_FALSE(client_->ReceiveFrame(kShortly));
+  kernel_.SetKernelPid(DeadPid());
+  const auto answer = client_->Receive();
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->AstInd(), request.AstInd());
   EXPECT_EQ(answer->CodErr, 4007);
-  EXPECT_TRUE(Subject.LogContains("|LIPC msgsnd failed. errno "));
-  Application->ExpectNothing();
+  EXPECT_TRUE(agent_.LogContains("|LIPC msgsnd failed. errno "));
+  client_->ExpectNothing();
 }
 
 TEST_F(LocalIpcReader, AFullQueueDoesNotHoldUpAStop) {
   Connect();
-  Kernel.FillQueue();
-  Application->Send("K");
-  EXPECT_FALSE(Application->ReceiveFrame(kShortly));
-  EXPECT_EQ(Subject.Stop(), 0);
+  kernel_.FillQueue();
+  client_->Send("K");
+  EXPECT_FALSE(client_->ReceiveFrame(kShortly));
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // The death of a client
@@ -474,48 +448,45 @@ TEST_F(LocalIpcReader, AFullQueueDoesNotHoldUpAStop) {
 TEST_F(LocalIpcReader, TheKernelIsToldOfAClientsDeath) {
   LivingProcess application;
   const pid_t reader = Connect();
-  Client client(Subject, application.Pid());
+  Client client(agent_, application.Pid());
   Use(&client);
-  Subject.Ticks(2);
-  EXPECT_EQ(Kernel.QueuedMessages(), 0);
-  const int before = Kernel.SemaphoreValue();
+  agent_.Ticks(2);
+  EXPECT_EQ(kernel_.QueuedMessages(), 0);
+  const int before = kernel_.SemaphoreValue();
   const std::int32_t pid = application.Pid();
   application.Kill();
-  Subject.Ticks(2);
-  const auto received = Kernel.ExpectRequest();
+  agent_.Ticks(2);
+  const auto received = kernel_.ExpectRequest();
   EXPECT_EQ(lumo::Encode(received.Message, lumo::Lengths::Packet),
             lumo::Encode(DeathMessage(reader, pid), lumo::Lengths::Packet));
-  EXPECT_EQ(Kernel.SemaphoreValue(), before + 1);
-  EXPECT_EQ(Kernel.QueuedMessages(), 0) << "only the agent tells, and once";
+  EXPECT_EQ(kernel_.SemaphoreValue(), before + 1);
+  EXPECT_EQ(kernel_.QueuedMessages(), 0) << "only the agent tells, and once";
 }
 
 // Management
 
 TEST_F(LocalIpcReader, ADeletedKernelGoesWithItsReader) {
-  const pid_t reader = Connect();
-  Settle(reader);
-  Manager manager(Subject);
+  const pid_t reader = ConnectAndSettle();
+  Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("K"), 33);
   const lumo::Message request = InFlight();
   kill(reader, SIGKILL);
-  Application->ExpectError(request, 4009, 0);
+  client_->ExpectError(request, 4009, 0);
   EXPECT_EQ(manager.Names(), "OTHER");
-  Application->ExpectError(Application->Send("K"), 4050, 0);
-  Subject.Tick();
-  EXPECT_EQ(Subject.Stop(), 0);
+  client_->ExpectError(client_->Send("K"), 4050, 0);
+  agent_.Tick();
 }
 
 TEST_F(LocalIpcReader, ARedefinedKernelIsFoundUnderItsNewKey) {
   IpcKernel another;
-  const pid_t reader = Connect();
-  Settle(reader);
-  Manager manager(Subject);
+  const pid_t reader = ConnectAndSettle();
+  Manager manager(agent_);
   EXPECT_EQ(manager.SetNode("K", another.Line("L")), 0);
   kill(reader, SIGKILL);
   EXPECT_TRUE(WaitFor([&] { return !ProcessExists(reader); }));
-  Subject.Barrier();
+  agent_.Barrier();
   EXPECT_EQ(manager.Names(), "L OTHER");
-  ExpectExchange(*Application, Application->Send("L"), another, "from the new one");
+  ExpectExchange(*client_, client_->Send("L"), another, "from the new one");
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The test run: one node, one request, a verdict in words and in the exit code.
 #include <gtest/gtest.h>
-#include <sys/sem.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,19 +21,26 @@ std::string Alive(const std::string& node) { return "lumo_tcp:Node \"" + node + 
 std::string NotAlive(const std::string& node, const std::string& verdict) {
   return "lumo_tcp:Node \"" + node + "\" is not alive\nlumo_tcp:" + verdict + "\n";
 }
+std::string ConnectFailed(const std::string& node, int error) {
+  return NotAlive(node, "Test connection has failed. Status 4006:" + std::to_string(error));
+}
+
+constexpr char kNoListener[] = "Peer has no valid listener";
 
 class Ping : public AgentTest {
  protected:
-  static void StartPing(Agent* agent, const std::string& nodetab) {
-    agent->Nodetab(nodetab).Option("-PING");
-    agent->Spawn();
-  }
   static int RunPing(Agent* agent, const std::string& nodetab) {
-    agent->Nodetab(nodetab).Option("-PING");
-    return agent->Run();
+    return agent->Nodetab(nodetab).Option("-PING").Run();
   }
-  void StartPing(const std::string& nodetab) { StartPing(&agent_, nodetab); }
   int RunPing(const std::string& nodetab) { return RunPing(&agent_, nodetab); }
+  void StartPing(const std::string& nodetab) { agent_.Nodetab(nodetab).Option("-PING").Spawn(); }
+  // The run tests this server, which has got the request.
+  template <class Server>
+  lumo::Message StartUntilRequest(Server& server, const std::string& name,
+                                  const Place& place = Place::Here()) {
+    StartPing(server.Line(name));
+    return server.ExpectFirstRequest(place);
+  }
 
   // The run ends by itself with this code and these lines, and nothing else in its log.
   void ExpectEnd(int code, const std::string& log, const Place& place = Place::Here()) {
@@ -76,8 +82,7 @@ TEST_F(Ping, ANodeThatAnswersOverTcpIsAlive) {
 TEST_F(Ping, AKernelThatAnswersOnItsSocketIsAlive) {
   LocalKernel kernel(agent_);
   StartPing(kernel.Line("K", "LOCAL"));
-  const auto request = kernel.ExpectFirstRequest();
-  kernel.Answer(request);
+  kernel.Answer(kernel.ExpectFirstRequest());
   ExpectEnd(0, Alive("K"));
 }
 
@@ -93,15 +98,13 @@ TEST_F(Ping, AKernelThatAnswersThroughItsQueueIsAlive) {
 TEST_F(Ping, AnyAnswerCountsWhateverItsCode) {
   Node node;
   StartPing(node.Line("SRV1"));
-  const auto request = node.ExpectFirstRequest();
-  node.Answer(request, "what is TS T?", 1234);
+  node.Answer(node.ExpectFirstRequest(), "what is TS T?", 1234);
   ExpectEnd(0, Alive("SRV1"));
 }
 
 TEST_F(Ping, TheNodeThatIsAliveIsNamedAsTheAnswerNamesIt) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  const auto request = node.ExpectFirstRequest();
+  const auto request = StartUntilRequest(node, "SRV1");
   lumo::Message answer = AnswerTo(request, "");
   answer.Node = "ANOTHER8";
   node.SendMessage(answer);
@@ -110,8 +113,7 @@ TEST_F(Ping, TheNodeThatIsAliveIsNamedAsTheAnswerNamesIt) {
 
 TEST_F(Ping, AnAnswerToAnotherRequestIsPassedOver) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  const auto request = node.ExpectFirstRequest();
+  const auto request = StartUntilRequest(node, "SRV1");
   lumo::Message other = AnswerTo(request, "");
   other.SetAstInd(7);
   node.SendMessage(other);
@@ -136,7 +138,6 @@ TEST_F(Ping, TheTestRequestIsEmptyButForItsCommandItsNodeAndItsTask) {
   EXPECT_EQ(*frame, lumo::Encode(expected, lumo::Lengths::Client));
   EXPECT_EQ(frame->size(), 108u);
   EXPECT_TRUE(kernel.Silent());  // it is made once
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // Not alive
@@ -157,22 +158,18 @@ TEST_F(Ping, AKernelThatDoesNotListenRefusesTheConnection) {
 
 TEST_F(Ping, AnyOtherConnectFailureIsReportedWithItsError) {
   // There is no file of that name.
-  ExpectRun("K LOCALS 4711", 6,
-            NotAlive("K", "Test connection has failed. Status 4006:" + std::to_string(ENOENT)));
+  ExpectRun("K LOCALS 4711", 6, ConnectFailed("K", ENOENT));
 }
 
 TEST_F(Ping, AnAddressWithoutARouteIsReportedWithItsError) {
   // There is no connection to many at once.
-  ExpectRun(
-      "SRV1 TCPIP 224.0.0.1 1060", 6,
-      NotAlive("SRV1", "Test connection has failed. Status 4006:" + std::to_string(ENETUNREACH)));
+  ExpectRun("SRV1 TCPIP 224.0.0.1 1060", 6, ConnectFailed("SRV1", ENETUNREACH));
 }
 
 TEST_F(Ping, AKernelWithoutItsSharedMemoryIsNotAlive) {
   IpcKernel kernel;
   kernel.RemoveSegment();
-  ExpectRun(kernel.Line("K"), 6,
-            NotAlive("K", "Test connection has failed. Status 4006:" + std::to_string(ENOENT)));
+  ExpectRun(kernel.Line("K"), 6, ConnectFailed("K", ENOENT));
 }
 
 TEST_F(Ping, AConnectionThatIsNotMadeInTimeIsReported) {
@@ -190,8 +187,7 @@ TEST_F(Ping, ANodeThatSendsNothingInTimeIsReported) {
 
 TEST_F(Ping, ANodeWithoutATimeoutIsWaitedFor) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  const auto request = node.ExpectFirstRequest();
+  const auto request = StartUntilRequest(node, "SRV1");
   for (int tick = 0; tick < 20; ++tick) {
     agent_.Signal(SIGALRM);
     EXPECT_FALSE(agent_.Wait(Milliseconds(5)));
@@ -202,34 +198,30 @@ TEST_F(Ping, ANodeWithoutATimeoutIsWaitedFor) {
 
 TEST_F(Ping, ANodeThatClosesTheConnectionHasNoValidListener) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  node.ExpectFirstRequest();
+  StartUntilRequest(node, "SRV1");
   node.Close();
-  ExpectEnd(9, NotAlive("SRV1", "Peer has no valid listener"));
+  ExpectEnd(9, NotAlive("SRV1", kNoListener));
 }
 
 TEST_F(Ping, ANodeThatBreaksTheConnectionHasNoValidListener) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  node.ExpectFirstRequest();
+  StartUntilRequest(node, "SRV1");
   node.Reset();
-  ExpectEnd(8, NotAlive("SRV1", "Peer has no valid listener"));
+  ExpectEnd(8, NotAlive("SRV1", kNoListener));
 }
 
 TEST_F(Ping, ANodeThatSendsNonsenseHasNoValidListener) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  node.ExpectFirstRequest();
+  StartUntilRequest(node, "SRV1");
   node.SendBytes("\xff\xff\xff\xff");
-  ExpectEnd(8, NotAlive("SRV1", "Peer has no valid listener"));
+  ExpectEnd(8, NotAlive("SRV1", kNoListener));
 }
 
 TEST_F(Ping, AKernelThatClosesItsSocketHasNoValidListener) {
   LocalKernel kernel(agent_);
-  StartPing(kernel.Line("K"));
-  kernel.ExpectFirstRequest();
+  StartUntilRequest(kernel, "K");
   kernel.Close();
-  ExpectEnd(8, NotAlive("K", "Peer has no valid listener"));
+  ExpectEnd(8, NotAlive("K", kNoListener));
 }
 
 TEST_F(Ping, AKernelThatTakesNoRequestHasNoValidListener) {
@@ -238,15 +230,14 @@ TEST_F(Ping, AKernelThatTakesNoRequestHasNoValidListener) {
   ASSERT_TRUE(kernel.Accept(""));  // it does not greet yet: the agent waits
   shutdown(kernel.Socket(), SHUT_RD);
   kernel.SendBytes("hello");
-  ExpectEnd(7, NotAlive("K", "Peer has no valid listener"));
+  ExpectEnd(7, NotAlive("K", kNoListener));
 }
 
 TEST_F(Ping, AKernelWhoseSemaphoreIsFullHasNoValidListener) {
   IpcKernel kernel;
-  constexpr int kLargest = 32767;
-  ASSERT_EQ(semctl(semget(kernel.Key(), 1, 0), 0, SETVAL, kLargest), 0);
+  kernel.SetSemaphore(IpcKernel::kLargestSemaphore);
   StartPing(kernel.Line("K"));
-  ExpectEnd(7, NotAlive("K", "Peer has no valid listener"));
+  ExpectEnd(7, NotAlive("K", kNoListener));
 }
 
 TEST_F(Ping, AReaderThatEndsIsReported) {
@@ -254,7 +245,7 @@ TEST_F(Ping, AReaderThatEndsIsReported) {
   StartPing(kernel.Line("K"));
   const auto request = kernel.ExpectRequest();
   kill(request.Reader, SIGKILL);
-  ExpectEnd(9, NotAlive("K", "Peer has no valid listener"));
+  ExpectEnd(9, NotAlive("K", kNoListener));
 }
 
 TEST_F(Ping, AReaderThatATickFindsGoneIsReportedByItsStatus) {
@@ -354,11 +345,9 @@ TEST_F(Ping, AFailureToMakeThePipeIsReportedAndTheCodeStaysZero) {
 TEST_F(Ping, AStopBySignalGivesNoVerdict) {
   for (const int signal : {SIGTERM, SIGINT}) {
     Node node;
-    Agent agent;
-    StartPing(&agent, node.Line("SRV1"));
-    node.ExpectFirstRequest();
-    EXPECT_EQ(agent.Stop(signal), 0);
-    EXPECT_EQ(agent.Results(), "");
+    StartUntilRequest(node, "SRV1");
+    EXPECT_EQ(agent_.Stop(signal), 0);
+    EXPECT_EQ(agent_.Results(), "");
   }
 }
 
@@ -387,8 +376,7 @@ TEST_F(Ping, AStopWhileTheKernelDoesNotGreetGivesNoVerdict) {
 TEST_F(Ping, TheVerdictIsGivenOnce) {
   Node node;
   agent_.LogLevel("2");
-  StartPing(node.Line("SRV1"));
-  const auto request = node.ExpectFirstRequest();
+  const auto request = StartUntilRequest(node, "SRV1");
   const std::string answer = lumo::Encode(AnswerTo(request, ""), lumo::Lengths::Packet);
   node.SendBytes(answer + answer + std::string(4, '\xff'));  // two answers and a failure
   node.Close();
@@ -416,11 +404,9 @@ TEST_F(Ping, TheTestRequestWaitsForItsConnectionEvenWithConnError) {
 
 TEST_F(Ping, NoClientSocketIsOpened) {
   Node node;
-  StartPing(node.Line("SRV1"));
-  node.ExpectFirstRequest();
+  StartUntilRequest(node, "SRV1");
   EXPECT_FALSE(std::filesystem::exists(agent_.SocketPath()));
   EXPECT_EQ(agent_.Stdout().find("Default server"), std::string::npos);
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Ping, TheSocketFileOfTheExchangeIdIsRemovedAtTheEnd) {
@@ -434,9 +420,7 @@ TEST_F(Ping, TheParentIsNotSignalledAndThePidFileIsRemoved) {
   Node node;
   const std::string pidFile = agent_.Folder() / "pid";
   agent_.Options({"-PKILL", "15", "-PIDFILE", pidFile}).UnderOwnParent();
-  agent_.Nodetab(node.Line("SRV1")).Option("-PING");
-  agent_.Spawn();
-  const auto request = node.ExpectFirstRequest();
+  const auto request = StartUntilRequest(node, "SRV1");
   EXPECT_EQ(ReadFile(pidFile), std::to_string(request.TaskName) + "\n");
   node.Answer(request);
   EXPECT_TRUE(agent_.WaitForLog(Alive("SRV1")));

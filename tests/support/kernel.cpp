@@ -17,7 +17,6 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace test {
 namespace {
@@ -189,6 +188,7 @@ bool IpcKernel::SendBytes(pid_t reader, const std::string& body) {
 }
 
 int IpcKernel::SemaphoreValue() const { return semctl(semaphore_, 0, GETVAL); }
+void IpcKernel::SetSemaphore(int value) { ASSERT_EQ(semctl(semaphore_, 0, SETVAL, value), 0); }
 
 int IpcKernel::QueuedMessages() const {
   msqid_ds state{};

@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -39,6 +38,7 @@ class LocalKernel : public Peer {
 // exit; what a killed test left behind is removed by the next one.
 class IpcKernel {
  public:
+  static constexpr int kLargestSemaphore = 32767;
   struct Request {
     lumo::Message Message;  // its task name is the process id of the agent's reader
     pid_t Reader = 0;
@@ -56,6 +56,7 @@ class IpcKernel {
   bool SendMessage(pid_t reader, const lumo::Message& message);
   bool SendBytes(pid_t reader, const std::string& body);  // from the task name on
   int SemaphoreValue() const;
+  void SetSemaphore(int value);
   int QueuedMessages() const;
   bool HasRoomFor(std::size_t bytes) const;  // a message with so many from the task name on
   void LimitQueue(unsigned long bytes);
