@@ -14,7 +14,11 @@
 namespace test {
 namespace {
 
-using NodeDeletion = ManagerTest;
+class NodeDeletion : public NodeInUseTest {
+ protected:
+  static void ExpectServingWithoutNodes(const std::vector<std::pair<int, int>>& deletions,
+                                        const std::vector<std::string>& options);
+};
 
 TEST_F(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
   Manager manager = StartWithManager(kThreeNodes);
@@ -28,20 +32,17 @@ TEST_F(NodeDeletion, ADisconnectedNodeDisappearsAtOnce) {
 }
 
 TEST_F(NodeDeletion, AConnectedNodeDisappearsWhenItsLinkDisconnects) {
-  Node node;
-  Client client = StartWithClient("A REZ\n" + node.Line("B") + "C REZ\n");
-  UseNode(&client, &node, "B");
-  Manager manager(agent_);
+  Manager manager = StartInUse("B", "A REZ\n", "C REZ\n");
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
   EXPECT_EQ(manager.Result(124, 1), kDeletionPending);
   EXPECT_EQ(manager.Names(), "A B C");
-  const lumo::Message first = client.Send("B", "1"), second = client.Send("B", "2");
-  ExpectExchange(client, first, node, "still served");
-  EXPECT_TRUE(node.ReadRequest());
-  Break(&agent_, &node);
-  client.ExpectError(second, 4009, 0);
+  const lumo::Message first = client_->Send("B", "1"), second = client_->Send("B", "2");
+  ExpectExchange(*client_, first, node_, "still served");
+  EXPECT_TRUE(node_.ReadRequest());
+  Break();
+  client_->ExpectError(second, 4009, 0);
   EXPECT_EQ(manager.Names(), "A C");
-  client.ExpectError(client.Send("B"), 4050, 0);
+  client_->ExpectError(client_->Send("B"), 4050, 0);
 }
 
 TEST_F(NodeDeletion, ANodeWhoseLinkIsConnectingCountsAsBusy) {
@@ -65,36 +66,29 @@ TEST_F(NodeDeletion, ARequestThatWaitsForTheConnectionIsServedBeforeThePendingDe
   Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
   node.Unstall();
-  const auto received = node.ExpectFirstRequest();
-  node.Answer(received, "served");
-  EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "served");
+  ExpectFirstExchange(client, request, node, "served");
   EXPECT_EQ(manager.Names(), "A B");
-  Break(&agent_, &node);
+  node.Close();
+  agent_.Barrier();
   EXPECT_EQ(manager.Names(), "A");
 }
 
 TEST_F(NodeDeletion, ARedefinitionCancelsAPendingDeletion) {
-  Node node;
-  Client client = StartWithClient("A REZ\n" + node.Line("B"));
-  UseNode(&client, &node, "B");
-  Manager manager(agent_);
+  Manager manager = StartInUse("B", "A REZ\n");
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
-  EXPECT_EQ(manager.SetNode("B", node.Line("X")), 0);
-  Break(&agent_, &node);
+  EXPECT_EQ(manager.SetNode("B", node_.Line("X")), 0);
+  Break();
   EXPECT_EQ(manager.Names(), "A X");
-  UseNode(&client, &node, "X");
-  Break(&agent_, &node);
+  UseNode(&*client_, &node_, "X");
+  Break();
   EXPECT_EQ(manager.Names(), "A X");
 }
 
 TEST_F(NodeDeletion, ADeletionCancelsAPendingRedefinition) {
-  Node node;
-  Client client = StartWithClient("A REZ\n" + node.Line("B"));
-  UseNode(&client, &node, "B");
-  Manager manager(agent_);
+  Manager manager = StartInUse("B", "A REZ\n");
   EXPECT_EQ(manager.SetNode("B", "X REZ"), 0);
   EXPECT_EQ(manager.DeleteNode("B"), kDeletionPending);
-  Break(&agent_, &node);
+  Break();
   EXPECT_EQ(manager.Names(), "A");
 }
 
@@ -115,8 +109,7 @@ TEST_F(NodeDeletion, WithTheDefaultNodeGoneAndNoOtherConnectedTheNextInTheTableI
   for (const char* mode : {"-NODAEMON", "-AUTOCHANGE", "-AUTOCONNECT"}) {
     Agent agent;
     agent.Nodetab(kThreeNodes).LogLevel("1").Option(mode);
-    ASSERT_TRUE(agent.Start());
-    Manager manager(agent);
+    Manager manager = StartWithManager(agent);
     EXPECT_EQ(manager.Result(125), 0);
     EXPECT_EQ(manager.Names(), "B C");
     EXPECT_EQ(manager.Default(), "B");
@@ -210,13 +203,12 @@ TEST_F(NodeDeletion, WithASingleNodeLeftTheReconnectionModesDoNotApply) {
 }
 
 // The deletions, in this order, leave nothing; the agent serves on and takes new nodes.
-void ExpectServingWithoutNodes(const std::vector<std::pair<int, int>>& deletions,
-                               const std::vector<std::string>& options) {
+void NodeDeletion::ExpectServingWithoutNodes(const std::vector<std::pair<int, int>>& deletions,
+                                             const std::vector<std::string>& options) {
   EchoNode node;
   Agent agent;
   agent.Nodetab(kThreeNodes).Options(options);
-  ASSERT_TRUE(agent.Start());
-  Manager manager(agent);
+  Manager manager = StartWithManager(agent);
   Client client(agent);
   for (const auto& [command, index] : deletions) {
     EXPECT_EQ(manager.Result(command, index), 0);
@@ -225,7 +217,7 @@ void ExpectServingWithoutNodes(const std::vector<std::pair<int, int>>& deletions
   EXPECT_EQ(manager.Ask(102), Outcome{0});
   for (const int command : {103, 104, 105, 106}) EXPECT_EQ(manager.Ask(command), Outcome{0});
   for (const int command : {121, 122, 124, 125, 127, 128})
-    EXPECT_EQ(manager.Ask(command), Outcome{17});
+    EXPECT_EQ(manager.Ask(command), Outcome{kNoSuchNode});
   for (const int command : {117, 129, 118}) EXPECT_GE(manager.Result(command), 0);
   client.ExpectError(client.Send(), 4050, 0);
   client.ExpectError(client.Send("A"), 4050, 0);
@@ -284,7 +276,6 @@ TEST_F(NodeDeletion, RequestsThatWaitForTheTimerLoseTheirNode) {
   client.ExpectError(unnamed, 4050, 0);
   EXPECT_EQ(manager.Names(), "B C");
   agent_.Tick();
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(NodeDeletion, ADefaultThatBreaksWithItsDeletionPendingHandsOver) {
@@ -293,8 +284,7 @@ TEST_F(NodeDeletion, ADefaultThatBreaksWithItsDeletionPendingHandsOver) {
     EchoNode next;
     Agent agent;
     agent.Nodetab(node.Line("A", "0 2 0") + next.Line("B") + "C REZ\n").Option(mode);
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     UseNode(&client, &node, "A");
     Manager manager(agent);
     EXPECT_EQ(manager.Result(125), kDeletionPending);
@@ -321,8 +311,7 @@ TEST_F(NodeDeletion, EveryNodeMayBreakAndDisappearInTheSameTick) {
         .Nodetab(nodes[0].Line("A", "0 2 0") + nodes[1].Line("B", "0 2 0") +
                  nodes[2].Line("C", "0 2 0"))
         .Option(mode);
-    ASSERT_TRUE(agent.Start());
-    Client client(agent);
+    Client client = StartWithClient(agent);
     UseNodeInVain(&client, &nodes[0], "A");
     UseNodeInVain(&client, &nodes[1], "B");
     UseNodeInVain(&client, &nodes[2], "C");
@@ -350,14 +339,14 @@ TEST_F(NodeDeletion, AClientMayDieAfterItsNodeHasGone) {
   UseNode(&client, &node, "A");
   Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
-  Break(&agent_, &node);
+  node.Close();
+  agent_.Barrier();
   EXPECT_EQ(manager.Names(), "B");
   application.Kill();
   agent_.Ticks(2);
   client.Close();
   Client survivor(agent_);
   EXPECT_EQ(survivor.Ask("B", "text").Strings[0], "text");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(NodeDeletion, AClientMayDieBeforeItsNodeGoes) {
@@ -371,18 +360,15 @@ TEST_F(NodeDeletion, AClientMayDieBeforeItsNodeGoes) {
   Manager manager(agent_);
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
   application.Kill();
-  Break(&agent_, &node);
+  node.Close();
+  agent_.Barrier();
   agent_.Tick();
   EXPECT_EQ(manager.Names(), "B");
-  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(NodeDeletion, TheAgentStopsWithADeletionPending) {
-  Node node;
   agent_.LogLevel("1");
-  Client client = StartWithClient(node.Line("A") + "B REZ\n");
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A", "", "B REZ\n");
   EXPECT_EQ(manager.DeleteNode("A"), kDeletionPending);
   EXPECT_EQ(agent_.Stop(), 0);
   EXPECT_EQ(agent_.Log(), "lumo_tcp:Link A connected\nlumo_tcp:Disconnect link  A\n");

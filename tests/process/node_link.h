@@ -5,8 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/process/manager.h"
 #include "tests/support/node.h"
 
 namespace test {
@@ -31,10 +30,24 @@ inline void UseNode(Client* client, Node* node, const std::string& name) {
   EXPECT_EQ(client->ExpectAnswer(request).Strings[0], "down");
 }
 
-// The link breaks, and the agent has seen it.
-inline void Break(Agent* agent, Node* node) {
-  node->Close();
-  agent->Barrier();
-}
+// An agent that is managed while one of its nodes is in use.
+class NodeInUseTest : public ManagerTest {
+ protected:
+  // The agent runs with this node, between others, and its link is up.
+  Manager StartInUse(const std::string& name, const std::string& before = {},
+                     const std::string& after = {}) {
+    client_.emplace(StartWithClient(before + node_.Line(name) + after));
+    UseNode(&*client_, &node_, name);
+    return Manager(agent_);
+  }
+  // The link breaks, and the agent has seen it.
+  void Break() {
+    node_.Close();
+    agent_.Barrier();
+  }
+
+  Node node_;
+  std::optional<Client> client_;
+};
 
 }  // namespace test

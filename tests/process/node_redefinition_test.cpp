@@ -11,7 +11,7 @@
 namespace test {
 namespace {
 
-using NodeRedefinition = ManagerTest;
+using NodeRedefinition = NodeInUseTest;
 
 TEST_F(NodeRedefinition, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
   EchoNode node;
@@ -48,10 +48,7 @@ TEST_F(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPa
 }
 
 TEST_F(NodeRedefinition, WithoutATextNothingChanges) {
-  Node node;
-  Client client = StartWithClient(node.Line("A") + "B REZ\n");
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A", "", "B REZ\n");
   for (const std::string name : {"A", "B"}) {
     EXPECT_EQ(manager.Result(126, 0, name), 0);
     EXPECT_EQ(manager.Result(126, 0, name + '\0'), 0);
@@ -59,7 +56,7 @@ TEST_F(NodeRedefinition, WithoutATextNothingChanges) {
   }
   for (const int index : {0, 1}) EXPECT_EQ(manager.Result(127, index), 0);
   EXPECT_EQ(manager.Result(128), 0);
-  Break(&agent_, &node);
+  Break();
   EXPECT_EQ(manager.Names(), "A B");
 }
 
@@ -83,23 +80,20 @@ TEST_F(NodeRedefinition, ANameThatExistsAlreadyIsTaken) {
 }
 
 TEST_F(NodeRedefinition, ABusyNodeKeepsItsDefinitionUntilItsLinkDisconnects) {
-  Node before;
   EchoNode after;
-  Client client = StartWithClient(before.Line("A") + "B REZ\n");
-  UseNode(&client, &before, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A", "", "B REZ\n");
   EXPECT_EQ(manager.SetNode("A", after.Line("new")), 0);
   EXPECT_EQ(manager.Names(), "A B");
-  EXPECT_EQ(manager.Describe("A").Port, before.Port());
-  const lumo::Message request = client.Send("A", "still over the old link");
-  EXPECT_TRUE(before.ReadRequest());
-  Break(&agent_, &before);
-  client.ExpectError(request, 4009, 0);
+  EXPECT_EQ(manager.Describe("A").Port, node_.Port());
+  const lumo::Message request = client_->Send("A", "still over the old link");
+  EXPECT_TRUE(node_.ReadRequest());
+  Break();
+  client_->ExpectError(request, 4009, 0);
   EXPECT_EQ(manager.Names(), "NEW B");
   EXPECT_EQ(manager.Default(), "NEW");
   EXPECT_EQ(manager.Describe("NEW").Port, after.Port());
-  EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
-  client.ExpectError(client.Send("A"), 4050, 0);
+  EXPECT_EQ(client_->Ask("NEW", "text").Strings[0], "text");
+  client_->ExpectError(client_->Send("A"), 4050, 0);
 }
 
 TEST_F(NodeRedefinition, ANodeWhoseLinkIsConnectingCountsAsBusy) {
@@ -116,39 +110,30 @@ TEST_F(NodeRedefinition, ANodeWhoseLinkIsConnectingCountsAsBusy) {
 }
 
 TEST_F(NodeRedefinition, TheLatestPendingDefinitionCounts) {
-  Node node;
-  Client client = StartWithClient(node.Line("A"));
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A");
   EXPECT_EQ(manager.SetNode("A", "FIRST LOCALS 77     and a rather long text behind it"), 0);
   EXPECT_EQ(manager.SetNode("A", "LAST REZ"), 0);
-  Break(&agent_, &node);
+  Break();
   EXPECT_EQ(manager.Names(), "LAST");
 }
 
 TEST_F(NodeRedefinition, APendingDefinitionIsTakenOnce) {
-  Node node;
-  Client client = StartWithClient(node.Line("A"));
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
-  EXPECT_EQ(manager.SetNode("A", node.Line("X")), 0);
-  Break(&agent_, &node);
+  Manager manager = StartInUse("A");
+  EXPECT_EQ(manager.SetNode("A", node_.Line("X")), 0);
+  Break();
   EXPECT_EQ(manager.Names(), "X");
-  EXPECT_EQ(manager.SetNode("X", node.Line("Y")), 0);
-  UseNode(&client, &node, "Y");
-  Break(&agent_, &node);
+  EXPECT_EQ(manager.SetNode("X", node_.Line("Y")), 0);
+  UseNode(&*client_, &node_, "Y");
+  Break();
   EXPECT_EQ(manager.Names(), "Y");
 }
 
 TEST_F(NodeRedefinition, APendingDefinitionThatMakesNoNodeIsTriedAtEachDisconnect) {
-  Node node;
-  Client client = StartWithClient(node.Line("A"));
-  Manager manager(agent_);
-  UseNode(&client, &node, "A");
+  Manager manager = StartInUse("A");
   EXPECT_EQ(manager.SetNode("A", "B LOCALS nonsense"), 0);
   for (int time = 1; time <= 2; ++time) {
-    if (!node.Open()) UseNode(&client, &node, "A");
-    Break(&agent_, &node);
+    if (!node_.Open()) UseNode(&*client_, &node_, "A");
+    Break();
     EXPECT_EQ(manager.Names(), "A");
     EXPECT_EQ(agent_.CountLogged(0, "", "Initialization of link 'B' for protocol 'LOCALS' failed"),
               time);
@@ -156,27 +141,20 @@ TEST_F(NodeRedefinition, APendingDefinitionThatMakesNoNodeIsTriedAtEachDisconnec
 }
 
 TEST_F(NodeRedefinition, APendingDefinitionIsCutAt299Characters) {
-  Node node;
   LocalKernel kernel(agent_);
-  Client client = StartWithClient(node.Line("A"));
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A");
   const std::string number = std::to_string(kernel.Number());
   std::string line = "B LOCALS ";
   line += std::string(299 - line.size() - number.size(), ' ') + number;
   EXPECT_EQ(manager.SetNode("A", line + "9" + std::string(2000, '9')), 0);
-  Break(&agent_, &node);
+  Break();
   EXPECT_EQ(manager.Names(), "B");
-  const lumo::Message request = client.Send("B");
-  ASSERT_TRUE(kernel.Accept()) << "the number was not cut where it should be";
-  ExpectExchange(client, request, kernel, "from the kernel");
+  // The number was cut where it should be.
+  ExpectFirstExchange(*client_, client_->Send("B"), kernel, "from the kernel");
 }
 
 TEST_F(NodeRedefinition, TheAgentStopsWithARedefinitionPending) {
-  Node node;
-  Client client = StartWithClient(node.Line("A"));
-  UseNode(&client, &node, "A");
-  Manager manager(agent_);
+  Manager manager = StartInUse("A");
   EXPECT_EQ(manager.SetNode("A", "B NONSENSE"), 0);
   EXPECT_EQ(agent_.Stop(), 0);
   EXPECT_EQ(agent_.Results(), "") << "nothing is redefined any more";
