@@ -13,8 +13,7 @@
 #include <set>
 #include <thread>
 
-#include "tests/support/agent.h"
-#include "tests/support/client.h"
+#include "tests/support/agent_test.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
 #include "tests/support/text.h"
@@ -54,77 +53,78 @@ void FillPassedFields(lumo::Message* message) {
     message->Trailer[at] = static_cast<std::uint8_t>(0x80 + at);
 }
 
-class TcpPackets : public testing::Test {
+class TcpPackets : public AgentTest {
  protected:
   // An agent with the node SRV, connected, no request in flight.
   void StartConnected(const std::string& timeouts = "0 0 0", const std::string& moreNodes = {},
                       const char* logLevel = "3") {
-    Agent.Nodetab(Node.Line("SRV", timeouts) + moreNodes).LogLevel(logLevel);
-    ASSERT_TRUE(Agent.Start());
-    Client.emplace(Agent);
-    const lumo::Message first = Client->Send("SRV", "first");
-    ASSERT_TRUE(Node.Accept());
+    agent_.LogLevel(logLevel);
+    client_.emplace(StartWithClient(node_.Line("SRV", timeouts) + moreNodes));
+    const lumo::Message first = client_->Send("SRV", "first");
+    ASSERT_TRUE(node_.Accept());
     if (timeouts != "0 0 0") {
-      EXPECT_TRUE(Node.ReadControl());
+      EXPECT_TRUE(node_.ReadControl());
     }
-    TakeRequest();
-    Node.Answer(first);
-    Client->ExpectAnswer(first);
+    ExpectExchange(*client_, first, node_);
   }
-  lumo::Message Request(const std::string& text = "select") { return Client->Send("SRV", text); }
-  void TakeRequest() { ASSERT_TRUE(Node.ReadRequest()); }
+  lumo::Message Request(const std::string& text = "select") { return client_->Send("SRV", text); }
+  void TakeRequest() { ASSERT_TRUE(node_.ReadRequest()); }
   // A request in flight, which the server has read.
   lumo::Message InFlight(const std::string& text = "select") {
     const lumo::Message request = Request(text);
     TakeRequest();
     return request;
   }
-  void ExpectUp() {
-    const lumo::Message request = InFlight("still up?");
-    Node.Answer(request, "yes");
-    EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "yes");
+  void ExpectAnswered(const lumo::Message& request, const std::string& text = {},
+                      const Place& place = Place::Here()) {
+    test::ExpectAnswered(*client_, request, node_, request, text, place);
   }
-  void ExpectDown(const lumo::Message& request, int codErr, int sysErr) {
-    Client->ExpectError(request, codErr, sysErr);
-    EXPECT_TRUE(Node.ReadEnd());
-    Client->ExpectNothing();
+  void ExpectUp(const Place& place = Place::Here()) {
+    ExpectExchange(*client_, Request("still up?"), node_, "yes", place);
   }
-  int NotSentLines() const { return Agent.CountLogged(2, "link", kNotSent); }
+  // With these bytes from the server the link goes down, and so it is told with this code.
+  void ExpectDown(const std::string& bytes, int codErr, const Place& place = Place::Here()) {
+    const lumo::Message request = InFlight();
+    node_.SendBytes(bytes);
+    client_->ExpectError(request, codErr, 0, place);
+    EXPECT_TRUE(node_.ReadEnd());
+    client_->ExpectNothing(place);
+  }
+  int NotSentLines() const { return agent_.CountLogged(2, "link", kNotSent); }
 
-  test::Node Node;
-  test::Agent Agent;
-  std::optional<test::Client> Client;
+  Node node_;
+  std::optional<Client> client_;
 };
 
 // Requests
 
 TEST_F(TcpPackets, ARequestArrivesAsItIsWithItsMarkAndTheLinksDescriptor) {
   StartConnected("0 0 0", "", "15");
-  const std::string log = Agent.Log(), mark = "REGISTER_SOCKET_FOR_THE_LINK ";
+  const std::string log = agent_.Log(), mark = "REGISTER_SOCKET_FOR_THE_LINK ";
   const std::size_t at = log.find("|" + mark);
   ASSERT_NE(at, std::string::npos);
   const std::int32_t descriptor = std::atoi(log.c_str() + at + 1 + mark.size());
-  EXPECT_EQ(DescriptorTarget(Agent.Pid(), descriptor).rfind("socket:", 0), 0u);
+  EXPECT_EQ(DescriptorTarget(agent_.Pid(), descriptor).rfind("socket:", 0), 0u);
 
-  lumo::Message request = Client->Request("srv");
+  lumo::Message request = client_->Request("srv");
   FillPassedFields(&request);
-  Client->SendMessage(request);
+  client_->SendMessage(request);
   std::string expected = lumo::Encode(request, lumo::Lengths::Packet);
   const std::size_t trailer = expected.size() - 48;
   Overwrite(&expected, trailer + 4, descriptor);
   Overwrite(&expected, trailer + 46, std::uint8_t{3});
-  EXPECT_EQ(Node.ReadFrame(), expected);
+  EXPECT_EQ(node_.ReadFrame(), expected);
   EXPECT_EQ(expected.size(), 128u);
   EXPECT_EQ(expected.substr(0, 4), Bytes(std::uint32_t{124}));
 }
 
 TEST_F(TcpPackets, WhatFollowsTheTrailerOfARequestIsNotSentOn) {
   StartConnected();
-  const lumo::Message request = Client->Request("SRV", "text");
+  const lumo::Message request = client_->Request("SRV", "text");
   std::string frame = lumo::Encode(request, lumo::Lengths::Client) + "left over";
   Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size()));
-  Client->SendBytes(frame);
-  const std::optional<std::string> received = Node.ReadFrame();
+  client_->SendBytes(frame);
+  const std::optional<std::string> received = node_.ReadFrame();
   ASSERT_TRUE(received);
   EXPECT_EQ(received->size(), lumo::EncodedSize(request));
 }
@@ -132,10 +132,8 @@ TEST_F(TcpPackets, WhatFollowsTheTrailerOfARequestIsNotSentOn) {
 TEST_F(TcpPackets, TheLargestRequestArrivesWhole) {
   StartConnected();
   const std::string text(lumo::kMaxMessage - lumo::kEmptyMessage, 'x');
-  const lumo::Message request = Request(text);
-  const std::optional<lumo::Message> received = Node.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->Strings[0], text);
+  Request(text);
+  EXPECT_EQ(node_.ExpectRequest().Strings[0], text);
 }
 
 // Answers
@@ -146,9 +144,9 @@ TEST_F(TcpPackets, AnAnswerArrivesAsItIsWithTheTaskNameOfItsTrailer) {
   lumo::Message answer = AnswerTo(request, "");
   FillPassedFields(&answer);
   answer.TaskName = 0x01020304;
-  Node.SendMessage(answer);
+  node_.SendMessage(answer);
   answer.TaskName = request.TaskName;
-  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
 }
 
 TEST_F(TcpPackets, WhatFollowsTheTrailerOfAnAnswerIsDropped) {
@@ -156,8 +154,8 @@ TEST_F(TcpPackets, WhatFollowsTheTrailerOfAnAnswerIsDropped) {
   const lumo::Message request = InFlight(), answer = AnswerTo(request, "text");
   std::string frame = lumo::Encode(answer, lumo::Lengths::Packet) + "left over";
   Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size() - 4));
-  Node.SendBytes(frame);
-  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  node_.SendBytes(frame);
+  EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
   ExpectUp();
 }
 
@@ -171,47 +169,45 @@ TEST_F(TcpPackets, BytesThatAnAnswerLacksCountAsZero) {
   std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
   frame.resize(frame.size() - 30);
   Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size() - 4));
-  Node.SendBytes(frame);
+  node_.SendBytes(frame);
   std::fill(answer.Trailer.begin() + 18, answer.Trailer.end(), std::uint8_t{0});
-  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
 }
 
 TEST_F(TcpPackets, AnswersFindTheirRequestsInWhateverOrderTheyCome) {
   StartConnected();
   const lumo::Message a = InFlight("a"), b = InFlight("b"), c = InFlight("c");
-  Node.Answer(b, "B");
-  Node.Answer(c, "C");
-  Node.Answer(a, "A");
-  EXPECT_EQ(Client->ExpectAnswer(b).Strings[0], "B");
-  EXPECT_EQ(Client->ExpectAnswer(c).Strings[0], "C");
-  EXPECT_EQ(Client->ExpectAnswer(a).Strings[0], "A");
+  node_.Answer(b, "B");
+  node_.Answer(c, "C");
+  node_.Answer(a, "A");
+  EXPECT_EQ(client_->ExpectAnswer(b).Strings[0], "B");
+  EXPECT_EQ(client_->ExpectAnswer(c).Strings[0], "C");
+  EXPECT_EQ(client_->ExpectAnswer(a).Strings[0], "A");
 }
 
 TEST_F(TcpPackets, TheSameTagOfTwoProcessesIsTwoRequests) {
   StartConnected();
   LivingProcess other;
-  test::Client second(Agent, other.Pid());
-  lumo::Message mine = Client->Request("SRV", "mine"), theirs = second.Request("SRV", "theirs");
+  Client second(agent_, other.Pid());
+  lumo::Message mine = client_->Request("SRV", "mine"), theirs = second.Request("SRV", "theirs");
   mine.SetAstInd(500);
   theirs.SetAstInd(500);
-  Client->SendMessage(mine);
+  client_->SendMessage(mine);
   TakeRequest();
   second.SendMessage(theirs);
   TakeRequest();
-  Node.Answer(theirs, "for them");
-  EXPECT_EQ(second.ExpectAnswer(theirs).Strings[0], "for them");
-  Client->ExpectNothing();
-  Node.Answer(mine, "for me");
-  EXPECT_EQ(Client->ExpectAnswer(mine).Strings[0], "for me");
+  test::ExpectAnswered(second, theirs, node_, theirs, "for them");
+  client_->ExpectNothing();
+  ExpectAnswered(mine, "for me");
 }
 
 TEST_F(TcpPackets, ASecondAnswerIsDropped) {
   StartConnected();
   const lumo::Message request = InFlight();
-  Node.Answer(request, "one");
-  Node.Answer(request, "two");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "one");
-  Client->ExpectNothing();
+  node_.Answer(request, "one");
+  node_.Answer(request, "two");
+  EXPECT_EQ(client_->ExpectAnswer(request).Strings[0], "one");
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), 1);
   ExpectUp();
 }
@@ -222,45 +218,41 @@ TEST_F(TcpPackets, AnAnswerThatNobodyAskedForIsDropped) {
   lumo::Message wrongTag = AnswerTo(request, ""), wrongTask = wrongTag;
   wrongTag.SetAstInd(static_cast<std::uint16_t>(request.AstInd() + 1));
   wrongTask.SetTrailerTaskName(request.TaskName + 1);
-  Node.SendMessage(wrongTag);
-  Node.SendMessage(wrongTask);
-  Client->ExpectNothing();
+  node_.SendMessage(wrongTag);
+  node_.SendMessage(wrongTask);
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), 2);
-  Node.Answer(request, "right");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "right");
+  ExpectAnswered(request, "right");
 }
 
 TEST_F(TcpPackets, AnAnswerAfterTheRequestWasAnsweredWithAnErrorIsDropped) {
   StartConnected();
   const lumo::Message late = InFlight();
-  Node.Close();
-  Client->ExpectError(late, 4009, 0);
+  node_.Close();
+  client_->ExpectError(late, 4009, 0);
   const lumo::Message next = Request("next");
-  ASSERT_TRUE(Node.Accept());
+  ASSERT_TRUE(node_.Accept());
   TakeRequest();
-  Node.Answer(late, "too late");
-  Client->ExpectNothing();
+  node_.Answer(late, "too late");
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), 1);
-  Node.Answer(next, "in time");
-  EXPECT_EQ(Client->ExpectAnswer(next).Strings[0], "in time");
+  ExpectAnswered(next, "in time");
 }
 
 TEST_F(TcpPackets, AnAnswerOnAnotherLinkDoesNotCount) {
-  test::Node other;
+  Node other;
   StartConnected("0 0 0", other.Line("OTHER"));
-  test::Client second(Agent);
+  Client second(agent_);
   const lumo::Message theirs = second.Send("OTHER", "theirs");
   other.ExpectFirstRequest();
   const lumo::Message request = InFlight();
   ASSERT_EQ(theirs.TaskName, request.TaskName);
   ASSERT_NE(theirs.AstInd(), request.AstInd());
   other.Answer(request, "forged");
-  Client->ExpectNothing();
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), 1);
-  Node.Answer(request, "true");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "true");
-  other.Answer(theirs, "true too");
-  EXPECT_EQ(second.ExpectAnswer(theirs).Strings[0], "true too");
+  ExpectAnswered(request, "true");
+  test::ExpectAnswered(second, theirs, other, theirs, "true too");
 }
 
 // Lengths
@@ -271,66 +263,57 @@ TEST_F(TcpPackets, TheLargestPacketIsAccepted) {
                       answer = AnswerTo(request, std::string(kLargestText, 'x'));
   const std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
   ASSERT_EQ(frame.substr(0, 4), Bytes(std::uint32_t{8188}));
-  Node.SendBytes(frame);
-  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  node_.SendBytes(frame);
+  EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
   ExpectUp();
 }
 
 TEST_F(TcpPackets, OneByteMoreThanTheLargestPacketTakesTheLinkDown) {
   StartConnected();
-  const lumo::Message request = InFlight();
-  Node.SendBytes(Bytes(std::uint32_t{8189}));
-  ExpectDown(request, 4008, 0);
-  EXPECT_TRUE(Agent.Logged(
+  ExpectDown(Bytes(std::uint32_t{8189}), 4008);
+  EXPECT_TRUE(agent_.Logged(
       3, "lumo_tcp", "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189"));
 }
 
 TEST_F(TcpPackets, ALengthWithItsTopBitSetIsTooLong) {
   StartConnected();
-  const lumo::Message request = InFlight();
-  Node.SendBytes(Bytes(std::uint32_t{0xFFFFFFFF}));
-  ExpectDown(request, 4008, 0);
-  EXPECT_TRUE(Agent.Logged(3, "lumo_tcp",
-                           "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = -1"));
+  ExpectDown(Bytes(std::uint32_t{0xFFFFFFFF}), 4008);
+  EXPECT_TRUE(agent_.Logged(
+      3, "lumo_tcp", "TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = -1"));
 }
 
 TEST_F(TcpPackets, ALengthOfZeroCountsAsAClosedConnection) {
   StartConnected();
-  const lumo::Message request = InFlight();
-  Node.SendBytes(Bytes(std::uint32_t{0}));
-  ExpectDown(request, 4009, 0);
+  ExpectDown(Bytes(std::uint32_t{0}), 4009);
 }
 
 TEST_F(TcpPackets, PacketsOfEightBytesAreSwallowed) {
   StartConnected();
   const lumo::Message request = InFlight();
-  Node.SendControl({0, 0});
-  Node.SendControl({2, static_cast<std::uint32_t>(request.TaskName)});
-  Node.SendControl({0xFFFFFFFF, 0xFFFFFFFF});
-  Client->ExpectNothing();
+  node_.SendControl({0, 0});
+  node_.SendControl({2, static_cast<std::uint32_t>(request.TaskName)});
+  node_.SendControl({0xFFFFFFFF, 0xFFFFFFFF});
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), 0);
-  Node.Answer(request, "x");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "x");
+  ExpectAnswered(request, "x");
 }
 
 TEST_F(TcpPackets, PacketsTooShortForAMessageAreAnswersToNobody) {
   StartConnected();
   const lumo::Message request = InFlight();
   const std::uint32_t lengths[] = {1, 4, 7, 9, 47, 48, 49, 60};
-  for (const std::uint32_t length : lengths) Node.SendBytes(PacketOf(length));
-  Client->ExpectNothing();
+  for (const std::uint32_t length : lengths) node_.SendBytes(PacketOf(length));
+  client_->ExpectNothing();
   EXPECT_EQ(NotSentLines(), static_cast<int>(std::size(lengths)));
-  Node.Answer(request, "x");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "x");
+  ExpectAnswered(request, "x");
 }
 
 TEST_F(TcpPackets, AStringBeyondTheMessageTakesTheLinkDown) {
   for (const unsigned count : {8085U, 8187U, 65535U}) {
-    test::Node node;
-    test::Agent agent;
+    Node node;
+    Agent agent;
     agent.Nodetab(node.Line("SRV")).LogLevel("2");
-    ASSERT_TRUE(agent.Start());
-    test::Client client(agent);
+    Client client = StartWithClient(agent);
     const lumo::Message request = client.Send("SRV");
     node.ExpectFirstRequest();
     std::string frame = lumo::Encode(AnswerTo(request, ""), lumo::Lengths::Packet);
@@ -344,32 +327,30 @@ TEST_F(TcpPackets, AStringBeyondTheMessageTakesTheLinkDown) {
 
 TEST_F(TcpPackets, StringsThatTogetherLeaveTheMessageTakeTheLinkDown) {
   StartConnected();
-  const lumo::Message request = InFlight();
-  lumo::Message answer = AnswerTo(request, std::string(4000, 'a'));
+  lumo::Message answer = AnswerTo(client_->Request("SRV"), std::string(4000, 'a'));
   answer.Strings[1] = std::string(4086, 'b');
   std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
   frame.resize(8192);
   Overwrite(&frame, 0, std::uint32_t{8188});
-  Node.SendBytes(frame);
-  ExpectDown(request, 4008, 0);
-  EXPECT_EQ(Agent.CountLogged(2, "link", kBadFormat), 1);
+  ExpectDown(frame, 4008);
+  EXPECT_EQ(agent_.CountLogged(2, "link", kBadFormat), 1);
 }
 
 // Pieces
 
 TEST_F(TcpPackets, APacketMayComeByteByByte) {
   StartConnected();
-  test::Client other(Agent);
+  Client other(agent_);
   const lumo::Message request = InFlight();
   const lumo::Message answer = AnswerTo(request, "in pieces");
   const std::string frame = lumo::Encode(answer, lumo::Lengths::Packet);
   for (const char byte : frame.substr(0, frame.size() - 1)) {
-    Node.SendBytes({&byte, 1});
-    Agent.Barrier();
+    node_.SendBytes({&byte, 1});
+    agent_.Barrier();
   }
-  Client->ExpectNothing();
-  Node.SendBytes({&frame.back(), 1});
-  EXPECT_EQ(Client->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
+  client_->ExpectNothing();
+  node_.SendBytes({&frame.back(), 1});
+  EXPECT_EQ(client_->ReceiveFrame(), lumo::Encode(answer, lumo::Lengths::Client));
 }
 
 TEST_F(TcpPackets, OthersAreServedWhileAPacketIsIncomplete) {
@@ -377,17 +358,16 @@ TEST_F(TcpPackets, OthersAreServedWhileAPacketIsIncomplete) {
   StartConnected("0 0 0", echo.Line("ECHO"));
   const lumo::Message request = InFlight();
   const std::string frame = lumo::Encode(AnswerTo(request, "late"), lumo::Lengths::Packet);
-  test::Client other(Agent);
+  Client other(agent_);
   for (const std::size_t at : {2U, 50U}) {
-    Node.SendBytes(frame.substr(at == 2 ? 0 : 2, at == 2 ? 2 : 48));
+    node_.SendBytes(frame.substr(at == 2 ? 0 : 2, at == 2 ? 2 : 48));
     EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
   }
   // Requests on the very link go out meanwhile, too.
   const lumo::Message second = InFlight("second");
-  Node.SendBytes(frame.substr(50));
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "late");
-  Node.Answer(second);
-  Client->ExpectAnswer(second);
+  node_.SendBytes(frame.substr(50));
+  EXPECT_EQ(client_->ExpectAnswer(request).Strings[0], "late");
+  ExpectAnswered(second);
 }
 
 TEST_F(TcpPackets, SeveralPacketsMayComeAtOnce) {
@@ -399,18 +379,17 @@ TEST_F(TcpPackets, SeveralPacketsMayComeAtOnce) {
     all += lumo::Encode(AnswerTo(requests.back(), std::to_string(i)), lumo::Lengths::Packet);
     all += PacketOf(8);
   }
-  Node.SendBytes(all);
+  node_.SendBytes(all);
   for (std::size_t i = 0; i < requests.size(); ++i)
-    EXPECT_EQ(Client->ExpectAnswer(requests[i]).Strings[0], std::to_string(i));
+    EXPECT_EQ(client_->ExpectAnswer(requests[i]).Strings[0], std::to_string(i));
 }
 
 TEST_F(TcpPackets, AServerThatClosesMidPacketGives4009ToAllWhoWait) {
   for (const std::size_t sent : {0U, 3U, 4U, 40U, 109U}) {
-    test::Node node;
-    test::Agent agent;
+    Node node;
+    Agent agent;
     agent.Nodetab(node.Line("SRV")).LogLevel("15");
-    ASSERT_TRUE(agent.Start());
-    test::Client one(agent), two(agent);
+    Client one = StartWithClient(agent), two(agent);
     const lumo::Message first = one.Send("SRV", "1");
     node.ExpectFirstRequest();
     const lumo::Message second = two.Send("SRV", "2");
@@ -429,40 +408,36 @@ TEST_F(TcpPackets, AServerThatClosesMidPacketGives4009ToAllWhoWait) {
 
 TEST_F(TcpPackets, ANewConnectionBeginsWithANewPacket) {
   StartConnected();
-  lumo::Message request = InFlight();
-  Node.SendBytes(Bytes(std::uint32_t{200}) + "half a packet");
-  Agent.Barrier();
-  Node.Close();
-  Client->ExpectError(request, 4009, 0);
-  request = Request();
-  ASSERT_TRUE(Node.Accept());
-  TakeRequest();
-  Node.Answer(request, "whole");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "whole");
+  const lumo::Message request = InFlight();
+  node_.SendBytes(Bytes(std::uint32_t{200}) + "half a packet");
+  agent_.Barrier();
+  node_.Close();
+  client_->ExpectError(request, 4009, 0);
+  ExpectFirstExchange(*client_, Request(), node_, "whole");
 }
 
 // Clients that die
 
 TEST_F(TcpPackets, TheDeathOfAClientIsToldToTheServersItUsed) {
-  test::Node other, unused;
+  Node other, unused;
   StartConnected("0 0 0", other.Line("OTHER") + unused.Line("UNUSED"));
-  Client->Send("UNUSED");
+  client_->Send("UNUSED");
   unused.ExpectFirstRequest();
   LivingProcess process;
   const pid_t pid = process.Pid();
-  test::Client dying(Agent, pid);
+  Client dying(agent_, pid);
   dying.Send("SRV");
   TakeRequest();
   dying.Send("OTHER");
   other.ExpectFirstRequest();
   process.Kill();
-  Agent.Tick();
+  agent_.Tick();
   const std::string told = Bytes(std::uint32_t{8}) + Bytes(std::uint32_t{2}) + Bytes(pid);
   EXPECT_EQ(other.ReadFrame(), told);
-  EXPECT_EQ(Node.ReadFrame(), told);
+  EXPECT_EQ(node_.ReadFrame(), told);
   EXPECT_TRUE(unused.Silent(Milliseconds(0)));
-  Agent.Ticks(2);
-  EXPECT_TRUE(Node.Silent(Milliseconds(0))) << "told once";
+  agent_.Ticks(2);
+  EXPECT_TRUE(node_.Silent(Milliseconds(0))) << "told once";
   ExpectUp();
 }
 
@@ -470,14 +445,14 @@ TEST_F(TcpPackets, AnAnswerToADeadClientIsDroppedAndItsDeathTold) {
   StartConnected();
   LivingProcess process;
   const pid_t pid = process.Pid();
-  test::Client dying(Agent, pid);
+  Client dying(agent_, pid);
   const lumo::Message request = dying.Send("SRV");
   TakeRequest();
   process.Kill();
-  Node.Answer(request);
-  EXPECT_EQ(Node.ReadControl(), (Control{2, static_cast<std::uint32_t>(pid)}));
-  Agent.Barrier();
-  EXPECT_TRUE(Agent.Logged(2, "clntxch", "The message wasn't send to client. Client is dead"));
+  node_.Answer(request);
+  EXPECT_EQ(node_.ReadControl(), (Control{2, static_cast<std::uint32_t>(pid)}));
+  agent_.Barrier();
+  EXPECT_TRUE(agent_.Logged(2, "clntxch", "The message wasn't send to client. Client is dead"));
   dying.ExpectNothing();
   ExpectUp();
 }
@@ -485,14 +460,14 @@ TEST_F(TcpPackets, AnAnswerToADeadClientIsDroppedAndItsDeathTold) {
 TEST_F(TcpPackets, TheDeathOfAClientDoesNotConnectALinkThatIsDown) {
   LivingProcess process;  // first, so that it holds no copy of the connection
   StartConnected();
-  test::Client dying(Agent, process.Pid());
+  Client dying(agent_, process.Pid());
   const lumo::Message request = dying.Send("SRV");
   TakeRequest();
-  Node.Close();
+  node_.Close();
   dying.ExpectError(request, 4009, 0);
   process.Kill();
-  Agent.Tick();
-  EXPECT_FALSE(Node.Connecting(Milliseconds(0)));
+  agent_.Tick();
+  EXPECT_FALSE(node_.Connecting(Milliseconds(0)));
 }
 
 // Servers that do not read
@@ -547,10 +522,10 @@ class TcpStall : public TcpPackets {
   static constexpr int kFlood = 70;  // of 7 kB: more than all buffers between take
   void StartWithSlowServer(const std::string& timeouts = "0 0 0",
                            const std::string& moreNodes = {}) {
-    Agent.Environment("LUMO_LINK_BUFFER", "0");  // a link that is soon full
+    agent_.Environment("LUMO_LINK_BUFFER", "0");  // a link that is soon full
     StartConnected(timeouts, moreNodes);
     const int small = 32768;
-    setsockopt(Node.Socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    setsockopt(node_.Socket(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
   }
   // Reads the whole flood in its order; control packets between are collected, a request "short"
   // is passed over.
@@ -558,8 +533,8 @@ class TcpStall : public TcpPackets {
     std::vector<Control> controls;
     for (int i = 0; i < kFlood;) {
       const int on = 1;
-      setsockopt(Node.Socket(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-      const std::optional<std::string> frame = Node.ReadFrame();
+      setsockopt(node_.Socket(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+      const std::optional<std::string> frame = node_.ReadFrame();
       if (!frame) {
         ADD_FAILURE() << "the stream ends at request " << i;
         break;
@@ -586,23 +561,21 @@ class TcpStall : public TcpPackets {
 TEST_F(TcpStall, OthersAreServedWhileAServerDoesNotRead) {
   EchoNode echo;
   StartWithSlowServer("0 0 0", echo.Line("ECHO"));
-  Flood flood(Agent, kFlood);
+  Flood flood(agent_, kFlood);
   EXPECT_TRUE(flood.Stands());
   EXPECT_LT(flood.Sent(), kFlood);
-  test::Client other(Agent);
+  Client other(agent_);
   for (int i = 0; i < 20; ++i)
     EXPECT_EQ(other.Ask("ECHO", std::to_string(i)).Strings[0], std::to_string(i));
   EXPECT_TRUE(ReadFlood().empty());
-  EXPECT_EQ(Agent.Stop(), 0);
 }
 
 TEST_F(TcpStall, ItsAnswersAreStillTaken) {
   StartWithSlowServer();
   const lumo::Message request = InFlight("early");
-  Flood flood(Agent, kFlood);
+  Flood flood(agent_, kFlood);
   EXPECT_TRUE(flood.Stands());
-  Node.Answer(request, "answered");
-  EXPECT_EQ(Client->ExpectAnswer(request).Strings[0], "answered");
+  ExpectAnswered(request, "answered");
   ReadFlood();
 }
 
@@ -610,13 +583,13 @@ TEST_F(TcpStall, AControlPacketNeverCutsARequestInTwo) {
   LivingProcess process;
   const pid_t pid = process.Pid();
   StartWithSlowServer("1 0 0");
-  Flood flood(Agent, kFlood);
+  Flood flood(agent_, kFlood);
   EXPECT_TRUE(flood.Stands());
-  test::Client dying(Agent, pid);
+  Client dying(agent_, pid);
   dying.Send("SRV", "short");
-  Agent.Barrier();
+  agent_.Barrier();
   process.Kill();
-  Agent.Ticks(12);
+  agent_.Ticks(12);
   const std::vector<Control> controls = ReadFlood();
   ASSERT_EQ(controls.size(), 2u);
   EXPECT_EQ(controls[0], (Control{2, static_cast<std::uint32_t>(pid)}));
@@ -625,10 +598,10 @@ TEST_F(TcpStall, AControlPacketNeverCutsARequestInTwo) {
 
 TEST_F(TcpStall, WhenTheServerGivesUpEachRequestIsAnsweredOnce) {
   StartWithSlowServer();
-  Flood flood(Agent, kFlood);
+  Flood flood(agent_, kFlood);
   EXPECT_TRUE(flood.Stands());
-  Node.StopListening();  // what follows is refused
-  Node.Reset();
+  node_.StopListening();  // what follows is refused
+  node_.Reset();
   std::set<std::uint16_t> answered;
   for (int i = 0; i < kFlood; ++i) {
     const std::optional<lumo::Message> answer = flood.AfterFinish().Receive();
@@ -644,22 +617,22 @@ TEST_F(TcpStall, AServerThatNeverStopsSendingDoesNotStopTheOthers) {
   EchoNode echo;
   // With its trace on the agent is slower than the server: there is always more to read.
   StartConnected("0 0 0", echo.Line("ECHO"), "15");
-  test::Client other(Agent);
+  Client other(agent_);
   other.Ask("ECHO", "connect");
   std::atomic<bool> enough = false;
   std::atomic<int> rounds = 0;
   // What is on its way when it stops is to be served in time, also by a busy machine.
   const int little = 32768;
-  setsockopt(Node.Socket(), SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
+  setsockopt(node_.Socket(), SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
   std::string packets;
   for (int i = 0; i < 5000; ++i) packets += PacketOf(8);
   std::thread sender([&] {
-    while (!enough && Node.SendBytes(packets)) ++rounds;
+    while (!enough && node_.SendBytes(packets)) ++rounds;
   });
   EXPECT_TRUE(WaitFor([&] { return rounds > 0; }));
   for (int i = 0; i < 5; ++i) EXPECT_EQ(other.Ask("ECHO", "x").Strings[0], "x");
-  Agent.Signal(SIGALRM);  // not Tick(): the agent never rests
-  Agent.Barrier();
+  agent_.Signal(SIGALRM);  // not Tick(): the agent never rests
+  agent_.Barrier();
   enough = true;
   sender.join();
   ExpectUp();
