@@ -61,6 +61,12 @@ inline std::string TriedAsDefault(std::initializer_list<const char*> nodes) {
   return told;
 }
 
+// The same when none of them is there, and it comes back to where it was.
+inline std::string FailedCircle(std::initializer_list<const char*> nodes, const std::string& back) {
+  return TriedAsDefault(nodes) + "lumo_tcp:Set link  " + back +
+         " as default\nlumo_tcp:Full connect circle failed or timeout expired\n";
+}
+
 class Manager {
  public:
   explicit Manager(const Agent& agent) : client_(agent) {}

@@ -178,10 +178,7 @@ TEST_F(AutoConnectMode, ANodeThatConnectedAtOnceIsWhereTheNextCircleEnds) {
   ASSERT_TRUE(agent_.WaitForLog("Disconnect link  C\n"));
   const std::size_t before = LogOf(agent_).size();
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(LogOf(agent_).substr(before),
-            TriedAsDefault({"A", "B"}) +
-                "lumo_tcp:Set link  C as default\n"
-                "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(LogOf(agent_).substr(before), FailedCircle({"A", "B"}, "C"));
 }
 
 TEST_F(AutoConnectMode, ARequestThatNamesTheFailedDefaultIsAnsweredWhenAnotherNodeTakesOver) {
@@ -224,10 +221,7 @@ TEST_F(AutoConnectMode, ADefaultThatConnectedLaterIsWhereTheNextCircleEnds) {
   ASSERT_TRUE(agent_.WaitForLog("Disconnect link  B\n"));
   const std::size_t before = LogOf(agent_).size();
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(LogOf(agent_).substr(before),
-            TriedAsDefault({"C", "A"}) +
-                "lumo_tcp:Set link  B as default\n"
-                "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(LogOf(agent_).substr(before), FailedCircle({"C", "A"}, "B"));
 }
 
 TEST_F(AutoConnectMode, WhileANodeIsConnectingTheCirclesEndStaysWhereItWas) {
@@ -239,9 +233,7 @@ TEST_F(AutoConnectMode, WhileANodeIsConnectingTheCirclesEndStaysWhereItWas) {
   EXPECT_EQ(DefaultName(agent_), "B");
   agent_.Ticks(3);
   client.ExpectError(request, 4006, 0);
-  EXPECT_EQ(LogOf(agent_), kCircleOfThree +
-                               "lumo_tcp:Set link  A as default\n"
-                               "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(LogOf(agent_), FailedCircle({"B", "C"}, "A"));
 }
 
 TEST_F(AutoConnectMode, ANodeThatIsUpAlreadyTakesOverWithoutAnotherConnection) {
@@ -302,9 +294,7 @@ TEST_F(AutoConnectMode, RequestsMovedToAConnectedNodeGoOutAtOnceAndNamedOnesAreA
 TEST_F(AutoConnectMode, WhenAllFailTheRequestIsAnsweredAndTheNextOneTriesThemAgain) {
   agent_.Option("-AUTOCONNECT").LogLevel("1");
   Client client = StartWithClient("A REZ\nB REZ\nC REZ\n");
-  const std::string circle = kCircleOfThree +
-                             "lumo_tcp:Set link  A as default\n"
-                             "lumo_tcp:Full connect circle failed or timeout expired\n";
+  const std::string circle = FailedCircle({"B", "C"}, "A");
   client.ExpectError(client.Send(), 4006, 0);
   EXPECT_EQ(LogOf(agent_), circle);
   client.ExpectError(client.Send("A"), 4006, 0);
@@ -324,9 +314,7 @@ TEST_F(AutoConnectMode, NodesThatRefuseLaterAreTriedOneAfterTheOther) {
   agent_.Option("-AUTOCONNECT").LogLevel("1");
   Client client = StartWithClient(a.Line("A") + b.Line("B") + c.Line("C"));
   client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(LogOf(agent_), kCircleOfThree +
-                               "lumo_tcp:Set link  A as default\n"
-                               "lumo_tcp:Full connect circle failed or timeout expired\n");
+  EXPECT_EQ(LogOf(agent_), FailedCircle({"B", "C"}, "A"));
 }
 
 TEST_F(AutoConnectMode, AFailureOfAnotherNodeDoesNotMoveTheDefault) {
