@@ -138,8 +138,7 @@ class NodetabOption : public AgentTest, public testing::WithParamInterface<Argum
 
 TEST_P(NodetabOption, GivesThePath) {
   std::filesystem::rename(agent_.NodetabPath(), agent_.Folder() / "work" / "table");
-  agent_.WithoutNodetab().Trace();
-  agent_.Options(GetParam());
+  agent_.WithoutNodetab().Trace().Options(GetParam());
   StartAgent();
   EXPECT_TRUE(OptionTraced(agent_, "Option NODETAB set \"table\"")) << agent_.Log();
   EXPECT_NE(agent_.Stdout().find("Nodetab found: \"table\"\n"), std::string::npos);
@@ -155,9 +154,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(NodetabOptionWithoutValue, IsAsIfItWereAbsent) {
   std::filesystem::rename(agent_.NodetabPath(), agent_.Folder() / "work" / "nodetab");
-  agent_.WithoutNodetab().Trace().Options({"-NODAEMON", "-N"});
-  agent_.Spawn();
-  ASSERT_TRUE(agent_.WaitUntilReady());
+  agent_.WithoutNodetab().Trace().Option("-N");
+  StartAgent();
   EXPECT_EQ(CountContaining(agent_, "Option NODETAB set"), 0u);
   EXPECT_NE(agent_.Stdout().find((agent_.Folder() / "work" / "nodetab").string()),
             std::string::npos);
@@ -201,10 +199,8 @@ class NetMbx : public AgentTest, public testing::WithParamInterface<MbxCase> {};
 TEST_P(NetMbx, NamesTheClientSocket) {
   agent_.WithoutExchangeOption().ExchangeId(GetParam().Expected).Trace();
   if (GetParam().Environment) agent_.Environment("NET_MBX", GetParam().Environment);
-  agent_.Option("-NODAEMON");
   agent_.Options(GetParam().Options);
-  agent_.Spawn();
-  ASSERT_TRUE(agent_.WaitUntilReady());
+  StartAgent();
   const std::string number = std::to_string(GetParam().Expected);
   EXPECT_TRUE(OptionTraced(agent_, "Use NET_MBX = " + number));
   EXPECT_NE(agent_.Stdout().find("The agent has used communication identifier (NET_MBX) " + number +
@@ -287,11 +283,8 @@ TEST_F(AutoChange, IsSetByEitherKey) {
 // With one node both modes are switched off, so there are two that cannot be connected.
 TEST_F(AutoChange, GivesWayToAutoConnect) {
   agent_.Options({"-A", "-G"}).LogLevel("1");
-  StartAgent("A REZ\nB REZ\n");
-  lumo::Message request;
-  request.TaskName = getpid();
-  request.SetAstInd(1);
-  ASSERT_TRUE(agent_.Control().Ask(request, static_cast<int>(kPatience.count())));
+  Client client = StartWithClient("A REZ\nB REZ\n");
+  client.ExpectAnswer(client.Send());
   EXPECT_TRUE(agent_.Logged(1, "", "Set link  B as default")) << agent_.Log();
   EXPECT_FALSE(agent_.LogContains("New default link is")) << agent_.Log();
 }
@@ -326,10 +319,8 @@ class ParentSignal : public AgentTest, public testing::WithParamInterface<Signal
 
 TEST_P(ParentSignal, IsSentToTheStarter) {
   AwaitedSignal signal(GetParam().Signal);
-  agent_.Trace().Option("-NODAEMON");
-  agent_.Options(GetParam().Options);
-  agent_.Spawn();
-  ASSERT_TRUE(agent_.WaitUntilReady());
+  agent_.Trace().Options(GetParam().Options);
+  StartAgent();
   EXPECT_EQ(signal.Sender(), agent_.Pid());
   const std::string number = std::to_string(GetParam().Signal);
   EXPECT_TRUE(OptionTraced(
@@ -347,9 +338,8 @@ INSTANTIATE_TEST_SUITE_P(
                     SignalCase{{"-PKILL", "10", "-K", "12"}, 12}));
 
 TEST_F(AnEmptyPidFileOption, CountsAsAbsent) {
-  agent_.Trace().Options({"-NODAEMON", "-PIDFILE"});
-  agent_.Spawn();
-  ASSERT_TRUE(agent_.WaitUntilReady());
+  agent_.Trace().Option("-PIDFILE");
+  StartAgent();
   EXPECT_EQ(CountContaining(agent_, "Create pid file"), 0u);
   EXPECT_FALSE(agent_.LogContains("File open failed"));
 }

@@ -168,11 +168,6 @@ Agent& Agent::WithoutNodetab() {
   return *this;
 }
 
-Agent& Agent::Option(const std::string& a) {
-  options_.push_back(a);
-  return *this;
-}
-
 Agent& Agent::Options(const std::vector<std::string>& arguments) {
   options_.insert(options_.end(), arguments.begin(), arguments.end());
   return *this;
@@ -323,7 +318,7 @@ bool Agent::WaitUntilReady(Milliseconds timeout) {
 }
 
 bool Agent::Start() {
-  Option("-NODAEMON");
+  options_.insert(options_.begin(), "-NODAEMON");  // the last one may lack its value
   Spawn();
   return WaitUntilReady();
 }

@@ -84,8 +84,8 @@ class Agent {
 
   // Before the start. Without a call there is a table with one node that cannot be reached.
   Agent& Nodetab(const std::string& text);
-  Agent& WithoutNodetab();              // neither the option nor a file
-  Agent& Option(const std::string& a);  // any one argument
+  Agent& WithoutNodetab();  // neither the option nor a file
+  Agent& Option(const std::string& argument) { return Options({argument}); }
   Agent& Options(const std::vector<std::string>& arguments);
   Agent& Program(const std::string& path);  // argv[0] and what is run
   Agent& Environment(const std::string& name, const std::string& value);
