@@ -52,6 +52,7 @@ std::string StepOf(const LogLine& line) {
 
 class LoopOrder : public AgentTest {
  protected:
+  LoopOrder() { agent_.Trace(); }
   // Everything from here on comes while the agent stands still.
   void Stop() {
     WaitFor([&] { return ProcessStatus(agent_.Pid(), "State").starts_with('S'); });
@@ -77,11 +78,13 @@ class LoopOrder : public AgentTest {
   int DescriptorOf(const std::string& node) const {
     return LastNumber("REGISTER_SOCKET_FOR_THE_LINK ", ", " + node);
   }
-  // One request through the node, so that its link is up and was served last.
-  static void Exchange(Client& client, Node& node, const std::string& name, bool connect) {
-    const lumo::Message request = client.Send(name);
-    ASSERT_TRUE(!connect || node.Accept());
-    ExpectExchange(client, request, node);
+  // These are the first steps since then.
+  void ExpectSteps(const Steps& expected, const Place& place = Place::Here()) const {
+    const testing::ScopedTrace trace(place.File, place.Line, "");
+    Steps steps = Since();
+    ASSERT_GE(steps.size(), expected.size());
+    steps.resize(expected.size());
+    EXPECT_EQ(steps, expected);
   }
   static std::string Request(int descriptor) { return "request " + std::to_string(descriptor); }
 
@@ -97,15 +100,14 @@ class LoopOrder : public AgentTest {
 
 TEST_F(LoopOrder, LastLinkThenLastClientThenLinksThenClientsThenNewConnections) {
   Node a, b;
-  agent_.Trace();
   StartAgent(a.Line("A") + b.Line("B"));
   auto [c0, fd0] = NewClient();
   auto [c1, fd1] = NewClient();
   auto [c2, fd2] = NewClient();
-  Exchange(*c0, b, "B", true);
-  Exchange(*c1, a, "A", true);
-  Exchange(*c0, b, "B", false);
-  Exchange(*c1, a, "A", false);
+  ExpectFirstExchange(*c0, c0->Send("B"), b);
+  ExpectFirstExchange(*c1, c1->Send("A"), a);
+  ExpectExchange(*c0, c0->Send("B"), b);
+  ExpectExchange(*c1, c1->Send("A"), a);
   Stop();
   for (Client* client : {c2.get(), c0.get(), c1.get()}) client->Send("X");
   const int connection = ConnectRaw(agent_.SocketPath());
@@ -114,21 +116,17 @@ TEST_F(LoopOrder, LastLinkThenLastClientThenLinksThenClientsThenNewConnections) 
   Thaw(agent_.Pid());
   ASSERT_EQ(ReadRaw(connection, 60).size(), 60u);
   close(connection);
-  Steps steps = Since();
-  ASSERT_GE(steps.size(), 9u);
-  steps.resize(9);
-  EXPECT_EQ(steps, (Steps{"select 6", "input", "select 5", Request(fd1),
-                          "read " + std::to_string(DescriptorOf("B")), "input", Request(fd0),
-                          Request(fd2), "accept"}));
+  ExpectSteps({"select 6", "input", "select 5", Request(fd1),
+               "read " + std::to_string(DescriptorOf("B")), "input", Request(fd0), Request(fd2),
+               "accept"});
 }
 
 TEST_F(LoopOrder, ReadyLinksAreServedInTheOrderOfTheirDescriptors) {
   Node a, b, c;
-  agent_.Trace();
   Client client = StartWithClient(a.Line("A") + b.Line("B") + c.Line("C"));
-  Exchange(client, c, "C", true);
-  Exchange(client, a, "A", true);
-  Exchange(client, b, "B", true);
+  ExpectFirstExchange(client, client.Send("C"), c);
+  ExpectFirstExchange(client, client.Send("A"), a);
+  ExpectFirstExchange(client, client.Send("B"), b);
   // The link served last is gone, so that none has priority.
   b.Close();
   ASSERT_TRUE(agent_.WaitForLog("Disconnect link  B\n"));
@@ -138,17 +136,14 @@ TEST_F(LoopOrder, ReadyLinksAreServedInTheOrderOfTheirDescriptors) {
   c.SendControl({1, 0});
   Thaw(agent_.Pid());
   ASSERT_TRUE(WaitFor([&] { return Since().size() >= 5; }));
-  Steps steps = Since();
-  steps.resize(5);
-  EXPECT_EQ(steps, (Steps{"select 2", "read " + std::to_string(DescriptorOf("C")), "input",
-                          "read " + std::to_string(DescriptorOf("A")), "input"}));
+  ExpectSteps({"select 2", "read " + std::to_string(DescriptorOf("C")), "input",
+               "read " + std::to_string(DescriptorOf("A")), "input"});
 }
 
 TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) {
   Node node;
-  agent_.Trace();
   Client first = StartWithClient(node.Line("A"));
-  Exchange(first, node, "A", true);
+  ExpectFirstExchange(first, first.Send("A"), node);
   auto [c0, fd0] = NewClient();
   auto [c1, fd1] = NewClient();
   node.Close();  // the next connection gets the same descriptor, below those of the clients
@@ -165,15 +160,11 @@ TEST_F(LoopOrder, WritableLinksAndClientsAreServedInTheOrderOfTheirDescriptors) 
   agent_.Barrier();
   ASSERT_EQ(DescriptorOf("A"), link);
   ASSERT_LT(link, fd0);
-  Steps steps = Since();
-  ASSERT_GE(steps.size(), 7u);
-  steps.resize(7);
-  EXPECT_EQ(steps, (Steps{"select 2", Request(fd0), Request(fd1), "select 3", Request(fd1),
-                          "write " + std::to_string(link), Request(fd0)}));
+  ExpectSteps({"select 2", Request(fd0), Request(fd1), "select 3", Request(fd1),
+               "write " + std::to_string(link), Request(fd0)});
 }
 
 TEST_F(LoopOrder, AClientThatKeepsAskingDoesNotKeepOthersWaiting) {
-  agent_.Trace();
   StartAgent();
   auto [quiet, quietFd] = NewClient();
   auto [busy, busyFd] = NewClient();
@@ -183,14 +174,11 @@ TEST_F(LoopOrder, AClientThatKeepsAskingDoesNotKeepOthersWaiting) {
   Thaw(agent_.Pid());
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(busy->Receive());
   ASSERT_TRUE(quiet->Receive());
-  Steps steps = Since();
-  ASSERT_GE(steps.size(), 6u);
-  EXPECT_EQ(Steps(steps.begin(), steps.begin() + 5),
-            (Steps{"select 2", Request(busyFd), Request(quietFd), "select 1", Request(busyFd)}));
+  ASSERT_GE(Since().size(), 6u);
+  ExpectSteps({"select 2", Request(busyFd), Request(quietFd), "select 1", Request(busyFd)});
 }
 
 TEST_F(LoopOrder, ManyClientsAreServedInTheOrderOfTheirDescriptors) {
-  agent_.Trace();
   StartAgent();
   std::vector<std::unique_ptr<Client>> clients;
   Steps expected = {"select 20"};
@@ -204,14 +192,10 @@ TEST_F(LoopOrder, ManyClientsAreServedInTheOrderOfTheirDescriptors) {
   for (auto client = clients.rbegin(); client != clients.rend(); ++client) (*client)->Send("X");
   Thaw(agent_.Pid());
   for (const auto& client : clients) ASSERT_TRUE(client->Receive());
-  Steps steps = Since();
-  ASSERT_GE(steps.size(), expected.size());
-  steps.resize(expected.size());
-  EXPECT_EQ(steps, expected);
+  ExpectSteps(expected);
 }
 
 TEST_F(LoopOrder, AWaitIsTracedWithTheNumberOfEventsAndWithMinusOneWhenInterrupted) {
-  agent_.Trace();
   StartAgent();
   EXPECT_TRUE(WaitFor([&] {
     agent_.Tick();
@@ -222,7 +206,6 @@ TEST_F(LoopOrder, AWaitIsTracedWithTheNumberOfEventsAndWithMinusOneWhenInterrupt
 }
 
 TEST_F(LoopOrder, AStopComesBeforeWhatIsReady) {
-  agent_.Trace();
   Client client = StartWithClient();
   client.ExpectNothing();
   Stop();

@@ -21,6 +21,19 @@ using ConnectOnLoad = AgentTest;
 using Loop = AgentTest;
 using Stop = AgentTest;
 
+// Each of these stands in the text, the first time behind the one before.
+void ExpectInOrder(const std::string& text, const std::vector<std::string>& parts,
+                   const Place& place = Place::Here()) {
+  const testing::ScopedTrace trace(place.File, place.Line, text);
+  std::size_t before = 0;
+  for (const std::string& part : parts) {
+    const std::size_t at = text.find(part);
+    ASSERT_NE(at, std::string::npos) << part;
+    EXPECT_LE(before, at) << part;
+    before = at;
+  }
+}
+
 std::string PidFileOf(const Agent& agent) { return agent.Folder() / "agent.pid"; }
 
 TEST_F(Start, TheCommandReturnsWhenTheDaemonServes) {
@@ -103,13 +116,9 @@ TEST_F(Start, ClosedStandardStreamsAreOpenedOnTheNullDevice) {
 
 TEST_F(Start, TheTextsComeInTheOrderOfTheStart) {
   StartAgent();
-  const std::string text = agent_.Stdout();
-  const std::size_t socket = text.find("The agent has used communication identifier");
-  const std::size_t found = text.find("Nodetab found: \"" + agent_.NodetabPath().string() + "\"\n");
-  const std::size_t server = text.find("Default server: NOWHERE\n");
-  ASSERT_NE(server, std::string::npos) << text;
-  EXPECT_LT(socket, found);
-  EXPECT_LT(found, server);
+  ExpectInOrder(agent_.Stdout(), {"The agent has used communication identifier",
+                                  "Nodetab found: \"" + agent_.NodetabPath().string() + "\"\n",
+                                  "Default server: NOWHERE\n"});
 }
 
 TEST_F(Start, AnUnusableNodeTableEndsWith254) {
@@ -127,13 +136,9 @@ TEST_F(Start, AMissingNodeTableEndsWith254) {
 TEST_F(Start, AFailedNodeTableUninitialisesNoLinkButStopsInOrder) {
   agent_.Nodetab("A NOSUCH\n").Option("-NODAEMON").Trace();
   EXPECT_EQ(agent_.Run(), 254);
-  const std::string log = agent_.Log();
-  const std::size_t timer = log.find("'UninitTimer' Call from dbc:");
-  const std::size_t queue = log.find("'UninitClientQueue' Call from dbc:");
-  const std::size_t exit = log.find("|Exit SUCCESS\n");
-  ASSERT_NE(exit, std::string::npos) << log;
-  EXPECT_LT(timer, queue);
-  EXPECT_LT(queue, exit);
+  ExpectInOrder(
+      agent_.Log(),
+      {"'UninitTimer' Call from dbc:", "'UninitClientQueue' Call from dbc:", "|Exit SUCCESS\n"});
 }
 
 TEST_F(PidFile, HoldsTheNumberOfTheForegroundAgent) {
@@ -224,8 +229,7 @@ TEST_F(ConnectOnLoad, AsksEveryLinkOnceAndTheFirstToConnectAtOnceIsTheDefault) {
   EXPECT_EQ(Count(agent_.Log(), "'LSockConnectLink' Call from"), 2u);
   Client client(agent_);
   client.Send("", "to the default");
-  const auto request = first.ExpectRequest();
-  EXPECT_EQ(request.Strings[0], "to the default");
+  EXPECT_EQ(first.ExpectRequest().Strings[0], "to the default");
 }
 
 TEST_F(ConnectOnLoad, AConnectionThatCompletesLaterChoosesTheDefault) {
@@ -250,8 +254,7 @@ TEST_F(ConnectOnLoad, OnlyTheFirstConnectionChoosesTheDefault) {
   ASSERT_TRUE(agent_.WaitForLog("lumo_tcp:Link A connected\n"));
   Client client(agent_);
   client.Send("", "to the default");
-  const auto received = fast.ExpectRequest();
-  EXPECT_EQ(received.Strings[0], "to the default");
+  EXPECT_EQ(fast.ExpectRequest().Strings[0], "to the default");
 }
 
 TEST_F(ConnectOnLoad, WithoutTheOptionNothingIsConnected) {
@@ -275,8 +278,7 @@ TEST_F(Loop, ALinkThatDeliversIsDrainedBeforeClientsAreServed) {
   node.Answer(third);
   client.Send("A", "4");
   Thaw(agent_.Pid());
-  const auto last = node.ExpectRequest();
-  EXPECT_EQ(last.Strings[0], "4");
+  EXPECT_EQ(node.ExpectRequest().Strings[0], "4");
   const std::string log = agent_.Log();
   const std::size_t received = log.rfind(" Receive message from client");
   ASSERT_NE(received, std::string::npos);
@@ -332,13 +334,9 @@ TEST_F(Loop, LinksAreServedBeforeClientsAndNewConnectionsLast) {
   node.Answer(request);
   Thaw(agent_.Pid());
   ASSERT_EQ(ReadRaw(connection, 60).size(), 60u);
-  const std::string log = agent_.Log().substr(before);
-  const std::size_t link = log.find("'TcpReadyForRead' Call from dbc:");
-  const std::size_t served = log.find("'HandleMessageFromClientQueue' Call from dbc:");
-  const std::size_t accepted = log.find("'AcceptNewClientConnection' Call from dbc:");
-  ASSERT_NE(accepted, std::string::npos) << log;
-  EXPECT_LT(link, served);
-  EXPECT_LT(served, accepted);
+  ExpectInOrder(agent_.Log().substr(before), {"'TcpReadyForRead' Call from dbc:",
+                                              "'HandleMessageFromClientQueue' Call from dbc:",
+                                              "'AcceptNewClientConnection' Call from dbc:"});
   close(connection);
 }
 
@@ -394,14 +392,11 @@ TEST_F(Stop, RemovesTheSocketFileAndTracesTheEnd) {
   EXPECT_NE(access(agent_.SocketPath().c_str(), F_OK), 0);
   const std::string log = agent_.Log();
   EXPECT_EQ(Count(log, "'TcpUninitLink' Call from dbc:"), 2u);
-  const std::size_t link = log.rfind("'TcpUninitLink' Leave SUCCESS\n");
-  const std::size_t timer = log.find("'UninitTimer' Call from dbc:");
-  const std::size_t queue = log.find("'UninitClientQueue' Call from dbc:");
-  const std::size_t exit = log.find("|Exit SUCCESS\n");
-  ASSERT_NE(exit, std::string::npos);
-  EXPECT_LT(link, timer);
-  EXPECT_LT(timer, queue);
-  EXPECT_LT(queue, exit);
+  const std::size_t lastLink = log.rfind("'TcpUninitLink' Leave SUCCESS\n");
+  ASSERT_NE(lastLink, std::string::npos);
+  ExpectInOrder(
+      log.substr(lastLink),
+      {"'UninitTimer' Call from dbc:", "'UninitClientQueue' Call from dbc:", "|Exit SUCCESS\n"});
 }
 
 TEST_F(Stop, OfADaemonIsOrderlyToo) {
