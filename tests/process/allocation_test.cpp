@@ -51,49 +51,23 @@ class AllocationCount {
 };
 
 // What the three kinds of nodes have in common.
-
-class TcpServer {
- public:
+struct TcpServer : Node {
   explicit TcpServer(const Agent&) {}
-  std::string Line() const { return node_.Line("K"); }
-  bool Accept() { return node_.Accept(); }
-  std::optional<lumo::Message> Read() { return node_.ReadRequest(); }
-  bool Answer(const lumo::Message& request) { return node_.Answer(request, request.Strings[0]); }
-
- private:
-  Node node_;
 };
-
-class SocketServer {
- public:
-  explicit SocketServer(const Agent& agent) : kernel_(agent) {}
-  std::string Line() const { return kernel_.Line("K"); }
-  bool Accept() { return kernel_.Accept(); }
-  std::optional<lumo::Message> Read() { return kernel_.ReadRequest(); }
-  bool Answer(const lumo::Message& request) { return kernel_.Answer(request, request.Strings[0]); }
-
- private:
-  LocalKernel kernel_;
-};
-
-class QueueServer {
- public:
+using SocketServer = LocalKernel;
+struct QueueServer : IpcKernel {
   explicit QueueServer(const Agent&) {}
-  std::string Line() const { return kernel_.Line("K"); }
-  bool Accept() { return true; }
-  std::optional<IpcKernel::Request> Read() { return kernel_.ReadRequest(); }
-  bool Answer(const IpcKernel::Request& request) {
-    return kernel_.Answer(request, request.Message.Strings[0]);
-  }
-
- private:
-  IpcKernel kernel_;
+  static bool Accept() { return true; }
 };
+const std::string& TextOf(const lumo::Message& request) { return request.Strings[0]; }
+const std::string& TextOf(const IpcKernel::Request& request) { return TextOf(request.Message); }
 
 template <class Server>
 class Traffic {
  public:
-  Traffic() : count_(&agent_), server_(agent_) { agent_.Nodetab(server_.Line() + "OTHER REZ\n"); }
+  Traffic() : count_(&agent_), server_(agent_) {
+    agent_.Nodetab(server_.Line("K") + "OTHER REZ\n");
+  }
 
   bool Start() { return agent_.Start(); }
   void AddClients(int count) {
@@ -103,11 +77,7 @@ class Traffic {
     }
   }
   void BringUpLink() {
-    lumo::Message request = clients_.front()->Send("K", "up");
-    ASSERT_TRUE(server_.Accept());
-    auto received = server_.Read();
-    ASSERT_TRUE(received && server_.Answer(*received));
-    clients_.front()->ExpectAnswer(request);
+    ExpectFirstExchange(*clients_.front(), clients_.front()->Send("K", "up"), server_);
   }
 
   // The memory that the most requests at once need is there after the first round, in which they
@@ -126,7 +96,7 @@ class Traffic {
   }
 
  private:
-  using Taken = std::vector<decltype(std::declval<Server>().Read())>;
+  using Taken = std::vector<decltype(std::declval<Server>().ExpectRequest())>;
 
   void Exchange(int requests) {
     for (int sent = 0; sent < requests; ++round_) {
@@ -159,14 +129,11 @@ class Traffic {
   }
 
   void Take(std::size_t count, Taken* taken) {
-    while (taken->size() < count) {
-      taken->push_back(server_.Read());
-      ASSERT_TRUE(taken->back());
-    }
+    while (taken->size() < count) taken->push_back(server_.ExpectRequest());
   }
 
   void Answer(const std::vector<lumo::Message>& requests, const Taken& taken) {
-    for (const auto& request : taken) ASSERT_TRUE(request && server_.Answer(*request));
+    for (const auto& request : taken) ASSERT_TRUE(server_.Answer(request, TextOf(request)));
     for (std::size_t i = 0; i < requests.size(); ++i) {
       EXPECT_EQ(clients_[i / kBurst]->ExpectAnswer(requests[i]).Strings[0], requests[i].Strings[0]);
     }

@@ -74,11 +74,9 @@ TEST_F(HangUps, LeaveNoMoreThanTheNewestOfTheirRequests) {
   EXPECT_EQ(*got.begin(), asked_ - kMostWaiting);
   EXPECT_EQ(static_cast<int>(got.size()), kMostWaiting);
   const lumo::Message last = Ask(live, 0xE001, "last");
-  const auto received = node_.ReadRequest();
-  ASSERT_TRUE(received);
-  EXPECT_EQ(received->Strings[0], "last") << "no other request follows";
-  node_.Answer(*received);
-  live.ExpectAnswer(last);
+  const lumo::Message received = node_.ExpectRequest();
+  EXPECT_EQ(received.Strings[0], "last") << "no other request follows";
+  ExpectAnswered(live, last, node_, received);
 }
 
 TEST_F(HangUps, ThatGoBeyondTheBoundAreReportedOnce) {

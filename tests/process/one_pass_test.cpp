@@ -73,11 +73,10 @@ class OnePass : public AgentTest {
     UseNode(&*last_, &b_, "B");
   }
   // A request for A has come to the node.
-  static std::optional<lumo::Message> Received(Peer& node, const lumo::Message& request) {
-    std::optional<lumo::Message> received = node.ReadRequest();
-    if (received) {
-      EXPECT_EQ(received->Strings[0], request.Strings[0]);
-    }
+  static lumo::Message Received(Peer& node, const lumo::Message& request,
+                                const Place& place = Place::Here()) {
+    const lumo::Message received = node.ExpectRequest(place);
+    EXPECT_EQ(received.Strings[0], request.Strings[0]);
     return received;
   }
 
@@ -102,7 +101,7 @@ TEST_F(OnePass, TheLastClientsRequestStillReachesANodeThatSendsNoMore) {
     request = last_->Send("A", "one");
     a_.StopSending();
   });
-  EXPECT_TRUE(Received(a_, request));
+  Received(a_, request);
   last_->ExpectError(request, 4009, 0);
 }
 
@@ -129,7 +128,7 @@ TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
     a_.Reset();
   });
   ASSERT_TRUE(a_.Accept());
-  ASSERT_TRUE(Received(a_, request));
+  Received(a_, request);
 }
 
 // Whatever the timer sends after a pass with several requests leaves at once.
@@ -164,7 +163,7 @@ TEST_P(ManyAtOnce, RequestsAreSentBeforeALinkIsReadAgain) {
     for (const auto& client : clients)
       requests.push_back(client->Send("A", std::to_string(requests.size())));
   });
-  for (const lumo::Message& request : requests) ASSERT_TRUE(Received(a_, request));
+  for (const lumo::Message& request : requests) Received(a_, request);
   for (std::size_t i = 0; i < clients.size(); ++i) clients[i]->ExpectError(requests[i], 4009, 0);
 }
 
@@ -182,15 +181,11 @@ TEST_F(OnePass, ARequestLeavesBeforeAKernelIsWaitedFor) {
     request = first.Send("A", "one");
     local = second.Send("K", "two");
   });
-  const auto received = Received(a_, request);
-  ASSERT_TRUE(received) << "before the greeting";
+  const lumo::Message received = Received(a_, request);  // before the greeting
   ASSERT_TRUE(kernel.Accept());
-  const auto localReceived = Received(kernel, local);
-  ASSERT_TRUE(localReceived);
-  a_.Answer(*received);
-  kernel.Answer(*localReceived);
-  first.ExpectAnswer(request);
-  second.ExpectAnswer(local);
+  const lumo::Message localReceived = Received(kernel, local);
+  ExpectAnswered(first, request, a_, received);
+  ExpectAnswered(second, local, kernel, localReceived);
 }
 
 TEST_F(OnePass, ARequestLeavesBeforeANameIsLookedUp) {
@@ -204,7 +199,7 @@ TEST_F(OnePass, ARequestLeavesBeforeANameIsLookedUp) {
     request = client.Send("A", "one");
     command = SlowName::Send(manager);
   });
-  name.During([&] { EXPECT_TRUE(Received(a_, request)) << "before the name is known"; });
+  name.During([&] { Received(a_, request); });  // before the name is known
   manager.Receive(command);
 }
 
@@ -220,16 +215,12 @@ TEST_F(OnePass, ARequestLeavesThoughAQueueIsFull) {
     request = first.Send("A", "one");
     local = second.Send("K", "two");
   });
-  const auto received = Received(a_, request);
-  ASSERT_TRUE(received) << "while the queue is full";
-  a_.Answer(*received);
-  first.ExpectAnswer(request);
+  ExpectAnswered(first, request, a_, Received(a_, request));  // while the queue is full
   first.ExpectNothing();
   kernel.DrainQueue();
   const auto localReceived = kernel.ExpectRequest();
   EXPECT_EQ(localReceived.Message.Strings[0], "two");
-  kernel.Answer(localReceived);
-  second.ExpectAnswer(local);
+  ExpectAnswered(second, local, kernel, localReceived);
 }
 
 // A look-up holds a pass up, so that a node can break in its middle.

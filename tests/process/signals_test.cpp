@@ -11,8 +11,6 @@
 namespace test {
 namespace {
 
-using Signals = AgentTest;
-using BlockedSignals = AgentTest;
 using BrokenPipe = AgentTest;
 using InputSignal = AgentTest;
 using Timer = AgentTest;
@@ -26,13 +24,28 @@ int TimerEvents(const Agent& agent) {
   return count;
 }
 
+class Signals : public AgentTest {
+ protected:
+  void Send(std::initializer_list<int> signals) {
+    for (const int signal : signals) {
+      agent_.Signal(signal);
+      agent_.Barrier();
+    }
+  }
+  void ExpectHandled() {
+    Send({SIGALRM, SIGIO, SIGCHLD});
+    EXPECT_TRUE(agent_.Logged(15, "init", "AlarmHandler!"));
+    EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGIO"));
+    EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
+  }
+};
+
+using BlockedSignals = Signals;
+
 TEST_F(Signals, WriteNothingWithTheTraceOff) {
   agent_.LogLevel("14");
   StartAgent();
-  for (const int signal : {SIGALRM, SIGIO, SIGCHLD, SIGPIPE}) {
-    agent_.Signal(signal);
-    agent_.Barrier();
-  }
+  Send({SIGALRM, SIGIO, SIGCHLD, SIGPIPE});
   EXPECT_EQ(agent_.Stop(), 0);
   EXPECT_EQ(agent_.Log(), "");
 }
@@ -40,13 +53,7 @@ TEST_F(Signals, WriteNothingWithTheTraceOff) {
 TEST_F(Signals, AreTracedByTheirHandlers) {
   agent_.Trace();
   StartAgent();
-  for (const int signal : {SIGALRM, SIGIO, SIGCHLD}) {
-    agent_.Signal(signal);
-    agent_.Barrier();
-  }
-  EXPECT_TRUE(agent_.Logged(15, "init", "AlarmHandler!"));
-  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGIO"));
-  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
+  ExpectHandled();
   EXPECT_EQ(agent_.Stop(), 0);
   EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGTERM " + std::to_string(SIGTERM)));
 }
@@ -81,13 +88,7 @@ INSTANTIATE_TEST_SUITE_P(Both, StopSignal, testing::Values(SIGTERM, SIGINT));
 TEST_F(BlockedSignals, AreUnblockedAtTheStart) {
   agent_.Blocking(SIGALRM).Blocking(SIGIO).Blocking(SIGCHLD).Trace();
   StartAgent();
-  for (const int signal : {SIGALRM, SIGIO, SIGCHLD}) {
-    agent_.Signal(signal);
-    agent_.Barrier();
-  }
-  EXPECT_TRUE(agent_.Logged(15, "init", "AlarmHandler!"));
-  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGIO"));
-  EXPECT_TRUE(agent_.Logged(15, "init", "Receive SIGCHLD " + std::to_string(SIGCHLD)));
+  ExpectHandled();
 }
 
 TEST_F(BrokenPipe, OfAClientThatWentAwayDoesNotStopTheAgent) {
