@@ -7,11 +7,11 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include "tests/process/usual_directory.h"
 #include "tests/support/agent_test.h"
 #include "tests/support/node.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
@@ -23,10 +23,7 @@ using ManyClients = AgentTest;
 constexpr std::size_t kGreetingSize = 60;
 
 std::string GreetingOf(std::uint32_t length, std::int32_t pid) {
-  std::string greeting(kGreetingSize, '\0');
-  std::memcpy(greeting.data(), &length, sizeof length);
-  std::memcpy(greeting.data() + 4, &pid, sizeof pid);
-  return greeting;
+  return Bytes(length) + Bytes(pid) + std::string(kGreetingSize - 8, '\0');
 }
 
 mode_t ModeOf(const std::string& path) {
@@ -369,8 +366,7 @@ TEST_F(ManyClients, BeyondTheLinksDescriptorsAreServed) {
   const std::vector<int> others = ConnectMany(agent_, 300);
   for (const int connection : others)
     ASSERT_EQ(ReadRaw(connection, kGreetingSize), GreetingOf(56, agent_.Pid()));
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("A", "from the three hundred and first").Strings[0],
+  EXPECT_EQ(Client(agent_).Ask("A", "from the three hundred and first").Strings[0],
             "from the three hundred and first");
   CloseAll(others);
   agent_.Barrier();

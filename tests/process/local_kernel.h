@@ -2,13 +2,13 @@
 #pragma once
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "tests/support/agent.h"
 #include "tests/support/client.h"
 #include "tests/support/process.h"
+#include "tests/support/text.h"
 
 namespace test {
 
@@ -17,8 +17,7 @@ inline lumo::Message DeathMessage(std::int32_t task, std::int32_t client) {
   lumo::Message death;
   death.TaskName = task;
   death.Command = "CKIL";
-  death.Strings[0] = std::string(28, '\0');
-  std::memcpy(death.Strings[0].data(), &client, sizeof client);
+  death.Strings[0] = Bytes(client) + std::string(24, '\0');
   death.SetTrailerTaskName(client);
   death.SetAstInd(0xFFFF);
   return death;

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -20,6 +19,7 @@
 #include "tests/support/kernel.h"
 #include "tests/support/node.h"
 #include "tests/support/process.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
@@ -78,8 +78,7 @@ class LocalSocket : public ManagerTest {
 };
 
 std::string WithLength(std::string frame, std::uint32_t length) {
-  std::memcpy(frame.data(), &length, sizeof length);
-  return frame;
+  return frame.replace(0, sizeof length, Bytes(length));
 }
 
 // The lines of the driver that begin with one of these words, in the order of the log.
@@ -504,7 +503,7 @@ TEST_F(LocalSocket, StringsThatLeaveTheMessageTakeTheLinkDown) {
   for (const std::size_t at : {kFirstCountAt, kLastCountAt}) {
     for (const std::uint16_t count : {std::uint16_t{8100}, std::uint16_t{0xFFFF}}) {
       std::string frame(108, '\0');
-      std::memcpy(frame.data() + at, &count, sizeof count);
+      Overwrite(&frame, at, count);
       ExpectBroken(WithLength(frame, 108));
     }
   }

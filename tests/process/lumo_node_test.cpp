@@ -1,6 +1,4 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -14,7 +12,9 @@
 #include "tests/process/program.h"
 #include "tests/support/client.h"
 #include "tests/support/connection.h"
+#include "tests/support/node.h"
 #include "tests/support/peer.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -22,10 +22,7 @@ using lumo::Message;
 using test::NodeProgram;
 
 test::Peer Connect(const NodeProgram& node) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(node.Port());
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const sockaddr_in address = test::Loopback(node.Port());
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   return test::Peer(lumo::Lengths::Packet, fd);
@@ -73,12 +70,6 @@ std::string Ask(test::Peer& peer, const std::string& sql) {
   peer.SendMessage(Request(sql));
   const auto answer = Read(peer);
   return answer ? answer->Strings[3] : "no answer";
-}
-
-std::uint32_t FirstWord(const std::string& bytes) {
-  std::uint32_t word = 0;
-  std::memcpy(&word, bytes.data(), std::min(bytes.size(), sizeof word));
-  return word;
 }
 
 TEST(LumoNode, AnswersSqlWithRowsInTheFourthString) {
@@ -234,8 +225,6 @@ TEST(LumoNode, TwiceSendsEachAnswerTwice) {
 // A node that is told its faults while it runs.
 class ToldNode : public ::testing::Test {
  protected:
-  ToldNode()
-      : control_(folder_.Path() / "control"), node_({"--listen", "0", "--control", control_}) {}
   std::optional<int> Tell(std::vector<std::string> line) {
     line.insert(line.begin(), {"--tell", control_});
     test::Program tell(LUMO_NODE_PATH, line);
@@ -245,40 +234,38 @@ class ToldNode : public ::testing::Test {
   }
 
   test::TemporaryDirectory folder_;
-  const std::string control_;
-  NodeProgram node_;
+  const std::string control_ = folder_.Path() / "control";
+  NodeProgram node_{{"--listen", "0", "--control", control_}};
+  test::Peer peer_ = Connect(node_);
   std::string words_;
 };
 
 TEST_F(ToldNode, IsSilentUntilItIsToldOtherwise) {
-  test::Peer peer = Connect(node_);
   EXPECT_EQ(Tell({"--silent"}), 0);
-  peer.SendMessage(Request("select 1"));
+  peer_.SendMessage(Request("select 1"));
   EXPECT_TRUE(node_.WaitForStderr("select 1"));
   EXPECT_EQ(Tell({}), 0);
-  EXPECT_EQ(Ask(peer, "select 2"), "2");
+  EXPECT_EQ(Ask(peer_, "select 2"), "2");
   EXPECT_TRUE(node_.WaitForStderr("faults: none"));
 }
 
 TEST_F(ToldNode, ReadsNothingWhileItIsDeaf) {
-  test::Peer peer = Connect(node_);
-  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  EXPECT_EQ(Ask(peer_, "select 1"), "1");
   EXPECT_EQ(Tell({"--deaf"}), 0);
-  peer.SendMessage(Request("select 2"));
+  peer_.SendMessage(Request("select 2"));
   test::Peer another = Connect(node_);  // is accepted, and not heard either
   another.SendMessage(Request("select 3"));
   EXPECT_TRUE(node_.WaitForStderr("connection 2 (tcp) opened"));
   EXPECT_EQ(Tell({"--twice"}), 0);
   EXPECT_EQ(node_.Stderr().find("select"), node_.Stderr().find("select 1"));
-  EXPECT_EQ(Read(peer)->Strings[3], "2");
+  EXPECT_EQ(Read(peer_)->Strings[3], "2");
   EXPECT_EQ(Read(another)->Strings[3], "3");
 }
 
 TEST_F(ToldNode, ClosesAnswersInGarbageAndIsGoodAgain) {
-  test::Peer peer = Connect(node_);
   EXPECT_EQ(Tell({"--malformed", "zero"}), 0);
-  peer.SendMessage(Request("select 1"));
-  EXPECT_EQ(test::ReadRaw(peer.Socket(), 4), std::string(4, '\0'));
+  peer_.SendMessage(Request("select 1"));
+  EXPECT_EQ(test::ReadRaw(peer_.Socket(), 4), std::string(4, '\0'));
   EXPECT_EQ(Tell({"--close-after", "1"}), 0);
   test::Peer another = Connect(node_);
   another.SendMessage(Request("select 2"));
@@ -289,15 +276,14 @@ TEST_F(ToldNode, ClosesAnswersInGarbageAndIsGoodAgain) {
 }
 
 TEST_F(ToldNode, AnswersAtOnceWhatComesBehindADelayedAnswer) {
-  test::Peer peer = Connect(node_);
   EXPECT_EQ(Tell({"--delay", "600000"}), 0);
-  peer.SendMessage(Request("select 1", 1));
+  peer_.SendMessage(Request("select 1", 1));
   EXPECT_TRUE(node_.WaitForStderr("select 1"));
   EXPECT_EQ(Tell({"--out-of-order", "2"}), 0);
-  peer.SendMessage(Request("select 2", 2));
+  peer_.SendMessage(Request("select 2", 2));
   EXPECT_TRUE(node_.WaitForStderr("select 2"));
   EXPECT_EQ(Tell({}), 0);  // what was collected goes out
-  EXPECT_EQ(Read(peer)->Strings[3], "2");
+  EXPECT_EQ(Read(peer_)->Strings[3], "2");
 }
 
 TEST_F(ToldNode, SaysWhatItDoesNotUnderstand) {
@@ -305,8 +291,7 @@ TEST_F(ToldNode, SaysWhatItDoesNotUnderstand) {
   EXPECT_EQ(Tell({"--delay", "-1"}), 2);
   test::Program stop(LUMO_NODE_PATH, {"--stop"});
   EXPECT_EQ(stop.Wait(), 2);
-  test::Peer peer = Connect(node_);
-  EXPECT_EQ(Ask(peer, "select 1"), "1");
+  EXPECT_EQ(Ask(peer_, "select 1"), "1");
 }
 
 TEST_F(ToldNode, EndsWhenItIsTold) {
@@ -361,7 +346,9 @@ TEST(LumoNode, ServesTheLoadGenerator) {
 TEST(LumoNode, MalformedLengthIsBeyondTheLargestPacket) {
   ConnectedNode node({"--malformed", "length"});
   node.Far.SendMessage(Request("select 1"));
-  EXPECT_GT(FirstWord(test::ReadRaw(node.Far.Socket(), 4)), lumo::kMaxMessage);
+  const std::string length = test::ReadRaw(node.Far.Socket(), 4);
+  ASSERT_EQ(length.size(), 4u);
+  EXPECT_GT(test::ValueAt<std::uint32_t>(length, 0), lumo::kMaxMessage);
 }
 
 TEST(LumoNode, MalformedZeroHasALengthOfNothing) {
@@ -383,7 +370,7 @@ TEST(LumoNode, TruncatedPacketEndsWithTheConnection) {
   node.Far.SendMessage(Request("select 1"));
   const std::string got = test::ReadRaw(node.Far.Socket(), 65536);
   ASSERT_GE(got.size(), 4U);
-  EXPECT_LT(got.size(), FirstWord(got) + 4);
+  EXPECT_LT(got.size(), test::ValueAt<std::uint32_t>(got, 0) + 4);
 }
 
 TEST(LumoNode, LocalSocketGreetsAnswersAndIsRemovedAtTheEnd) {

@@ -5,9 +5,7 @@
 // repeats a run as far as the timing of the processes allows.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/msg.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -169,7 +167,7 @@ class Servers {
 // The kernel behind the queue, on a thread of its own.
 class EchoingQueue {
  public:
-  EchoingQueue() : queue_(msgget(Kernel.Key(), 0)), thread_([this] { Serve(); }) {}
+  EchoingQueue() : thread_([this] { Serve(); }) {}
   ~EchoingQueue() {
     stop_ = true;
     thread_.join();
@@ -191,10 +189,6 @@ class EchoingQueue {
   IpcKernel Kernel;
 
  private:
-  struct QueueMessage {
-    long Type;
-    char Body[8188];
-  };
   void Serve() {
     while (!stop_) {
       if (!ServeOne()) std::this_thread::sleep_for(Milliseconds(1));
@@ -203,26 +197,18 @@ class EchoingQueue {
   bool ServeOne() {
     const std::lock_guard<std::mutex> lock(mutex_);
     DropAnswersOfTheDead();
-    QueueMessage received;
-    const ssize_t size = msgrcv(queue_, &received, sizeof received.Body, 1, IPC_NOWAIT);
-    if (size < 0) return false;
-    const auto message = lumo::Decode(std::string(4, '\0') +
-                                      std::string(received.Body, static_cast<std::size_t>(size)));
-    if (!IsQuestion(message)) return true;
-    readers_.insert(message->TaskName);
-    Kernel.SendMessage(message->TaskName, AnswerTo(*message, message->Strings[0]));
+    const auto request = Kernel.TakeRequest();
+    if (!request || !IsQuestion(request->Message)) return request.has_value();
+    readers_.insert(request->Reader);
+    Kernel.Answer(*request, request->Message.Strings[0]);
     return true;
   }
   void DropAnswersOfTheDead() {
-    QueueMessage dropped;
     for (const pid_t reader : readers_) {
-      if (ProcessRuns(reader)) continue;
-      while (msgrcv(queue_, &dropped, sizeof dropped.Body, reader, IPC_NOWAIT) >= 0) {
-      }
+      if (!ProcessRuns(reader)) Kernel.DropAnswers(reader);
     }
   }
 
-  int queue_;
   std::mutex mutex_;
   std::set<pid_t> readers_;
   std::atomic<bool> stop_{false};
@@ -272,38 +258,23 @@ class CountingClient {
   std::map<std::uint16_t, std::string> expected_;
 };
 
-int LocalListener(const std::string& path) {
-  const int fd = BoundAt(path);
+int Listening(int fd) {
   EXPECT_EQ(listen(fd, 64), 0);
   return fd;
-}
-
-// A listening port of the loopback interface, with the number that it got.
-std::pair<int, std::uint16_t> TcpListener() {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  socklen_t size = sizeof address;
-  EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), size), 0);
-  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
-  EXPECT_EQ(listen(fd, 64), 0);
-  return {fd, ntohs(address.sin_port)};
 }
 
 class RandomRun {
  public:
   explicit RandomRun(unsigned seed) : dice_(seed), stalled_(Node::Start::Bound) {
     stalled_.Stall();
-    const auto [first, firstPort] = TcpListener();
-    const auto [second, secondPort] = TcpListener();
+    const int first = Listening(BoundSocket(0)), second = Listening(BoundSocket(0));
     constexpr int kNumber = 4242;
-    servers_.emplace(std::vector<int>{first, second}, LocalListener(agent_.SocketPath(kNumber)),
-                     seed + 1);
+    servers_.emplace(std::vector<int>{first, second},
+                     Listening(BoundAt(agent_.SocketPath(kNumber))), seed + 1);
     const std::string tcp = " TCPIP 127.0.0.1 ";
-    definitions_ = {tcp + std::to_string(firstPort) + " 0 0 0",
-                    tcp + std::to_string(secondPort) + " 1 4 2",
-                    tcp + std::to_string(secondPort) + " 0 0 0",
+    definitions_ = {tcp + std::to_string(LocalPort(first)) + " 0 0 0",
+                    tcp + std::to_string(LocalPort(second)) + " 1 4 2",
+                    tcp + std::to_string(LocalPort(second)) + " 0 0 0",
                     tcp + std::to_string(refusing_.Port()) + " 0 0 0",
                     tcp + std::to_string(stalled_.Port()) + " 0 0 2",
                     " LOCALS " + std::to_string(kNumber),

@@ -2,7 +2,6 @@
 // What they do to nodes in use stands in node_redefinition_test.cpp and node_deletion_test.cpp.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -11,6 +10,7 @@
 #include "tests/process/manager.h"
 #include "tests/process/reconnection.h"
 #include "tests/support/node.h"
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
@@ -24,29 +24,18 @@ Outcome Name(std::string name) {
   return {1, name};
 }
 
-template <class T>
-void PutAt(std::string* bytes, std::size_t at, T value) {
-  std::memcpy(bytes->data() + at, &value, sizeof value);
-}
-
-std::uint32_t WordAt(const std::string& bytes, std::size_t at) {
-  std::uint32_t value;
-  std::memcpy(&value, bytes.data() + at, sizeof value);
-  return value;
-}
-
 std::string Description(std::uint32_t code, const std::string& name,
                         const std::string& address = {}, std::uint32_t port = 0,
                         std::uint16_t receive = 0, std::uint16_t send = 0,
                         std::uint16_t connect = 0) {
   std::string description(232, '\0');
-  PutAt(&description, 8, code);
+  Overwrite(&description, 8, code);
   description.replace(12, name.size(), name);
   description.replace(24, address.size(), address);
-  PutAt(&description, 136, port);
-  PutAt(&description, 140, receive);
-  PutAt(&description, 142, send);
-  PutAt(&description, 144, connect);
+  Overwrite(&description, 136, port);
+  Overwrite(&description, 140, receive);
+  Overwrite(&description, 142, send);
+  Overwrite(&description, 144, connect);
   return description;
 }
 
@@ -113,8 +102,7 @@ TEST_F(ManagementCommands, ANodeIsMadeTheDefaultByItsNumber) {
   EXPECT_EQ(manager.Ask(106, 2), Outcome{1});
   EXPECT_EQ(manager.Ask(103), Name("C"));
   EXPECT_EQ(manager.Ask(104), Outcome{2});
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("", "for the default").Strings[0], "for the default");
+  EXPECT_EQ(Client(agent_).Ask("", "for the default").Strings[0], "for the default");
 }
 
 // A and B are down, and the timer will try again; then B comes up for others.
@@ -211,8 +199,7 @@ TEST_F(ManagementCommands, AnAddedNodeServesRequests) {
   EXPECT_EQ(manager.AddNode(node.Line("new")), 0);
   EXPECT_EQ(manager.Names(), "A B C NEW");
   EXPECT_EQ(manager.Default(), "A");
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("NEW", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("NEW", "text").Strings[0], "text");
   EXPECT_EQ(agent_.Results(), "");
 }
 
@@ -280,7 +267,7 @@ TEST_F(ManagementCommands, ANodeOfAnotherProtocolIsDescribedWithTheIdentityOfIts
   for (const auto& [name, code] : kNodes) {
     const Outcome outcome = manager.Ask(120, 0, std::string(name) + '\0');
     ASSERT_EQ(outcome.Item.size(), 232u);
-    identities.push_back(WordAt(outcome.Item, 136));
+    identities.push_back(ValueAt<std::uint32_t>(outcome.Item, 136));
     EXPECT_EQ(outcome, (Outcome{0, Description(code, name, "", identities.back())}));
   }
   EXPECT_EQ(identities[0], identities[1]) << "one record serves both";

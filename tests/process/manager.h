@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <initializer_list>
 #include <ostream>
 #include <string>
@@ -12,6 +11,7 @@
 
 #include "tests/support/agent_test.h"
 #include "tests/support/management.h"
+#include "tests/support/text.h"
 
 namespace test {
 
@@ -45,10 +45,9 @@ inline std::string ManagementFrame(const lumo::Message& request, const Outcome& 
   answer.LnBufRow = static_cast<std::uint16_t>(outcome.Item.size());
   answer.SetAstInd(request.AstInd());
   std::string frame = lumo::Encode(answer, lumo::Lengths::Client);
-  std::memcpy(frame.data() + kLastCountAt, &answer.LnBufRow, sizeof answer.LnBufRow);
+  Overwrite(&frame, kLastCountAt, answer.LnBufRow);
   frame.insert(kItemAt, outcome.Item);
-  const auto length = static_cast<std::uint32_t>(frame.size());
-  std::memcpy(frame.data(), &length, sizeof length);
+  Overwrite(&frame, 0, static_cast<std::uint32_t>(frame.size()));
   return frame;
 }
 

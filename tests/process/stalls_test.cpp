@@ -143,9 +143,7 @@ class FloodedNode : public Stalls {
     node_.ExpectFirstRequest();
     thread_ = std::thread([this] {
       std::string packets;
-      const std::uint32_t control[] = {8, 1, 0};
-      for (int i = 0; i < 5000; ++i)
-        packets.append(reinterpret_cast<const char*>(control), sizeof control);
+      for (int i = 0; i < 5000; ++i) packets += ControlPacket({1, 0});
       while (!over_ && node_.SendBytes(packets)) continue;
     });
   }

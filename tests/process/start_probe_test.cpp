@@ -1,7 +1,6 @@
 // Whether an agent lives is asked over its socket. One that is too busy to accept lives, too.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -61,11 +60,8 @@ class BusyAgent : public testing::Test {
 
  private:
   bool FillQueue() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    first_.SocketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-    queued_.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return connect(queued_.back(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    queued_.push_back(ConnectRaw(first_.SocketPath(), SOCK_NONBLOCK));
+    return queued_.back() >= 0;
   }
 
   std::vector<int> queued_;

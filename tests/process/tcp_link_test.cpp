@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <deque>
 
 #include "tests/process/manager.h"
@@ -24,11 +23,6 @@ using TcpDisconnect = AgentTest;
 
 constexpr char kNotInTime[] = "TCPIP.Connect is broken on timeout";
 constexpr char kNoPacket[] = "TCPIP.Link is broken on timeout send";
-
-std::string ControlFrame(std::uint32_t type, std::uint32_t parameter) {
-  const std::uint32_t words[] = {8, type, parameter};
-  return std::string(reinterpret_cast<const char*>(words), sizeof words);
-}
 
 // A node with one link of the agent, which is up, and a client of it.
 struct ConnectedLink {
@@ -128,27 +122,27 @@ TEST_F(TcpAddressText, ABadAddressIsReportedAndItsLineSkipped) {
 
 TEST(TcpAnnouncement, BothTimeoutsAreToldInOrderBeforeTheFirstRequest) {
   ConnectedLink link("5 30 10");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(0, 5));
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(1, 0x001E5555));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({0, 5}));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({1, 0x001E5555}));
   link.AnswerFirstRequest();
   EXPECT_TRUE(link.NothingCame());
 }
 
 TEST(TcpAnnouncement, AnAbsentReceiveTimeoutIsToldAsOne) {
   ConnectedLink link("");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(0, 1));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({0, 1}));
   link.TakeFirstRequest();
 }
 
 TEST(TcpAnnouncement, ANegativeReceiveTimeoutIsToldAsOneAndANegativeSendTimeoutNotAtAll) {
   ConnectedLink link("-7 -7 -7");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(0, 1));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({0, 1}));
   link.TakeFirstRequest();
 }
 
 TEST(TcpAnnouncement, OnlyTheSendTimeoutIsToldWhenKeepAliveIsOff) {
   ConnectedLink link("0 0x10 0");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(1, 0x00105555));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({1, 0x00105555}));
   link.TakeFirstRequest();
 }
 
@@ -161,21 +155,21 @@ TEST(TcpAnnouncement, WithoutTimeoutsNothingIsTold) {
 
 TEST(TcpAnnouncement, ASendTimeoutBeyondSixteenBitsLosesItsHighPart) {
   ConnectedLink link("0 65537 0");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(1, 0x00015555));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({1, 0x00015555}));
   link.TakeFirstRequest();
 }
 
 TEST(TcpAnnouncement, EachConnectionIsToldAnew) {
   ConnectedLink link("5 30 10");
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(0, 5));
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(1, 0x001E5555));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({0, 5}));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({1, 0x001E5555}));
   link.TakeFirstRequest();
   link.Node.Close();
   link.Client->ExpectError(link.Pending, 4009, 0);
   link.Client->Send("SRV", "second");
   ASSERT_TRUE(link.Node.Accept());
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(0, 5));
-  EXPECT_EQ(link.Node.ReadFrame(), ControlFrame(1, 0x001E5555));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({0, 5}));
+  EXPECT_EQ(link.Node.ReadFrame(), ControlPacket({1, 0x001E5555}));
   EXPECT_EQ(link.Node.ReadRequest()->Strings[0], "second");
 }
 
@@ -189,7 +183,7 @@ TEST(TcpKeepAlive, AnAlivePacketComesWhenTheCountHasRunOut) {
     link.Agent.Ticks(10);
     EXPECT_TRUE(link.NothingCame());
     link.Agent.Tick();
-    EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlFrame(1, 0));
+    EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlPacket({1, 0}));
   }
 }
 
@@ -206,7 +200,7 @@ TEST(TcpKeepAlive, ARequestPostponesTheAlivePacketAndAnAnswerDoesNot) {
   link.Agent.Tick();
   EXPECT_TRUE(link.NothingCame());
   link.Agent.Tick();
-  EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlFrame(1, 0));
+  EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlPacket({1, 0}));
 }
 
 TEST(TcpKeepAlive, AConnectedLinkWithoutRequestsCountsFromItsConnection) {
@@ -216,7 +210,7 @@ TEST(TcpKeepAlive, AConnectedLinkWithoutRequestsCountsFromItsConnection) {
   link.Agent.Ticks(20);
   EXPECT_TRUE(link.NothingCame());
   link.Agent.Tick();
-  EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlFrame(1, 0));
+  EXPECT_EQ(link.Node.ReadFrame(Milliseconds(0)), ControlPacket({1, 0}));
 }
 
 // Watchdog
@@ -333,7 +327,7 @@ TEST_F(TcpConnect, WithoutATimeoutRequestsWaitUntilTheServerAnswersAndGoOutInOrd
   EXPECT_FALSE(agent_.Logged(1, "", "Link SRV connected"));
   node.Unstall();
   ASSERT_TRUE(node.Accept());
-  EXPECT_EQ(node.ReadFrame(), ControlFrame(0, 3));
+  EXPECT_EQ(node.ReadFrame(), ControlPacket({0, 3}));
   for (int i = 0; i < 6; ++i) EXPECT_EQ(node.ReadRequest()->Strings[0], std::to_string(i));
   for (const lumo::Message& request : requests) node.Answer(request);
   for (const lumo::Message& request : requests) client.ExpectAnswer(request);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <set>
 #include <thread>
 
@@ -24,11 +23,6 @@ namespace {
 constexpr char kNotSent[] = "The message were not send by the agent. Skip the message";
 constexpr char kBadFormat[] = "Network packet format is fail.";
 constexpr std::size_t kLargestText = 8084;  // fills a packet of the largest length
-
-template <class T>
-void Overwrite(std::string* frame, std::size_t at, T value) {
-  std::memcpy(frame->data() + at, &value, sizeof value);
-}
 
 // A packet with this length word and a body of that many zero bytes.
 std::string PacketOf(std::uint32_t length) { return Bytes(length) + std::string(length, '\0'); }
@@ -432,7 +426,7 @@ TEST_F(TcpPackets, TheDeathOfAClientIsToldToTheServersItUsed) {
   other.ExpectFirstRequest();
   process.Kill();
   agent_.Tick();
-  const std::string told = Bytes(std::uint32_t{8}) + Bytes(std::uint32_t{2}) + Bytes(pid);
+  const std::string told = ControlPacket({2, static_cast<std::uint32_t>(pid)});
   EXPECT_EQ(other.ReadFrame(), told);
   EXPECT_EQ(node_.ReadFrame(), told);
   EXPECT_TRUE(unused.Silent(Milliseconds(0)));
@@ -540,9 +534,7 @@ class TcpStall : public TcpPackets {
         break;
       }
       if (frame->size() == 12) {
-        Control control;
-        std::memcpy(&control, frame->data() + 4, sizeof control);
-        controls.push_back(control);
+        controls.push_back(ValueAt<Control>(*frame, 4));
         continue;
       }
       const std::optional<lumo::Message> request = lumo::Decode(*frame);

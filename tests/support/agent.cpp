@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,11 +11,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <random>
 #include <sstream>
 
+#include "tests/support/client.h"
 #include "tests/support/management.h"
 #include "tests/support/text.h"
 
@@ -43,16 +42,11 @@ std::optional<int> ReapWithin(pid_t pid, Milliseconds timeout) {
 
 // The process that listens on a socket; -1: none. Finds a daemon that a failed test has not met.
 pid_t ListenerOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return -1;
-  std::memcpy(address.sun_path, path.data(), path.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = ConnectRaw(path);
   ucred peer{};
   socklen_t size = sizeof peer;
-  const bool found = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
-  close(fd);
+  const bool found = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+  if (fd >= 0) close(fd);
   return found && peer.pid != getpid() ? peer.pid : -1;
 }
 

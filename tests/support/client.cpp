@@ -157,12 +157,12 @@ std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr) {
   return lumo::Encode(answer, lumo::Lengths::Client);
 }
 
-int ConnectRaw(const std::string& path) {
+int ConnectRaw(const std::string& path, int flags) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) return -1;
   std::memcpy(address.sun_path, path.data(), path.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
   if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
   close(fd);
   return -1;

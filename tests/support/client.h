@@ -60,8 +60,9 @@ class Client {
 // The answer that the agent makes itself, as it goes over the connection.
 std::string ErrorFrame(const lumo::Message& request, int codErr, int sysErr);
 
-// A connection without a greeting read, for the bytes themselves; -1 when refused.
-int ConnectRaw(const std::string& path);
+// A connection without a greeting read, for the bytes themselves; -1 when refused. The flags are
+// the socket's.
+int ConnectRaw(const std::string& path, int flags = 0);
 // Up to `size` bytes; less when the time is over or the peer closed.
 std::string ReadRaw(int socket, std::size_t size, Milliseconds timeout = kPatience);
 

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <utility>
 
+#include "tests/support/text.h"
+
 namespace lumo {
 namespace {
 
@@ -21,13 +23,6 @@ constexpr std::uint32_t kGreetingLength = 56;
 std::int64_t Now() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-template <class T>
-T NumberAt(const std::string& bytes, std::size_t at) {
-  T value;
-  std::memcpy(&value, bytes.data() + at, sizeof value);
-  return value;
 }
 
 int ConnectTo(const std::string& path, std::string* error) {
@@ -86,11 +81,11 @@ bool Connection::ReadGreeting(int timeoutMs, std::string* error) {
     *error = lost_ ? "the agent closed the connection" : "the agent sends no greeting";
     return false;
   }
-  if (NumberAt<std::uint32_t>(received_, 0) != kGreetingLength) {
+  if (test::ValueAt<std::uint32_t>(received_, 0) != kGreetingLength) {
     *error = "the greeting is not an agent's";
     return false;
   }
-  agentPid_ = NumberAt<std::int32_t>(received_, 4);
+  agentPid_ = test::ValueAt<std::int32_t>(received_, 4);
   received_.erase(0, kGreetingSize);
   return true;
 }
@@ -131,7 +126,7 @@ bool Connection::ReceiveBytes(std::size_t size, std::int64_t deadline) {
 std::optional<std::string> Connection::ReceiveFrame(int timeoutMs) {
   const std::int64_t deadline = Now() + timeoutMs;
   if (lost_ || !ReceiveBytes(kLengthSize, deadline)) return std::nullopt;
-  const std::size_t length = NumberAt<std::uint32_t>(received_, 0);
+  const std::size_t length = test::ValueAt<std::uint32_t>(received_, 0);
   if (length <= kLengthSize || length > kMaxFrame) {
     lost_ = true;
     return std::nullopt;

@@ -39,16 +39,16 @@ int FreeNumber(const Agent& agent) {
   return number;
 }
 
-int ListenOn(const std::string& path) {
-  const int fd = BoundAt(path);
-  if (listen(fd, 16) != 0) throw std::runtime_error("the local kernel's socket cannot be made");
-  return fd;
-}
-
 struct QueueMessage {
   long Type = 0;
   char Body[kLargestBody] = {};
 };
+
+void DropMessages(int queue, long type) {
+  QueueMessage dropped;
+  while (msgrcv(queue, &dropped, sizeof dropped.Body, type, IPC_NOWAIT) >= 0) {
+  }
+}
 
 // The objects are found by their key, so that a failed removal cannot hide them.
 void RemoveObjects(int key) {
@@ -87,7 +87,8 @@ void RemoveLeftovers() {
 LocalKernel::LocalKernel(const Agent& agent)
     : Peer(lumo::Lengths::Client), listener_(-1), number_(FreeNumber(agent)) {
   path_ = agent.SocketPath(number_);
-  listener_ = ListenOn(path_);
+  listener_ = BoundAt(path_);
+  if (listen(listener_, 16) != 0) throw std::runtime_error("the local kernel does not listen");
 }
 
 LocalKernel::~LocalKernel() { StopListening(); }
@@ -218,11 +219,8 @@ void IpcKernel::FillQueue() {
   }
 }
 
-void IpcKernel::DrainQueue() {
-  QueueMessage filler;
-  while (msgrcv(queue_, &filler, sizeof filler.Body, kFillerType, IPC_NOWAIT) >= 0) {
-  }
-}
+void IpcKernel::DrainQueue() { DropMessages(queue_, kFillerType); }
+void IpcKernel::DropAnswers(pid_t reader) { DropMessages(queue_, reader); }
 
 void IpcKernel::RemoveSegment() { shmctl(segment_, IPC_RMID, nullptr); }
 void IpcKernel::RemoveQueue() { msgctl(queue_, IPC_RMID, nullptr); }

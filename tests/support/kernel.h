@@ -62,6 +62,7 @@ class IpcKernel {
   void LimitQueue(unsigned long bytes);
   void FillQueue();  // with messages that nobody reads, until no more fits
   void DrainQueue();
+  void DropAnswers(pid_t reader);  // which it has not taken
 
   void SetKernelPid(pid_t pid);
   void RemoveSegment();

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,6 +14,17 @@
 
 namespace test {
 namespace {
+
+std::string NodetabLine(const std::string& name, std::uint16_t port, const std::string& timeouts) {
+  return name + " TCPIP 127.0.0.1 " + std::to_string(port) + " " + timeouts + "\n";
+}
+
+void SendAtOnce(int fd) {
+  const int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+}  // namespace
 
 sockaddr_in Loopback(std::uint16_t port) {
   sockaddr_in address{};
@@ -34,31 +44,6 @@ int BoundSocket(std::uint16_t port) {
   return fd;
 }
 
-std::uint16_t PortOf(int fd) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
-}
-
-std::uint16_t PeerPort(int fd) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
-}
-
-std::string NodetabLine(const std::string& name, std::uint16_t port, const std::string& timeouts) {
-  return name + " TCPIP 127.0.0.1 " + std::to_string(port) + " " + timeouts + "\n";
-}
-
-void SendAtOnce(int fd) {
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-}  // namespace
-
 Node::Node(Start start) : Peer(lumo::Lengths::Packet) {
   Bind(0);
   if (start == Start::Listening) Listen();
@@ -72,7 +57,7 @@ Node::~Node() {
 
 void Node::Bind(std::uint16_t port) {
   listener_ = BoundSocket(port);
-  port_ = PortOf(listener_);
+  port_ = LocalPort(listener_);
 }
 
 void Node::Listen(int backlog) {
@@ -100,7 +85,7 @@ Peer Node::AcceptAnother(Milliseconds timeout) {
   const Clock::time_point deadline = Clock::now() + timeout;
   for (;;) {
     const int fd = AcceptWithin(listener_, Milliseconds(MillisecondsLeft(deadline)));
-    if (fd >= 0 && fillerPorts_.count(PeerPort(fd)) != 0) {
+    if (fd >= 0 && fillerPorts_.count(RemotePort(fd)) != 0) {
       close(fd);
       continue;
     }
@@ -122,7 +107,7 @@ void Node::Stall() {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     fillers_.push_back(fd);
     connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    fillerPorts_.insert(PortOf(fd));
+    fillerPorts_.insert(LocalPort(fd));
     pollfd ready{fd, POLLOUT, 0};
     if (poll(&ready, 1, 20) == 0) return;
   }
@@ -139,7 +124,7 @@ std::string Node::Line(const std::string& name, const std::string& timeouts) con
   return NodetabLine(name, port_, timeouts);
 }
 
-EchoNode::EchoNode() : listener_(BoundSocket(0)), port_(PortOf(listener_)) {
+EchoNode::EchoNode() : listener_(BoundSocket(0)), port_(LocalPort(listener_)) {
   if (listen(listener_, 64) != 0 || pipe2(stopPipe_, O_CLOEXEC) != 0)
     throw std::runtime_error("the echo node does not start");
   thread_ = std::thread([this] { Serve(); });

@@ -1,5 +1,7 @@
 // Stand-ins for a database server on TCP.
 #pragma once
+#include <netinet/in.h>
+
 #include <atomic>
 #include <cstdint>
 #include <set>
@@ -10,6 +12,10 @@
 #include "tests/support/peer.h"
 
 namespace test {
+
+sockaddr_in Loopback(std::uint16_t port);
+// A TCP socket of the loopback interface on which nobody listens yet; 0: at any port.
+int BoundSocket(std::uint16_t port);
 
 // A server in the test's own thread. It listens at once; the verbs of Peer work on the connection
 // that was accepted last.

@@ -14,22 +14,16 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <stdexcept>
 #include <utility>
+
+#include "tests/support/text.h"
 
 namespace test {
 namespace {
 
 constexpr std::size_t kLengthSize = 4, kControlSize = 12, kLargestFrame = 1 << 20;
-
-template <class T>
-T NumberAt(const std::string& bytes, std::size_t at) {
-  T value;
-  std::memcpy(&value, bytes.data() + at, sizeof value);
-  return value;
-}
 
 bool WaitReadable(int socket, Clock::time_point deadline) {
   pollfd ready{socket, POLLIN, 0};
@@ -47,7 +41,7 @@ bool IsTcp(int socket) {
 }
 
 template <class Name>
-unsigned PortBy(Name name, int socket) {
+std::uint16_t PortBy(Name name, int socket) {
   sockaddr_in address{};
   socklen_t size = sizeof address;
   name(socket, reinterpret_cast<sockaddr*>(&address), &size);
@@ -67,6 +61,13 @@ bool TcpSocketExists(unsigned local, unsigned remote) {
 }
 
 }  // namespace
+
+std::string ControlPacket(Control control) {
+  return Bytes(std::uint32_t{8}) + Bytes(control.Type) + Bytes(control.Parameter);
+}
+
+std::uint16_t LocalPort(int socket) { return PortBy(getsockname, socket); }
+std::uint16_t RemotePort(int socket) { return PortBy(getpeername, socket); }
 
 Peer::Peer(Peer&& other) noexcept : lengths_(other.lengths_), socket_(-1) {
   *this = std::move(other);
@@ -101,7 +102,7 @@ bool Peer::ReceiveBytes(std::size_t size, Clock::time_point deadline) {
 std::optional<std::string> Peer::ReadFrame(Milliseconds timeout) {
   const Clock::time_point deadline = Clock::now() + timeout;
   if (!ReceiveBytes(kLengthSize, deadline)) return std::nullopt;
-  const std::size_t length = NumberAt<std::uint32_t>(received_, 0);
+  const std::size_t length = ValueAt<std::uint32_t>(received_, 0);
   const std::size_t size = lengths_ == lumo::Lengths::Client ? length : length + kLengthSize;
   if (size < kLengthSize || size > kLargestFrame) {
     ADD_FAILURE() << "the agent sent a frame with the length word " << length;
@@ -136,7 +137,7 @@ std::optional<Control> Peer::ReadControl(Milliseconds timeout) {
                   << (frame ? testing::PrintToString(*frame) : "nothing");
     return std::nullopt;
   }
-  return Control{NumberAt<std::uint32_t>(*frame, 4), NumberAt<std::uint32_t>(*frame, 8)};
+  return Control{ValueAt<std::uint32_t>(*frame, 4), ValueAt<std::uint32_t>(*frame, 8)};
 }
 
 bool Peer::ReadEnd(Milliseconds timeout) {
@@ -170,10 +171,7 @@ bool Peer::SendMessage(const lumo::Message& message) {
   return SendBytes(lumo::Encode(message, lengths_));
 }
 
-bool Peer::SendControl(Control control) {
-  const std::array<std::uint32_t, 3> packet{8, control.Type, control.Parameter};
-  return SendBytes({reinterpret_cast<const char*>(packet.data()), sizeof packet});
-}
+bool Peer::SendControl(Control control) { return SendBytes(ControlPacket(control)); }
 
 bool Peer::SendBytes(std::string_view bytes) {
   while (!bytes.empty()) {
@@ -194,7 +192,7 @@ void Peer::Close() {
 
 void Peer::Reset() {
   const bool tcp = IsTcp(socket_);
-  const unsigned ours = PortBy(getsockname, socket_), theirs = PortBy(getpeername, socket_);
+  const unsigned ours = LocalPort(socket_), theirs = RemotePort(socket_);
   const linger now{1, 0};
   setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
   Close();

@@ -17,6 +17,8 @@ struct Control {
   bool operator==(const Control&) const = default;
 };
 
+std::string ControlPacket(Control control);
+
 class Peer {
  public:
   explicit Peer(lumo::Lengths lengths, int socket = -1) : lengths_(lengths), socket_(socket) {}
@@ -67,6 +69,10 @@ class Peer {
 
 // What a server answers to a request.
 lumo::Message AnswerTo(const lumo::Message& request, const std::string& text, int codErr = 0);
+
+// The numbers of a TCP socket's ports.
+std::uint16_t LocalPort(int socket);
+std::uint16_t RemotePort(int socket);
 
 // A UNIX-domain socket on which nobody listens yet.
 int BoundAt(const std::string& path);

@@ -1,6 +1,7 @@
 // Looking at texts.
 #pragma once
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,18 @@ namespace test {
 template <class T>
 std::string Bytes(T value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+// The value whose bytes stand there.
+template <class T>
+T ValueAt(const std::string& bytes, std::size_t at) {
+  T value;
+  std::memcpy(&value, bytes.data() + at, sizeof value);
+  return value;
+}
+template <class T>
+void Overwrite(std::string* bytes, std::size_t at, T value) {
+  std::memcpy(bytes->data() + at, &value, sizeof value);
 }
 
 // How often a word occurs.
