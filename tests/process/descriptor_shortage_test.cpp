@@ -26,6 +26,7 @@ class DescriptorShortage : public AgentTest {
   }
   void TearDown() override {
     for (const int fd : connections_) close(fd);
+    AgentTest::TearDown();
   }
   void LimitTo(rlim_t count) const {
     const rlimit limit{count, kLimit};
