@@ -101,8 +101,7 @@ TEST_F(NodeDeletion, WithTheDefaultNodeGoneTheNextOneThatCanBeConnectedIsTheDefa
   EXPECT_EQ(manager.Default(), "C");
   EXPECT_TRUE(agent_.WaitForLog("Link C connected\n"));
   EXPECT_EQ(agent_.Log(), TriedAsDefault({"B", "C"}) + "lumo_tcp:Link C connected\n");
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("", "text").Strings[0], "text");
 }
 
 TEST_F(NodeDeletion, WithTheDefaultNodeGoneAndNoOtherConnectedTheNextInTheTableIsTheDefault) {
@@ -167,8 +166,7 @@ TEST_F(NodeDeletion, ANeighbourThatIsOnlyConnectingDoesNotBecomeTheStartOfTheCir
   EXPECT_EQ(manager.Result(106, 1), 1);
   EXPECT_EQ(manager.Result(124, 0), 0);
   EXPECT_TRUE(agent_.WaitForLog("Link C connected\n"));
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("", "text").Strings[0], "text");
   EXPECT_EQ(agent_.Log(), "lumo_tcp:Link C connected\n" + TriedAsDefault({"C"}));
 }
 
@@ -335,8 +333,7 @@ TEST_F(NodeDeletion, AClientMayDieAfterItsNodeHasGone) {
   application.Kill();
   agent_.Ticks(2);
   client.Close();
-  Client survivor(agent_);
-  EXPECT_EQ(survivor.Ask("B", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("B", "text").Strings[0], "text");
 }
 
 TEST_F(NodeDeletion, AClientMayDieBeforeItsNodeGoes) {

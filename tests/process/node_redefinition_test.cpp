@@ -33,8 +33,7 @@ TEST_F(NodeRedefinition, ANodeIsRedefinedByNumberAndAsTheDefault) {
   EXPECT_EQ(manager.Result(128, 0, node.Line("Y")), 0);
   EXPECT_EQ(manager.Names(), "A X Y");
   EXPECT_EQ(manager.Default(), "Y");
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("", "text").Strings[0], "text");
 }
 
 TEST_F(NodeRedefinition, TheDefinitionStandsTwoBytesBehindTheNameHoweverThatIsPadded) {
@@ -68,8 +67,7 @@ TEST_F(NodeRedefinition, ATextThatMakesNoNodeLeavesTheNodeAsItIs) {
             "lumo_tcp:Initialization of link 'B' for protocol 'LOCALS' failed\n"
             "lumo_tcp:Node name 'B' skipped\n");
   EXPECT_EQ(manager.Names(), "A");
-  Client client(agent_);
-  EXPECT_EQ(client.Ask("A", "text").Strings[0], "text");
+  EXPECT_EQ(Client(agent_).Ask("A", "text").Strings[0], "text");
 }
 
 TEST_F(NodeRedefinition, ANameThatExistsAlreadyIsTaken) {
