@@ -57,18 +57,10 @@ TEST_F(ManagementCommands, TheOtherNumbersAnswerZeroAndDoNothing) {
 
 TEST_F(ManagementCommands, TheAnswerCarriesTheTagAndTheTaskOfTheRequestAndNothingElseOfIt) {
   Manager manager = StartWithManager();
-  lumo::Message request = lumo::ManagementRequest(101, 5, "some text");
-  request.CodErr = 1;
-  request.Prior = 2;
-  request.NumChan = 3;
-  request.Uninterpreted = {4, 5, 6, 7};
-  request.RowCount = 8;
-  request.PrzExe = 9;
-  request.SysErr = 10;
-  request.LnBufRow = 11;
+  lumo::Message request = FullMessage(manager.Connection(), "");
+  request.Command = "DBCA";
+  request.DbcApiCode = 101;
   request.Strings = {"one", "two", "three", "four"};
-  request.Trailer.fill(0xEE);
-  request.SetAstInd(0xABCD);
   EXPECT_EQ(manager.Receive(manager.SendMessage(request)), Outcome{0});  // exact to the byte
 }
 

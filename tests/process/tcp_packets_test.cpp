@@ -27,25 +27,8 @@ constexpr std::size_t kLargestText = 8084;  // fills a packet of the largest len
 // A packet with this length word and a body of that many zero bytes.
 std::string PacketOf(std::uint32_t length) { return Bytes(length) + std::string(length, '\0'); }
 
-// A message with a value of its own in every field that is passed through.
-void FillPassedFields(lumo::Message* message) {
-  message->CodErr = 0x11223344;
-  message->Prior = 0x5566;
-  message->NumChan = 0x7788;
-  message->Uninterpreted = {1, 2, 3, 4};
-  message->Command = "SLCT";
-  message->RowId = -5;
-  message->RowCount = 1000000;
-  message->PrzExe = 0xCAFEBABE;
-  message->SysErr = -6;
-  message->LnBufRow = 0xFFFF;
-  message->DbcApiCode = 102;
-  message->Strings = {"odd", std::string("\0\xFF", 2), "", "the fourth one"};
-  for (std::size_t at = 14; at < 48; ++at)
-    message->Trailer[at] = static_cast<std::uint8_t>(0x80 + at);
-  for (std::size_t at = 4; at < 12; ++at)
-    message->Trailer[at] = static_cast<std::uint8_t>(0x80 + at);
-}
+const decltype(lumo::Message::Strings) kAnyStrings = {"odd", std::string("\0\xFF", 2), "",
+                                                      "the fourth one"};
 
 class TcpPackets : public AgentTest {
  protected:
@@ -100,8 +83,8 @@ TEST_F(TcpPackets, ARequestArrivesAsItIsWithItsMarkAndTheLinksDescriptor) {
   const std::int32_t descriptor = std::atoi(log.c_str() + at + 1 + mark.size());
   EXPECT_EQ(DescriptorTarget(agent_.Pid(), descriptor).rfind("socket:", 0), 0u);
 
-  lumo::Message request = client_->Request("srv");
-  FillPassedFields(&request);
+  lumo::Message request = FullMessage(*client_, "srv");
+  request.Strings = kAnyStrings;
   client_->SendMessage(request);
   std::string expected = lumo::Encode(request, lumo::Lengths::Packet);
   const std::size_t trailer = expected.size() - 48;
@@ -135,8 +118,10 @@ TEST_F(TcpPackets, TheLargestRequestArrivesWhole) {
 TEST_F(TcpPackets, AnAnswerArrivesAsItIsWithTheTaskNameOfItsTrailer) {
   StartConnected();
   const lumo::Message request = InFlight();
-  lumo::Message answer = AnswerTo(request, "");
-  FillPassedFields(&answer);
+  lumo::Message answer = FullMessage(*client_, "srv");
+  answer.Strings = kAnyStrings;
+  answer.SetTrailerTaskName(request.TaskName);
+  answer.SetAstInd(request.AstInd());
   answer.TaskName = 0x01020304;
   node_.SendMessage(answer);
   answer.TaskName = request.TaskName;
