@@ -16,7 +16,6 @@ namespace {
 
 using WithoutAMode = AgentTest;
 using AutoChangeMode = AgentTest;
-using AutoConnectMode = AgentTest;
 
 TEST_F(WithoutAMode, AFailureAtOnceIsAnsweredWithItsOwnCodeAndErrno) {
   LateKernel kernel(agent_);
@@ -157,6 +156,24 @@ TEST_F(AutoChangeMode, AConnectionThatTheNodeClosesDoesNotMoveTheDefault) {
   ExpectFirstServedBy(node, "A", client, client.Send());
 }
 
+class AutoConnectMode : public AgentTest {
+ protected:
+  // The node becomes the default, and goes: what the log tells of the next circle.
+  template <class Server>
+  void ExpectNextCircleToEndAt(Server& node, const std::string& name, const std::string& nodetab,
+                               const std::string& circle) {
+    agent_.Option("-AUTOCONNECT").LogLevel("1");
+    Client client = StartWithClient(nodetab);
+    ExpectFirstServedBy(node, name, client, client.Send());
+    node.StopListening();
+    node.Close();
+    ASSERT_TRUE(agent_.WaitForLog("Disconnect link  " + name + "\n"));
+    const std::size_t before = LogOf(agent_).size();
+    client.ExpectError(client.Send(), 4006, 0);
+    EXPECT_EQ(LogOf(agent_).substr(before), circle);
+  }
+};
+
 const std::string kCircleOfThree = TriedAsDefault({"B", "C"});
 
 TEST_F(AutoConnectMode, TheRequestGoesToTheFirstNodeThatConnects) {
@@ -170,15 +187,8 @@ TEST_F(AutoConnectMode, TheRequestGoesToTheFirstNodeThatConnects) {
 
 TEST_F(AutoConnectMode, ANodeThatConnectedAtOnceIsWhereTheNextCircleEnds) {
   LocalKernel kernel(agent_);
-  agent_.Option("-G").LogLevel("1");
-  Client client = StartWithClient("A REZ\nB REZ\n" + kernel.Line("C"));
-  ExpectFirstServedBy(kernel, "C", client, client.Send());
-  kernel.StopListening();
-  kernel.Close();
-  ASSERT_TRUE(agent_.WaitForLog("Disconnect link  C\n"));
-  const std::size_t before = LogOf(agent_).size();
-  client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(LogOf(agent_).substr(before), FailedCircle({"A", "B"}, "C"));
+  ExpectNextCircleToEndAt(kernel, "C", "A REZ\nB REZ\n" + kernel.Line("C"),
+                          FailedCircle({"A", "B"}, "C"));
 }
 
 TEST_F(AutoConnectMode, ARequestThatNamesTheFailedDefaultIsAnsweredWhenAnotherNodeTakesOver) {
@@ -213,15 +223,8 @@ TEST_F(AutoConnectMode, RequestsFollowTheDefaultToANodeThatConnectsLater) {
 
 TEST_F(AutoConnectMode, ADefaultThatConnectedLaterIsWhereTheNextCircleEnds) {
   Node node;
-  agent_.Option("-AUTOCONNECT").LogLevel("1");
-  Client client = StartWithClient("A REZ\n" + node.Line("B") + "C REZ\n");
-  ExpectFirstServedBy(node, "B", client, client.Send());
-  node.StopListening();
-  node.Close();
-  ASSERT_TRUE(agent_.WaitForLog("Disconnect link  B\n"));
-  const std::size_t before = LogOf(agent_).size();
-  client.ExpectError(client.Send(), 4006, 0);
-  EXPECT_EQ(LogOf(agent_).substr(before), FailedCircle({"C", "A"}, "B"));
+  ExpectNextCircleToEndAt(node, "B", "A REZ\n" + node.Line("B") + "C REZ\n",
+                          FailedCircle({"C", "A"}, "B"));
 }
 
 TEST_F(AutoConnectMode, WhileANodeIsConnectingTheCirclesEndStaysWhereItWas) {
