@@ -1,6 +1,5 @@
 // LUMO_STRICT_TASKS and LUMO_MANAGERS, in the agent itself.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 
