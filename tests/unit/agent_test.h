@@ -71,16 +71,26 @@ class FakeProtocol {
   int SendResult = 0;
   // Replaces the connecting of a link: sets State, returns the status.
   std::function<int(Link*)> OnConnect;
-  // Carried out by ReadyForRead, after it was recorded.
+  // Carried out by the operation, after it was recorded.
   std::function<int(Link*)> OnRead;
-  // Carried out by TimerEvent, after it was recorded.
   std::function<void()> OnTimer;
-  // Carried out by DisconnectLink, after it was recorded.
   std::function<void(Link*)> OnDisconnect;
-  // Carried out by ClientDeadEvent, after it was recorded.
   std::function<void(Link*)> OnDead;
-  // Carried out by SendToNetwork, after the message was recorded.
   std::function<int(Link*, ClientMessage*)> OnSend;
+
+  // From now on the operation fails with this status, and this error unless it is 0.
+  void FailToConnect(int status, int error) {
+    OnConnect = [=](Link*) { return Failure(status, error); };
+  }
+  void FailToSend(int status, int error) {
+    OnSend = [=](Link*, ClientMessage*) { return Failure(status, error); };
+  }
+  void StayConnecting() {
+    OnConnect = [](Link* link) {
+      link->State = kLinkConnecting;
+      return 0;
+    };
+  }
 
   int Count(const std::string& call) const {
     return static_cast<int>(std::count(Calls.begin(), Calls.end(), call));
@@ -94,6 +104,10 @@ class FakeProtocol {
  private:
   inline static std::vector<FakeProtocol*> All;
 
+  static int Failure(int status, int error) {
+    if (error != 0) errno = error;
+    return status;
+  }
   static FakeProtocol* Of(const char* operation, const Link* link) {
     for (FakeProtocol* fake : All) {
       if (link->Protocol != &fake->Record) continue;
@@ -236,6 +250,7 @@ class FakeClient {
 
   int Socket() const { return ends_[0]; }  // the agent's end
 
+  void Send(const std::string& bytes) const { SendAll(ends_[1], bytes); }
   std::string ReceivedBytes() const { return ReceiveAll(ends_[1]); }
   // The agent's own answers that have come since the last look: "TAG: CODE, ERRNO".
   Texts Received() const {

@@ -42,11 +42,13 @@ class NetworkAnswer : public AgentTest {
     EXPECT_EQ(msg.Length, trailerOffset + 52);
   }
 
-  static void ExpectRefused(std::initializer_list<std::uint16_t> counts) {
-    ClientMessage msg = WithCounts(counts);
-    const CapturedLog log(kLogError);
-    EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
-    EXPECT_EQ(log.Lines(), Texts{kBadFormat});
+  static void ExpectRefused(std::initializer_list<std::initializer_list<std::uint16_t>> messages) {
+    for (const auto& counts : messages) {
+      ClientMessage msg = WithCounts(counts);
+      const CapturedLog log(kLogError);
+      EXPECT_EQ(HandleNetworkMsg("test", __LINE__, &msg), kStatusReceive);
+      EXPECT_EQ(log.Lines(), Texts{kBadFormat}) << testing::PrintToString(counts);
+    }
   }
 
   static const MsgInfo* Received(std::int32_t task, std::uint16_t astInd) {
@@ -73,26 +75,20 @@ TEST_F(NetworkAnswer, AStringMayFillTheMessageToItsLastByte) {
 }
 
 TEST_F(NetworkAnswer, AStringThatLeavesNoRoomForTheTrailerIsRefused) {
-  ExpectRefused({8085, 0, 0, 0});
-  ExpectRefused({0, 8085, 0, 0});
-  ExpectRefused({0, 0, 0, 8085});
-  ExpectRefused({2020, 2022, 2022, 2022});
+  ExpectRefused({{8085, 0, 0, 0}, {0, 8085, 0, 0}, {0, 0, 0, 8085}, {2020, 2022, 2022, 2022}});
 }
 
 TEST_F(NetworkAnswer, AStringAboveTheLargestUnitCountIsRefused) {
-  ExpectRefused({8187, 0, 0, 0});
-  ExpectRefused({0, 8187, 0, 0});
-  ExpectRefused({0, 0, 8187, 0});
-  ExpectRefused({0, 0, 0, 8187});
-  ExpectRefused({0xFFFF, 0, 0, 0});
-  ExpectRefused({0, 0, 0, 0xFFFE});
+  ExpectRefused({{8187, 0, 0, 0},
+                 {0, 8187, 0, 0},
+                 {0, 0, 8187, 0},
+                 {0, 0, 0, 8187},
+                 {0xFFFF, 0, 0, 0},
+                 {0, 0, 0, 0xFFFE}});
 }
 
 TEST_F(NetworkAnswer, StringsThatWouldPassAloneAreRefusedWhenTogetherTheyLeaveTheArea) {
-  ExpectRefused({8186, 0, 0, 0});
-  ExpectRefused({8086, 0, 0, 0});
-  ExpectRefused({8000, 8000, 8000, 8000});
-  ExpectRefused({8090, 1, 0, 0});
+  ExpectRefused({{8186, 0, 0, 0}, {8086, 0, 0, 0}, {8000, 8000, 8000, 8000}, {8090, 1, 0, 0}});
 }
 
 TEST_F(NetworkAnswer, TheRefusalIsTracedWithItsWord) {
@@ -315,10 +311,7 @@ TEST_F(RequestSending, AFailedSendTakesTheLinkDownAndAnswersAllWhoWaitOnIt) {
   ClientMessage sentElsewhere = RequestOf(elsewhere, 2);
   ASSERT_EQ(SendMsgToLink("test", __LINE__, other, &sentElsewhere), 0);
   AgentTest::Save(RequestOf(second, 3), A);
-  Fake().OnSend = [](Link*, ClientMessage*) {
-    errno = EPIPE;
-    return 4007;
-  };
+  Fake().FailToSend(4007, EPIPE);
   ClientMessage failing = RequestOf(client_, 4);
   const CapturedLog log;
   EXPECT_EQ(Send(&failing), -1);

@@ -47,6 +47,12 @@ class ManagementCommands : public AgentTest {
     EXPECT_EQ(Item(), item) << code;
   }
 
+  // The command succeeds, and these are the nodes afterwards.
+  void ExpectNodes(int code, std::int32_t rowId, const std::string& text, const char* nodes) {
+    EXPECT_EQ(Command(code, rowId, text), 0);
+    EXPECT_EQ(Circle(), nodes);
+  }
+
   template <class T>
   T ItemField(std::size_t at) const {
     T value;
@@ -264,8 +270,7 @@ TEST_F(NodetabPathCommand, RepeatedCallsDoNotUseUpDescriptors) {
 // Adding
 
 TEST_F(ManagementCommands, ANodeIsAddedAtTheEnd) {
-  EXPECT_EQ(Command(119, 0, "new FAKE there"), 0);
-  EXPECT_EQ(Circle(), "A B C NEW");
+  ExpectNodes(119, 0, "new FAKE there", "A B C NEW");
   EXPECT_EQ(Command(102), 4);
   EXPECT_EQ(g_DbcI.DefaultLink, A);
 }
@@ -384,12 +389,9 @@ TEST_F(ManagementCommands, TheNameMustHaveTheNodesLength) {
 
 TEST_F(ManagementCommands, ADisconnectedNodeIsDeletedByNameNumberOrAsTheDefault) {
   AddLink("D");
-  EXPECT_EQ(Command(123, 0, "c"), 0);
-  EXPECT_EQ(Circle(), "A B D");
-  EXPECT_EQ(Command(124, 1), 0);
-  EXPECT_EQ(Circle(), "A D");
-  EXPECT_EQ(Command(125), 0);
-  EXPECT_EQ(Circle(), "D");
+  ExpectNodes(123, 0, "c", "A B D");
+  ExpectNodes(124, 1, "", "A D");
+  ExpectNodes(125, 0, "", "D");
   EXPECT_EQ(Fake().Count("UninitLink A"), 1);
   EXPECT_EQ(g_DbcI.FirstLink->NodeName, std::string("D"));
   EXPECT_EQ(g_DbcI.DefaultLink, g_DbcI.FirstLink);
@@ -426,8 +428,7 @@ TEST_F(ManagementCommands, DeletingTheLastNodeLeavesNoPointer) {
 }
 
 TEST_F(ManagementCommands, DeletingTheDefaultConnectsTheNextNodeAndRestoresTheMode) {
-  EXPECT_EQ(Command(125), 0);
-  EXPECT_EQ(Circle(), "B C");
+  ExpectNodes(125, 0, "", "B C");
   EXPECT_EQ(g_DbcI.DefaultLink, B);
   EXPECT_EQ(g_DbcI.CircleStartLink, B);
   EXPECT_EQ(B->State, kLinkConnected);
@@ -436,9 +437,8 @@ TEST_F(ManagementCommands, DeletingTheDefaultConnectsTheNextNodeAndRestoresTheMo
 }
 
 TEST_F(ManagementCommands, WhenNoNodeConnectsTheSuccessorIsTheDefaultAndTheCircleHasNoStart) {
-  Fake().OnConnect = [](Link*) { return kStatusConnect; };
-  EXPECT_EQ(Command(125), 0);
-  EXPECT_EQ(Circle(), "B C");
+  Fake().FailToConnect(kStatusConnect, 0);
+  ExpectNodes(125, 0, "", "B C");
   EXPECT_EQ(g_DbcI.DefaultLink, B);
   EXPECT_EQ(g_DbcI.CircleStartLink, nullptr);
   EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
@@ -460,10 +460,7 @@ TEST_F(ManagementCommands, ANewCircleStartIsTheFirstNodeThatConnects) {
 
 TEST_F(ManagementCommands, ANodeThatIsOnlyConnectingDoesNotBecomeTheCircleStart) {
   g_DbcI.DefaultLink = C;
-  Fake().OnConnect = [](Link* link) {
-    link->State = kLinkConnecting;
-    return 0;
-  };
+  Fake().StayConnecting();
   EXPECT_EQ(Command(124, 0), 0);
   EXPECT_EQ(Fake().Count("ConnectLink B"), 1);
   EXPECT_EQ(Fake().Count("ConnectLink C"), 0);
@@ -531,8 +528,7 @@ TEST_F(ManagementCommands, DeletingTheEntryOfTheCircleLetsWalksStartAnew) {
 // Redefinition
 
 TEST_F(ManagementCommands, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
-  EXPECT_EQ(Command(127, 1, "new FAKE elsewhere"), 0);
-  EXPECT_EQ(Circle(), "A NEW C");
+  ExpectNodes(127, 1, "new FAKE elsewhere", "A NEW C");
   EXPECT_STREQ(AddressOf(B), "elsewhere");
   EXPECT_EQ(Fake().Count("UninitLink B"), 1);
   EXPECT_EQ(Fake().Count("DisconnectLink B"), 0);
@@ -540,8 +536,7 @@ TEST_F(ManagementCommands, ADisconnectedNodeTakesItsNewDefinitionAtOnce) {
 
 TEST_F(ManagementCommands, TheDefaultNodeIsRedefined) {
   g_DbcI.DefaultLink = C;
-  EXPECT_EQ(Command(128, 0, "D FAKE there"), 0);
-  EXPECT_EQ(Circle(), "A B D");
+  ExpectNodes(128, 0, "D FAKE there", "A B D");
   EXPECT_EQ(g_DbcI.DefaultLink, C);
 }
 
@@ -555,8 +550,7 @@ TEST_F(ManagementCommands, TheNameOfANodeToRedefineMayBePadded) {
 
 TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionStaysAsItIs) {
   for (const std::string& text : {std::string("B"), std::string("B\0", 2), std::string("B\0\0", 3)})
-    EXPECT_EQ(Command(126, 0, text), 0);
-  EXPECT_EQ(Circle(), "A B C");
+    ExpectNodes(126, 0, text, "A B C");
   EXPECT_EQ(Fake().Calls.size(), 0U);
 }
 
@@ -572,16 +566,14 @@ TEST_F(ManagementCommands, ANamedNodeWithoutADefinitionIsDeletedLaterAllTheSame)
 TEST_F(ManagementCommands, ADefinitionThatMakesNoNodeChangesNothingButGives0) {
   CapturedStderr log;
   EXPECT_EQ(Command(127, 1, "TOOLONGNAME FAKE there"), 0);
-  EXPECT_EQ(Command(127, 1, "D FAKE bad"), 0);
-  EXPECT_EQ(Circle(), "A B C");
+  ExpectNodes(127, 1, "D FAKE bad", "A B C");
   EXPECT_STREQ(AddressOf(B), "B");
 }
 
 TEST_F(ManagementCommands, ABusyNodeKeepsItsDefinitionUntilItDisconnects) {
   B->State = kLinkConnected;
   B->DeletePending = 1;
-  EXPECT_EQ(Command(126, 0, std::string("B\0\0D FAKE there", 15)), 0);
-  EXPECT_EQ(Circle(), "A B C");
+  ExpectNodes(126, 0, std::string("B\0\0D FAKE there", 15), "A B C");
   EXPECT_STREQ(B->PendingNodetabLine, "D FAKE there");
   EXPECT_EQ(B->DeletePending, 0);
   DisconnectLink("test", __LINE__, B, 4009, 0);
@@ -630,10 +622,7 @@ TEST_F(ManagementCommands, WhileTheAgentIsStoppingNothingPendingIsCarriedOut) {
 TEST_F(ManagementCommands, CarryingOutWhatIsPendingKeepsErrno) {
   std::strcpy(B->PendingNodetabLine, "D FAKE there");
   C->DeletePending = 1;
-  Fake().OnConnect = [](Link*) {
-    errno = EIO;
-    return kStatusConnect;
-  };
+  Fake().FailToConnect(kStatusConnect, EIO);
   g_DbcI.CircleStartLink = C;
   errno = ENOSPC;
   SyncNode("test", __LINE__, B);

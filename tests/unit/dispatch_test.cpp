@@ -47,19 +47,6 @@ class RequestDispatch : public ClientTest {
     EXPECT_TRUE(answer);
     return answer ? answer->RowId : -1;
   }
-  // ConnectLink fails with this code and error.
-  void FailToConnect(int status, int error) {
-    Fake().OnConnect = [status, error](Link*) {
-      if (error != 0) errno = error;
-      return status;
-    };
-  }
-  void StayConnecting() {
-    Fake().OnConnect = [](Link* link) {
-      link->State = kLinkConnecting;
-      return 0;
-    };
-  }
   static void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
     std::size_t at = 0;
     for (const std::string& text : texts) {
@@ -214,7 +201,7 @@ TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
 }
 
 TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
-  FailToConnect(4006, ECONNREFUSED);
+  Fake().FailToConnect(4006, ECONNREFUSED);
   const CapturedLog log;
   ExpectAnswered(Request("A", 7), -1, 4006, ECONNREFUSED);
   EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "DisconnectLink A"}));
@@ -225,13 +212,13 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
 }
 
 TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
-  FailToConnect(4066, 0);
+  Fake().FailToConnect(4066, 0);
   errno = EIO;
   ExpectAnswered(Request("A", 7), -1, 4066, 0);
 }
 
 TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
-  FailToConnect(4006, ECONNREFUSED);
+  Fake().FailToConnect(4006, ECONNREFUSED);
   for (const std::uint8_t level : std::initializer_list<std::uint8_t>{0, 2, 15}) {
     g_DbcI.LogLevel = level;
     const lumo::Message request = Request("A", level);
@@ -243,7 +230,7 @@ TEST_F(RequestDispatch, ErrorsDoNotDependOnTheTraceLevel) {
 
 TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
   AddLink("B");
-  FailToConnect(4006, ENETUNREACH);
+  Fake().FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(Waiting(g_DbcI.DefaultLink).size(), 0u);
 }
@@ -251,7 +238,7 @@ TEST_F(RequestDispatch, TheDefaultLinkFailsLikeAnyOtherWithoutAMode) {
 TEST_F(RequestDispatch, OnlyTheDefaultLinkFallsBack) {
   g_DbcI.AutoConnect = 1;
   AddLink("B");
-  FailToConnect(4006, ENETUNREACH);
+  Fake().FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("B", 7), -1, 4006, ENETUNREACH);
   EXPECT_EQ(Fake().Count("ConnectLink A"), 0);
 }
@@ -278,7 +265,7 @@ TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
 TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
   g_DbcI.AutoConnect = 1;
   AddLink("B");
-  FailToConnect(4066, 0);
+  Fake().FailToConnect(4066, 0);
   const CapturedLog log;
   ExpectAnswered(Request("", 7), 0, 4006, 0);
   EXPECT_TRUE(log.Contains(
@@ -288,7 +275,7 @@ TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
 TEST_F(RequestDispatch, ANamedRequestOfTheFailedDefaultIsAnsweredWithTheFailure) {
   g_DbcI.AutoChange = 1;
   B = AddLink("B");
-  FailToConnect(4006, ENETUNREACH);
+  Fake().FailToConnect(4006, ENETUNREACH);
   const lumo::Message request = Request("A", 7);
   EXPECT_EQ(Serve(request), 0);
   EXPECT_EQ(g_DbcI.DefaultLink, B);
@@ -297,7 +284,7 @@ TEST_F(RequestDispatch, ANamedRequestOfTheFailedDefaultIsAnsweredWithTheFailure)
 
 TEST_F(RequestDispatch, ASingleDefaultLinkDoesNotFallBack) {
   g_DbcI.AutoConnect = g_DbcI.AutoChange = 1;
-  FailToConnect(4006, ENETUNREACH);
+  Fake().FailToConnect(4006, ENETUNREACH);
   ExpectAnswered(Request("", 7), -1, 4006, ENETUNREACH);
 }
 
@@ -305,7 +292,7 @@ TEST_F(RequestDispatch, ARequestForTheDownDefaultLinkLoadsTheCircleTimerWithHalf
   g_DbcI.AutoConnect = 1;
   g_DbcI.AutoConnectTimeout = 21;
   AddLink("B");
-  StayConnecting();
+  Fake().StayConnecting();
   Serve("");
   EXPECT_EQ(g_DbcI.CircleTimeCount, 10);
 }
@@ -318,7 +305,7 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
     int Expected;
   };
   B = AddLink("B");
-  StayConnecting();
+  Fake().StayConnecting();
   std::uint16_t tag = 0;
   for (const Case& one :
        {Case{1, 0, 20, 0, "", 10}, Case{1, 0, 20, 0, "A", 10}, Case{0, 1, 20, 0, "", 0},
@@ -340,7 +327,7 @@ TEST_F(RequestDispatch, TheCircleTimerIsLoadedOnlyWhenAllConditionsHold) {
 }
 
 TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
-  StayConnecting();
+  Fake().StayConnecting();
   const CapturedLog log;
   EXPECT_EQ(Serve("A", 1), 0);
   EXPECT_EQ(Serve("A", 2), 0);
@@ -352,7 +339,7 @@ TEST_F(RequestDispatch, WhileTheLinkConnectsItsRequestsAreSaved) {
 }
 
 TEST_F(RequestDispatch, WithConnErrorAConnectingLinkAnswersAtOnce) {
-  StayConnecting();
+  Fake().StayConnecting();
   g_DbcI.ConnError = 1;
   for (const int code : {4006, 1001}) {
     g_DbcI.Err1001 = code == 1001;
@@ -391,10 +378,7 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
 
 TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
   A->State = kLinkConnected;
-  Fake().OnSend = [](Link*, ClientMessage*) {
-    errno = EPIPE;
-    return 4007;
-  };
+  Fake().FailToSend(4007, EPIPE);
   const CapturedLog log;
   ExpectAnswered(Request("A", 7), -1, 4007, EPIPE);
   EXPECT_EQ(A->State, kLinkDisconnected);
@@ -406,7 +390,7 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
 }
 
 TEST_F(RequestDispatch, ARequestWaitsNowhereAfterItsAnswer) {
-  FailToConnect(4006, ECONNREFUSED);
+  Fake().FailToConnect(4006, ECONNREFUSED);
   Serve("A");
   Take(socket_);
   EXPECT_TRUE(Waiting(A).empty());

@@ -15,6 +15,17 @@ class Dummy : public AgentTest {
     AgentTest::SetUp();
     Record = {};
   }
+  // All operations but the connect.
+  static void ExpectZeroOfAll(const char* file, int line, Link* link, char* address,
+                              ClientMessage* msg) {
+    EXPECT_EQ(Record.InitLink(file, line, link, address), 0);
+    for (LinkOperation* const operation :
+         {Record.UninitLink, Record.ReadyForWrite, Record.ReadyForRead, Record.DisconnectLink,
+          Record.TimerEvent})
+      EXPECT_EQ(operation(file, line, link), 0);
+    EXPECT_EQ(Record.SendToNetwork(file, line, link, msg), 0);
+    EXPECT_EQ(Record.ClientDeadEvent(file, line, link, line), 0);
+  }
   inline static Protocol Record;
 };
 
@@ -55,27 +66,13 @@ TEST_F(Dummy, EveryOperationButTheConnectReturnsZeroAndTracesNothing) {
   Link link = {};
   ClientMessage msg = {};
   char address[] = "anything";
-  EXPECT_EQ(Record.InitLink("test", 1, &link, address), 0);
-  EXPECT_EQ(Record.UninitLink("test", 1, &link), 0);
-  EXPECT_EQ(Record.ReadyForWrite("test", 1, &link), 0);
-  EXPECT_EQ(Record.ReadyForRead("test", 1, &link), 0);
-  EXPECT_EQ(Record.DisconnectLink("test", 1, &link), 0);
-  EXPECT_EQ(Record.TimerEvent("test", 1, &link), 0);
-  EXPECT_EQ(Record.SendToNetwork("test", 1, &link, &msg), 0);
-  EXPECT_EQ(Record.ClientDeadEvent("test", 1, &link, 1), 0);
+  ExpectZeroOfAll("test", 1, &link, address, &msg);
   EXPECT_EQ(log.Text(), "");
 }
 
 TEST_F(Dummy, TheOperationsLookAtNoneOfTheirArguments) {
   ASSERT_EQ(Init("REZ"), 0);
-  EXPECT_EQ(Record.InitLink(nullptr, 0, nullptr, nullptr), 0);
-  EXPECT_EQ(Record.UninitLink(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(Record.ReadyForWrite(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(Record.ReadyForRead(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(Record.DisconnectLink(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(Record.TimerEvent(nullptr, 0, nullptr), 0);
-  EXPECT_EQ(Record.SendToNetwork(nullptr, 0, nullptr, nullptr), 0);
-  EXPECT_EQ(Record.ClientDeadEvent(nullptr, 0, nullptr, 0), 0);
+  ExpectZeroOfAll(nullptr, 0, nullptr, nullptr, nullptr);
 }
 
 TEST_F(Dummy, ALinkKeepsNoDataAndStaysDisconnected) {

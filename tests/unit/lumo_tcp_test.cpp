@@ -91,16 +91,12 @@ TEST_F(TcpAddress, AnyWhiteSpaceSeparatesTheFieldsAndIsOverwritten) {
 }
 
 TEST_F(TcpAddress, PortsAreReadInTheBaseOfTheirPrefix) {
-  EXPECT_EQ(PortOf("1061"), 1061);
-  EXPECT_EQ(PortOf("0x425"), 1061);
-  EXPECT_EQ(PortOf("02045"), 1061);
+  for (const char* word : {"1061", "0x425", "02045"}) EXPECT_EQ(PortOf(word), 1061) << word;
   EXPECT_EQ(PortOf("12ab"), 12);
 }
 
 TEST_F(TcpAddress, AMissingPortIsTheDefaultOne) {
-  EXPECT_EQ(PortOf(""), 1060);
-  EXPECT_EQ(PortOf("0"), 1060);
-  EXPECT_EQ(PortOf("none"), 1060);
+  for (const char* word : {"", "0", "none"}) EXPECT_EQ(PortOf(word), 1060) << word;
 }
 
 TEST_F(TcpAddress, APortIsCutToSixteenBits) {
@@ -117,14 +113,8 @@ TEST_F(TcpAddress, AReceiveTimeoutCountsTwentyfold) {
 }
 
 TEST_F(TcpAddress, OnlyATextThatBeginsWithZeroTurnsKeepAliveOff) {
-  EXPECT_EQ(ReceiveTimeoutOf("0"), 0);
-  EXPECT_EQ(ReceiveTimeoutOf("00"), 0);
-  EXPECT_EQ(ReceiveTimeoutOf("0x0"), 0);
-  EXPECT_EQ(ReceiveTimeoutOf("0abc"), 0);
-  EXPECT_EQ(ReceiveTimeoutOf(""), 20);
-  EXPECT_EQ(ReceiveTimeoutOf("-3"), 20);
-  EXPECT_EQ(ReceiveTimeoutOf("-0"), 20);
-  EXPECT_EQ(ReceiveTimeoutOf("never"), 20);
+  for (const char* word : {"0", "00", "0x0", "0abc"}) EXPECT_EQ(ReceiveTimeoutOf(word), 0) << word;
+  for (const char* word : {"", "-3", "-0", "never"}) EXPECT_EQ(ReceiveTimeoutOf(word), 20) << word;
 }
 
 TEST_F(TcpAddress, SendAndConnectTimeoutsAreNeverNegative) {
@@ -252,12 +242,8 @@ TEST_F(TcpDriver, WithoutTimeoutsNothingIsAnnounced) {
 
 TEST_F(TcpDriver, ASocketThatCannotBeMadeGives4001) {
   ASSERT_EQ(Init("dbhost"), 0);
-  const CapturedLog log(kLogDriver);
-  const FailingSystemCall failing(SystemCall::Socket, EMFILE);
-  EXPECT_EQ(Connect(), 4001);
-  EXPECT_EQ(errno, EMFILE);
-  log.ExpectOnce("3 lumo_tcp|tcpip. Connect. socket(PF_INET..) return bad status. errno = 24");
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  ExpectNoConnect({SystemCall::Socket, EMFILE}, 4001, EMFILE,
+                  "3 lumo_tcp|tcpip. Connect. socket(PF_INET..) return bad status. errno = 24");
 }
 
 TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
@@ -282,13 +268,10 @@ TEST_F(TcpDriver, Descriptor255IsRefusedAndClosed) {
 
 TEST_F(TcpDriver, ADescriptorModeThatCannotBeSetGives4002AndClosesIt) {
   ASSERT_EQ(Init("dbhost"), 0);
-  const CapturedLog log;
-  const int used = NextDescriptor();
-  EXPECT_EQ(With({SystemCall::Fcntl, EPERM, 1}, [&] { return Connect(); }), 4002);
-  EXPECT_EQ(errno, EPERM);
-  EXPECT_FALSE(IsOpen(used));
-  log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  const int fd =
+      ExpectNoConnect({SystemCall::Fcntl, EPERM, 1}, 4002, EPERM,
+                      "15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
+  EXPECT_FALSE(IsOpen(fd));
 }
 
 TEST_F(TcpDriver, AnOptionThatCannotBeSetGives4002AndLeavesTheSocketOpen) {
@@ -331,14 +314,9 @@ TEST_F(TcpDriver, ASegmentSizeThatIsRefusedChangesNothing) {
 
 TEST_F(TcpDriver, AConnectThatFailsAtOnceGives4006AndClosesTheSocket) {
   ASSERT_EQ(Init("dbhost"), 0);
-  const CapturedLog log(kLogDriver);
-  const int next = NextDescriptor();
-  const FailingSystemCall failing(SystemCall::Connect, ENETUNREACH);
-  EXPECT_EQ(Connect(), 4006);
-  EXPECT_EQ(errno, ENETUNREACH);
-  EXPECT_FALSE(IsOpen(next));
-  log.ExpectOnce("3 lumo_tcp|tcpip. connect(...) return bad status. errno = 101");
-  EXPECT_EQ(Node->State, kLinkDisconnected);
+  const int fd = ExpectNoConnect({SystemCall::Connect, ENETUNREACH}, 4006, ENETUNREACH,
+                                 "3 lumo_tcp|tcpip. connect(...) return bad status. errno = 101");
+  EXPECT_FALSE(IsOpen(fd));
 }
 
 TEST_F(TcpDriver, AnInterruptedConnectIsRepeated) {
@@ -403,10 +381,7 @@ TEST_F(TcpDriver, ABlockingModeThatCannotBeSetGives4002AndClosesTheSocket) {
   const CapturedLog log;
   EXPECT_EQ(With({SystemCall::Fcntl, EPERM, 1}, [&] { return ReadyForWrite(); }), 4002);
   EXPECT_EQ(errno, EPERM);
-  EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(Data().Socket, -1);
-  EXPECT_EQ(LinkOfSocket(fd), nullptr);
-  EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
+  ExpectReleased(fd);
   log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, ~O_NONBLOCK) return bad status. errno = 1");
 }
 

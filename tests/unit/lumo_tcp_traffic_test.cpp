@@ -15,11 +15,12 @@ class TcpTimer : public TcpDriver {
     for (const ControlWords& packet : packets) EXPECT_EQ(packet, kAlive);
     return packets.size();
   }
-  // A link with a connect under way, as far as it knows: connect() is scripted by the test.
-  void InProgress(const char* timeouts) {
-    ASSERT_EQ(Init((std::string("dbhost 1060 ") + timeouts).c_str()), 0);
-    const FailingSystemCall connecting(SystemCall::Connect, EINPROGRESS);
-    ASSERT_EQ(Connect(), 0);
+  // A link with a connect under way, as far as it knows: connect() is scripted by the test. Its
+  // descriptor.
+  int InProgress(const char* timeouts) {
+    EXPECT_EQ(Init((std::string("dbhost 1060 ") + timeouts).c_str()), 0);
+    EXPECT_EQ(With({SystemCall::Connect, EINPROGRESS}, [&] { return Connect(); }), 0);
+    return Data().Socket;
   }
 };
 
@@ -37,6 +38,16 @@ class TcpTraffic : public TcpDriver {
               Texts{"3: " + std::to_string(codErr) + ", " + std::to_string(sysErr)});
   }
   int Read() { return TcpReadyForRead("test", __LINE__, Node); }
+  // What has come breaks the link, which has a request in flight, and is no error of the system's.
+  void ExpectBroken(int status, const Texts& lines) {
+    InFlight();
+    const CapturedLog log;
+    errno = ENOTTY;  // stale
+    EXPECT_EQ(Read(), status);
+    EXPECT_EQ(Node->State, kLinkDisconnected);
+    ExpectAnswered(status, 0);
+    for (const std::string& line : lines) log.ExpectOnce(line);
+  }
   int Send(ClientMessage msg) { return TcpSendToNetwork("test", __LINE__, Node, &msg); }
   int TellOfDeath() { return TcpClientDeadEvent("test", __LINE__, Node, 4711); }
   int Disconnect() { return TcpDisconnectLink("test", __LINE__, Node); }
@@ -144,8 +155,7 @@ TEST_F(TcpTimer, WithoutAConnectTimeoutTheLinkWaitsOn) {
 }
 
 TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
-  InProgress("0 0 0");
-  const int fd = Data().Socket;
+  const int fd = InProgress("0 0 0");
   for (const int result : {EALREADY, EISCONN, EINPROGRESS}) {
     UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", __LINE__, fd);
     const CapturedLog log;
@@ -176,32 +186,25 @@ TEST_F(TcpTimer, ARepeatedConnectIsRepeatedWhenInterrupted) {
 }
 
 TEST_F(TcpTimer, ARepeatedConnectThatFailsGives4006AndClosesTheSocket) {
-  InProgress("0 0 0");
-  const int fd = Data().Socket;
+  const int fd = InProgress("0 0 0");
   const CapturedLog log;
   const FailingSystemCall failing(SystemCall::Connect, ECONNREFUSED);
   EXPECT_EQ(Tick(), 4006);
-  EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(Data().Socket, -1);
-  EXPECT_EQ(LinkOfSocket(fd), nullptr);
-  EXPECT_FALSE(WaitsToWrite(fd));
+  ExpectReleased(fd);
   log.ExpectOnce("3 lumo_tcp|tcpip. repeate connect(...) return bad status. errno = 111");
   log.ExpectOnce("15 lumo_tcp|'TcpTimerEvent' Leave FAILED repeate connect");
 }
 
 TEST_F(TcpTimer, AModeThatCannotBeSetAgainGives4002AndClosesTheSocket) {
-  InProgress("0 0 0");
-  const int fd = Data().Socket;
+  const int fd = InProgress("0 0 0");
   const CapturedLog log;
   EXPECT_EQ(With({SystemCall::Fcntl, EPERM}, [&] { return Tick(); }), 4002);
-  EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(Data().Socket, -1);
+  ExpectReleased(fd);
   log.ExpectOnce("15 lumo_tcp| fcntl(...F_SETFL, O_NONBLOCK) return bad status. errno = 1");
 }
 
 TEST_F(TcpTimer, AnOptionThatCannotBeSetAgainGives4002AndKeepsTheSocket) {
-  InProgress("0 0 0");
-  const int fd = Data().Socket;
+  const int fd = InProgress("0 0 0");
   const CapturedLog log;
   const FailingSocketOption failing(IPPROTO_TCP, TCP_NODELAY, ENOMEM);
   EXPECT_EQ(Tick(), 4002);
@@ -324,15 +327,10 @@ TEST_F(TcpTraffic, HalfAPacketIsKeptAndDoesNotRearmTheWatchdog) {
 }
 
 TEST_F(TcpTraffic, ATooLongPacketTakesTheLinkDownWith4008) {
-  InFlight();
   Deliver(BytesOf(8189));
-  const CapturedLog log;
-  EXPECT_EQ(Read(), 4008);
-  EXPECT_EQ(Node->State, kLinkDisconnected);
-  ExpectAnswered(4008, 0);
-  log.ExpectOnce(
-      "3 lumo_tcp|TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189");
-  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED format (length)");
+  ExpectBroken(4008,
+               {"3 lumo_tcp|TCPIP.Receive network is too long. Link \"SRV\". Call:recv. Len = 8189",
+                "15 lumo_tcp|'TcpReadyForRead' Leave FAILED format (length)"});
 }
 
 TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
@@ -346,25 +344,16 @@ TEST_F(TcpTraffic, AFailedReceiveTakesTheLinkDownWith4008AndItsError) {
 }
 
 TEST_F(TcpTraffic, AClosedConnectionGives4009WithoutAStaleError) {
-  InFlight();
   shutdown(FarEnd, SHUT_WR);
-  errno = ENOTTY;
-  const CapturedLog log;
-  EXPECT_EQ(Read(), 4009);
-  ExpectAnswered(4009, 0);
-  log.ExpectOnce("15 lumo_tcp|Connection \"SRV\" is broken. Call:recv");
+  ExpectBroken(4009, {"15 lumo_tcp|Connection \"SRV\" is broken. Call:recv"});
 }
 
 TEST_F(TcpTraffic, AMalformedAnswerTakesTheLinkDownWith4008) {
-  InFlight();
   ClientMessage answer = MakeRequest(getpid(), 0, 3);
   Put(answer.Strings, WireField<std::uint16_t>{0}, std::uint16_t{8187});
   Deliver(WireBytes(answer, 0, 108));
-  const CapturedLog log;
-  EXPECT_EQ(Read(), 4008);
-  ExpectAnswered(4008, 0);
-  log.ExpectOnce("2 link|Network packet format is fail.");
-  log.ExpectOnce("15 lumo_tcp|'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg");
+  ExpectBroken(4008, {"2 link|Network packet format is fail.",
+                      "15 lumo_tcp|'TcpReadyForRead' Leave FAILED:HanldeNetworkMsg"});
 }
 
 // The end
@@ -378,10 +367,7 @@ TEST_F(TcpTraffic, ADisconnectReleasesTheDescriptor) {
   const CapturedLog log;
   EXPECT_EQ(Disconnect(), 0);
   EXPECT_EQ(Node->State, kLinkDisconnected);
-  EXPECT_EQ(Data().Socket, -1);
-  EXPECT_FALSE(IsOpen(fd));
-  EXPECT_EQ(LinkOfSocket(fd), nullptr);
-  EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
+  ExpectReleased(fd);
   char byte;
   EXPECT_EQ(recv(FarEnd, &byte, 1, MSG_DONTWAIT), 0);
   close(copy);

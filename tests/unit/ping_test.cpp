@@ -291,10 +291,7 @@ TEST_F(PingMode, ADisconnectGivesTheVerdictInPlaceOfItsUsualWork) {
 }
 
 TEST_F(PingMode, ARefusedConnectionEndsTheRunWithItsVerdict) {
-  Fake().OnConnect = [](Link*) {
-    errno = ECONNREFUSED;
-    return static_cast<int>(kStatusConnect);
-  };
+  Fake().FailToConnect(kStatusConnect, ECONNREFUSED);
   ASSERT_EQ(Initialise("NODE FAKE here\n"), 0);
   EXPECT_EQ(Handle(), -1);
   EXPECT_EQ(Log, NotAlive("Connection refused"));

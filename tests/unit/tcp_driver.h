@@ -77,6 +77,16 @@ class TcpDriver : public AgentTest {
     ASSERT_EQ(Init((text + timeouts).c_str()), 0);
   }
   int Connect() { return TcpConnectLink("test", __LINE__, Node); }
+  // A connect during which the system fails so comes to this; the number that its descriptor had.
+  int ExpectNoConnect(const FailingSystemCall&, int status, int error, const char* line) {
+    const CapturedLog log;  // opens descriptors of its own
+    const int fd = NextDescriptor();
+    EXPECT_EQ(Connect(), status);
+    EXPECT_EQ(errno, error);
+    log.ExpectOnce(line);
+    EXPECT_EQ(Node->State, kLinkDisconnected);
+    return fd;
+  }
   // Connects the link up to the point where it is ready for write.
   void ConnectAndWait(const char* timeouts) {
     Connecting(timeouts);
@@ -98,6 +108,13 @@ class TcpDriver : public AgentTest {
   int Tick() { return TcpTimerEvent("test", __LINE__, Node); }
   void QuietTicks(int count) {
     for (int i = 0; i < count; ++i) ASSERT_EQ(Tick(), 0) << "at tick " << i + 1;
+  }
+  // The link's descriptor is gone.
+  void ExpectReleased(int fd) const {
+    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_EQ(Data().Socket, -1);
+    EXPECT_EQ(LinkOfSocket(fd), nullptr);
+    EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
   }
   bool WaitsToWrite(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
   bool WaitsToRead(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }

@@ -89,19 +89,18 @@ TEST_F(Waiting, FindsRoomForOutputBesideInputBehindEpoll) {
 }
 
 TEST_F(Waiting, OneDescriptorMayWaitForBothBehindEpoll) {
-  int pair[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+  const FakeClient client;
+  const int fd = client.Socket();
   PrepareWait();
-  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, pair[0]);
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd);
   EXPECT_EQ(Wait(true), 0);
   const FailingSystemCall looks(SystemCall::Select, 0, 1000000, 0);
-  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, pair[0]);
+  REGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, fd);
   EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(FD_ISSET(pair[0], &g_Ready.Write));
+  EXPECT_TRUE(FD_ISSET(fd, &g_Ready.Write));
   EXPECT_EQ(looks.Calls(), 0);
-  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, pair[0]);
-  UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, pair[0]);
-  for (const int fd : pair) close(fd);
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd);
+  UNREGISTER_SOCKET_FOR_WRITE_EVENT(kHere, 1, fd);
 }
 
 TEST_F(Waiting, FindsInputOfWhatEpollRefuses) {
@@ -155,29 +154,24 @@ TEST_F(Waiting, IsNotEndedByAClientWhoseConnectionIsClosedHereOnly) {
 // A parked connection's frames wait until it is read again.
 TEST_F(Waiting, IsNotEndedByFramesOfADescriptorThatIsNotRead) {
   PrepareWait();
-  int connection[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, connection), 0);
-  const std::uint32_t frame[2] = {8, 0};
-  for (int i = 0; i < 2; ++i) ASSERT_EQ(send(connection[1], frame, sizeof frame, 0), 8);
+  const FakeClient client;
+  const int fd = client.Socket();
+  for (int i = 0; i < 2; ++i) client.Send(BytesOf(8) + BytesOf(0));
   constexpr FrameFormat kFrame = {.LengthCounts = 4,
                                   .SmallestLength = 4,
                                   .LargestLength = 8,
                                   .TraceReceive = nullptr,
                                   .TraceLength = nullptr};
   unsigned char area[8192];
-  ASSERT_EQ(ReadFrame(connection[0], area, kFrame), FrameRead::Whole);
-  ASSERT_TRUE(FrameWaits(connection[0]));
-  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, connection[0]);
+  ASSERT_EQ(ReadFrame(fd, area, kFrame), FrameRead::Whole);
+  ASSERT_TRUE(FrameWaits(fd));
+  REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd);
   EXPECT_EQ(Wait(false), 1);
-  EXPECT_TRUE(FD_ISSET(connection[0], &g_Ready.Read));
-  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, connection[0]);
+  EXPECT_TRUE(FD_ISSET(fd, &g_Ready.Read));
+  UNREGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, fd);
   EXPECT_EQ(Wait(false), kInterrupted);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(false), 1);
-  EXPECT_FALSE(FD_ISSET(connection[0], &g_Ready.Read));
-  ForgetDescriptor(connection[0]);
-  close(connection[0]);
-  close(connection[1]);
+  ExpectFound(false);
+  EXPECT_FALSE(FD_ISSET(fd, &g_Ready.Read));
 }
 
 TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
@@ -190,8 +184,7 @@ TEST_F(Waiting, FindsInputOfAConnectionThatHasTheNumberOfAFormerOne) {
   ASSERT_EQ(pipe(ends_), 0);
   ASSERT_EQ(ends_[0], number);
   REGISTER_SOCKET_FOR_READ_EVENT(kHere, 1, ends_[0]);
-  ASSERT_EQ(write(ends_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(true), 1);
+  ExpectFound(true);
 }
 
 // As select does; the loop then looks for the bad one.
