@@ -178,6 +178,10 @@ inline int NextDescriptor() {
   return fd;
 }
 
+inline bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
+inline bool IsRead(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
+inline bool IsWritten(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
+
 // What a call comes to that leaves errno as it was.
 template <class Call>
 auto KeepingErrno(Call call) {
@@ -311,15 +315,20 @@ class AgentTest : public testing::Test {
     return fake;
   }
 
+  // A link in a circle of its own.
+  static Link* MakeLink(const char* name, Protocol* protocol) {
+    Link* const link = static_cast<Link*>(std::calloc(1, sizeof(Link)));
+    link->Protocol = protocol;
+    std::snprintf(link->NodeName, sizeof link->NodeName, "%s", name);
+    link->Next = link;
+    return link;
+  }
   // Appends a link to the circle; the first one is also first node, default and circle start.
   Link* AddLink(const char* name, FakeProtocol& fake) {
-    Link* const link = static_cast<Link*>(std::calloc(1, sizeof(Link)));
-    link->Protocol = &fake.Record;
-    std::snprintf(link->NodeName, sizeof link->NodeName, "%s", name);
+    Link* const link = MakeLink(name, &fake.Record);
     link->DriverData = strdup(name);
     if (!g_DbcI.LinkList) {
       g_DbcI.LinkList = g_DbcI.FirstLink = g_DbcI.DefaultLink = g_DbcI.CircleStartLink = link;
-      link->Next = link;
       return link;
     }
     Link* last = g_DbcI.LinkList;

@@ -38,8 +38,6 @@ class ClientTest : public AgentTest {
   std::string Take(int socket) const { return ReceiveAll(Far(socket)); }
 
   static bool IsClient(int socket) { return FD_ISSET(socket, &g_DbcI.ClientSockets); }
-  static bool IsRead(int socket) { return FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet); }
-  static bool IsOpen(int socket) { return fcntl(socket, F_GETFD) >= 0; }
 
   // A request as it comes over the connection, from a living process.
   static lumo::Message Request(const std::string& node, std::uint16_t astInd,
@@ -50,6 +48,12 @@ class ClientTest : public AgentTest {
     request.Strings[0] = text;
     request.SetTrailerTaskName(getpid());
     request.SetAstInd(astInd);
+    return request;
+  }
+  static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
+    lumo::Message request = Request(node, 3);
+    request.Command = "DBCA";
+    request.DbcApiCode = command;
     return request;
   }
   static std::string FrameOf(const lumo::Message& message) {

@@ -310,7 +310,7 @@ TEST_F(ClientAnswers, AClientThatLeavesMoreUnreadIsClosed) {
   KeepUnsent(kMebibyte - msg.Length - 3);
   ExpectFailure(msg, ENOBUFS);
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
-  EXPECT_FALSE(FD_ISSET(socket_, &g_DbcI.SocketSets.WriteSet));
+  EXPECT_FALSE(IsWritten(socket_));
   EXPECT_EQ(UnsentDescriptors(), 0);
 }
 
@@ -321,7 +321,7 @@ TEST_F(ClientAnswers, AFailedFlushClosesTheConnection) {
   FlushClient(socket_);
   EXPECT_TRUE(log.Contains("|Send to client fail. Call:send. errno 32\n"));
   EXPECT_FALSE(IsOpen(socket_) || IsClient(socket_) || IsRead(socket_));
-  EXPECT_FALSE(FD_ISSET(socket_, &g_DbcI.SocketSets.WriteSet));
+  EXPECT_FALSE(IsWritten(socket_));
 }
 
 TEST_F(ClientAnswers, AFlushGoesOnInOrder) {

@@ -25,24 +25,21 @@
 
 namespace {
 
-bool Reads(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
-bool Writes(int fd) { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
-
 class SocketRegistration : public AgentTest {};
 
 TEST_F(SocketRegistration, ForReadingPutsTheDescriptorIntoTheReadSetAlone) {
   REGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
-  EXPECT_TRUE(Reads(7));
-  EXPECT_FALSE(Writes(7));
-  EXPECT_FALSE(Reads(6) || Reads(8));
+  EXPECT_TRUE(IsRead(7));
+  EXPECT_FALSE(IsWritten(7));
+  EXPECT_FALSE(IsRead(6) || IsRead(8));
   EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 8);
   EXPECT_EQ(LinkOfSocket(7), nullptr);
 }
 
 TEST_F(SocketRegistration, ForWritingPutsTheDescriptorIntoTheWriteSetAlone) {
   REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 9);
-  EXPECT_TRUE(Writes(9));
-  EXPECT_FALSE(Reads(9));
+  EXPECT_TRUE(IsWritten(9));
+  EXPECT_FALSE(IsRead(9));
   EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 10);
 }
 
@@ -62,10 +59,10 @@ TEST_F(SocketRegistration, EachKindIsTakenBackByItself) {
   REGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 7);
   REGISTER_SOCKET_FOR_THE_LINK("test", 1, 7, link);
   UNREGISTER_SOCKET_FOR_READ_EVENT("test", 1, 7);
-  EXPECT_FALSE(Reads(7));
-  EXPECT_TRUE(Writes(7));
+  EXPECT_FALSE(IsRead(7));
+  EXPECT_TRUE(IsWritten(7));
   UNREGISTER_SOCKET_FOR_WRITE_EVENT("test", 1, 7);
-  EXPECT_FALSE(Writes(7));
+  EXPECT_FALSE(IsWritten(7));
   EXPECT_EQ(LinkOfSocket(7), link);
   UNREGISTER_SOCKET_FOR_THE_LINK("test", 1, 7);
   EXPECT_EQ(LinkOfSocket(7), nullptr);
@@ -82,7 +79,7 @@ TEST_F(SocketRegistration, ALinkOwnsDescriptorsUpTo254) {
 
 TEST_F(SocketRegistration, ClientDescriptorsMayBeAsLargeAsTheSets) {
   REGISTER_SOCKET_FOR_READ_EVENT("test", 1, FD_SETSIZE - 1);
-  EXPECT_TRUE(Reads(FD_SETSIZE - 1));
+  EXPECT_TRUE(IsRead(FD_SETSIZE - 1));
   EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, FD_SETSIZE);
 }
 
@@ -145,7 +142,7 @@ TEST_F(SocketRegistration, StartsEmptyWithTheProcessesOwnNumber) {
   EXPECT_EQ(DbcInitGlobal("test", 1), 0);
   EXPECT_EQ(g_DbcI.SocketSets.AgentPid, getpid());
   EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, 0);
-  EXPECT_FALSE(Reads(7) || Writes(8));
+  EXPECT_FALSE(IsRead(7) || IsWritten(8));
   EXPECT_EQ(LinkOfSocket(9), nullptr);
 }
 

@@ -35,25 +35,11 @@ class RequestDispatch : public ClientTest {
     EXPECT_EQ(Serve(request), result);
     ExpectOnlyError(request, codErr, sysErr);
   }
-  static lumo::Message Management(std::uint16_t command, const std::string& node = {}) {
-    lumo::Message request = Request(node, 3);
-    request.Command = "DBCA";
-    request.DbcApiCode = command;
-    return request;
-  }
   std::int32_t TakeManagementResult() {
     const std::optional<lumo::Message> answer =
         lumo::Decode(Take(socket_), lumo::Layout::Management);
     EXPECT_TRUE(answer);
     return answer ? answer->RowId : -1;
-  }
-  static void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
-    std::size_t at = 0;
-    for (const std::string& text : texts) {
-      const std::size_t found = log.find("|" + text + "\n", at);
-      ASSERT_NE(found, std::string::npos) << text << " is missing after here:\n" << log.substr(at);
-      at = found;
-    }
   }
 
   int socket_ = -1;
@@ -109,9 +95,9 @@ TEST_F(RequestDispatch, TheCircleIsEnteredAtTheNodeUsedLast) {
 TEST_F(RequestDispatch, AnUnknownNodeIsAnsweredWith4050) {
   const CapturedLog log;
   ExpectAnswered(Request("X", 7), -1, 4050, 0);
-  ExpectInOrder(log.Text(), {"Node name X dasn't correspondence to the nodetab file information",
-                             "MakeAnswerFromMsgInfo(TavrinError=4050, SysError=0)",
-                             "'HandleMessageFromClientQueue' Leave FAILED node name not found"});
+  log.ExpectInOrder({"15 clntxch|Node name X dasn't correspondence to the nodetab file information",
+                     "15 clntxch|MakeAnswerFromMsgInfo(TavrinError=4050, SysError=0)",
+                     "15 clntxch|'HandleMessageFromClientQueue' Leave FAILED node name not found"});
   EXPECT_EQ(g_DbcI.ClientPidList.Capacity, 0) << "the client used no link";
 }
 
@@ -188,10 +174,10 @@ TEST_F(RequestDispatch, ALinkThatConnectsAtOnceIsUsedAtOnce) {
   const MsgInfo* const info = FindMsgInfo(A, getpid(), 9);
   ASSERT_NE(info, nullptr);
   EXPECT_EQ(info->Socket, socket_);
-  ExpectInOrder(log.Text(),
-                {"Link A is disconnect state. Try up the link",
-                 "Link A is already connect state. Try send message", "Link A SUCESS send message",
-                 "'HandleMessageFromClientQueue' Leave SUCCESS"});
+  log.ExpectInOrder({"15 clntxch|Link A is disconnect state. Try up the link",
+                     "15 clntxch|Link A is already connect state. Try send message",
+                     "15 clntxch|Link A SUCESS send message",
+                     "15 clntxch|'HandleMessageFromClientQueue' Leave SUCCESS"});
 }
 
 TEST_F(RequestDispatch, AConnectedLinkIsNotConnectedAgain) {
@@ -205,10 +191,10 @@ TEST_F(RequestDispatch, ALinkThatCannotBeConnectedAnswersWithItsCodeAndError) {
   const CapturedLog log;
   ExpectAnswered(Request("A", 7), -1, 4006, ECONNREFUSED);
   EXPECT_EQ(Fake().Calls, (Texts{"ConnectLink A", "DisconnectLink A"}));
-  ExpectInOrder(log.Text(),
-                {"Link A is disconnect state. Try up the link", "Connect link A was failed",
-                 "MakeAnswerFromMsgInfo(TavrinError=4006, SysError=111)",
-                 "'HandleMessageFromClientQueue' Leave FAILED connect"});
+  log.ExpectInOrder({"15 clntxch|Link A is disconnect state. Try up the link",
+                     "15 clntxch|Connect link A was failed",
+                     "15 clntxch|MakeAnswerFromMsgInfo(TavrinError=4006, SysError=111)",
+                     "15 clntxch|'HandleMessageFromClientQueue' Leave FAILED connect"});
 }
 
 TEST_F(RequestDispatch, ACodeWithoutASystemErrorCarriesNone) {
@@ -258,8 +244,9 @@ TEST_F(RequestDispatch, TheRequestFollowsTheDefaultLinkToTheNextThatConnects) {
   EXPECT_NE(FindMsgInfo(B, getpid(), 7), nullptr);
   EXPECT_EQ(Waiting(A).size() + Waiting(B).size(), 0u);
   EXPECT_EQ(Take(socket_), "");
-  ExpectInOrder(log.Text(), {"Connect link A was failed", "'SaveUnsendMsg' Leave SUCCESS",
-                             "It's default link. Try set new default link"});
+  log.ExpectInOrder({"15 clntxch|Connect link A was failed",
+                     "15 primitiv|'SaveUnsendMsg' Leave SUCCESS",
+                     "15 clntxch|It's default link. Try set new default link"});
 }
 
 TEST_F(RequestDispatch, WhenTheWholeCircleFailsTheRequestIsAnsweredOnce) {
@@ -370,10 +357,10 @@ TEST_F(RequestDispatch, WithoutMemoryToNoteARequestIsAnsweredWith4200AndTheLinkG
   ExpectOnlyError(request, 4200, 0);
   EXPECT_EQ(A->State, kLinkDisconnected);
   EXPECT_EQ(Fake().Count("SendToNetwork A"), 0);
-  ExpectInOrder(log.Text(), {"'SaveMsgInfo' Leave FAILED allocat memory",
-                             "SaveMsgInfo return bad status. Send Error to client",
-                             "SendMsgToLink return < 0. Save the message. Send this later.",
-                             "Link A send message failed"});
+  log.ExpectInOrder({"15 primitiv|'SaveMsgInfo' Leave FAILED allocat memory",
+                     "15 link|SaveMsgInfo return bad status. Send Error to client",
+                     "15 clntxch|SendMsgToLink return < 0. Save the message. Send this later.",
+                     "15 clntxch|Link A send message failed"});
 }
 
 TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
@@ -383,10 +370,10 @@ TEST_F(RequestDispatch, AFailedSendAnswersTheRequestOnceWith4007) {
   ExpectAnswered(Request("A", 7), -1, 4007, EPIPE);
   EXPECT_EQ(A->State, kLinkDisconnected);
   EXPECT_EQ(RequestsInFlight(), 0);
-  ExpectInOrder(log.Text(),
-                {"Link A is already connect state. Try send message", "Send to network failed",
-                 "SendMsgToLink return < 0. Save the message. Send this later.",
-                 "Link A send message failed"});
+  log.ExpectInOrder({"15 clntxch|Link A is already connect state. Try send message",
+                     "15 link|Send to network failed",
+                     "15 clntxch|SendMsgToLink return < 0. Save the message. Send this later.",
+                     "15 clntxch|Link A send message failed"});
 }
 
 TEST_F(RequestDispatch, ARequestWaitsNowhereAfterItsAnswer) {

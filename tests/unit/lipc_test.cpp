@@ -49,11 +49,8 @@ class LocalIpc : public AgentTest {
   void SetUp() override {
     AgentTest::SetUp();
     g_DbcI.PutMsg = PutMsgToClient;
-    link_ = static_cast<Link*>(std::calloc(1, sizeof(Link)));
+    link_ = MakeLink("IPC", &protocol_);
     ASSERT_EQ(LOCALIInitProtocol("test", 1, &protocol_, "LOCALI", nullptr), 0);
-    link_->Protocol = &protocol_;
-    link_->Next = link_;
-    std::snprintf(link_->NodeName, sizeof link_->NodeName, "IPC");
   }
 
   void TearDown() override {
@@ -368,7 +365,7 @@ TEST_F(LocalIpc, ConnectStartsAReaderAndRegistersItsPipe) {
   EXPECT_EQ(link_->State, kLinkConnected);
   EXPECT_GT(Data().ChildPid, 0);
   EXPECT_EQ(LinkOfSocket(Data().PipeRead), link_);
-  EXPECT_TRUE(FD_ISSET(Data().PipeRead, &g_DbcI.SocketSets.ReadSet));
+  EXPECT_TRUE(IsRead(Data().PipeRead));
   EXPECT_EQ(Tick(), 0);
 }
 
@@ -879,10 +876,7 @@ TEST_F(LocalIpc, AnswersOfADeadReaderStillReachTheirClients) {
 TEST_F(LocalIpc, ReaderGoesOnWhateverSignalsCome) {
   for (const SystemCall call : {SystemCall::MsgReceive, SystemCall::Send, SystemCall::Write}) {
     SCOPED_TRACE(static_cast<int>(call));
-    {
-      const FailingSystemCall interrupted(call, EINTR, 0, 2);
-      ConnectLink();
-    }
+    With({call, EINTR, 0, 2}, [&] { ConnectLink(); });
     const Client client = ConnectClient();
     ExpectServed(client, 5, "handed");
     const pid_t reader = Data().ChildPid;

@@ -22,11 +22,8 @@ class LocalSocket : public AgentTest {
   void SetUp() override {
     AgentTest::SetUp();
     setenv("TAVRIN_TMP", directory_.Path().c_str(), 1);
-    link_ = static_cast<Link*>(std::calloc(1, sizeof(Link)));
+    link_ = MakeLink("LOC", &protocol_);
     ASSERT_EQ(LOCALSInitProtocol("test", 1, &protocol_, "LOCALS", nullptr), 0);
-    link_->Protocol = &protocol_;
-    link_->Next = link_;
-    std::snprintf(link_->NodeName, sizeof link_->NodeName, "LOC");
   }
 
   void TearDown() override {
@@ -97,10 +94,6 @@ class LocalSocket : public AgentTest {
     return WireBytes(msg, 0, msg.Length);
   }
 
-  bool Registered(int fd) {
-    return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet) && LinkOfSocket(fd) == link_;
-  }
-
   Protocol protocol_ = {};
   Link* link_ = nullptr;
   const test::TemporaryDirectory directory_;
@@ -165,7 +158,7 @@ TEST_F(LocalSocket, ConnectWithAPathTooLongFailsWithTheSystemsWord) {
 TEST_F(LocalSocket, ConnectDiscardsTheGreetingAndRegisters) {
   ConnectToGreetingKernel(200);
   EXPECT_EQ(link_->State, kLinkConnected);
-  EXPECT_TRUE(Registered(Data().Socket));
+  EXPECT_TRUE(IsRead(Data().Socket) && LinkOfSocket(Data().Socket) == link_);
   EXPECT_EQ(fcntl(Data().Socket, F_GETFL) & O_NONBLOCK, 0);
   int size = 0;
   socklen_t length = sizeof size;
@@ -271,7 +264,7 @@ TEST_F(LocalSocket, WhatTheKernelDoesNotTakeIsKept) {
     ASSERT_EQ(Send(&msg), 0);
   }
   EXPECT_GT(UnsentBytes(Data().Socket), 0U);
-  EXPECT_TRUE(FD_ISSET(Data().Socket, &g_DbcI.SocketSets.WriteSet));
+  EXPECT_TRUE(IsWritten(Data().Socket));
 }
 
 TEST_F(LocalSocket, AnswerReachesTheClientOfItsRequest) {
@@ -309,7 +302,7 @@ TEST_F(LocalSocket, KernelThatHangsUpBreaksTheLinkWithoutASystemError) {
   EXPECT_EQ(Read(), kStatusReceive);
   EXPECT_EQ(link_->State, kLinkDisconnected);
   EXPECT_EQ(LinkOfSocket(socket), nullptr);
-  EXPECT_FALSE(FD_ISSET(socket, &g_DbcI.SocketSets.ReadSet));
+  EXPECT_FALSE(IsRead(socket));
   EXPECT_EQ(client_.Received(), Texts{"5: 4008, 0"});
 }
 

@@ -197,8 +197,8 @@ TEST_F(TcpDriver, AConnectSetsTheSocketUpAndWaitsForIt) {
   EXPECT_EQ(Node->State, kLinkConnecting);
   EXPECT_EQ(Data().ConnectCount, 6);
   EXPECT_EQ(LinkOfSocket(fd), Node);
-  EXPECT_TRUE(WaitsToWrite(fd));
-  EXPECT_FALSE(WaitsToRead(fd));
+  EXPECT_TRUE(IsWritten(fd));
+  EXPECT_FALSE(IsRead(fd));
   EXPECT_TRUE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK);
   EXPECT_EQ(SocketOption(fd, IPPROTO_TCP, TCP_NODELAY), 1);
   EXPECT_EQ(SocketOption(fd, SOL_SOCKET, SO_SNDBUF), 2 * 8188);  // the system doubles it
@@ -217,8 +217,8 @@ TEST_F(TcpDriver, ACompletedConnectAnnouncesItsTimeouts) {
   const CapturedLog log;
   EXPECT_EQ(ReadyForWrite(), 0);
   EXPECT_EQ(Node->State, kLinkConnected);
-  EXPECT_FALSE(WaitsToWrite(fd));
-  EXPECT_TRUE(WaitsToRead(fd));
+  EXPECT_FALSE(IsWritten(fd));
+  EXPECT_TRUE(IsRead(fd));
   EXPECT_FALSE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK);
   EXPECT_EQ(Data().AliveCount, 50);
   EXPECT_EQ(Data().ReceiveCount, 16);
@@ -360,7 +360,7 @@ TEST_F(TcpDriver, ARefusedConnectGives4006WithItsError) {
       "3 lumo_tcp|TCPIP.Asyncrounus connection failed. Call:getsockopt(SO_ERROR).Status 111. errno "
       "0");
   EXPECT_EQ(Node->State, kLinkConnecting);
-  EXPECT_FALSE(WaitsToWrite(fd)) << "it would be taken for connected";
+  EXPECT_FALSE(IsWritten(fd)) << "it would be taken for connected";
 }
 
 TEST_F(TcpDriver, AnErrorThatCannotBeReadGives4006) {

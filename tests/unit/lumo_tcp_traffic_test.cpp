@@ -162,7 +162,7 @@ TEST_F(TcpTimer, ATickRepeatsTheConnectAndItsSettings) {
     const FailingSystemCall connecting(SystemCall::Connect, result);
     EXPECT_EQ(Tick(), 0);
     EXPECT_EQ(connecting.Calls(), 1);
-    EXPECT_TRUE(WaitsToWrite(fd));
+    EXPECT_TRUE(IsWritten(fd));
     const std::string number = std::to_string(fd);
     log.ExpectInOrder({"15 lumo_tcp|Connection \"SRV\" is in progress state.",
                        "15 lumo_tcp|SET_NOBLOCK_MODE " + number,

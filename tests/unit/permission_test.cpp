@@ -190,12 +190,6 @@ TEST_F(Permission, ConnectionThatTheSystemDoesNotTellOfMayNothing) {
 
 class PermissionDispatch : public Permission {
  protected:
-  static lumo::Message Management(std::uint16_t command) {
-    lumo::Message request = Request({}, 3);
-    request.Command = "DBCA";
-    request.DbcApiCode = command;
-    return request;
-  }
   // Handles a request: whether it was refused.
   bool IsRefused(const lumo::Message& request) {
     Come(socket_, FrameOf(request));

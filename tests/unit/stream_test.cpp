@@ -75,7 +75,6 @@ class Streams : public AgentTest {
     return SendBytes(kHere, 7, Ours(), bytes.data(), bytes.size(), trace);
   }
   int Flush() const { return FlushBytes(kHere, 8, Ours()); }
-  bool AwaitsWriting() const { return FD_ISSET(Ours(), &g_DbcI.SocketSets.WriteSet); }
   // Sends until something is kept; all that was given to SendBytes.
   std::string FillUp() const {
     std::string all;
@@ -372,14 +371,14 @@ TEST_F(BytesOut, GoOutAtOnceWhenThePeerTakesThem) {
   EXPECT_EQ(sends, std::vector<int>{5});
   EXPECT_EQ(UnsentBytes(Ours()), 0U);
   EXPECT_EQ(UnsentDescriptors(), 0);
-  EXPECT_FALSE(AwaitsWriting());
+  EXPECT_FALSE(IsWritten(Ours()));
 }
 
 TEST_F(BytesOut, WhatThePeerDoesNotTakeIsKeptAndTheDescriptorAwaitsWriting) {
   const std::string all = FillUp();
   EXPECT_GT(UnsentBytes(Ours()), 0U);
   EXPECT_EQ(UnsentDescriptors(), 1);
-  EXPECT_TRUE(AwaitsWriting());
+  EXPECT_TRUE(IsWritten(Ours()));
   EXPECT_EQ(g_DbcI.SocketSets.MaxSocket, Ours() + 1);
   EXPECT_EQ(Take().size() + UnsentBytes(Ours()), all.size());
 }
@@ -404,7 +403,7 @@ TEST_F(BytesOut, KeepTheirOrder) {
   came += TakeAll();
   EXPECT_TRUE(came == all);
   EXPECT_EQ(UnsentDescriptors(), 0);
-  EXPECT_FALSE(AwaitsWriting());
+  EXPECT_FALSE(IsWritten(Ours()));
 }
 
 TEST_F(BytesOut, AFlushSendsAsMuchAsThePeerTakes) {
@@ -418,7 +417,7 @@ TEST_F(BytesOut, AFlushSendsAsMuchAsThePeerTakes) {
   EXPECT_EQ(Flush(), 0);
   EXPECT_LT(UnsentBytes(Ours()), before);
   EXPECT_GT(UnsentBytes(Ours()), 0U);
-  EXPECT_TRUE(AwaitsWriting());
+  EXPECT_TRUE(IsWritten(Ours()));
 }
 
 // What came behind would be taken for the rest.
@@ -532,7 +531,7 @@ TEST_F(BytesTogether, GoOutTogetherInOrder) {
   EXPECT_EQ(Take(), "");
   EXPECT_EQ(NextJoined(), Ours());
   EXPECT_EQ(JoinedBytes(Ours()), 8U);
-  EXPECT_FALSE(AwaitsWriting());
+  EXPECT_FALSE(IsWritten(Ours()));
   EXPECT_EQ(Release(), 0);
   EXPECT_EQ(taken_, 8U);
   EXPECT_EQ(NextJoined(), -1);
@@ -608,7 +607,7 @@ TEST_F(BytesTogether, ThatThePeerDoesNotTakeAwaitWriting) {
   EXPECT_EQ(Release(), 0);
   EXPECT_GT(UnsentBytes(Ours()), 0U);
   EXPECT_EQ(taken_ + UnsentBytes(Ours()), much.size());
-  EXPECT_TRUE(AwaitsWriting());
+  EXPECT_TRUE(IsWritten(Ours()));
 }
 
 TEST_F(BytesOut, AForgottenDescriptorKeepsNothing) {

@@ -17,8 +17,6 @@ inline constexpr int kPatienceMs = 15000;
 // A control packet's three words.
 using ControlWords = std::array<std::uint32_t, 3>;
 
-inline bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
-
 inline int SocketOption(int fd, int level, int name) {
   int value = -1;
   socklen_t size = sizeof value;
@@ -38,11 +36,7 @@ class TcpDriver : public AgentTest {
   void SetUp() override {
     AgentTest::SetUp();
     ASSERT_EQ(TCPIPInitProtocol("test", __LINE__, &Driver, "TCPIP", &g_DbcI.SocketSets), 0);
-    Node = static_cast<Link*>(std::calloc(1, sizeof(Link)));
-    Node->Protocol = &Driver;
-    std::strcpy(Node->NodeName, "SRV");
-    Node->Next = Node;
-    g_DbcI.LinkList = g_DbcI.FirstLink = g_DbcI.DefaultLink = Node;
+    Node = g_DbcI.LinkList = g_DbcI.FirstLink = g_DbcI.DefaultLink = MakeLink("SRV", &Driver);
   }
   void TearDown() override {
     if (FarEnd >= 0) close(FarEnd);
@@ -114,10 +108,8 @@ class TcpDriver : public AgentTest {
     EXPECT_FALSE(IsOpen(fd));
     EXPECT_EQ(Data().Socket, -1);
     EXPECT_EQ(LinkOfSocket(fd), nullptr);
-    EXPECT_FALSE(WaitsToRead(fd) || WaitsToWrite(fd));
+    EXPECT_FALSE(IsRead(fd) || IsWritten(fd));
   }
-  bool WaitsToWrite(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.WriteSet); }
-  bool WaitsToRead(int fd) const { return FD_ISSET(fd, &g_DbcI.SocketSets.ReadSet); }
 
   Protocol Driver = {};
   Link* Node = nullptr;
