@@ -149,31 +149,17 @@ TEST_F(ClientReading, TheTraceTellsEachReceiveAndTheFieldsInOrder) {
   request.LnBufRow = 7;
   request.PrzExe = 0xBEEF;
   Come(socket_, FrameOf(request));
-  const CapturedLog log;
-  Read();
-  std::string texts;
-  const std::string all = log.Text();
-  for (std::size_t at = all.find('|'); at != std::string::npos; at = all.find('|', at + 1))
-    texts += all.substr(at + 1, all.find('\n', at) - at);
-  EXPECT_EQ(texts,
-            "'GetMsgFromClient' Call from test:1 \n"
-            "recv return 4\n"
-            "Message len is 104 byte\n"
-            "recv return 104\n"
-            " Receive message from client\n"
-            "    Length=104\n"
-            "    TaskName=4711\n"
-            "    CBL.CodErr=1\n"
-            "    CBL.SysErr=2\n"
-            "    CBL.Prior=3\n"
-            "    CBL.NumChan=4\n"
-            "    CBL.Command=FTCH\n"
-            "    CBL.Node=SRV\n"
-            "    CBL.RowId=-5\n"
-            "    CBL.RowCount=6\n"
-            "    CBL.LnBufRow=7\n"
-            "    CBL.PrzExe=0xbeef\n"
-            "'GetMsgFromClient' Leave SUCCESS\n");
+  EXPECT_EQ(
+      Traced([&] { Read(); }),
+      (Texts{"15 clntxch|'GetMsgFromClient' Call from test:1 ", "15 clntxch|recv return 4",
+             "15 clntxch|Message len is 104 byte", "15 clntxch|recv return 104",
+             "15 clntxch| Receive message from client", "15 clntxch|    Length=104",
+             "15 clntxch|    TaskName=4711", "15 clntxch|    CBL.CodErr=1",
+             "15 clntxch|    CBL.SysErr=2", "15 clntxch|    CBL.Prior=3",
+             "15 clntxch|    CBL.NumChan=4", "15 clntxch|    CBL.Command=FTCH",
+             "15 clntxch|    CBL.Node=SRV", "15 clntxch|    CBL.RowId=-5",
+             "15 clntxch|    CBL.RowCount=6", "15 clntxch|    CBL.LnBufRow=7",
+             "15 clntxch|    CBL.PrzExe=0xbeef", "15 clntxch|'GetMsgFromClient' Leave SUCCESS"}));
 }
 
 class ClientAnswers : public ClientTest {
