@@ -9,6 +9,6 @@ constexpr std::size_t kBlockSize = 65536;
 unsigned char* TakeBlock();
 void GiveBlock(unsigned char* block);
 
-// To be called with each tick: of the spare blocks frees those that nobody has needed since the last
-// call, but for as many as ordinary traffic takes. A busy moment is not paid for ever after.
+// To be called with each tick: of the spare blocks frees those that nobody has needed since the
+// last call, but for as many as ordinary traffic takes. A busy moment is not paid for ever after.
 void FreeIdleBlocks();
