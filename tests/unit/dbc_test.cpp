@@ -273,6 +273,7 @@ TEST_F(TimerStep, NotesWhatHasFailedOfALinkThatIsStillConnecting) {
 }
 
 TEST(Turns, AreOverAfter256Packets) {
+  EndTurn();
   for (int i = 0; i < 256; ++i) {
     EXPECT_FALSE(TurnIsOver()) << i;
     CountPacket(true);
