@@ -164,18 +164,33 @@ def lipc_messages():
     seed("lipc_message", "string_too_long", reader(body()[:48] + b"\xff\xff" + body()[50:]))
 
 
+# The steps of pipe_record_fuzz.cpp, by name.
+(R_ASK, R_TELL, R_HAND_OVER, R_BYTES, R_PACKET, R_WRITTEN, R_WRITE, R_PIECE, R_GONE, R_FAIL,
+ R_SERVE) = range(11)
+
+
 def pipe_records():
-    seed("pipe_record", "direct", bytes([0, 1, 5, 1, 1, 10]))
-    seed("pipe_record", "handed", bytes([0, 1, 2, 1, 1, 1, 10]))
-    seed("pipe_record", "several", bytes([0, 1, 0, 2, 0, 3, 2, 3, 2, 1, 1, 1, 1, 3, 10, 10, 10, 10]))
-    seed("pipe_record", "delivered_and_gone", bytes([0, 1, 6, 1, 8, 10]))
-    seed("pipe_record", "handed_and_gone", bytes([0, 1, 0, 2, 2, 1, 2, 2, 8, 10]))
-    seed("pipe_record", "stranger", bytes([0, 1, 1, 9, 10, 2, 9, 1, 9, 10]))
-    seed("pipe_record", "half", bytes([0, 1, 3, 4, 7, 0, 0, 0, 10, 3, 4, 1, 0, 0, 0, 10]))
-    seed("pipe_record", "pieces", bytes([7, 2, 0, 1, 1, 1, 10]))
-    seed("pipe_record", "failing", bytes([0, 1, 1, 1, 9, 0, 0, 0, 10]))
-    seed("pipe_record", "interrupted", bytes([0, 1, 1, 1, 9, 0, 1, 0, 10]))
-    seed("pipe_record", "short_answer", bytes([4, 3, 1, 2, 3, 4, 2, 0, 0, 1, 0, 10]))
+    def steps(name, *parts):
+        seed("pipe_record", name, bytes(byte for part in parts for byte in part))
+
+    ask, serve, gone = [R_ASK, 1], [R_SERVE], [R_GONE]
+    written, handed, first = [R_WRITTEN, 1], [R_HAND_OVER, 1], [R_TELL, 1, 1, 1]
+    steps("direct", ask, written, serve)
+    steps("handed", ask, handed, serve)
+    steps("several", ask, [R_ASK, 2], [R_ASK, 3], [R_HAND_OVER, 3], [R_WRITTEN, 2], handed, serve * 4)
+    steps("delivered_and_gone", ask, [R_WRITE, 1, 0], gone, serve)
+    steps("begun_and_gone", ask, [R_WRITE, 1, 1], gone, serve)
+    steps("handed_and_gone", ask, [R_ASK, 2], handed, [R_HAND_OVER, 2], gone, serve)
+    steps("stranger", ask, [R_HAND_OVER, 9], serve, ask, handed, serve)
+    steps("no_such_request", ask, [R_TELL, 1, 200, 1], serve)
+    steps("former_request", ask, handed, serve, [R_ASK, 2], first, serve)
+    steps("answer_missing", ask, first, serve)
+    steps("half", ask, [R_BYTES, 4, 7, 0, 0, 0], serve, [R_BYTES, 4, 1, 0, 0, 0], serve)
+    steps("pieces", [R_PIECE, 2], ask, written, serve * 6)
+    steps("failing", ask, written, [R_FAIL, 0, 0, 0], serve)
+    steps("interrupted", ask, written, [R_FAIL, 0, 1, 0], serve)
+    steps("failing_answer", ask, handed, [R_FAIL, 1, 0, 0], serve)
+    steps("short_answer", ask, [R_PACKET, 3, 1, 2, 3], first, serve)
 
 
 def management():
