@@ -143,12 +143,14 @@ Agent::~Agent() {
 }
 
 // What has been closed is served before: it must not be open any more.
-void Agent::StopGently() {
+std::optional<int> Agent::StopGently() {
   Thaw(pid_);
   for (int trip = 0; trip < 2 && control_; ++trip) lumo::AskManagement(*control_, 100, 0, {}, 1000);
   kill(pid_, SIGTERM);
   KillParent();  // its children become ours
-  if (ReapWithin(pid_, Milliseconds(5000))) child_ = pid_ = -1;
+  const std::optional<int> status = ReapWithin(pid_, kPatience);
+  if (status) child_ = pid_ = -1;
+  return status;
 }
 
 Agent& Agent::Nodetab(const std::string& text) {

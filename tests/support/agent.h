@@ -10,7 +10,6 @@
 //     EXPECT_EQ(received.Strings[0], "select 1");
 //     node.Answer(received, "one row");
 //     EXPECT_EQ(client.ExpectAnswer(request).Strings[0], "one row");
-//     EXPECT_EQ(agent_.Stop(), 0);
 //   }
 //
 // * agent.Tick() is one tick of the 2-second timer, carried out when it returns, and nothing else:
@@ -129,6 +128,8 @@ class Agent {
   }
   // SIGTERM, and the exit status of the agent; a daemon's too.
   int Stop(int signal = 15);
+  // The same when what has been closed by the test is closed by the agent, too.
+  std::optional<int> StopGently();
   void Kill();        // SIGKILL, and waits
   void KillParent();  // with UnderOwnParent
   bool Running() const;
@@ -163,7 +164,6 @@ class Agent {
   [[noreturn]] void Execute(const CommandLine& command) const;
   std::map<std::string, std::string> FullEnvironment() const;
   bool OpenControl();
-  void StopGently();
   void ReportSanitizer();
 
   TemporaryDirectory folder_;

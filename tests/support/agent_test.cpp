@@ -30,7 +30,7 @@ Client AgentTest::StartWithClient(Agent& agent, const Place& place) {
 
 void AgentTest::TearDown() {
   if (agent_.Pid() > 0 && !HasFailure()) {
-    EXPECT_EQ(agent_.Stop(), 0);
+    EXPECT_EQ(agent_.StopGently(), 0);
   }
 }
 
