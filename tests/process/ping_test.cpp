@@ -138,6 +138,7 @@ TEST_F(Ping, TheTestRequestIsEmptyButForItsCommandItsNodeAndItsTask) {
   EXPECT_EQ(*frame, lumo::Encode(expected, lumo::Lengths::Client));
   EXPECT_EQ(frame->size(), 108u);
   EXPECT_TRUE(kernel.Silent());  // it is made once
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 // Not alive
@@ -407,6 +408,7 @@ TEST_F(Ping, NoClientSocketIsOpened) {
   StartUntilRequest(node, "SRV1");
   EXPECT_FALSE(std::filesystem::exists(agent_.SocketPath()));
   EXPECT_EQ(agent_.Stdout().find("Default server"), std::string::npos);
+  EXPECT_EQ(agent_.Stop(), 0);
 }
 
 TEST_F(Ping, TheSocketFileOfTheExchangeIdIsRemovedAtTheEnd) {
