@@ -73,8 +73,8 @@ class OnePass : public AgentTest {
     UseNode(&*last_, &b_, "B");
   }
   // A request for A has come to the node.
-  static lumo::Message Received(Peer& node, const lumo::Message& request,
-                                const Place& place = Place::Here()) {
+  static lumo::Message ExpectReceived(Peer& node, const lumo::Message& request,
+                                      const Place& place = Place::Here()) {
     const lumo::Message received = node.ExpectRequest(place);
     EXPECT_EQ(received.Strings[0], request.Strings[0]);
     return received;
@@ -101,7 +101,7 @@ TEST_F(OnePass, TheLastClientsRequestStillReachesANodeThatSendsNoMore) {
     request = last_->Send("A", "one");
     a_.StopSending();
   });
-  Received(a_, request);
+  ExpectReceived(a_, request);
   last_->ExpectError(request, 4009, 0);
 }
 
@@ -128,7 +128,7 @@ TEST_F(OnePass, AnotherClientsRequestConnectsALinkThatWasResetAnew) {
     a_.Reset();
   });
   ASSERT_TRUE(a_.Accept());
-  Received(a_, request);
+  ExpectReceived(a_, request);
 }
 
 // Whatever the timer sends after a pass with several requests leaves at once.
@@ -163,7 +163,7 @@ TEST_P(ManyAtOnce, RequestsAreSentBeforeALinkIsReadAgain) {
     for (const auto& client : clients)
       requests.push_back(client->Send("A", std::to_string(requests.size())));
   });
-  for (const lumo::Message& request : requests) Received(a_, request);
+  for (const lumo::Message& request : requests) ExpectReceived(a_, request);
   for (std::size_t i = 0; i < clients.size(); ++i) clients[i]->ExpectError(requests[i], 4009, 0);
 }
 
@@ -181,9 +181,9 @@ TEST_F(OnePass, ARequestLeavesBeforeAKernelIsWaitedFor) {
     request = first.Send("A", "one");
     local = second.Send("K", "two");
   });
-  const lumo::Message received = Received(a_, request);  // before the greeting
+  const lumo::Message received = ExpectReceived(a_, request);  // before the greeting
   ASSERT_TRUE(kernel.Accept());
-  const lumo::Message localReceived = Received(kernel, local);
+  const lumo::Message localReceived = ExpectReceived(kernel, local);
   ExpectAnswered(first, request, a_, received);
   ExpectAnswered(second, local, kernel, localReceived);
 }
@@ -199,7 +199,7 @@ TEST_F(OnePass, ARequestLeavesBeforeANameIsLookedUp) {
     request = client.Send("A", "one");
     command = SlowName::Send(manager);
   });
-  name.During([&] { Received(a_, request); });  // before the name is known
+  name.During([&] { ExpectReceived(a_, request); });  // before the name is known
   manager.Receive(command);
 }
 
@@ -215,7 +215,7 @@ TEST_F(OnePass, ARequestLeavesThoughAQueueIsFull) {
     request = first.Send("A", "one");
     local = second.Send("K", "two");
   });
-  ExpectAnswered(first, request, a_, Received(a_, request));  // while the queue is full
+  ExpectAnswered(first, request, a_, ExpectReceived(a_, request));  // while the queue is full
   first.ExpectNothing();
   kernel.DrainQueue();
   const auto localReceived = kernel.ExpectRequest();
