@@ -60,7 +60,7 @@ TEST_F(DescriptorShortage, ConnectionsAreRefusedOnceMoreAfterNoDescriptorCouldBe
   LimitTo(3);  // not even the descriptor that is kept for refusals can be had again
   const int waiting = Connect();
   ASSERT_TRUE(WaitFor([&] { return OpenDescriptors(agent_.Pid()) == open - 1; }));
-  LimitTo(kLimit);
+  agent_.InOnePass([&] { LimitTo(kLimit); });  // not while it still tries to refuse the connection
   ASSERT_TRUE(IsGreeted(waiting));
   Client(agent_).ExpectNothing();
   agent_.Barrier();
