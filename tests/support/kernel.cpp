@@ -116,18 +116,30 @@ std::string LocalKernel::Line(const std::string& name, const std::string& protoc
   return name + " " + protocol + " " + std::to_string(number_) + "\n";
 }
 
+// What is removed at the exit has to outlive the removal: the set of keys is made first.
 IpcKernel::IpcKernel(pid_t kernelPid) : key_(0) {
-  static const bool kRegistered = (RemoveLeftovers(), std::atexit(RemoveAllAtExit) == 0);
-  for (int attempt = 0; kRegistered && attempt < 100 && segment_ < 0; ++attempt) {
-    key_ = kKeyFamily | RandomBelow(0x10000);
-    segment_ = shmget(key_, 4096, IPC_CREAT | IPC_EXCL | 0600);
-  }
-  if (segment_ < 0) throw std::runtime_error("no shared memory can be made");
+  static const bool kRegistered =
+      (LiveKeys(), RemoveLeftovers(), std::atexit(RemoveAllAtExit) == 0);
+  for (int attempt = 0; kRegistered && attempt < 100 && segment_ < 0; ++attempt) MakeObjects();
+  if (segment_ < 0)
+    throw std::runtime_error(std::string("no objects can be made: ") + std::strerror(errno));
   LiveKeys().insert(key_);
-  queue_ = msgget(key_, IPC_CREAT | IPC_EXCL | 0600);
-  semaphore_ = semget(key_, 1, IPC_CREAT | IPC_EXCL | 0600);
-  if (queue_ < 0 || semaphore_ < 0) throw std::runtime_error("no queue or semaphore can be made");
   SetKernelPid(kernelPid ? kernelPid : getpid());
+}
+
+// Under a key that nobody uses; all of them or none.
+void IpcKernel::MakeObjects() {
+  key_ = kKeyFamily | RandomBelow(0x10000);
+  segment_ = shmget(key_, 4096, IPC_CREAT | IPC_EXCL | 0600);
+  if (segment_ < 0) return;
+  queue_ = msgget(key_, IPC_CREAT | IPC_EXCL | 0600);
+  semaphore_ = queue_ < 0 ? -1 : semget(key_, 1, IPC_CREAT | IPC_EXCL | 0600);
+  if (semaphore_ >= 0) return;
+  const int error = errno;
+  if (queue_ >= 0) msgctl(queue_, IPC_RMID, nullptr);
+  shmctl(segment_, IPC_RMID, nullptr);
+  segment_ = -1;
+  errno = error;
 }
 
 IpcKernel::~IpcKernel() {

@@ -73,6 +73,8 @@ class IpcKernel {
   std::string Line(const std::string& name) const;
 
  private:
+  void MakeObjects();
+
   int key_;
   int segment_ = -1, queue_ = -1, semaphore_ = -1;
 };
