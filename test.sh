@@ -30,6 +30,19 @@ TestReleaseAgent() {
   Test release -R '^hardening$'
 }
 
+# Those tests wait more than they compute; the package is compiled meanwhile.
+TestReleaseAgentAndPackage() {
+  local log=build/package.log failed=0 agent package
+  TestReleaseAgent &
+  agent=$!
+  tests/packaging/run.sh build/release >"$log" 2>&1 &
+  package=$!
+  wait "$agent" || failed=1
+  wait "$package" || failed=1
+  cat "$log"
+  return "$failed"
+}
+
 if [ "${1:-}" = --quick ]; then
   timed 'packages' install_packages "${build_packages[@]}"
   timed 'release build' Build release lumo_tcp process_tests unit_tests
@@ -39,8 +52,7 @@ else
   timed 'sanitizer build' Build sanitize
   timed 'release build' Build release lumo_tcp lumo_tcp_counted lumo_node lumoctl
   timed 'all tests, sanitizer build' Test sanitize
-  timed 'process tests, release agent' TestReleaseAgent
-  timed 'Debian package' tests/packaging/run.sh build/release
+  timed 'process tests, release agent; Debian package' TestReleaseAgentAndPackage
   timed 'dissector' tests/dissector/run.sh build/release
 fi
 say_times
