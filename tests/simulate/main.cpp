@@ -163,27 +163,34 @@ void Print(const Sums& sums, double seconds, unsigned long findings) {
   std::fflush(stdout);
 }
 
-int PlayAll(std::uint64_t first, std::uint64_t last, double limit, unsigned tracedEvery) {
+struct Wanted {
+  std::uint64_t First, Last;  // seeds
+  double Limit;               // seconds
+  unsigned TracedEvery, Times;
+};
+
+int PlayAll(const Wanted& wanted) {
   constexpr std::uint64_t kReport = 1000;
   Sums sums = {};
   unsigned long findings = 0;
   const double start = Now();
-  for (std::uint64_t seed = first; seed <= last && Now() - start < limit; ++seed) {
-    const Story told = story::Tell(seed);
-    const Outcome outcome = Play(told, seed % tracedEvery == 0, &sums);
+  for (std::uint64_t seed = wanted.First; seed <= wanted.Last && Now() - start < wanted.Limit;
+       ++seed) {
+    const Story told = story::Tell(seed, wanted.Times);
+    const Outcome outcome = Play(told, seed % wanted.TracedEvery == 0, &sums);
     if (!outcome.Finding.empty()) {
       ++findings;
       Tell(told, outcome.Finding);
     }
-    if ((seed - first + 1) % kReport == 0) Print(sums, Now() - start, findings);
+    if ((seed - wanted.First + 1) % kReport == 0) Print(sums, Now() - start, findings);
   }
   Print(sums, Now() - start, findings);
   return findings == 0 && sums.Stories > 0 ? 0 : 1;
 }
 
-int PlayLogged(std::uint64_t seed, const char* level) {
+int PlayLogged(const Wanted& wanted, const char* level) {
   setenv("LUMO_FUZZ_LOG", "1", 1);
-  const Played played = play::Play(story::Tell(seed), std::atoi(level));
+  const Played played = play::Play(story::Tell(wanted.First, wanted.Times), std::atoi(level));
   std::printf("%lu requests. %s\n", played.Totals.Requests, ledger::Drops().c_str());
   return 0;
 }
@@ -195,6 +202,11 @@ const char* Argument(int argc, char** argv, const char* name) {
   return nullptr;
 }
 
+unsigned Number(int argc, char** argv, const char* name) {
+  const char* const text = Argument(argc, argv, name);
+  return static_cast<unsigned>(std::max(text ? std::atoi(text) : 1, 1));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -202,18 +214,19 @@ int main(int argc, char** argv) {
   const char* const seeds = Argument(argc, argv, "--seeds");
   const char* const level = Argument(argc, argv, "--log");
   const char* const limit = Argument(argc, argv, "--for");
-  const char* const every = Argument(argc, argv, "--traced-every");
   unsigned long long first = 0, last = 0;
-  if (seed && level) return PlayLogged(std::strtoull(seed, nullptr, 10), level);
   if (seed)
     first = last = std::strtoull(seed, nullptr, 10);
   else if (!seeds || std::sscanf(seeds, "%llu..%llu", &first, &last) != 2)
     return std::fputs(
-               "usage: simulate --seeds A..B [--for SECONDS] [--traced-every N] | --seed N [--log "
-               "LEVEL]\n",
+               "usage: simulate --seeds A..B [--for SECONDS] [--traced-every N] [--times N] | "
+               "--seed N [--times N] [--log LEVEL]\n",
                stderr),
            2;
-  const int tracedEvery = every ? std::atoi(every) : 1;
-  return PlayAll(first, last, limit ? std::atof(limit) : 1e9,
-                 static_cast<unsigned>(std::max(tracedEvery, 1)));
+  const Wanted wanted = {.First = first,
+                         .Last = last,
+                         .Limit = limit ? std::atof(limit) : 1e9,
+                         .TracedEvery = Number(argc, argv, "--traced-every"),
+                         .Times = Number(argc, argv, "--times")};
+  return seed && level ? PlayLogged(wanted, level) : PlayAll(wanted);
 }

@@ -98,7 +98,7 @@ std::vector<std::string> SomeNodes(Chance& chance) {
 
 }  // namespace
 
-Story story::Tell(std::uint64_t seed) {
+Story story::Tell(std::uint64_t seed, unsigned times) {
   Chance chance(seed);
   Story told = {.Seed = seed,
                 .Options = SomeOptions(chance),
@@ -110,7 +110,7 @@ Story story::Tell(std::uint64_t seed) {
   std::vector<Weight> weights(std::begin(kUsual), std::end(kUsual));
   if (told.Faults) weights.push_back({What::Fail, 3});
   if (told.Edits) weights.push_back({What::Manage, 4});
-  const unsigned count = 100 + chance.Below(600);
+  const unsigned count = (100 + chance.Below(600)) * times;
   told.Steps.push_back(MakeStep(chance, What::Connect));
   told.Steps.push_back(MakeStep(chance, What::Rest));
   while (told.Steps.size() < count) told.Steps.push_back(MakeStep(chance, Choose(chance, weights)));

@@ -46,7 +46,8 @@ struct Story {
   std::vector<Step> Steps;
 };
 
-Story Tell(std::uint64_t seed);
+// `times`: so many times as long as usual.
+Story Tell(std::uint64_t seed, unsigned times);
 bool Has(const Story& story, const char* option);
 std::string Describe(const Story& story);
 std::string Describe(const Step& step);
