@@ -25,7 +25,7 @@ using play::Played;
 using story::Story;
 
 constexpr int kLevels[] = {0, 15};
-constexpr unsigned kPatience = 30;  // seconds for one story
+constexpr unsigned kPatience = 30;  // seconds for a thousand steps of a story
 
 // What a story came to, played in a process of its own: nothing of an earlier one is left there.
 struct Outcome {
@@ -34,7 +34,7 @@ struct Outcome {
 };
 
 [[noreturn]] void PlayHere(const Story& told, int level, int result) {
-  alarm(kPatience);
+  alarm(kPatience * (1 + static_cast<unsigned>(told.Steps.size() / 1000)));
   const Played played = play::Play(told, level);
   const ssize_t written = write(result, &played, sizeof played);
   _exit(written == sizeof played ? 0 : 1);
